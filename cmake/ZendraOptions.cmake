@@ -1,0 +1,29 @@
+# What all our own targets share, and no target of anybody else: warnings, sanitizers, reproducible paths.
+
+add_library(zendra_warnings INTERFACE)
+target_compile_features(zendra_warnings INTERFACE cxx_std_17)
+target_compile_options(
+  zendra_warnings
+  INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-Wall>
+    $<$<COMPILE_LANGUAGE:CXX>:-Wextra>
+    $<$<COMPILE_LANGUAGE:CXX>:-Wpedantic>
+    $<$<COMPILE_LANGUAGE:CXX>:-Wconversion>
+    $<$<COMPILE_LANGUAGE:CXX>:-Wshadow>
+    # Source paths in log messages and in debug information are relative to the repository.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+if(ZENDRA_WARNINGS_AS_ERRORS)
+  target_compile_options(zendra_warnings INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Werror>)
+endif()
+
+if(ZENDRA_SANITIZERS)
+  target_compile_options(zendra_warnings INTERFACE -fsanitize=${ZENDRA_SANITIZERS} -fno-sanitize-recover=all
+                                                   -fno-omit-frame-pointer)
+  target_link_options(zendra_warnings INTERFACE -fsanitize=${ZENDRA_SANITIZERS})
+endif()
+
+if(ZENDRA_COVERAGE)
+  target_compile_options(zendra_warnings INTERFACE --coverage)
+  target_link_options(zendra_warnings INTERFACE --coverage)
+endif()

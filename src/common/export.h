@@ -1,0 +1,25 @@
+/**
+ * @file
+ * @brief Marks what the shared libraries of this tree export.
+ *
+ * Both libraries are built with hidden visibility; a class, function or record that crosses a library
+ * boundary carries ZENDRA_EXPORT. Nothing else belongs here.
+ */
+#ifndef ZENDRA_COMMON_EXPORT_H
+#define ZENDRA_COMMON_EXPORT_H
+
+#define ZENDRA_EXPORT __attribute__((visibility("default")))
+
+/**
+ * @brief Marks exported data, and keeps executables from addressing it directly.
+ *
+ * An executable that addresses a variable of a shared library directly gets a copy relocation: the variable
+ * is copied into the executable, away from the objects that lay beside it. A weak reference is never resolved
+ * that way in position-independent code, the default of g++ and clang: it goes through the global offset
+ * table to the library's own bytes. Code compiled with -fno-pie is refused by the linker, because the symbols
+ * are also protected; that is better than a torn table. (The attribute nodirect_extern_access is no
+ * alternative: it bars copy relocations from the whole executable, type information included.)
+ */
+#define ZENDRA_EXPORTED_DATA ZENDRA_EXPORT __attribute__((weak))
+
+#endif

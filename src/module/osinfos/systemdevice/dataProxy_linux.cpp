@@ -1,0 +1,816 @@
+#include "module/osinfos/systemdevice/dataProxy_linux.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/hdreg.h>
+#include <linux/nvme_ioctl.h>
+#include <scsi/scsi.h>
+#include <scsi/sg.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <locale>
+#include <memory>
+#include <new>
+#include <sstream>
+
+#include "common/logger/logLine.h"
+
+namespace Zendra {
+namespace ZDSystemDevice {
+
+namespace {
+
+const char deviceDirectory[] = "/dev/";
+const char blockDirectory[] = "/sys/block/";
+
+/** A run of bytes in a device's answer. */
+struct Field {
+    std::size_t offset;
+    std::size_t length;
+};
+
+/** SPC standard INQUIRY data. */
+namespace Inquiry {
+constexpr std::size_t typeByte = 0;
+constexpr unsigned char typeMask = 0x0F;
+constexpr Field identity{8, 28};
+constexpr Field vendor{8, 8};
+constexpr Field product{16, 16};
+constexpr Field revision{32, 4};
+}  // namespace Inquiry
+
+/** SPC VPD page 0x80, Unit Serial Number. */
+namespace SerialPage {
+constexpr std::size_t lengthByte = 3;
+constexpr std::size_t serialOffset = 4;
+constexpr std::size_t maxLength = 32;
+/** A serial number of one character counts as none; required. */
+constexpr std::size_t longestIgnoredLength = 1;
+}  // namespace SerialPage
+
+/** ATA IDENTIFY DEVICE data, behind the header of HDIO_DRIVE_CMD. */
+namespace AtaIdentify {
+constexpr unsigned char command = 0xEC;
+constexpr unsigned char sectorCount = 1;
+constexpr std::size_t headerLength = 4;
+constexpr std::size_t bufferLength = headerLength + 512;
+constexpr Field serialNumber{20, 20};
+constexpr Field firmwareRevision{46, 8};
+constexpr Field model{54, 40};
+constexpr std::size_t shortModelLength = 23;
+
+using Buffer = std::array<unsigned char, bufferLength>;
+}  // namespace AtaIdentify
+
+/** NVMe Identify Controller data. */
+namespace NvmeIdentify {
+constexpr unsigned char opcode = 0x06;
+constexpr unsigned int controllerStructure = 1;
+constexpr std::size_t bufferLength = 4096;
+constexpr std::size_t serialNumberOffset = 4;
+constexpr std::size_t serialNumberLastByte = 23;
+constexpr std::size_t modelOffset = 24;
+constexpr std::size_t modelLastByte = 63;
+constexpr std::size_t firmwareRevisionOffset = 64;
+}  // namespace NvmeIdentify
+
+/** Room for a data-in phase; the operator lets the kernel use the first 255 bytes. */
+using DataInBuffer = std::array<unsigned char, 4096>;
+
+constexpr int sixByteCommand = 6;
+
+static_assert(sizeof(sg_scsi_id) == 32, "SG_GET_SCSI_ID answers in 32 bytes");
+static_assert(sizeof(nvme_admin_cmd) == 72, "NVME_IOCTL_ADMIN_CMD takes 72 bytes");
+
+/** The bytes up to the first NUL, at most `length`. */
+std::string TextUpToNul(const unsigned char* bytes, std::size_t length)
+{
+    return std::string(bytes, std::find(bytes, bytes + length, '\0'));
+}
+
+std::string TextField(const unsigned char* data, Field field)
+{
+    return TextUpToNul(data + field.offset, field.length);
+}
+
+/** ATA keeps two characters in a 16-bit word, the first in the high byte. `answer` is the data behind the header. */
+std::string AtaTextField(const unsigned char* answer, Field field)
+{
+    std::string text;
+    text.reserve(field.length);
+    for (std::size_t i = field.offset; i < field.offset + field.length; i += 2) {
+        text += static_cast<char>(answer[i + 1]);
+        text += static_cast<char>(answer[i]);
+    }
+    text.resize(std::min(text.find('\0'), text.size()));
+    return text;
+}
+
+/** Leaves a text of blanks and tabs alone as it is; required. */
+void CutBlanksAndTabs(std::string& text)
+{
+    const char* const blanks = " \t";
+    const std::size_t last = text.find_last_not_of(blanks);
+    if (last == std::string::npos) {
+        return;
+    }
+    text.erase(last + 1);
+    text.erase(0, text.find_first_not_of(blanks));
+}
+
+bool BothNamesEmpty(const BusDevice& bus)
+{
+    return bus.vendorId.empty() && bus.productId.empty();
+}
+
+std::string IdentityText(const BusDevice& bus)
+{
+    return "Port:" + std::to_string(bus.hostAdapter) + "|Target:" + std::to_string(bus.targetId) +
+           "|Bus:" + std::to_string(bus.bus) + "|Lun:" + std::to_string(bus.lun);
+}
+
+AtaIdentify::Buffer MakeAtaIdentifyRequest()
+{
+    AtaIdentify::Buffer buffer{};
+    buffer[0] = AtaIdentify::command;
+    buffer[3] = AtaIdentify::sectorCount;
+    return buffer;
+}
+
+ReqIoCtlParam MakeIoCtlRequest(const std::string& driveName, unsigned int ioctlCode, void* data)
+{
+    ReqIoCtlParam request;
+    request.driveName = driveName;
+    request.ioctlCode = static_cast<int>(ioctlCode);
+    request.ioctlData = data;
+    return request;
+}
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
+
+bool StartsWith(const std::string& text, const std::string& prefix)
+{
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+/** Names that a scan for `prefix` passes over although they may begin with it. */
+bool IsPassedOver(const std::string& prefix, const std::string& name)
+{
+    const unsigned char last = static_cast<unsigned char>(name.empty() ? '\0' : name.back());
+    if (prefix == "st") {
+        // The last letter excludes the mode variants (st0a, st0l, st0m) and stdout; "sdtout" is required so.
+        return name == "stderr" || name == "stdin" || name == "sdtout" || std::isalpha(last) != 0;
+    }
+    if (prefix == "sd") {
+        return last >= '0' && last <= '9';
+    }
+    if (prefix == "nvme") {
+        // Controllers nvme0 to nvme9, and everything longer than nvme0n1. nvme10 gets through; required.
+        return name.size() == 5 || name.size() > 7;
+    }
+    return false;
+}
+
+/** A file opened for reading, or nothing. */
+class ReadableFile {
+public:
+    explicit ReadableFile(const std::string& path) : descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    ~ReadableFile()
+    {
+        if (IsOpen()) {
+            close(descriptor);
+        }
+    }
+    ReadableFile(const ReadableFile&) = delete;
+    ReadableFile& operator=(const ReadableFile&) = delete;
+
+    bool IsOpen() const { return descriptor >= 0; }
+
+    /** All bytes that can be read. */
+    std::string ReadAll() const
+    {
+        std::string contents;
+        std::array<char, 4096> chunk;
+        ssize_t count = 0;
+        while ((count = read(descriptor, chunk.data(), chunk.size())) > 0 || (count < 0 && errno == EINTR)) {
+            if (count > 0) {
+                contents.append(chunk.data(), static_cast<std::size_t>(count));
+            }
+        }
+        return contents;
+    }
+
+private:
+    int descriptor;
+};
+
+/** Probes the files one after the other into `bus` and stores each device that answers. */
+template <typename Probe>
+void ProbeEach(DataProxy& proxy, std::vector<std::string>& files, BusDevice& bus, std::vector<SystemDevice>& devices,
+               Probe probe)
+{
+    for (std::string& path : files) {
+        proxy.InitBusDev(bus);
+        if (probe(path) == DEV_SUCCESS) {
+            proxy.StoreBusDev(bus, devices);
+        }
+    }
+}
+
+void DecodeScsiId(const sg_scsi_id& answer, BusDevice& bus)
+{
+    bus.hostAdapter = static_cast<std::uint16_t>(answer.host_no);
+    bus.bus = static_cast<std::uint16_t>(answer.channel);
+    bus.targetId = static_cast<std::uint16_t>(answer.scsi_id);
+    bus.lun = static_cast<std::uint16_t>(answer.lun);
+}
+
+void DecodeIdLun(int packed, BusDevice& bus)
+{
+    const unsigned int bits = static_cast<unsigned int>(packed);
+    bus.targetId = static_cast<std::uint16_t>(bits & 0xFFU);
+    bus.lun = static_cast<std::uint16_t>(bits >> 8U & 0xFFU);
+    bus.bus = static_cast<std::uint16_t>(bits >> 16U & 0xFFU);
+}
+
+void DecodeAtaIdentify(const unsigned char* answer, BusDevice& bus)
+{
+    const std::string model = AtaTextField(answer, AtaIdentify::model);
+    ZENDRA_LOG(4, model);
+    std::istringstream words(model);
+    words.imbue(std::locale::classic());
+    words >> bus.vendorId >> bus.productId;
+    bus.shortIdent = model.substr(0, AtaIdentify::shortModelLength);
+    bus.revision = AtaTextField(answer, AtaIdentify::firmwareRevision);
+    bus.serialNum = AtaTextField(answer, AtaIdentify::serialNumber);
+    bus.otherIdentInfo = IdentityText(bus);
+}
+
+}  // namespace
+
+DataProxy::DataProxy() : sg_ko_loaded(false), dataOper(nullptr)
+{
+    // A shell command and not a module system call: modprobe knows aliases, dependencies and blacklists.
+    sg_ko_loaded = system("modprobe sg >/dev/null 2>&1") == 0;
+    try {
+        dataOper = new DataOperator;
+    } catch (const std::bad_alloc&) {
+        ZENDRA_LOG(4, "DataProxy::DataProxy()  error due to catch an exception bad_alloc");
+    }
+    ZENDRA_LOG(4, "Entry constructure DataProxy() sg_ko_loaded = " << (sg_ko_loaded ? 1 : 0));
+}
+
+DataProxy::~DataProxy()
+{
+    ZENDRA_LOG(4, "Entry destructure ~DataProxy() ");
+}
+
+void DataProxy::DeleteOperator()
+{
+    delete dataOper;
+    dataOper = nullptr;
+}
+
+unsigned int DataProxy::GetDeviceList(std::vector<SystemDevice>& /*devices*/)
+{
+    ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
+    return DEVICE_RESULT_OK;
+}
+
+unsigned int DataProxy::GetCDDVDOptList(std::vector<OpticalProperty>& /*options*/)
+{
+    ZENDRA_LOG(4, "Entry DataProxy::GetCDDVDOptList()");
+    return DEVICE_RESULT_OK;
+}
+
+void DataProxy::InitBusDev(BusDevice& bus)
+{
+    bus = BusDevice();
+}
+
+std::string DataProxy::GetDeviceTypeString(unsigned char code)
+{
+    // 10 and 11 share a text and 16 has none; required.
+    static const std::array<const char*, 18> texts = {"Direct Access Device",
+                                                      "Sequential Access Device",
+                                                      "Printer Device",
+                                                      "Processor Device",
+                                                      "Write-Once Device",
+                                                      "CD-ROM Device",
+                                                      "Scanner Device",
+                                                      "Optical Memory Device",
+                                                      "Medium Changer Device",
+                                                      "Communications Device",
+                                                      "Graphic Arts Device",
+                                                      "Graphic Arts Device",
+                                                      "Storage Array Controller",
+                                                      "Enclosure Device",
+                                                      "Simple Direct Access Device",
+                                                      "Optical Card Reader Device",
+                                                      "",
+                                                      "Optical Based Storage Device"};
+    return code < texts.size() ? texts[code] : "";
+}
+
+unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::string>& files)
+{
+    ZENDRA_LOG(4, "Entry  DataProxy::ScanDeviceFiles() ");
+    const DirectoryStream directory(opendir(deviceDirectory));
+    if (!directory) {
+        return 0xFFFFFFFFU;
+    }
+    while (const dirent* entry = readdir(directory.get())) {
+        const std::string name = entry->d_name;
+        if (IsPassedOver(prefix, name) || !StartsWith(name, prefix)) {
+            continue;
+        }
+        ZENDRA_LOG(4, "DataProxy::ScanDeviceFiles() detect file : " << name);
+        files.push_back(deviceDirectory + name);
+    }
+    ZENDRA_LOG(4, "Exit  DataProxy::ScanDeviceFiles() ");
+    return 0;
+}
+
+void DataProxy::StoreBusDev(BusDevice& bus, std::vector<SystemDevice>& devices)
+{
+    std::ostringstream trace;
+    trace.imbue(std::locale::classic());
+    trace << "vendor id: " << bus.vendorId << " "
+          << "productId: " << bus.productId << " "
+          << "deviceType: " << bus.deviceType << " "
+          << "serialNum: " << bus.serialNum << " "
+          << "rev: " << bus.revision << " "
+          << "host adapter: " << bus.hostAdapter << " "
+          << "target ID: " << bus.targetId << " "
+          << "bus " << bus.bus << " "
+          << "lun " << bus.lun << " "
+          << "devId: " << bus.devId << " "
+          << " otherIdentInfo: " << bus.otherIdentInfo << std::endl;
+    ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << trace.str());
+
+    SystemDevice device;
+    device.port = std::to_string(bus.hostAdapter);
+    device.target = std::to_string(bus.targetId);
+    device.bus = std::to_string(bus.bus);
+    device.lun = std::to_string(bus.lun);
+    device.vendor = bus.vendorId;
+    device.product = bus.productId;
+    device.device_type = bus.deviceType;
+    device.firmware_revision = bus.revision;
+    if (!device.firmware_revision.empty() && device.firmware_revision.back() == '\n') {
+        device.firmware_revision.pop_back();
+    }
+    device.serial_number = bus.serialNum;
+    devices.push_back(std::move(device));
+}
+
+std::string DataProxy::GetFirmwareVersionFilePath(const std::string& path)
+{
+    // The text names the method without its "Path"; required.
+    ZENDRA_LOG(4, "Entry  DataProxy::GetFirmwareVersionFile() ");
+    const std::string deviceName = path.substr(std::strlen(deviceDirectory));
+    const DirectoryStream directory(opendir(blockDirectory));
+    if (!directory) {
+        return "";
+    }
+    while (const dirent* entry = readdir(directory.get())) {
+        // Containment, not equality, and the first hit wins: sdab may be answered by sda. Required.
+        if (deviceName.find(entry->d_name) != std::string::npos) {
+            return std::string(blockDirectory) + entry->d_name + "/";
+        }
+    }
+    ZENDRA_LOG(4, "Exit  DataProxy::GetFirmwareVersionFile() ");
+    return "";
+}
+
+std::string DataProxy::GetFirmwareVersionFromFile(const std::string& path)
+{
+    const std::string base = GetFirmwareVersionFilePath(path);
+    if (base.empty()) {
+        return "";
+    }
+    // NVMe and others publish firmware_rev, SCSI disks and drives rev.
+    for (const char* name : {"device/firmware_rev", "device/rev"}) {
+        const std::string fileName = base + name;
+        const ReadableFile file(fileName);
+        if (file.IsOpen()) {
+            return file.ReadAll();
+        }
+        ZENDRA_LOG(1, "Fail in get firmware version from " << fileName << ".");
+    }
+    return "";
+}
+
+int DataProxy::SendRcvPassthroughCMD(ReqPassThruParam& param, BusDevice& bus, Passthrough_cmd_type type)
+{
+    if (dataOper == nullptr) {
+        return DEV_FAILURE;
+    }
+    const int status = dataOper->ExecPassThruCmd(param);
+    if (status != DEV_SUCCESS) {
+        return status;
+    }
+    if (type == PT_STD_INQUIRY) {
+        ProcessInquiryData(param.dataBuffer, &bus);
+    } else if (type == PT_SERIAL_INQUIRY) {
+        const std::size_t length = param.dataBuffer[SerialPage::lengthByte];
+        if (length > SerialPage::maxLength) {
+            ZENDRA_LOG(4, "Size pointer is too large.");
+        } else if (length <= SerialPage::longestIgnoredLength) {
+            bus.serialNum.clear();
+            ZENDRA_LOG(4, "Size pointer is too small, size<=1");
+        } else {
+            bus.serialNum = TextUpToNul(param.dataBuffer + SerialPage::serialOffset, length);
+            ZENDRA_LOG(4, "Serial Number: " << bus.serialNum);
+        }
+    }
+    return DEV_SUCCESS;
+}
+
+int DataProxy::ProcessInquiryData(unsigned char* data, BusDevice* bus)
+{
+    bus->inquiryString = TextField(data, Inquiry::identity);
+    bus->vendorId = TextField(data, Inquiry::vendor);
+    CutBlanksAndTabs(bus->vendorId);
+    bus->productId = TextField(data, Inquiry::product);
+    if (bus->productId.empty()) {
+        bus->productId = bus->vendorId;
+    }
+    CutBlanksAndTabs(bus->productId);
+    bus->revision = TextField(data, Inquiry::revision);
+    // Only four of the five bits of the type: an unknown type (0x1F) reads as 15. Required.
+    bus->deviceType = GetDeviceTypeString(data[Inquiry::typeByte] & Inquiry::typeMask);
+    return 0;
+}
+
+int DataProxy::SendRcvIOCTLCMD(ReqIoCtlParam& param, BusDevice& bus)
+{
+    if (dataOper == nullptr) {
+        return DEV_FAILURE;
+    }
+    const int status = dataOper->ExecIoCtl(param);
+    if (status != DEV_SUCCESS) {
+        return status;
+    }
+    switch (static_cast<unsigned int>(param.ioctlCode)) {
+    case SG_GET_SCSI_ID:
+        DecodeScsiId(*static_cast<const sg_scsi_id*>(param.ioctlData), bus);
+        break;
+    case SCSI_IOCTL_GET_IDLUN:
+        DecodeIdLun(*static_cast<const int*>(param.ioctlData), bus);
+        break;
+    case SCSI_IOCTL_GET_BUS_NUMBER:
+        bus.hostAdapter = static_cast<std::uint16_t>(*static_cast<const int*>(param.ioctlData));
+        break;
+    case HDIO_DRIVE_CMD:
+        DecodeAtaIdentify(static_cast<const unsigned char*>(param.ioctlData) + AtaIdentify::headerLength, bus);
+        break;
+    case NVME_IOCTL_ADMIN_CMD: {
+        const auto* command = static_cast<const nvme_admin_cmd*>(param.ioctlData);
+        auto* answer = reinterpret_cast<unsigned char*>(static_cast<std::uintptr_t>(command->addr));
+        bus.vendorId = "NVMe";
+        answer[NvmeIdentify::modelLastByte] = 0;
+        bus.productId =
+            TextUpToNul(answer + NvmeIdentify::modelOffset, NvmeIdentify::modelLastByte - NvmeIdentify::modelOffset);
+        // Not cut at the end of its 8 bytes: the text runs on to the next NUL; required.
+        bus.revision = TextUpToNul(answer + NvmeIdentify::firmwareRevisionOffset,
+                                   NvmeIdentify::bufferLength - NvmeIdentify::firmwareRevisionOffset);
+        answer[NvmeIdentify::serialNumberLastByte] = 0;
+        bus.serialNum = TextUpToNul(answer + NvmeIdentify::serialNumberOffset,
+                                    NvmeIdentify::serialNumberLastByte - NvmeIdentify::serialNumberOffset);
+        bus.deviceType = GetDeviceTypeString(0);
+        break;
+    }
+    default:
+        break;
+    }
+    return DEV_SUCCESS;
+}
+
+int DataProxy::GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool is_sg)
+{
+    ZENDRA_LOG(4, "Entry  GetGenericDeviceData() is_sg = " << (is_sg ? 1 : 0));
+    DataInBuffer data{};
+    ReqPassThruParam passThru;
+    passThru.driveName = driveName;
+    passThru.cdb = inquiry_cmd;
+    passThru.cdbLength = sixByteCommand;
+    passThru.dataBuffer = data.data();
+    if (SendRcvPassthroughCMD(passThru, bus, PT_STD_INQUIRY) != DEV_SUCCESS) {
+        ZENDRA_LOG(1, "Exit  GetGenericDeviceData()");
+        return DEV_FAILURE;
+    }
+    if (bus.vendorId.empty() || bus.productId.empty()) {
+        ZENDRA_LOG(4, "Exit  GetGenericDeviceData() due to vendorId and productId is empty");
+        return DEV_SUCCESS;
+    }
+    ZENDRA_LOG(4, "GetGenericDeviceData() dataOper->ExecPassThruCmd vendorID and productID is not empty ");
+
+    if (is_sg) {
+        sg_scsi_id scsiId{};
+        ReqIoCtlParam request = MakeIoCtlRequest(driveName, SG_GET_SCSI_ID, &scsiId);
+        const int status = SendRcvIOCTLCMD(request, bus);
+        ZENDRA_LOG(4, "GetGenericDeviceData() dataOper->ExecPassThruCmdSG_GET_SCSI_ID ret = " << status);
+        if (status != DEV_SUCCESS) {
+            ZENDRA_LOG(4, "GetGenericDeviceData() SG_GET_SCSI_ID failed ret = " << status);
+            bus.otherIdentInfo.clear();
+        } else {
+            bus.otherIdentInfo = IdentityText(bus);
+            ZENDRA_LOG(4, "Get SCSI ID passed... otherIdentInfo = " << bus.otherIdentInfo);
+        }
+    } else {
+        std::array<int, 2> idLun{};
+        ReqIoCtlParam request = MakeIoCtlRequest(driveName, SCSI_IOCTL_GET_IDLUN, idLun.data());
+        SendRcvIOCTLCMD(request, bus);
+        int hostNumber = 0;
+        request.ioctlCode = SCSI_IOCTL_GET_BUS_NUMBER;
+        request.ioctlData = &hostNumber;
+        SendRcvIOCTLCMD(request, bus);
+        bus.otherIdentInfo = IdentityText(bus);
+        ZENDRA_LOG(4, "Get SCSI_IOCTL_GET_IDLUN passed.. otherIdentInfo = " << bus.otherIdentInfo);
+    }
+
+    // The whole byte counts, qualifier included: only connected disks and tapes are asked for a serial number.
+    const unsigned char qualifierAndType = data[Inquiry::typeByte];
+    if (qualifierAndType == 0 || qualifierAndType == 1) {
+        data.fill(0);
+        passThru.cdb = serialinquiry_cmd;
+        SendRcvPassthroughCMD(passThru, bus, PT_SERIAL_INQUIRY);
+    }
+    ZENDRA_LOG(4, "Exit normally GetGenericDeviceData() ");
+    return DEV_SUCCESS;
+}
+
+int DataProxy::GetDriverData(std::string& driveName, BusDevice& bus)
+{
+    ZENDRA_LOG(4, "Entry  GetDriverData() ");
+    if (dataOper == nullptr) {
+        return DEV_FAILURE;
+    }
+    AtaIdentify::Buffer buffer = MakeAtaIdentifyRequest();
+    ReqIoCtlParam request = MakeIoCtlRequest(driveName, HDIO_DRIVE_CMD, buffer.data());
+    const int status = SendRcvIOCTLCMD(request, bus);
+    // Written whatever the status, and followed by the entry text as exit line; both required.
+    ZENDRA_LOG(4, "Get HDIO_DRIVE_CMD|HDIO_DRIVE_TASK Inquiry passed.. otherIdentInfo = " << bus.otherIdentInfo);
+    ZENDRA_LOG(4, "Entry  GetDriverData() ");
+    return status;
+}
+
+void DataProxy::PreferFirmwareVersionFromFile(const std::string& path, BusDevice& bus)
+{
+    std::string revision = GetFirmwareVersionFromFile(path);
+    if (!revision.empty()) {
+        bus.revision = std::move(revision);
+    }
+}
+
+CDDVDProxy::CDDVDProxy()
+{
+    ZENDRA_LOG(4, "Entry CDDVDProxy::CDDVDProxy()");
+}
+
+CDDVDProxy::~CDDVDProxy()
+{
+    ZENDRA_LOG(4, "Entry CDDVDProxy::~CDDVDProxy()");
+    DeleteOperator();
+}
+
+unsigned int CDDVDProxy::GetDeviceList(std::vector<SystemDevice>& devices)
+{
+    ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
+    std::string prefix = "sr";
+    std::vector<std::string> files;
+    ScanDeviceFiles(prefix, files);
+    if (files.empty()) {
+        return DEVICE_RESULT_NONE;
+    }
+    BusDevice bus;
+    ProbeEach(*this, files, bus, devices, [&](std::string& path) { return GetDeviceInfo(bus, path); });
+    ZENDRA_LOG(4, "Exit DataProxy::GetDeviceList()");
+    return DEVICE_RESULT_OK;
+}
+
+unsigned int CDDVDProxy::GetDeviceInfo(BusDevice& bus, std::string& path)
+{
+    ZENDRA_LOG(4, "Entry CDDVDProxy::GetDeviceInfo()");
+    int status = GetGenericDeviceData(path, bus, false);
+    if (status != DEV_SUCCESS || BothNamesEmpty(bus)) {
+        status = GetDriverData(path, bus);
+    }
+    PreferFirmwareVersionFromFile(path, bus);
+    ZENDRA_LOG(4, "Exit CDDVDProxy::GetDeviceInfo()");
+    return static_cast<unsigned int>(status);
+}
+
+TapeProxy::TapeProxy()
+{
+    ZENDRA_LOG(4, "Entry TapeProxy::TapeProxy()");
+}
+
+TapeProxy::~TapeProxy()
+{
+    ZENDRA_LOG(4, "Entry TapeProxy::~TapeProxy()");
+    DeleteOperator();
+}
+
+unsigned int TapeProxy::GetDeviceList(std::vector<SystemDevice>& devices)
+{
+    ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
+    std::string prefix = "st";
+    std::vector<std::string> files;
+    ScanDeviceFiles(prefix, files);
+    if (files.empty()) {
+        prefix = "nst";
+        ScanDeviceFiles(prefix, files);
+    }
+    if (files.empty()) {
+        return DEVICE_RESULT_NONE;
+    }
+    BusDevice bus;
+    ProbeEach(*this, files, bus, devices, [&](std::string& path) { return GetDeviceInfo(bus, path); });
+    ZENDRA_LOG(4, "Exit DataProxy::GetDeviceList()");
+    return DEVICE_RESULT_OK;
+}
+
+unsigned int TapeProxy::GetCDDVDOptList(std::vector<OpticalProperty>& /*options*/)
+{
+    return DEVICE_RESULT_OK;
+}
+
+unsigned int TapeProxy::GetDeviceInfo(BusDevice& bus, std::string& path)
+{
+    ZENDRA_LOG(4, "Entry TapeProxy::GetDeviceInfo()");
+    int status = GetGenericDeviceData(path, bus, false);
+    if (status != DEV_SUCCESS) {
+        status = GetDriverData(path, bus);
+    } else if (BothNamesEmpty(bus)) {
+        // Unlike for optical drives, a failure here does not cost the tape its record; required.
+        GetDriverData(path, bus);
+    }
+    PreferFirmwareVersionFromFile(path, bus);
+    ZENDRA_LOG(4, "Exit TapeProxy::GetDeviceInfo()");
+    return static_cast<unsigned int>(status);
+}
+
+PhysicalDriveProxy::PhysicalDriveProxy()
+{
+    ZENDRA_LOG(4, "Entry PhysicalDriveProxy::PhysicalDriveProxy()");
+}
+
+PhysicalDriveProxy::~PhysicalDriveProxy()
+{
+    ZENDRA_LOG(4, "Entry PhysicalDriveProxy::~PhysicalDriveProxy()");
+    DeleteOperator();
+}
+
+unsigned int PhysicalDriveProxy::GetDeviceList(std::vector<SystemDevice>& devices)
+{
+    ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
+    std::vector<std::string> ideFiles;
+    std::vector<std::string> scsiFiles;
+    std::vector<std::string> nvmeFiles;
+    std::string prefix = "hd";
+    ScanDeviceFiles(prefix, ideFiles);
+    prefix = "sd";
+    ScanDeviceFiles(prefix, scsiFiles);
+    prefix = "nvme";
+    ScanDeviceFiles(prefix, nvmeFiles);
+    if (ideFiles.empty() && scsiFiles.empty() && nvmeFiles.empty()) {
+        return DEVICE_RESULT_NONE;
+    }
+    BusDevice bus;
+    ProbeEach(*this, ideFiles, bus, devices, [&](std::string& path) { return GetDeviceInfo(bus, path, false); });
+    ProbeEach(*this, scsiFiles, bus, devices, [&](std::string& path) { return GetDeviceInfo(bus, path, true); });
+    ProbeEach(*this, nvmeFiles, bus, devices, [&](std::string& path) { return GetNVMEInfo(bus, path); });
+    ZENDRA_LOG(4, "Exit DataProxy::GetDeviceList()");
+    return DEVICE_RESULT_OK;
+}
+
+unsigned int PhysicalDriveProxy::GetCDDVDOptList(std::vector<OpticalProperty>& /*options*/)
+{
+    return DEVICE_RESULT_OK;
+}
+
+unsigned int PhysicalDriveProxy::GetDeviceInfo(BusDevice& bus, std::string& path, bool useGeneric)
+{
+    ZENDRA_LOG(4, "Entry PhysicalDriveProxy::GetDeviceInfo()");
+    int status = DEV_FAILURE;
+    if (useGeneric) {
+        status = GetGenericDeviceData(path, bus, false);
+    }
+    if (!useGeneric || status != DEV_SUCCESS || BothNamesEmpty(bus)) {
+        status = GetDriverData(path, bus);
+    }
+    if (bus.vendorId.find("ATA") == std::string::npos) {
+        return static_cast<unsigned int>(status);
+    }
+    if (StartsWith(path, "/dev/sd")) {
+        return UpdateFirmwareVersionForSdDisk(path, bus);
+    }
+    PreferFirmwareVersionFromFile(path, bus);
+    return static_cast<unsigned int>(status);
+}
+
+int PhysicalDriveProxy::GetNVMEInfo(BusDevice& bus, std::string& driveName)
+{
+    ZENDRA_LOG(4, "Entry PhysicalDriveProxy::GetNVMEInfo()");
+    alignas(sizeof(std::uint64_t)) std::array<unsigned char, NvmeIdentify::bufferLength> data{};
+    nvme_admin_cmd command{};
+    command.opcode = NvmeIdentify::opcode;
+    command.addr = reinterpret_cast<std::uintptr_t>(data.data());
+    command.data_len = static_cast<std::uint32_t>(data.size());
+    command.cdw10 = NvmeIdentify::controllerStructure;
+    // The exit line comes before the command; required.
+    ZENDRA_LOG(4, "Exit PhysicalDriveProxy::GetNVMEInfo()");
+    ReqIoCtlParam request = MakeIoCtlRequest(driveName, NVME_IOCTL_ADMIN_CMD, &command);
+    return SendRcvIOCTLCMD(request, bus);
+}
+
+unsigned int PhysicalDriveProxy::UpdateFirmwareVersionForSdDisk(const std::string& path, BusDevice& bus)
+{
+    ZENDRA_LOG(4, "Entry  UpdateFirmwareVersionForSdDisk() ");
+    AtaIdentify::Buffer buffer = MakeAtaIdentifyRequest();
+    ReqIoCtlParam request = MakeIoCtlRequest(path, HDIO_DRIVE_CMD, buffer.data());
+    if (dataOper == nullptr) {
+        return DEV_FAILURE;
+    }
+    const int status = dataOper->ExecIoCtl(request);
+    if (status != DEV_SUCCESS) {
+        return static_cast<unsigned int>(status);
+    }
+    const unsigned char* const answer = buffer.data() + AtaIdentify::headerLength;
+    bus.revision = AtaTextField(answer, AtaIdentify::firmwareRevision);
+    bus.revision.erase(std::remove(bus.revision.begin(), bus.revision.end(), ' '), bus.revision.end());
+    // Only the first word of the model is kept; required.
+    bus.productId = AtaTextField(answer, AtaIdentify::model);
+    bus.productId.resize(std::min(bus.productId.find(' '), bus.productId.size()));
+    return DEV_SUCCESS;
+}
+
+SCSIProxy::SCSIProxy()
+{
+    ZENDRA_LOG(4, "Entry SCSIProxy::SCSIProxy()");
+}
+
+SCSIProxy::~SCSIProxy()
+{
+    ZENDRA_LOG(4, "Entry SCSIProxy::~SCSIProxy()");
+    DeleteOperator();
+}
+
+unsigned int SCSIProxy::GetDeviceList(std::vector<SystemDevice>& devices)
+{
+    ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
+    std::string prefix = sg_ko_loaded ? "sg" : "sd";
+    std::vector<std::string> files;
+    ScanDeviceFiles(prefix, files);
+    if (files.empty()) {
+        return DEVICE_RESULT_NONE;
+    }
+    BusDevice bus;
+    ProbeEach(*this, files, bus, devices, [&](std::string& path) {
+        const unsigned int status = GetDeviceInfo(bus, path);
+        if (!sg_ko_loaded) {
+            ZENDRA_LOG(4, "GetDriverData() ret = " << static_cast<int>(status));
+        }
+        return status;
+    });
+    // No exit line here, unlike in the other classes; required.
+    return DEVICE_RESULT_OK;
+}
+
+unsigned int SCSIProxy::GetCDDVDOptList(std::vector<OpticalProperty>& /*options*/)
+{
+    return DEV_SUCCESS;
+}
+
+unsigned int SCSIProxy::GetDeviceInfo(BusDevice& bus, std::string& path)
+{
+    ZENDRA_LOG(4, "Entry SCSIProxy::GetDeviceInfo()");
+    int status = DEV_FAILURE;
+    if (sg_ko_loaded) {
+        status = GetGenericDeviceData(path, bus, true);
+        ZENDRA_LOG(4, "GetGenericDeviceData() ret = " << status);
+        if (status == DEV_SUCCESS && BothNamesEmpty(bus)) {
+            status = GetDriverData(path, bus);
+        }
+    } else {
+        status = GetDriverData(path, bus);
+    }
+    PreferFirmwareVersionFromFile(path, bus);
+    return static_cast<unsigned int>(status);
+}
+
+}  // namespace ZDSystemDevice
+}  // namespace Zendra

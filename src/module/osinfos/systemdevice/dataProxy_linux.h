@@ -1,0 +1,238 @@
+/**
+ * @file
+ * @brief The probing family: one proxy per class of devices.
+ *
+ * A proxy finds the device files of its class in /dev, asks each device who it is, and turns the answers into
+ * records. It sends commands through its operator only (dataOperator_linux.h) and keeps nothing between calls.
+ * A proxy is used by one thread. Device errors are answered by status; memory exhaustion throws
+ * std::bad_alloc.
+ */
+#ifndef ZENDRA_SYSTEMDEVICE_DATAPROXY_LINUX_H
+#define ZENDRA_SYSTEMDEVICE_DATAPROXY_LINUX_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/export.h"
+#include "module/osinfos/systemdevice/dataOperator_linux.h"
+#include "module/osinfos/systemdevice/systemDevice.h"
+
+namespace Zendra {
+namespace ZDSystemDevice {
+
+/** What is known of one device file while it is being probed. */
+struct ZENDRA_EXPORT BusDevice {
+    /** SCSI host (adapter) number. */
+    std::uint16_t hostAdapter = 0;
+    /** SCSI channel. */
+    std::uint16_t bus = 0;
+    /** Carried and copied; no probe sets it. */
+    std::uint16_t spareNumber = 0;
+    /** SCSI target id. */
+    std::uint16_t targetId = 0;
+    /** Logical unit number. */
+    std::uint16_t lun = 0;
+    /** Device identifier. */
+    std::string devId;
+    /** Carried and copied; no probe sets it. */
+    std::string spareText;
+    /** Product identification. */
+    std::string productId;
+    /** Vendor identification. */
+    std::string vendorId;
+    /** Firmware or product revision. */
+    std::string revision;
+    /** Unit serial number. */
+    std::string serialNum;
+    /** The address as text: "Port:2|Target:0|Bus:0|Lun:0". */
+    std::string otherIdentInfo;
+    /** The first 23 characters of an ATA model. */
+    std::string shortIdent;
+    /** Peripheral device type in words. */
+    std::string deviceType;
+    /** SPC standard INQUIRY bytes 8-35 (vendor, product, revision) as one text. */
+    std::string inquiryString;
+};
+
+/** What all classes of devices share. Its own list operations find nothing. */
+class ZENDRA_EXPORT DataProxy {
+public:
+    /**
+     * @brief Loads the kernel's sg module (through a shell and modprobe) and makes the operator.
+     *
+     * Neither failing is an error: without the module `sg_ko_loaded` is false, without memory `dataOper` is
+     * null, and every query then answers DEV_FAILURE.
+     */
+    DataProxy();
+
+    /** Does not delete the operator: the destructor of each subclass does. */
+    virtual ~DataProxy();
+
+    DataProxy(const DataProxy&) = delete;
+    DataProxy& operator=(const DataProxy&) = delete;
+
+    /**
+     * @brief Appends one record per device of the class that answers.
+     *
+     * Blocks while every device file of the class is asked (see DataOperator::ExecPassThruCmd for how long).
+     *
+     * @return DEVICE_RESULT_OK when there is a device file, whether or not any device answered;
+     *         DEVICE_RESULT_NONE when there is none, with `devices` untouched.
+     */
+    virtual unsigned int GetDeviceList(std::vector<SystemDevice>& devices);
+
+    /**
+     * @brief Appends what the optical drives can do; classes without such records append nothing.
+     * @return DEVICE_RESULT_OK; DEV_SUCCESS from the generic SCSI class.
+     */
+    virtual unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options);
+
+    /** Empties every text and zeroes every number. */
+    void InitBusDev(BusDevice& bus);
+
+    /** The words for an SPC peripheral device type; empty for 16 and from 18 upward. */
+    std::string GetDeviceTypeString(unsigned char code);
+
+    /**
+     * @brief Appends the paths of the device files whose names begin with `prefix`, in directory order.
+     *
+     * "st" leaves out the standard streams and the tape mode variants, "sd" partitions, "nvme" controllers and
+     * partitions.
+     *
+     * @return 0, or 0xFFFFFFFF when /dev cannot be read.
+     */
+    unsigned int ScanDeviceFiles(std::string& prefix, std::vector<std::string>& files);
+
+    /** Appends `bus` as a record, unconditionally. */
+    void StoreBusDev(BusDevice& bus, std::vector<SystemDevice>& devices);
+
+    /**
+     * @brief The sysfs directory of the block device at `path`: "/sys/block/" + name + "/", or empty.
+     *
+     * Takes the first entry of /sys/block whose name occurs anywhere in the device's name.
+     *
+     * @throws std::out_of_range when `path` is shorter than "/dev/".
+     */
+    std::string GetFirmwareVersionFilePath(const std::string& path);
+
+    /**
+     * @brief The firmware revision that sysfs holds for the device at `path`, with its line feed, or empty.
+     * @throws std::out_of_range when `path` is shorter than "/dev/".
+     */
+    std::string GetFirmwareVersionFromFile(const std::string& path);
+
+    /**
+     * @brief Sends one SCSI command and reads its answer into `bus` as `type` says.
+     * @return DEV_SUCCESS, or the status of the failed command with `bus` untouched.
+     */
+    int SendRcvPassthroughCMD(ReqPassThruParam& param, BusDevice& bus, Passthrough_cmd_type type);
+
+    /**
+     * @brief Sends one ioctl and reads its answer into `bus` as the ioctl's number says.
+     *
+     * HDIO_DRIVE_CMD: 516 bytes, 4 of header and the ATA IDENTIFY DEVICE data. NVME_IOCTL_ADMIN_CMD: its data
+     * address points at the 4096 bytes of NVMe Identify Controller data, two of which are overwritten.
+     *
+     * @return DEV_SUCCESS, or the status of the failed ioctl with `bus` untouched.
+     */
+    int SendRcvIOCTLCMD(ReqIoCtlParam& param, BusDevice& bus);
+
+    /**
+     * @brief Reads SPC standard INQUIRY data: type (byte 0), vendor (8-15), product (16-31), revision (32-35).
+     * @param data at least 36 bytes.
+     * @return 0, always.
+     */
+    int ProcessInquiryData(unsigned char* data, BusDevice* bus);
+
+    /**
+     * @brief Asks a SCSI device for its identity, its address and, from disks and tapes, its serial number.
+     * @param is_sg whether the address comes from SG_GET_SCSI_ID (sg nodes) or from the SCSI ioctls (others).
+     * @return DEV_SUCCESS when the INQUIRY was sent, otherwise DEV_FAILURE.
+     */
+    int GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool is_sg);
+
+    /**
+     * @brief Asks an ATA disk for its identity (IDENTIFY DEVICE through HDIO_DRIVE_CMD).
+     * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
+     */
+    int GetDriverData(std::string& driveName, BusDevice& bus);
+
+protected:
+    /** Replaces the revision by the one that sysfs holds, where it holds one. */
+    void PreferFirmwareVersionFromFile(const std::string& path, BusDevice& bus);
+
+    /** Deletes the operator; for the destructors of the classes that own one. */
+    void DeleteOperator();
+
+    /** Whether the sg module could be loaded. */
+    bool sg_ko_loaded;
+    /** Carries every command; owned, deleted by the subclass's destructor; null when memory ran out. */
+    DataOperatorInterface* dataOper;
+};
+
+/** Optical drives: /dev/sr*. */
+class ZENDRA_EXPORT CDDVDProxy : public DataProxy {
+public:
+    CDDVDProxy();
+    ~CDDVDProxy() override;
+    unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
+
+    /** Probes one device file. Returns DEV_SUCCESS, or the status of the last query that failed. */
+    unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
+};
+
+/** Tape drives: /dev/st*, or /dev/nst* where there is no st. */
+class ZENDRA_EXPORT TapeProxy : public DataProxy {
+public:
+    TapeProxy();
+    ~TapeProxy() override;
+    unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
+    unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
+
+    /** Probes one device file. Returns DEV_SUCCESS, or the status of the last query that failed. */
+    unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
+};
+
+/** Disks: /dev/hd*, /dev/sd*, /dev/nvme*. */
+class ZENDRA_EXPORT PhysicalDriveProxy : public DataProxy {
+public:
+    PhysicalDriveProxy();
+    ~PhysicalDriveProxy() override;
+    unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
+    unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
+
+    /**
+     * @brief Probes one SCSI, SATA or IDE disk.
+     * @param useGeneric whether SCSI INQUIRY is tried before ATA IDENTIFY.
+     * @return DEV_SUCCESS, or the status of the last query that failed.
+     */
+    unsigned int GetDeviceInfo(BusDevice& bus, std::string& path, bool useGeneric);
+
+    /** Asks an NVMe disk for its identity (Identify Controller). Returns DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
+     */
+    int GetNVMEInfo(BusDevice& bus, std::string& driveName);
+
+    /**
+     * @brief Replaces revision and product by those of ATA IDENTIFY DEVICE (words 23-26 and 27-46).
+     * @return DEV_SUCCESS, or the status of the failed command with `bus` untouched.
+     */
+    unsigned int UpdateFirmwareVersionForSdDisk(const std::string& path, BusDevice& bus);
+};
+
+/** Generic SCSI devices: /dev/sg*, or /dev/sd* where the sg module is not loaded. */
+class ZENDRA_EXPORT SCSIProxy : public DataProxy {
+public:
+    SCSIProxy();
+    ~SCSIProxy() override;
+    unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
+    unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
+
+    /** Probes one device file. Returns DEV_SUCCESS, or the status of the last query that failed. */
+    unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
+};
+
+}  // namespace ZDSystemDevice
+}  // namespace Zendra
+
+#endif
