@@ -1,6 +1,7 @@
 #include "common/logger/log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,10 +21,16 @@ std::atomic<Log::Sink> currentSink{nullptr};
  */
 class StandardErrorCopy {
 public:
-    StandardErrorCopy() : descriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {}
+    StandardErrorCopy() : descriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1))
+    {
+        if (descriptor < 0 || fstat(descriptor, &identity) != 0) {
+            descriptor = -1;
+        }
+    }
     ~StandardErrorCopy()
     {
-        const int last = descriptor.exchange(-1);
+        const int last = Get();
+        descriptor = -1;
         if (last >= 0) {
             close(last);
         }
@@ -31,10 +38,18 @@ public:
     StandardErrorCopy(const StandardErrorCopy&) = delete;
     StandardErrorCopy& operator=(const StandardErrorCopy&) = delete;
 
-    int Get() const { return descriptor.load(std::memory_order_relaxed); }
+    /** The descriptor, or -1 when a program that closes whatever it finds open has put another file there. */
+    int Get() const
+    {
+        struct stat now {};
+        const bool same = descriptor >= 0 && fstat(descriptor, &now) == 0 && now.st_dev == identity.st_dev &&
+                          now.st_ino == identity.st_ino && now.st_rdev == identity.st_rdev;
+        return same ? descriptor : -1;
+    }
 
 private:
-    std::atomic<int> descriptor;
+    int descriptor;
+    struct stat identity {};
 };
 
 StandardErrorCopy standardError;
@@ -47,7 +62,8 @@ void WriteToStandardError(unsigned level, const char* file, int line, const std:
         text += '\n';
     }
     const int callersErrno = errno;
-    while (write(standardError.Get(), text.data(), text.size()) < 0 && errno == EINTR) {
+    const int descriptor = standardError.Get();
+    while (descriptor >= 0 && write(descriptor, text.data(), text.size()) < 0 && errno == EINTR) {
     }
     errno = callersErrno;
 }

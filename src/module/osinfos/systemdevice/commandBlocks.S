@@ -35,10 +35,17 @@ zendra_command_blocks:
 	block 17serialinquiry_cmdE, 6, 0x12, 0x01, 0x80, 0x00, 0xff, 0x00
 	/* Room for the bytes that sending serialinquiry_cmd writes behind it. */
 	.zero 16
-	/* Stands outside the contiguous blocks, with its own room. */
-	.balign 32
-	block 15test_unit_readyE, 6, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00
-	.zero 16
 	.size zendra_command_blocks, . - zendra_command_blocks
+
+	/* All zeros, hence not among the initialised blocks; with room of its own. */
+	.section .bss.zendra_test_unit_ready, "aw", @nobits
+	.balign 32
+	.globl _ZN6Zendra14ZDSystemDevice15test_unit_readyE
+	.protected _ZN6Zendra14ZDSystemDevice15test_unit_readyE
+	.type _ZN6Zendra14ZDSystemDevice15test_unit_readyE, @object
+	.size _ZN6Zendra14ZDSystemDevice15test_unit_readyE, 6
+_ZN6Zendra14ZDSystemDevice15test_unit_readyE:
+	.zero 6
+	.zero 16
 
 	.section .note.GNU-stack, "", @progbits

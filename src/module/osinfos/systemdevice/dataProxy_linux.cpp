@@ -11,17 +11,24 @@
 
 #include <algorithm>
 #include <array>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/finder.hpp>
+#include <boost/algorithm/string/iter_find.hpp>
+#include <boost/algorithm/string/trim.hpp>
 #include <cctype>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <locale>
+#include <map>
 #include <memory>
 #include <new>
 #include <sstream>
+#include <utility>
 
 #include "common/logger/logLine.h"
+#include "common/osspecific/osspecific_lin.h"
 
 namespace Zendra {
 namespace ZDSystemDevice {
@@ -41,6 +48,8 @@ struct Field {
 namespace Inquiry {
 constexpr std::size_t typeByte = 0;
 constexpr unsigned char typeMask = 0x0F;
+constexpr unsigned char typeDisk = 0;
+constexpr unsigned char typeTape = 1;
 constexpr Field identity{8, 28};
 constexpr Field vendor{8, 8};
 constexpr Field product{16, 16};
@@ -58,7 +67,9 @@ constexpr std::size_t longestIgnoredLength = 1;
 
 /** ATA IDENTIFY DEVICE data, behind the header of HDIO_DRIVE_CMD. */
 namespace AtaIdentify {
+constexpr std::size_t commandByte = 0;
 constexpr unsigned char command = 0xEC;
+constexpr std::size_t sectorCountByte = 3;
 constexpr unsigned char sectorCount = 1;
 constexpr std::size_t headerLength = 4;
 constexpr std::size_t bufferLength = headerLength + 512;
@@ -81,6 +92,32 @@ constexpr std::size_t modelOffset = 24;
 constexpr std::size_t modelLastByte = 63;
 constexpr std::size_t firmwareRevisionOffset = 64;
 }  // namespace NvmeIdentify
+
+/** The kernel's table of optical drives: a row per property, "name:", then a column per drive. */
+namespace OpticalTable {
+const char path[] = "/proc/sys/dev/cdrom/info";
+constexpr int timeoutSeconds = 360;
+constexpr std::size_t longestLine = 255;
+/** A whole table has this many lines, the empty one at its end included. */
+constexpr std::size_t completeLineCount = 20;
+}  // namespace OpticalTable
+
+/** Which row of the table tells of which capability, in the order in which they are looked up. */
+struct OpticalCapability {
+    const char* rowName;
+    std::string OpticalProperty::*field;
+};
+
+constexpr std::array<OpticalCapability, 8> opticalCapabilities = {{
+    {"Can write CD-R", &OpticalProperty::cd_r_write_},
+    {"Can write CD-RW", &OpticalProperty::cd_rw_write_},
+    {"Can read DVD", &OpticalProperty::dvd_read_},
+    {"Can write DVD-R", &OpticalProperty::dvd_r_write_},
+    {"Can write DVD-RAM", &OpticalProperty::dvd_ram_write_},
+    {"Can read MRW", &OpticalProperty::mrw_r_},
+    {"Can write MRW", &OpticalProperty::mrw_w_},
+    {"Can write RAM", &OpticalProperty::ram_w_},
+}};
 
 /** Room for a data-in phase; the operator lets the kernel use the first 255 bytes. */
 using DataInBuffer = std::array<unsigned char, 4096>;
@@ -140,8 +177,8 @@ std::string IdentityText(const BusDevice& bus)
 AtaIdentify::Buffer MakeAtaIdentifyRequest()
 {
     AtaIdentify::Buffer buffer{};
-    buffer[0] = AtaIdentify::command;
-    buffer[3] = AtaIdentify::sectorCount;
+    buffer[AtaIdentify::commandByte] = AtaIdentify::command;
+    buffer[AtaIdentify::sectorCountByte] = AtaIdentify::sectorCount;
     return buffer;
 }
 
@@ -164,7 +201,8 @@ bool StartsWith(const std::string& text, const std::string& prefix)
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-/** Names that a scan for `prefix` passes over although they may begin with it. */
+/** Names that a scan for `prefix` passes over although they may begin with it. Others pass nothing over: nst0a and
+ *  hda1 are listed, as required. */
 bool IsPassedOver(const std::string& prefix, const std::string& name)
 {
     const unsigned char last = static_cast<unsigned char>(name.empty() ? '\0' : name.back());
@@ -176,8 +214,10 @@ bool IsPassedOver(const std::string& prefix, const std::string& name)
         return last >= '0' && last <= '9';
     }
     if (prefix == "nvme") {
-        // Controllers nvme0 to nvme9, and everything longer than nvme0n1. nvme10 gets through; required.
-        return name.size() == 5 || name.size() > 7;
+        // nvme10 gets through and nvme10n1 does not; required.
+        constexpr std::size_t controllerLength = sizeof("nvme0") - 1;
+        constexpr std::size_t diskLength = sizeof("nvme0n1") - 1;
+        return name.size() == controllerLength || name.size() > diskLength;
     }
     return false;
 }
@@ -228,6 +268,15 @@ void ProbeEach(DataProxy& proxy, std::vector<std::string>& files, BusDevice& bus
     }
 }
 
+/** A copy of what the kernel wrote: callers' buffers need not be aligned for `Answer`. */
+template <typename Answer>
+Answer CopyAnswer(const void* data)
+{
+    Answer answer{};
+    std::memcpy(&answer, data, sizeof(answer));
+    return answer;
+}
+
 void DecodeScsiId(const sg_scsi_id& answer, BusDevice& bus)
 {
     bus.hostAdapter = static_cast<std::uint16_t>(answer.host_no);
@@ -236,12 +285,13 @@ void DecodeScsiId(const sg_scsi_id& answer, BusDevice& bus)
     bus.lun = static_cast<std::uint16_t>(answer.lun);
 }
 
-void DecodeIdLun(int packed, BusDevice& bus)
+/** The kernel packs a byte each: id, LUN, channel, host. */
+void DecodeIdLun(std::uint32_t packed, BusDevice& bus)
 {
-    const unsigned int bits = static_cast<unsigned int>(packed);
-    bus.targetId = static_cast<std::uint16_t>(bits & 0xFFU);
-    bus.lun = static_cast<std::uint16_t>(bits >> 8U & 0xFFU);
-    bus.bus = static_cast<std::uint16_t>(bits >> 16U & 0xFFU);
+    const auto byteAt = [&](unsigned int shift) { return static_cast<std::uint16_t>(packed >> shift & 0xFFU); };
+    bus.targetId = byteAt(0);
+    bus.lun = byteAt(8);
+    bus.bus = byteAt(16);
 }
 
 void DecodeAtaIdentify(const unsigned char* answer, BusDevice& bus)
@@ -257,6 +307,39 @@ void DecodeAtaIdentify(const unsigned char* answer, BusDevice& bus)
     bus.otherIdentInfo = IdentityText(bus);
 }
 
+/** The lines of the table, with one empty line for the end of the text; a longer line is cut and ends it. */
+std::vector<std::string> SplitOpticalTable(const std::string& table)
+{
+    std::vector<std::string> lines;
+    std::istringstream text(table);
+    std::array<char, OpticalTable::longestLine + 1> line{};
+    while (text) {
+        text.getline(line.data(), line.size());
+        lines.emplace_back(line.data());
+    }
+    return lines;
+}
+
+/** The rows that have a name and one value; of rows of the same name the first counts. */
+std::map<std::string, std::string> ReadOpticalRows(const std::vector<std::string>& lines)
+{
+    std::map<std::string, std::string> rows;
+    for (const std::string& line : lines) {
+        std::vector<std::string> parts;
+        boost::algorithm::iter_split(
+            parts, line,
+            boost::algorithm::token_finder(boost::algorithm::is_any_of(":"), boost::algorithm::token_compress_on));
+        if (parts.size() != 2) {
+            continue;
+        }
+        for (std::string& part : parts) {
+            boost::algorithm::trim_if(part, boost::algorithm::is_any_of(" \t"));
+        }
+        rows.emplace(parts[0], parts[1]);
+    }
+    return rows;
+}
+
 }  // namespace
 
 DataProxy::DataProxy() : sg_ko_loaded(false), dataOper(nullptr)
@@ -268,11 +351,14 @@ DataProxy::DataProxy() : sg_ko_loaded(false), dataOper(nullptr)
     } catch (const std::bad_alloc&) {
         ZENDRA_LOG(4, "DataProxy::DataProxy()  error due to catch an exception bad_alloc");
     }
+    // The texts of this file are what they are, doubled and trailing blanks and misspellings included: callers
+    // read them.
     ZENDRA_LOG(4, "Entry constructure DataProxy() sg_ko_loaded = " << (sg_ko_loaded ? 1 : 0));
 }
 
 DataProxy::~DataProxy()
 {
+    // The operator belongs to the subclass.
     ZENDRA_LOG(4, "Entry destructure ~DataProxy() ");
 }
 
@@ -465,20 +551,21 @@ int DataProxy::SendRcvIOCTLCMD(ReqIoCtlParam& param, BusDevice& bus)
     }
     switch (static_cast<unsigned int>(param.ioctlCode)) {
     case SG_GET_SCSI_ID:
-        DecodeScsiId(*static_cast<const sg_scsi_id*>(param.ioctlData), bus);
+        DecodeScsiId(CopyAnswer<sg_scsi_id>(param.ioctlData), bus);
         break;
     case SCSI_IOCTL_GET_IDLUN:
-        DecodeIdLun(*static_cast<const int*>(param.ioctlData), bus);
+        DecodeIdLun(CopyAnswer<std::uint32_t>(param.ioctlData), bus);
         break;
     case SCSI_IOCTL_GET_BUS_NUMBER:
-        bus.hostAdapter = static_cast<std::uint16_t>(*static_cast<const int*>(param.ioctlData));
+        bus.hostAdapter = static_cast<std::uint16_t>(CopyAnswer<int>(param.ioctlData));
         break;
     case HDIO_DRIVE_CMD:
         DecodeAtaIdentify(static_cast<const unsigned char*>(param.ioctlData) + AtaIdentify::headerLength, bus);
         break;
     case NVME_IOCTL_ADMIN_CMD: {
-        const auto* command = static_cast<const nvme_admin_cmd*>(param.ioctlData);
-        auto* answer = reinterpret_cast<unsigned char*>(static_cast<std::uintptr_t>(command->addr));
+        const auto command = CopyAnswer<nvme_admin_cmd>(param.ioctlData);
+        // The kernel's interface carries the address as a number. NOLINTNEXTLINE(performance-no-int-to-ptr)
+        auto* answer = reinterpret_cast<unsigned char*>(static_cast<std::uintptr_t>(command.addr));
         bus.vendorId = "NVMe";
         answer[NvmeIdentify::modelLastByte] = 0;
         bus.productId =
@@ -489,7 +576,7 @@ int DataProxy::SendRcvIOCTLCMD(ReqIoCtlParam& param, BusDevice& bus)
         answer[NvmeIdentify::serialNumberLastByte] = 0;
         bus.serialNum = TextUpToNul(answer + NvmeIdentify::serialNumberOffset,
                                     NvmeIdentify::serialNumberLastByte - NvmeIdentify::serialNumberOffset);
-        bus.deviceType = GetDeviceTypeString(0);
+        bus.deviceType = GetDeviceTypeString(Inquiry::typeDisk);
         break;
     }
     default:
@@ -543,7 +630,7 @@ int DataProxy::GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool
 
     // The whole byte counts, qualifier included: only connected disks and tapes are asked for a serial number.
     const unsigned char qualifierAndType = data[Inquiry::typeByte];
-    if (qualifierAndType == 0 || qualifierAndType == 1) {
+    if (qualifierAndType == Inquiry::typeDisk || qualifierAndType == Inquiry::typeTape) {
         data.fill(0);
         passThru.cdb = serialinquiry_cmd;
         SendRcvPassthroughCMD(passThru, bus, PT_SERIAL_INQUIRY);
@@ -611,6 +698,70 @@ unsigned int CDDVDProxy::GetDeviceInfo(BusDevice& bus, std::string& path)
     PreferFirmwareVersionFromFile(path, bus);
     ZENDRA_LOG(4, "Exit CDDVDProxy::GetDeviceInfo()");
     return static_cast<unsigned int>(status);
+}
+
+void CDDVDProxy::InitOpticalPropertyStruct(OpticalProperty& prop)
+{
+    prop = OpticalProperty();
+}
+
+unsigned int CDDVDProxy::GetCDDVDOptList(std::vector<OpticalProperty>& options)
+{
+    ZENDRA_LOG(4, "Entry CDDVDProxy::GetCDDVDOptList()");
+    std::string prefix = "sr";
+    std::vector<std::string> files;
+    ScanDeviceFiles(prefix, files);
+    if (files.empty()) {
+        return DEVICE_RESULT_NONE;
+    }
+    std::vector<std::pair<std::string, BusDevice>> drives;
+    for (std::string& path : files) {
+        BusDevice bus;
+        InitBusDev(bus);
+        if (GetDeviceInfo(bus, path) == DEV_SUCCESS) {
+            drives.emplace_back(path, bus);
+        }
+    }
+
+    std::string table;
+    OSSpecific::SpawnProcess("cat", {OpticalTable::path}, &table, OpticalTable::timeoutSeconds);
+    const std::vector<std::string> lines = SplitOpticalTable(table);
+    ZENDRA_LOG(4, "cat cdrom info result =      " << table);
+    ZENDRA_LOG(4, "cat cdrom lines =      " << lines.size());
+    if (lines.size() < OpticalTable::completeLineCount) {
+        ZENDRA_LOG(4, "reading cdrom information is incomplete.");
+    }
+
+    OpticalProperty prop;
+    InitOpticalPropertyStruct(prop);
+    const std::map<std::string, std::string> rows = ReadOpticalRows(lines);
+    if (rows.empty()) {
+        return DEVICE_RESULT_OK;
+    }
+    const auto driveName = rows.find("drive name");
+    if (driveName != rows.end()) {
+        prop.drive_name_ = deviceDirectory + driveName->second;
+        for (const auto& [path, bus] : drives) {
+            if (path == prop.drive_name_) {
+                prop.vendor_ = bus.vendorId;
+                prop.product_ = bus.productId;
+            }
+        }
+    }
+    for (const OpticalCapability& capability : opticalCapabilities) {
+        const auto row = rows.find(capability.rowName);
+        if (row != rows.end()) {
+            prop.*capability.field = row->second == "1" ? "Yes" : "No";
+        }
+    }
+    ZENDRA_LOG(4, "cddvd   dvd_read_ = " << prop.dvd_read_ << "  dvd_ram_write_ = " << prop.dvd_ram_write_
+                                         << "cddvd   dvd_r_write_ = " << prop.dvd_r_write_ << "  cd_rw_write_ = "
+                                         << prop.cd_rw_write_ << "cddvd   cd_r_write_ = " << prop.cd_r_write_
+                                         << "read MRW mrw_r_= " << prop.mrw_r_ << "write MRW mrw_w_=" << prop.mrw_w_
+                                         << "RAM write cddvd.ram_w_= " << prop.ram_w_);
+    ZENDRA_LOG(4, "Exit CDDVDProxy::GetCDDVDOptList()");
+    options.push_back(prop);
+    return DEVICE_RESULT_OK;
 }
 
 TapeProxy::TapeProxy()
@@ -716,6 +867,7 @@ unsigned int PhysicalDriveProxy::GetDeviceInfo(BusDevice& bus, std::string& path
         return static_cast<unsigned int>(status);
     }
     if (StartsWith(path, "/dev/sd")) {
+        // A failure here drops a disk that has answered already; required.
         return UpdateFirmwareVersionForSdDisk(path, bus);
     }
     PreferFirmwareVersionFromFile(path, bus);
@@ -802,6 +954,7 @@ unsigned int SCSIProxy::GetDeviceInfo(BusDevice& bus, std::string& path)
     if (sg_ko_loaded) {
         status = GetGenericDeviceData(path, bus, true);
         ZENDRA_LOG(4, "GetGenericDeviceData() ret = " << status);
+        // Unlike elsewhere a failed INQUIRY gets no second attempt; required.
         if (status == DEV_SUCCESS && BothNamesEmpty(bus)) {
             status = GetDriverData(path, bus);
         }

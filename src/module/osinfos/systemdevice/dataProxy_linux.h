@@ -97,8 +97,8 @@ public:
     /**
      * @brief Appends the paths of the device files whose names begin with `prefix`, in directory order.
      *
-     * "st" leaves out the standard streams and the tape mode variants, "sd" partitions, "nvme" controllers and
-     * partitions.
+     * "st" leaves out the standard streams and the tape mode variants, "sd" partitions, "nvme" the controllers
+     * nvme0 to nvme9 and everything with a longer name than nvme0n1.
      *
      * @return 0, or 0xFFFFFFFF when /dev cannot be read.
      */
@@ -148,7 +148,8 @@ public:
     /**
      * @brief Asks a SCSI device for its identity, its address and, from disks and tapes, its serial number.
      * @param is_sg whether the address comes from SG_GET_SCSI_ID (sg nodes) or from the SCSI ioctls (others).
-     * @return DEV_SUCCESS when the INQUIRY was sent, otherwise DEV_FAILURE.
+     * @return DEV_SUCCESS, also when the driver is too old to be asked, which leaves `bus` without names;
+     *         DEV_FAILURE when the INQUIRY could not be sent.
      */
     int GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool is_sg);
 
@@ -178,7 +179,26 @@ public:
     ~CDDVDProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
 
-    /** Probes one device file. Returns DEV_SUCCESS, or the status of the last query that failed. */
+    /**
+     * @brief Appends what the host's optical drive can do, after /proc/sys/dev/cdrom/info.
+     *
+     * The kernel's table has a column per drive and is read as if it had one: with two drives the record
+     * names none of them and denies everything. Runs `cat` on the table, for 360 seconds of silence at most,
+     * after asking every optical device file who it is.
+     *
+     * @return DEVICE_RESULT_OK, with one record appended unless the table has no row at all; DEVICE_RESULT_NONE,
+     *         with `options` untouched, when there is no optical device file.
+     */
+    unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
+
+    /** Empties name, vendor and product and denies every capability. */
+    void InitOpticalPropertyStruct(OpticalProperty& prop);
+
+    /**
+     * @brief Probes one device file: SCSI INQUIRY, else ATA IDENTIFY; then the revision that sysfs holds.
+     * @return DEV_SUCCESS, or the status of ATA IDENTIFY, which decides where INQUIRY failed or named nothing.
+     * @throws std::out_of_range when `path` is shorter than "/dev/".
+     */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
 };
 
@@ -190,7 +210,11 @@ public:
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
 
-    /** Probes one device file. Returns DEV_SUCCESS, or the status of the last query that failed. */
+    /**
+     * @brief Probes one device file: SCSI INQUIRY, else ATA IDENTIFY; then the revision that sysfs holds.
+     * @return DEV_SUCCESS when INQUIRY was answered, even without names; otherwise the status of ATA IDENTIFY.
+     * @throws std::out_of_range when `path` is shorter than "/dev/".
+     */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
 };
 
@@ -204,8 +228,12 @@ public:
 
     /**
      * @brief Probes one SCSI, SATA or IDE disk.
+     *
+     * Of disks whose vendor contains "ATA", those at /dev/sd* are asked for their ATA identity too.
+     *
      * @param useGeneric whether SCSI INQUIRY is tried before ATA IDENTIFY.
-     * @return DEV_SUCCESS, or the status of the last query that failed.
+     * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED, as the last command sent went.
+     * @throws std::out_of_range when `path` is shorter than "/dev/" and the vendor contains "ATA".
      */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path, bool useGeneric);
 
@@ -228,7 +256,12 @@ public:
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
 
-    /** Probes one device file. Returns DEV_SUCCESS, or the status of the last query that failed. */
+    /**
+     * @brief Probes one device file: SCSI INQUIRY, or ATA IDENTIFY where the sg module is not loaded or INQUIRY
+     *        named nothing; then the revision that sysfs holds.
+     * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
+     * @throws std::out_of_range when `path` is shorter than "/dev/".
+     */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
 };
 

@@ -1,6 +1,9 @@
 #include "module/osinfos/systemdevice/deviceCollector.h"
 
+#include <algorithm>
 #include <array>
+#include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/trim.hpp>
 #include <cstdint>
 #include <iterator>
 #include <map>
@@ -39,7 +42,19 @@ std::string DeviceKey(const std::string& port, const std::string& target, const 
     return "Port:" + port + "|Target:" + target + "|Bus:" + bus + "|Lun:" + lun;
 }
 
+/** RAID volumes and M.2 disks have their firmware reported by others. */
+bool IsRaidOrM2(const SystemDevice& disk)
+{
+    const std::string product = boost::algorithm::to_lower_copy(disk.product);
+    return product.find("raid") != std::string::npos || product.find("m.2") != std::string::npos;
+}
+
+/** CIM_SoftwareIdentity.Classifications: firmware. */
+const char firmwareClassification[] = "10";
+
 }  // namespace
+
+void Internal::KeepLibraryNeeded() {}
 
 DeviceCollector::DeviceCollector()
 {
@@ -62,6 +77,7 @@ unsigned int DeviceCollector::GetAllDevice(std::vector<SystemDevice>& devices)
     std::vector<SystemDevice> accumulated;
     for (const DeviceClass& deviceClass : deviceClasses) {
         if (GetIndividualDevice(scratch, deviceClass.type) == DEVICE_RESULT_NONE) {
+            // The scratch list stays as it is; required.
             ZENDRA_LOG(4, deviceClass.noneFound);
             continue;
         }
@@ -93,6 +109,53 @@ unsigned int DeviceCollector::GetAllDevice(std::vector<SystemDevice>& devices)
     }
     ZENDRA_LOG(4, "Leave DeviceCollector::GetAllDevice()");
     return DEVICE_RESULT_OK;
+}
+
+unsigned int DeviceCollector::GetOpticalProperties(std::vector<OpticalProperty>& properties)
+{
+    ZENDRA_LOG(4, "Enter DeviceCollector::GetOpticalProperties()");
+    SysDevice worker(SYS_DEVICE_CDDVD);
+    const unsigned int result = worker.GetOpticalData(properties);
+    if (result == DEVICE_RESULT_NONE) {
+        // "Propertys" is required.
+        ZENDRA_LOG(4, "DeviceCollector::GetOpticalPropertys() has none cddvd devices");
+    }
+    ZENDRA_LOG(4, "Leave DeviceCollector::GetOpticalProperties()");
+    return result;
+}
+
+unsigned int
+DeviceCollector::GetDiskDriverSoftwareIdentities(std::vector<Zendra::ZDOptions::SoftwareIdentity_>& identities)
+{
+    // The texts of this method call it GetSoftwareIdentities; required.
+    ZENDRA_LOG(4, "Enter DeviceCollector::GetSoftwareIdentities()");
+    SysDevice worker(SYS_DEVICE_PHYSICAL_DRIVE);
+    std::vector<SystemDevice> disks;
+    const unsigned int result = worker.GetData(disks);
+    if (result == DEVICE_RESULT_NONE) {
+        ZENDRA_LOG(4, "DeviceCollector::GetDiskDriverSoftwareIdentities() has none disk devices");
+    }
+    disks.erase(std::remove_if(disks.begin(), disks.end(), IsRaidOrM2), disks.end());
+    for (const SystemDevice& disk : disks) {
+        ZDOptions::SoftwareIdentity_ identity;
+        if (disk.product.find_first_not_of(' ') == std::string::npos) {
+            // The product is blank, but the text speaks of the vendor; required.
+            ZENDRA_LOG(4, "GetSoftwareIdentities vendor_id_ is empty ");
+            identity.SoftwareID = disk.vendor;
+        } else {
+            identity.SoftwareID = disk.product;
+        }
+        boost::algorithm::trim(identity.SoftwareID);
+        identity.SerialNumber = disk.serial_number;
+        identity.Name = identity.SoftwareID;
+        identity.VersionString = disk.firmware_revision;
+        identity.Classifications = firmwareClassification;
+        ZENDRA_LOG(4, "GetSoftwareIdentities software id = " << identity.SoftwareID
+                                                             << "  version string = " << identity.VersionString);
+        identities.push_back(identity);
+    }
+    ZENDRA_LOG(4, "Leave DeviceCollector::GetSoftwareIdentities()");
+    return result;
 }
 
 }  // namespace ZDSystemDevice

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/export.h"
+#include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
 namespace Zendra {
@@ -34,7 +35,7 @@ public:
      *
      * @return DEVICE_RESULT_OK, also when none of the devices answered; DEVICE_RESULT_NONE when the class has
      *         no device file.
-     * @throws std::bad_alloc when memory runs out; what was appended stays.
+     * @throws std::bad_alloc when memory runs out; what was appended stays, and the memory of the scan is lost.
      */
     unsigned int GetIndividualDevice(std::vector<SystemDevice>& devices, SysDeviceType type);
 
@@ -51,6 +52,29 @@ public:
      * @throws std::bad_alloc when memory runs out; what was appended stays.
      */
     unsigned int GetAllDevice(std::vector<SystemDevice>& devices);
+
+    /**
+     * @brief Appends what the host's optical drive can read and write.
+     *
+     * Knows one drive: with several, one record is appended that names none of them and denies every
+     * capability. Runs `cat` on the kernel's table.
+     *
+     * @return DEVICE_RESULT_OK, also when the kernel has no table; DEVICE_RESULT_NONE when there is no optical
+     *         device file.
+     * @throws std::bad_alloc when memory runs out.
+     */
+    unsigned int GetOpticalProperties(std::vector<OpticalProperty>& properties);
+
+    /**
+     * @brief Appends a firmware identity for every disk.
+     *
+     * Disks as GetIndividualDevice(SYS_DEVICE_PHYSICAL_DRIVE) lists them, unmerged; those whose product
+     * contains "raid" or "m.2", in any letter case, are left out.
+     *
+     * @return DEVICE_RESULT_OK, or DEVICE_RESULT_NONE when there is no disk device file.
+     * @throws std::bad_alloc when memory runs out; what was appended stays.
+     */
+    unsigned int GetDiskDriverSoftwareIdentities(std::vector<Zendra::ZDOptions::SoftwareIdentity_>& identities);
 };
 
 }  // namespace ZDSystemDevice

@@ -47,5 +47,16 @@ unsigned int SysDevice::GetData(std::vector<SystemDevice>& out)
     return result;
 }
 
+unsigned int SysDevice::GetOpticalData(std::vector<OpticalProperty>& out)
+{
+    DataProxy* const proxy = makeDataProxy();
+    if (proxy == nullptr) {
+        return DEVICE_RESULT_OK;
+    }
+    const unsigned int result = proxy->GetCDDVDOptList(out);
+    delete proxy;
+    return result;
+}
+
 }  // namespace ZDSystemDevice
 }  // namespace Zendra

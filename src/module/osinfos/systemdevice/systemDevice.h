@@ -58,7 +58,7 @@ struct ZENDRA_EXPORT SystemDevice {
     std::string vendor;
     /** Product: SPC standard INQUIRY bytes 16-31, a word of the ATA model, or the NVMe model number. */
     std::string product;
-    /** Peripheral device type in words ("Direct Access Device"); empty where the device was not asked by INQUIRY. */
+    /** Peripheral device type in words ("Direct Access Device"); empty for disks that only ATA IDENTIFY reached. */
     std::string device_type;
     /** Unit serial number: SPC VPD page 0x80, ATA IDENTIFY words 10-19, NVMe Identify Controller bytes 4-22. */
     std::string serial_number;
@@ -103,6 +103,18 @@ struct ZENDRA_EXPORT OpticalProperty {
     /** Can write random-access media. */
     std::string ram_w_ = "No";
 };
+
+/** Not for callers. */
+namespace Internal {
+/** Does nothing; see libraryAnchor. */
+ZENDRA_EXPORT void KeepLibraryNeeded();
+
+/**
+ * Makes every program that includes this header need the library. The command blocks are weak references, for
+ * which alone the linker drops a library under --as-needed, the default of Debian's g++; they would then be null.
+ */
+__attribute__((used)) inline void (*const libraryAnchor)() = &KeepLibraryNeeded;
+}  // namespace Internal
 
 /**
  * @name SCSI command blocks
