@@ -24,6 +24,7 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -195,6 +196,59 @@ struct DirectoryCloser {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
+
+/** The names in a directory, in its order. Nothing when it cannot be opened. */
+std::optional<std::vector<std::string>> ReadDirectory(const char* path)
+{
+    const DirectoryStream directory(opendir(path));
+    if (!directory) {
+        return std::nullopt;
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(directory.get())) {
+        names.emplace_back(entry->d_name);
+    }
+    return names;
+}
+
+/**
+ * What a list operation remembers of /sys/block while it runs: a host with a thousand disks has a thousand entries
+ * there, which each lookup would otherwise read again. Lookups outside of a list operation remember nothing.
+ */
+class BlockDirectoryMemory {
+public:
+    explicit BlockDirectoryMemory(const DataProxy& listingProxy) : proxy(&listingProxy), outer(current)
+    {
+        current = this;
+    }
+    ~BlockDirectoryMemory() { current = outer; }
+    BlockDirectoryMemory(const BlockDirectoryMemory&) = delete;
+    BlockDirectoryMemory& operator=(const BlockDirectoryMemory&) = delete;
+
+    /** The memory of the list operation that `lookingProxy` is running in this thread; null when it runs none. */
+    static BlockDirectoryMemory* Of(const DataProxy& lookingProxy)
+    {
+        return current != nullptr && current->proxy == &lookingProxy ? current : nullptr;
+    }
+
+    /** A directory that could not be opened is tried again by the next lookup. */
+    const std::optional<std::vector<std::string>>& Names()
+    {
+        if (!names) {
+            names = ReadDirectory(blockDirectory);
+        }
+        return names;
+    }
+
+private:
+    static thread_local BlockDirectoryMemory* current;
+
+    const DataProxy* proxy;
+    BlockDirectoryMemory* outer;
+    std::optional<std::vector<std::string>> names;
+};
+
+thread_local BlockDirectoryMemory* BlockDirectoryMemory::current = nullptr;
 
 bool StartsWith(const std::string& text, const std::string& prefix)
 {
@@ -412,12 +466,11 @@ std::string DataProxy::GetDeviceTypeString(unsigned char code)
 unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::string>& files)
 {
     ZENDRA_LOG(4, "Entry  DataProxy::ScanDeviceFiles() ");
-    const DirectoryStream directory(opendir(deviceDirectory));
-    if (!directory) {
+    const auto names = ReadDirectory(deviceDirectory);
+    if (!names) {
         return 0xFFFFFFFFU;
     }
-    while (const dirent* entry = readdir(directory.get())) {
-        const std::string name = entry->d_name;
+    for (const std::string& name : *names) {
         if (IsPassedOver(prefix, name) || !StartsWith(name, prefix)) {
             continue;
         }
@@ -466,14 +519,16 @@ std::string DataProxy::GetFirmwareVersionFilePath(const std::string& path)
     // The text names the method without its "Path"; required.
     ZENDRA_LOG(4, "Entry  DataProxy::GetFirmwareVersionFile() ");
     const std::string deviceName = path.substr(std::strlen(deviceDirectory));
-    const DirectoryStream directory(opendir(blockDirectory));
-    if (!directory) {
+    BlockDirectoryMemory* const memory = BlockDirectoryMemory::Of(*this);
+    const auto ownReading = memory == nullptr ? ReadDirectory(blockDirectory) : std::nullopt;
+    const auto& names = memory == nullptr ? ownReading : memory->Names();
+    if (!names) {
         return "";
     }
-    while (const dirent* entry = readdir(directory.get())) {
+    for (const std::string& name : *names) {
         // Containment, not equality, and the first hit wins: sdab may be answered by sda. Required.
-        if (deviceName.find(entry->d_name) != std::string::npos) {
-            return std::string(blockDirectory) + entry->d_name + "/";
+        if (deviceName.find(name) != std::string::npos) {
+            return blockDirectory + name + "/";
         }
     }
     ZENDRA_LOG(4, "Exit  DataProxy::GetFirmwareVersionFile() ");
@@ -682,6 +737,7 @@ unsigned int CDDVDProxy::GetDeviceList(std::vector<SystemDevice>& devices)
     if (files.empty()) {
         return DEVICE_RESULT_NONE;
     }
+    const BlockDirectoryMemory memory(*this);
     BusDevice bus;
     ProbeEach(*this, files, bus, devices, [&](std::string& path) { return GetDeviceInfo(bus, path); });
     ZENDRA_LOG(4, "Exit DataProxy::GetDeviceList()");
@@ -714,6 +770,7 @@ unsigned int CDDVDProxy::GetCDDVDOptList(std::vector<OpticalProperty>& options)
     if (files.empty()) {
         return DEVICE_RESULT_NONE;
     }
+    const BlockDirectoryMemory memory(*this);
     std::vector<std::pair<std::string, BusDevice>> drives;
     for (std::string& path : files) {
         BusDevice bus;
@@ -788,6 +845,7 @@ unsigned int TapeProxy::GetDeviceList(std::vector<SystemDevice>& devices)
     if (files.empty()) {
         return DEVICE_RESULT_NONE;
     }
+    const BlockDirectoryMemory memory(*this);
     BusDevice bus;
     ProbeEach(*this, files, bus, devices, [&](std::string& path) { return GetDeviceInfo(bus, path); });
     ZENDRA_LOG(4, "Exit DataProxy::GetDeviceList()");
@@ -840,6 +898,7 @@ unsigned int PhysicalDriveProxy::GetDeviceList(std::vector<SystemDevice>& device
     if (ideFiles.empty() && scsiFiles.empty() && nvmeFiles.empty()) {
         return DEVICE_RESULT_NONE;
     }
+    const BlockDirectoryMemory memory(*this);
     BusDevice bus;
     ProbeEach(*this, ideFiles, bus, devices, [&](std::string& path) { return GetDeviceInfo(bus, path, false); });
     ProbeEach(*this, scsiFiles, bus, devices, [&](std::string& path) { return GetDeviceInfo(bus, path, true); });
@@ -930,6 +989,7 @@ unsigned int SCSIProxy::GetDeviceList(std::vector<SystemDevice>& devices)
     if (files.empty()) {
         return DEVICE_RESULT_NONE;
     }
+    const BlockDirectoryMemory memory(*this);
     BusDevice bus;
     ProbeEach(*this, files, bus, devices, [&](std::string& path) {
         const unsigned int status = GetDeviceInfo(bus, path);
