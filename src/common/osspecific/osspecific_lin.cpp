@@ -391,7 +391,9 @@ std::vector<std::string> FindSubDirs(const std::string& path)
     }
     while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
-        if (name != "." && name != ".." && DirExists(path + "/" + name)) {
+        std::string joined = path;
+        joined.append("/").append(name);
+        if (name != "." && name != ".." && DirExists(joined)) {
             names.push_back(name);
         }
     }
@@ -556,7 +558,8 @@ void CapFileViaProc(std::string exePath, std::vector<std::string> params, std::s
 {
     const bool fileExists = FileExists(filePath);
     if (fileExists && force) {
-        std::remove(filePath.c_str());
+        // A file that stays is read again below, as if the command had written it.
+        static_cast<void>(std::remove(filePath.c_str()));
     }
     if (!fileExists || force) {
         SpawnProcess(exePath, params, &output, captureTimeout);
