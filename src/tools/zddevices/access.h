@@ -1,0 +1,53 @@
+/**
+ * @file
+ * @brief Finds the device files that this user may not open.
+ *
+ * The library leaves out a device that it cannot open, without a word: the program looks for itself, so that a
+ * short list is not mistaken for a small host. Only permissions are asked, nothing is opened: opening alone can
+ * rewind a tape, wake a disk or wait for a device that hangs.
+ */
+#ifndef ZENDRA_ZDDEVICES_ACCESS_H
+#define ZENDRA_ZDDEVICES_ACCESS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "module/osinfos/systemdevice/systemDevice.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+/**
+ * @brief Those of the names in /dev that the library opens for a class, or for all of them; in natural order.
+ *
+ * For the generic SCSI class: the sg files, or the sd files where there is no sg file (the driver is not
+ * loaded).
+ */
+std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names,
+                                         std::optional<ZDSystemDevice::SysDeviceType> type);
+
+/** A device file that exists and may not be opened by this process. */
+struct DeniedFile {
+    std::string path;
+    /** The group whose members may open the file; empty when there is none. */
+    std::string group;
+};
+
+/**
+ * @brief The device files of a class, or of all of them, that this process may not open for reading.
+ *
+ * /dev itself when it may not be listed. A file that would fail for another reason (no medium, in use, gone) is
+ * not among them.
+ *
+ * @throws std::system_error when /dev cannot be listed for another reason than permissions.
+ */
+std::vector<DeniedFile> FindDeniedFiles(std::optional<ZDSystemDevice::SysDeviceType> type);
+
+/** One line (without its end) that says which files these are and what to do about it. */
+std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

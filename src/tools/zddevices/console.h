@@ -1,0 +1,37 @@
+/**
+ * @file
+ * @brief Standard input, output and error, used so that no error goes unnoticed.
+ */
+#ifndef ZENDRA_ZDDEVICES_CONSOLE_H
+#define ZENDRA_ZDDEVICES_CONSOLE_H
+
+#include <cstddef>
+#include <string>
+
+namespace Zendra {
+namespace ZDDevices {
+
+/**
+ * @brief Makes descriptors 0 to 2 safe and broken pipes an error like any other. First thing in main().
+ *
+ * A standard descriptor that the caller closed is filled with one that takes no output: otherwise the first
+ * device file that the library opens would get its number.
+ */
+void PrepareConsole();
+
+/** The columns of the terminal that standard output is; 0 when it is none. */
+std::size_t OutputWidth();
+
+/**
+ * @brief Writes the whole text to standard output and closes it: some file systems report errors only then.
+ * @throws std::system_error with a message fit for the user.
+ */
+void WriteOutput(const std::string& text);
+
+/** Writes "zddevices: message" and a line end to standard error. Takes no memory; errors are ignored. */
+void Complain(const char* message) noexcept;
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

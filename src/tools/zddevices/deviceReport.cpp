@@ -1,0 +1,83 @@
+#include "tools/zddevices/deviceReport.h"
+
+#include "tools/zddevices/json.h"
+#include "tools/zddevices/text.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+using ZDSystemDevice::SystemDevice;
+
+std::string NothingFound(std::optional<ZDSystemDevice::SysDeviceType> type)
+{
+    if (type == ZDSystemDevice::SYS_DEVICE_TAPE) {
+        return "No tape drives found.";
+    }
+    if (type == ZDSystemDevice::SYS_DEVICE_SCSI) {
+        return "No generic SCSI devices found.";
+    }
+    if (type == ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE) {
+        return "No disks found.";
+    }
+    if (type == ZDSystemDevice::SYS_DEVICE_CDDVD) {
+        return "No optical drives found.";
+    }
+    return "No storage devices found.";
+}
+
+std::vector<std::string> Row(const SystemDevice& device)
+{
+    return {AddressCell(device),      CellText(device.device_type),       CellText(device.vendor),
+            CellText(device.product), CellText(device.firmware_revision), CellText(device.serial_number)};
+}
+
+nlohmann::ordered_json Object(const SystemDevice& device)
+{
+    return {{"vendor", JsonText(device.vendor)},
+            {"product", JsonText(device.product)},
+            {"device_type", JsonText(device.device_type)},
+            {"serial_number", JsonText(device.serial_number)},
+            {"firmware_revision", JsonText(device.firmware_revision)},
+            {"port", JsonNumber(device.port)},
+            {"target", JsonNumber(device.target)},
+            {"bus", JsonNumber(device.bus)},
+            {"lun", JsonNumber(device.lun)}};
+}
+
+}  // namespace
+
+std::string AddressCell(const SystemDevice& device)
+{
+    bool known = false;
+    for (const std::string* field : {&device.port, &device.bus, &device.target, &device.lun}) {
+        known = known || (!field->empty() && *field != "0");
+    }
+    if (!known) {
+        return unknownText;
+    }
+    return CellText(device.port) + ":" + CellText(device.bus) + ":" + CellText(device.target) + ":" +
+           CellText(device.lun);
+}
+
+Report DescribeDevices(unsigned int status, const std::vector<SystemDevice>& devices,
+                       std::optional<ZDSystemDevice::SysDeviceType> type)
+{
+    Report report;
+    report.schema = "zddevices/1";
+    report.recordsKey = "devices";
+    report.status = status;
+    report.nothingFound = NothingFound(type);
+    report.sheet.columns = {{"ADDRESS", 0.10, Overflow::Keep},  {"TYPE", 0.20, Overflow::Cut},
+                            {"VENDOR", 0.10, Overflow::Wrap},   {"PRODUCT", 0.25, Overflow::Wrap},
+                            {"FIRMWARE", 0.10, Overflow::Wrap}, {"SERIAL", 0.25, Overflow::Wrap}};
+    for (const SystemDevice& device : devices) {
+        report.sheet.rows.push_back(Row(device));
+        report.records.push_back(Object(device));
+    }
+    return report;
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra

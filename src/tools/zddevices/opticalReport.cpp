@@ -1,0 +1,90 @@
+#include "tools/zddevices/opticalReport.h"
+
+#include <string>
+#include <utility>
+
+#include "tools/zddevices/json.h"
+#include "tools/zddevices/text.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+using ZDSystemDevice::OpticalProperty;
+
+/** A medium, and whether the drive takes it. */
+using Capability = std::pair<const char*, const std::string*>;
+
+/** The media of those capabilities that the drive has, in words. */
+std::string Media(const std::vector<Capability>& capabilities)
+{
+    std::string media;
+    for (const auto& [medium, answer] : capabilities) {
+        if (*answer == "Yes") {
+            media += (media.empty() ? "" : " ") + std::string(medium);
+        }
+    }
+    return CellText(media);
+}
+
+std::vector<std::string> Row(const OpticalProperty& drive)
+{
+    return {CellText(drive.drive_name_), CellText(drive.vendor_), CellText(drive.product_),
+            Media({{"DVD", &drive.dvd_read_}, {"MRW", &drive.mrw_r_}}),
+            Media({{"CD-R", &drive.cd_r_write_},
+                   {"CD-RW", &drive.cd_rw_write_},
+                   {"DVD-R", &drive.dvd_r_write_},
+                   {"DVD-RAM", &drive.dvd_ram_write_},
+                   {"MRW", &drive.mrw_w_},
+                   {"RAM", &drive.ram_w_}})};
+}
+
+nlohmann::ordered_json Object(const OpticalProperty& drive)
+{
+    return {{"drive_name_", JsonText(drive.drive_name_)},
+            {"vendor_", JsonText(drive.vendor_)},
+            {"product_", JsonText(drive.product_)},
+            {"dvd_ram_write_", JsonText(drive.dvd_ram_write_)},
+            {"cd_rw_write_", JsonText(drive.cd_rw_write_)},
+            {"cd_r_write_", JsonText(drive.cd_r_write_)},
+            {"dvd_read_", JsonText(drive.dvd_read_)},
+            {"dvd_r_write_", JsonText(drive.dvd_r_write_)},
+            {"mrw_r_", JsonText(drive.mrw_r_)},
+            {"mrw_w_", JsonText(drive.mrw_w_)},
+            {"ram_w_", JsonText(drive.ram_w_)}};
+}
+
+/** The kernel separates the drives of its table by tabs. */
+bool NamesSeveral(const OpticalProperty& drive)
+{
+    return drive.drive_name_.find('\t') != std::string::npos;
+}
+
+}  // namespace
+
+Report DescribeOptical(unsigned int status, const std::vector<OpticalProperty>& drives)
+{
+    Report report;
+    report.schema = "zddevices-optical/1";
+    report.recordsKey = "drives";
+    report.status = status;
+    report.nothingFound = "No optical drives found.";
+    report.sheet.columns = {{"DRIVE", 0.15, Overflow::Wrap},
+                            {"VENDOR", 0.15, Overflow::Wrap},
+                            {"PRODUCT", 0.25, Overflow::Wrap},
+                            {"READS", 0.10, Overflow::Wrap},
+                            {"WRITES", 0.35, Overflow::Wrap}};
+    for (const OpticalProperty& drive : drives) {
+        report.sheet.rows.push_back(Row(drive));
+        report.records.push_back(Object(drive));
+        if (NamesSeveral(drive)) {
+            report.remark = "this host has several optical drives; the library describes one only, so what these can "
+                            "read and write is not known";
+        }
+    }
+    return report;
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra

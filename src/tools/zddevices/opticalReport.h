@@ -1,0 +1,27 @@
+/**
+ * @file
+ * @brief What optical drives can do, as a report.
+ */
+#ifndef ZENDRA_ZDDEVICES_OPTICALREPORT_H
+#define ZENDRA_ZDDEVICES_OPTICALREPORT_H
+
+#include <vector>
+
+#include "module/osinfos/systemdevice/systemDevice.h"
+#include "tools/zddevices/report.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+/**
+ * @brief What the facade answered when asked for the optical drives' capabilities.
+ *
+ * The library describes one drive. With several, its one record holds all their names and no capability; the
+ * report then has a remark that says so.
+ */
+Report DescribeOptical(unsigned int status, const std::vector<ZDSystemDevice::OpticalProperty>& drives);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

@@ -1,0 +1,184 @@
+#include "tools/zddevices/options.h"
+
+#include <CLI/CLI.hpp>
+#include <boost/algorithm/string/trim.hpp>
+#include <map>
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+constexpr const char* programName = "zddevices";
+constexpr const char* version = ZENDRA_VERSION;
+constexpr unsigned int highestLogLevel = 4;
+
+/** Where the descriptions begin; with lines of at most 47 characters they end before column 80. */
+constexpr std::size_t descriptionColumn = 32;
+
+const char* const footer = "Examples:\n"
+                           "  zddevices                         every storage device, each listed once\n"
+                           "  zddevices --type disk             the disks, as their device files stand\n"
+                           "  zddevices --format json | jq -r '.devices[].serial_number'\n"
+                           "  zddevices optical                 what the optical drive can read and write\n"
+                           "  zddevices firmware --format json  disk firmware as CIM software identities\n"
+                           "  zddevices --log-level 4 2>trace   what was asked of each device, in a file\n"
+                           "\n"
+                           "In tables \"-\" means: not known. Blanks around a text and control characters\n"
+                           "behind it are left out; any other byte that is not printable is shown as \\xNN.\n"
+                           "JSON holds the texts as the device gave them, with U+FFFD in place of each byte\n"
+                           "that is not UTF-8.\n"
+                           "\n"
+                           "Exit codes:\n"
+                           "  0  the scan ran, also when no device is there\n"
+                           "  1  failure: the scan failed or its result could not be written\n"
+                           "  2  wrong usage\n"
+                           "  3  the scan ran, but there are device files that could not be opened for lack\n"
+                           "     of privilege; standard error says which and what to do";
+
+const std::map<std::string, ZDSystemDevice::SysDeviceType>& Types()
+{
+    static const std::map<std::string, ZDSystemDevice::SysDeviceType> types = {
+        {"tape", ZDSystemDevice::SYS_DEVICE_TAPE},
+        {"scsi", ZDSystemDevice::SYS_DEVICE_SCSI},
+        {"disk", ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE},
+        {"optical", ZDSystemDevice::SYS_DEVICE_CDDVD},
+    };
+    return types;
+}
+
+const std::map<std::string, Format>& Formats()
+{
+    static const std::map<std::string, Format> formats = {{"table", Format::Table}, {"json", Format::Json}};
+    return formats;
+}
+
+/** Accepts the keys of a map, and names them all when it is given something else. */
+template <typename T>
+CLI::Validator OneOf(const std::map<std::string, T>& values)
+{
+    return CLI::Validator(
+        [&values](const std::string& value) {
+            if (values.count(value) > 0) {
+                return std::string();
+            }
+            std::string known;
+            for (const auto& entry : values) {
+                known += (known.empty() ? "" : ", ") + entry.first;
+            }
+            return "\"" + value + "\" is none of " + known;
+        },
+        std::string());
+}
+
+CLI::Validator LogLevel()
+{
+    return CLI::Validator(
+        [](const std::string& value) {
+            const bool good =
+                value.size() == 1 && value[0] >= '0' && value[0] <= '0' + static_cast<char>(highestLogLevel);
+            return good ? std::string() : "\"" + value + "\" is none of 0, 1, 2, 3, 4";
+        },
+        std::string());
+}
+
+/** Help text without what our options say better themselves: type names and the values that are accepted. */
+class HelpFormatter : public CLI::Formatter {
+public:
+    HelpFormatter() { column_width(descriptionColumn); }
+
+    std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override
+    {
+        return std::string("\nUsage: ") + programName + " [OPTIONS] [SUBCOMMAND]\n";
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override
+    {
+        return option->get_type_size() == 0 ? std::string() : " " + option->get_type_name();
+    }
+};
+
+/** A subcommand that takes the program's options, before its name or after it. */
+const CLI::App* AddSubcommand(CLI::App& app, const std::string& name, const std::string& description)
+{
+    CLI::App* subcommand = app.add_subcommand(name, description);
+    subcommand->set_help_flag();
+    subcommand->fallthrough();
+    return subcommand;
+}
+
+}  // namespace
+
+CommandLine ParseCommandLine(int argc, const char* const* argv)
+{
+    CLI::App app("Lists the storage devices of this host: disks, tape drives, optical drives and\n"
+                 "whatever else answers as a SCSI device.",
+                 programName);
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.footer(footer);
+    app.set_help_flag("-h,--help", "Show this text and exit");
+    app.set_version_flag("-V,--version", version, "Show the version and exit");
+
+    std::string type;
+    app.add_option("-t,--type", type,
+                   "List one class only, one line per device file:\n"
+                   "tape, scsi, disk or optical. Without it, all\n"
+                   "classes; a device with several device files is\n"
+                   "then listed once")
+        ->type_name("CLASS")
+        ->check(OneOf(Types()));
+    std::string format = "table";
+    app.add_option("-f,--format", format, "table (default) or json")->type_name("FORMAT")->check(OneOf(Formats()));
+    std::string logLevel;
+    app.add_option("-l,--log-level", logLevel,
+                   "What the library logs on standard error:\n"
+                   "0 nothing (default), 1 failures, 3 outcomes,\n"
+                   "4 every step")
+        ->type_name("0..4")
+        ->check(LogLevel());
+
+    const CLI::App* optical = AddSubcommand(app, "optical", "What the optical drive can read and write");
+    const CLI::App* firmware = AddSubcommand(app, "firmware",
+                                             "The disks' firmware as CIM software identities,\n"
+                                             "without RAID volumes and M.2 disks");
+    app.require_subcommand(0, 1);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        // Not app.help(): after a subcommand that would be the subcommand's, which has no options of its own.
+        return TextWanted{app.get_formatter()->make_help(&app, programName, CLI::AppFormatMode::Normal)};
+    } catch (const CLI::CallForVersion&) {
+        return TextWanted{std::string(programName) + " " + version + "\n"};
+    } catch (const CLI::ArgumentMismatch& error) {
+        // CLI11 counts ("1 required CLASS missing"); the option's name stands before the colon.
+        const std::string message = error.what();
+        return UsageError{message.substr(0, message.find(':')) + " takes one value and may be given once"};
+    } catch (const CLI::ParseError& error) {
+        // An argument may be quoted in the message, line ends and all.
+        std::string message = error.what();
+        boost::algorithm::trim(message);
+        return UsageError{message};
+    }
+
+    Options options;
+    if (optical->parsed()) {
+        options.command = Command::Optical;
+    } else if (firmware->parsed()) {
+        options.command = Command::Firmware;
+    }
+    if (!type.empty()) {
+        if (options.command != Command::Devices) {
+            return UsageError{"--type makes no sense with a subcommand"};
+        }
+        options.type = Types().at(type);
+    }
+    options.format = Formats().at(format);
+    if (!logLevel.empty()) {
+        options.logLevel = static_cast<unsigned int>(logLevel[0] - '0');
+    }
+    return options;
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra

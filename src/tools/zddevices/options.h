@@ -1,0 +1,50 @@
+/**
+ * @file
+ * @brief The command line.
+ */
+#ifndef ZENDRA_ZDDEVICES_OPTIONS_H
+#define ZENDRA_ZDDEVICES_OPTIONS_H
+
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "module/osinfos/systemdevice/systemDevice.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+/** The subcommands; Devices is what runs without one. */
+enum class Command { Devices, Optical, Firmware };
+
+enum class Format { Table, Json };
+
+/** What the user asks for. */
+struct Options {
+    Command command = Command::Devices;
+    /** For Devices: the class to list unmerged; all classes, merged, when absent. */
+    std::optional<ZDSystemDevice::SysDeviceType> type;
+    Format format = Format::Table;
+    /** How much the library is to say on standard error; absent when the option was not given. */
+    std::optional<unsigned int> logLevel;
+};
+
+/** The command line asks for a text on standard output, and nothing else: help or version. */
+struct TextWanted {
+    std::string text;
+};
+
+/** The command line makes no sense; one line, without its end, that says why. */
+struct UsageError {
+    std::string message;
+};
+
+using CommandLine = std::variant<Options, TextWanted, UsageError>;
+
+/** Reads the command line; does nothing else. */
+CommandLine ParseCommandLine(int argc, const char* const* argv);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

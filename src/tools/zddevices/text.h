@@ -1,0 +1,47 @@
+/**
+ * @file
+ * @brief Texts that come from devices, made fit for a terminal and for JSON.
+ *
+ * A device's text may hold any byte: blanks around the words, control characters, escape sequences, bytes that
+ * are not UTF-8. Nothing here looks at what a text means.
+ */
+#ifndef ZENDRA_ZDDEVICES_TEXT_H
+#define ZENDRA_ZDDEVICES_TEXT_H
+
+#include <string>
+#include <string_view>
+
+namespace Zendra {
+namespace ZDDevices {
+
+/** What a table shows where a text is not known. */
+extern const char* const unknownText;
+
+/**
+ * @brief The text with every byte that a terminal might act on, or not show, written as \xNN.
+ *
+ * That is: control characters (C0, DEL, C1), bytes that are not UTF-8, and characters that are invisible,
+ * without width, or change the direction of writing. Where the locale's character set is not UTF-8, every byte
+ * beyond ASCII. A backslash before an "x" is written as \x5c, so that what the device sent stays readable out
+ * of the result.
+ */
+std::string Printable(std::string_view text);
+
+/** As Printable(), but line ends and tabs stay: for texts of several lines, such as log messages. */
+std::string PrintableLines(std::string_view text);
+
+/**
+ * @brief The text as a table cell: Printable(), without the white space around it and the control characters
+ *        behind it, or "-" when nothing is left.
+ *
+ * Devices pad their texts, and some leave a binary byte behind them.
+ */
+std::string CellText(std::string_view text);
+
+/** The text as UTF-8: each byte that is not part of a UTF-8 character becomes U+FFFD; all others stay. */
+std::string ValidUtf8(std::string_view text);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

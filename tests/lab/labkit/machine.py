@@ -1,0 +1,188 @@
+"""Boots a guest in qemu and brings back what its steps wrote."""
+
+import os
+import re
+import shlex
+import shutil
+import subprocess
+import tarfile
+import tempfile
+from dataclasses import dataclass
+from pathlib import Path
+
+from . import kernel as kernels
+from .image import Image
+from .problem import Problem
+
+QEMU = "qemu-system-x86_64"
+
+# The PC with its PIIX bus, and nothing on it that is not named: no disk, no optical drive, no network card.
+MACHINE = ("-machine", "pc", "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot")
+
+CONSOLE_TAIL = 80
+
+
+@dataclass
+class StepResult:
+    status: int
+    stdout: bytes
+    stderr: bytes
+
+
+class GuestFailure(Exception):
+    """The guest did not come to its end. The text holds the reason, qemu's messages and the console's last lines."""
+
+
+def Boot(topology, build, steps, *, additions=(), timeLimit=None):
+    """Runs the steps (name -> shell text) in a guest of the topology, in order; returns name -> StepResult."""
+    with tempfile.TemporaryDirectory(prefix="zendra-lab-") as scratch:
+        scratch = Path(scratch)
+        image = _Image(topology, build, scratch, additions)
+        image.AddText("lab/environment", _Environment(topology, "run"))
+        image.AddText("lab/steps/000-setup", f"set -e\n. /lab/functions\n{topology.setup}\n")
+        files = {}
+        for number, (name, text) in enumerate(steps.items(), start=1):
+            files[name] = f"{number:03d}-{name}"
+            image.AddText(f"lab/steps/{files[name]}", f". /lab/functions\n{text}\n")
+        image.Write(scratch / "initrd")
+
+        console, results = scratch / "console", scratch / "results"
+        command = _Command(topology, scratch / "initrd", "console=ttyS0 loglevel=5") + [
+            "-chardev", f"file,id=console,path={console}", "-serial", "chardev:console",
+            "-device", "virtio-serial-pci,id=lab,addr=1f.0",
+            "-chardev", f"file,id=results,path={results}",
+            "-device", "virtserialport,bus=lab.0,nr=1,chardev=results,name=lab.results",
+        ]
+        limit = timeLimit or topology.timeLimit
+        reason = None
+        with open(scratch / "qemu", "wb") as messages:
+            with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=messages, stderr=messages) as qemu:
+                try:
+                    if qemu.wait(timeout=limit) != 0:
+                        reason = f"qemu ended with status {qemu.returncode}"
+                except subprocess.TimeoutExpired:
+                    reason = f"the guest was still running after {limit} seconds and was ended"
+                finally:
+                    qemu.kill()
+        received = _Received(results)
+        if reason is None and "end" not in received:
+            reason = "the guest went down before its last step"
+        if reason is not None:
+            wanted = ["000-setup", *files.values(), "end"]
+            raise GuestFailure(_Report(reason, command, wanted, received, console, scratch / "qemu"))
+        return {name: received[file] for name, file in files.items()}
+
+
+def Shell(topology, build, *, additions=()):
+    """Boots the topology with this terminal as its console; returns when the guest is down."""
+    with tempfile.TemporaryDirectory(prefix="zendra-lab-") as scratch:
+        scratch = Path(scratch)
+        image = _Image(topology, build, scratch, additions)
+        size = shutil.get_terminal_size()
+        image.AddText("lab/environment",
+                      _Environment(topology, "shell") + f"labColumns={size.columns} labRows={size.lines}\n")
+        image.AddText("lab/setup", topology.setup)
+        image.Write(scratch / "initrd")
+        command = _Command(topology, scratch / "initrd", "console=ttyS0 quiet loglevel=3") + ["-serial", "mon:stdio"]
+        return subprocess.run(command, check=False).returncode
+
+
+def _Image(topology, build, scratch, additions):
+    image = Image(scratch / "root")
+    image.AddModules(kernels.Get(), extra=topology.modules, without=topology.withoutModules)
+    for program in build.programs:
+        image.AddProgram(program)
+    for name in topology.programs:
+        found = shutil.which(name)
+        if found is None:
+            raise Problem(f"topology {topology.name} needs the program {name} on this host")
+        image.AddProgram(found)
+    for source, guestPath in additions:
+        image.AddProgram(source, guestPath)
+    return image
+
+
+def _Environment(topology, mode):
+    values = {"labMode": mode, "labTopology": topology.name, "labHost": f"lab-{topology.name}"}
+    return "".join(f"{name}={shlex.quote(value)}\n" for name, value in values.items())
+
+
+def _Command(topology, initrd, parameters):
+    qemu = shutil.which(QEMU)
+    if qemu is None:
+        raise Problem(f"{QEMU} is not installed: install qemu-system-x86")
+    guard = shutil.which("setpriv")
+    # Whatever ends us, the test runner's time limit included, ends the guest too.
+    prefix = [guard, "--pdeathsig", "KILL"] if guard else []
+    return [*prefix, qemu, *MACHINE, *Accelerator(), "-m", str(topology.memory), "-kernel", str(kernels.Get().image),
+            "-initrd", str(initrd), "-append", f"{parameters} panic=-1 {topology.kernelParameters}".strip(),
+            *topology.Hardware()]
+
+
+def Accelerator():
+    """KVM where it really runs a guest, software emulation everywhere else. ZENDRA_LAB_ACCEL=tcg|kvm overrides."""
+    choice = os.environ.get("ZENDRA_LAB_ACCEL", "")
+    if choice not in ("", "tcg", "kvm"):
+        raise Problem("ZENDRA_LAB_ACCEL is tcg or kvm")
+    if choice == "kvm" or (choice == "" and _KvmWorks()):
+        return ["-accel", "kvm"]
+    return ["-accel", "tcg"]
+
+
+def _KvmWorks():
+    if not os.access("/dev/kvm", os.R_OK | os.W_OK):
+        return False
+    if not re.search(r"\b(vmx|svm)\b", Path("/proc/cpuinfo").read_text(encoding="ascii", errors="replace")):
+        return False
+    # Some hosts show /dev/kvm, create a machine and then never run it. So ask for a real boot: without a root file
+    # system Debian's kernel panics within a second or two, and a panic ends qemu. Asked once per boot of this host.
+    bootId = Path("/proc/sys/kernel/random/boot_id").read_text(encoding="ascii").strip()
+    kernel = kernels.Get()
+    remembered = kernels.CacheDirectory() / f"kvm-{bootId}"
+    try:
+        return remembered.read_text(encoding="ascii") == "works"
+    except FileNotFoundError:
+        pass
+    command = [QEMU, *MACHINE, "-accel", "kvm", "-m", "256", "-kernel", str(kernel.image), "-append", "panic=-1"]
+    try:
+        works = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                               timeout=15, check=False).returncode == 0
+    except subprocess.TimeoutExpired:
+        works = False
+    for old in kernels.CacheDirectory().glob("kvm-*"):
+        old.unlink(missing_ok=True)
+    remembered.write_text("works" if works else "does not work", encoding="ascii")
+    return works
+
+
+def _Received(path):
+    """The steps that arrived whole."""
+    steps = {}
+    if not path.exists():
+        return steps
+    parts = {}
+    try:
+        with tarfile.open(path, "r:", ignore_zeros=True) as archive:
+            for member in archive:
+                step, _, part = member.name.partition("/")
+                parts.setdefault(step, {})[part] = archive.extractfile(member).read()
+    except tarfile.TarError:
+        pass  # the guest ended in the middle of a step; those before it count
+    for step, part in parts.items():
+        if part.keys() == {"stdout", "stderr", "status"} and part["status"].endswith(b"\n"):
+            steps[step] = StepResult(int(part["status"]), part["stdout"], part["stderr"])
+    return steps
+
+
+def _Report(reason, command, steps, received, console, messages):
+    arrived = [step for step in steps if step in received]
+    missing = [step for step in steps if step not in received]
+    lines = [reason,
+             f"steps that came back: {', '.join(arrived) or 'none'}; missing: {', '.join(missing)}",
+             "", "--- qemu was run as ---", shlex.join(command),
+             "--- qemu said ---", messages.read_text(errors="replace").rstrip(),
+             f"--- the guest's console (last {CONSOLE_TAIL} lines) ---"]
+    if console.exists():
+        lines += console.read_text(errors="replace").splitlines()[-CONSOLE_TAIL:]
+    lines.append("--- end of the console ---")
+    return "\n".join(lines)

@@ -1,0 +1,174 @@
+"""What a topology is made of, and the assertions that its test is written in."""
+
+import json
+import unittest
+
+from . import build as builds
+from . import machine
+
+RECORD_FIELDS = ("vendor", "product", "device_type", "serial_number", "firmware_revision",
+                 "port", "target", "bus", "lun")
+
+# Status codes with the names that go with them.
+OK = {"code": 0, "name": "DEVICE_RESULT_OK"}
+NONE = {"code": 6, "name": "DEVICE_RESULT_NONE"}
+
+DISK = "Direct Access Device"
+TAPE = "Sequential Access Device"
+OPTICAL = "CD-ROM Device"
+CHANGER = "Medium Changer Device"
+ENCLOSURE = "Enclosure Device"
+
+# The guest's directory in its own order, what the kernel says of the devices, and one scan of everything.
+# find(1) of busybox prints names as readdir(3) yields them.
+INVENTORY_STEPS = {
+    "dev": "find /dev -maxdepth 1 | sed -n 's,^/dev/,,p'",
+    "addresses": "addresses",
+    "merged": "zddevices --format json",
+    "tape": "zddevices --type tape --format json",
+    "scsi": "zddevices --type scsi --format json",
+    "disk": "zddevices --type disk --format json",
+    "optical": "zddevices --type optical --format json",
+}
+
+# The address of a device for which no SCSI address was found: zeros in the list of a class, nothing in the merged list.
+ZEROS = (0, 0, 0, 0)
+NO_ADDRESS = (None, None, None, None)
+
+
+def Record(vendor, product, type, serial, firmware, address):
+    """One device as zddevices shows it in JSON. The address is the kernel's order: host, channel, target, LUN."""
+    host, channel, target, lun = address
+    return {"vendor": vendor, "product": product, "device_type": type, "serial_number": serial,
+            "firmware_revision": firmware, "port": host, "target": target, "bus": channel, "lun": lun}
+
+
+def Device(driver, **properties):
+    """One `-device` of qemu. Underscores in a name stand for dashes."""
+    return ["-device", ",".join([driver, *(f"{name.replace('_', '-')}={_Quoted(value)}"
+                                           for name, value in properties.items())])]
+
+
+def EmptyDisk(name, size=16 << 20, readOnly=False):
+    """A backend of so many bytes that reads as zeros and costs no file."""
+    return ["-blockdev", f"driver=null-co,node-name={name},size={size},read-zeroes=on,"
+                         f"read-only={'on' if readOnly else 'off'}"]
+
+
+def _Quoted(value):
+    return str(value).replace(",", ",,")
+
+
+class Topology(unittest.TestCase):
+    """A guest, what is attached to it, and what our programs must say about it.
+
+    The guest boots once per class: `steps` run in order, and each test method looks at what they wrote.
+    """
+
+    name = ""
+    about = ""
+    memory = 512  # MiB
+    timeLimit = 240  # seconds; a guest under software emulation needs about 15
+    kernelParameters = ""
+    modules = ()  # beyond those of image.MODULES
+    withoutModules = ()  # the guest has no file of these
+    programs = ()  # of this host, for the guest's /usr/bin
+    setup = ""  # shell text; guest/functions is at hand
+    steps = {}  # name -> shell text
+
+    build = None  # set by the command line
+    maxDiff = None
+
+    @classmethod
+    def Hardware(cls):
+        """Arguments for qemu."""
+        return []
+
+    @classmethod
+    def setUpClass(cls):
+        cls.results = machine.Boot(cls, cls.build or builds.Find(), cls.steps)
+
+    # What a step wrote.
+
+    def Stdout(self, step):
+        return self.results[step].stdout.decode()
+
+    def Stderr(self, step):
+        return self.results[step].stderr.decode()
+
+    def Inventory(self, step, exitStatus=0):
+        result = self.results[step]
+        self.assertEqual(exitStatus, result.status,
+                         f"exit status of step '{step}', which said:\n{result.stderr.decode(errors='replace')}")
+        try:
+            inventory = json.loads(result.stdout)
+        except ValueError as error:
+            self.fail(f"step '{step}' wrote no JSON ({error}):\n{result.stdout!r}\n{result.stderr!r}")
+        return inventory
+
+    # Assertions.
+
+    def AssertInventory(self, step, status, devices, exitStatus=0):
+        """The whole document: status and every record, field by field and in order."""
+        inventory = self.Inventory(step, exitStatus)
+        self.assertEqual("zddevices/1", inventory["schema"])
+        self.assertEqual(f"lab-{self.name}", inventory["host"])
+        self.assertEqual(status, inventory["status"], f"status in step '{step}'")
+        for record in inventory["devices"]:
+            self.assertEqual(sorted(RECORD_FIELDS), sorted(record), f"names of the fields in step '{step}'")
+        self.assertMultiLineEqual(_Lines(devices), _Lines(inventory["devices"]),
+                                  f"devices in step '{step}' (-: required, +: seen)")
+        # The lines above are for the reader; the values themselves decide (1 is not "1").
+        self.assertEqual(devices, inventory["devices"], f"devices in step '{step}'")
+
+    def DeviceFiles(self, prefix, listing="dev"):
+        return [node for node in self.Stdout(listing).split() if node.startswith(prefix)]
+
+    def InDirectoryOrder(self, prefix, recordsByAddress, listing="dev", addresses="addresses"):
+        """The records in the order in which the guest's /dev yields the files of that prefix.
+
+        `recordsByAddress` names every device that must be there, by host, channel, target and LUN; the step
+        `listing` holds the directory, the step `addresses` which file the kernel gave to which address.
+        """
+        address = dict(line.split() for line in self.Stdout(addresses).splitlines())
+        # A partition has no address of its own and is nobody's device file.
+        nodes = [node for node in self.DeviceFiles(prefix, listing) if node in address]
+        byText = {":".join(map(str, key)): record for key, record in recordsByAddress.items()}
+        self.assertEqual(sorted(byText), sorted(address[node] for node in nodes),
+                         f"the guest's devices with a file /dev/{prefix}*")
+        return [byText[address[node]] for node in nodes]
+
+    def Messages(self, step):
+        """What the step logged: (level, message) per entry, without the place in the source."""
+        entries = []
+        for line in self.Stderr(step).splitlines():
+            head, _, rest = line.partition(" ")
+            if len(head) == 3 and head[0] == "[" and head[2] == "]":
+                entries.append((int(head[1]), rest.partition(" ")[2]))
+            elif entries:  # an entry may span lines
+                level, message = entries[-1]
+                entries[-1] = (level, message + "\n" + line)
+            else:
+                self.fail(f"step '{step}' wrote '{line}' before its first log line")
+        return entries
+
+    def AssertWholeLog(self, step, expected):
+        """Exactly these (level, message), and nothing else on standard error."""
+        self.assertEqual(expected, self.Messages(step), f"log of step '{step}'")
+
+    def AssertLogs(self, step, expected):
+        """Every expected (level, message) is there, in this order; others may stand between them."""
+        messages = self.Messages(step)
+        position = 0
+        for entry in expected:
+            try:
+                position = messages.index(entry, position) + 1
+            except ValueError:
+                seen = "\n".join(f"{level} '{message}'" for level, message in messages)
+                self.fail(f"step '{step}' did not log {entry} after its {position}. message. It logged:\n{seen}")
+
+
+
+def _Lines(records):
+    return "".join(f"{number}. " + " ".join(f"{field}={record.get(field)!r}" for field in RECORD_FIELDS) + "\n"
+                   for number, record in enumerate(records, start=1))

@@ -1,0 +1,87 @@
+#include "tools/zddevices/access.h"
+
+#include "toolTests.h"
+
+namespace Zendra {
+namespace ZDDevices {
+namespace {
+
+using Names = std::vector<std::string>;
+
+const Names host = {"sda",   "sda1", "sdab",  "sg10",    "sg2",       "st0",    "st0a",         "nst0",
+                    "nst0a", "sr0",  "nvme0", "nvme0n1", "nvme0n1p1", "stdin",  "stdout",       "nvme10",
+                    "hda",   "hda1", "null",  "sd",      "nvme0c1",   "stderr", "nvme-fabrics", "ssd"};
+
+TEST(DeviceFileNames, TapeTakesPlainTapeNodesOnly)
+{
+    EXPECT_EQ(DeviceFileNames(host, ZDSystemDevice::SYS_DEVICE_TAPE), Names({"st0"}));
+}
+
+TEST(DeviceFileNames, TapeTakesEveryNonRewindingNodeWhenThereIsNoOther)
+{
+    EXPECT_EQ(DeviceFileNames({"nst0", "nst0a", "st0a", "stdin"}, ZDSystemDevice::SYS_DEVICE_TAPE),
+              Names({"nst0", "nst0a"}));
+}
+
+TEST(DeviceFileNames, GenericTakesSgInNaturalOrder)
+{
+    EXPECT_EQ(DeviceFileNames(host, ZDSystemDevice::SYS_DEVICE_SCSI), Names({"sg2", "sg10"}));
+}
+
+TEST(DeviceFileNames, GenericTakesSdWhenThereIsNoSg)
+{
+    EXPECT_EQ(DeviceFileNames({"sda", "sda1", "sr0"}, ZDSystemDevice::SYS_DEVICE_SCSI), Names({"sda"}));
+}
+
+TEST(DeviceFileNames, DiskLeavesOutPartitionsAndControllersAsTheLibraryDoes)
+{
+    EXPECT_EQ(DeviceFileNames(host, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE),
+              Names({"hda", "hda1", "nvme0c1", "nvme0n1", "nvme10", "sd", "sda", "sdab"}));
+}
+
+TEST(DeviceFileNames, OpticalTakesSr)
+{
+    EXPECT_EQ(DeviceFileNames(host, ZDSystemDevice::SYS_DEVICE_CDDVD), Names({"sr0"}));
+}
+
+TEST(DeviceFileNames, WithoutAClassEachFileCountsOnce)
+{
+    EXPECT_EQ(DeviceFileNames({"sda", "sr0", "st0", "nst0"}, std::nullopt), Names({"sda", "sr0", "st0"}));
+    EXPECT_EQ(DeviceFileNames({}, std::nullopt), Names());
+}
+
+TEST(DescribeDenied, SaysHowManyWhichAndHowToMendIt)
+{
+    EXPECT_EQ(DescribeDenied({{"/dev/sda", "disk"}, {"/dev/sg0", "disk"}, {"/dev/sr0", "cdrom"}}, false),
+              "3 device files could not be opened for lack of privilege (/dev/sda, /dev/sg0, /dev/sr0); "
+              "run zddevices as root, or join the groups cdrom, disk");
+}
+
+TEST(DescribeDenied, OneFileOneGroup)
+{
+    EXPECT_EQ(DescribeDenied({{"/dev/st0", "tape"}}, false),
+              "1 device file could not be opened for lack of privilege (/dev/st0); "
+              "run zddevices as root, or join the group tape");
+}
+
+TEST(DescribeDenied, WithoutAGroupOnlyRootHelps)
+{
+    EXPECT_EQ(DescribeDenied({{"/dev/sda", ""}}, false),
+              "1 device file could not be opened for lack of privilege (/dev/sda); run zddevices as root");
+}
+
+TEST(DescribeDenied, RootIsNotToldToBecomeRoot)
+{
+    EXPECT_EQ(DescribeDenied({{"/dev/sda", "disk"}}, true),
+              "1 device file could not be opened for lack of privilege (/dev/sda); "
+              "even root may not here: grant this container or service access to the devices");
+}
+
+TEST(DescribeDenied, FileNamesCannotSteerATerminal)
+{
+    EXPECT_EQ(DescribeDenied({{"/dev/sd\x1b[2J", ""}}, false).find('\x1b'), std::string::npos);
+}
+
+}  // namespace
+}  // namespace ZDDevices
+}  // namespace Zendra

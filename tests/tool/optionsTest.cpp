@@ -1,0 +1,173 @@
+#include "tools/zddevices/options.h"
+
+#include <sstream>
+
+#include "toolTests.h"
+#include "tools/zddevices/logControl.h"
+
+namespace Zendra {
+namespace ZDDevices {
+namespace {
+
+CommandLine Parse(std::vector<const char*> arguments)
+{
+    arguments.insert(arguments.begin(), "zddevices");
+    arguments.push_back(nullptr);
+    return ParseCommandLine(static_cast<int>(arguments.size()) - 1, arguments.data());
+}
+
+Options Good(const std::vector<const char*>& arguments)
+{
+    const CommandLine line = Parse(arguments);
+    if (const auto* options = std::get_if<Options>(&line)) {
+        return *options;
+    }
+    ADD_FAILURE() << "refused: " << arguments.at(0);
+    return {};
+}
+
+TEST(CommandLine, WithoutArgumentsAsksForTheMergedListAsATable)
+{
+    const Options options = Good({});
+    EXPECT_FALSE(options.type.has_value());
+    EXPECT_EQ(options.format, Format::Table);
+    EXPECT_FALSE(options.logLevel.has_value());
+}
+
+TEST(CommandLine, EveryClassHasItsWord)
+{
+    EXPECT_EQ(Good({"--type", "tape"}).type, ZDSystemDevice::SYS_DEVICE_TAPE);
+    EXPECT_EQ(Good({"--type", "scsi"}).type, ZDSystemDevice::SYS_DEVICE_SCSI);
+    EXPECT_EQ(Good({"--type=disk"}).type, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE);
+    EXPECT_EQ(Good({"-t", "optical"}).type, ZDSystemDevice::SYS_DEVICE_CDDVD);
+}
+
+TEST(CommandLine, FormatAndLogLevelAreTaken)
+{
+    const Options options = Good({"--format", "json", "--log-level", "4"});
+    EXPECT_EQ(options.format, Format::Json);
+    EXPECT_EQ(options.logLevel, 4U);
+    EXPECT_EQ(Good({"--format", "table", "--log-level=0"}).logLevel, 0U);
+}
+
+TEST(CommandLine, SubcommandsTakeTheOptionsBeforeAndAfterTheirNames)
+{
+    EXPECT_EQ(Good({}).command, Command::Devices);
+    EXPECT_EQ(Good({"optical"}).command, Command::Optical);
+    EXPECT_EQ(Good({"firmware"}).command, Command::Firmware);
+    EXPECT_EQ(Good({"--format", "json", "firmware"}).format, Format::Json);
+    EXPECT_EQ(Good({"optical", "--format", "json", "--log-level", "1"}).format, Format::Json);
+    EXPECT_EQ(Good({"--type", "optical"}).command, Command::Devices);
+}
+
+TEST(CommandLine, SubcommandsHaveTheSameHelpAndVersion)
+{
+    const std::string help = std::get<TextWanted>(Parse({"--help"})).text;
+    EXPECT_EQ(std::get<TextWanted>(Parse({"optical", "--help"})).text, help);
+    EXPECT_EQ(std::get<TextWanted>(Parse({"firmware", "-h"})).text, help);
+    EXPECT_EQ(std::get<TextWanted>(Parse({"firmware", "--version"})).text, "zddevices " ZENDRA_VERSION "\n");
+}
+
+TEST(CommandLine, WhatMakesNoSenseIsRefusedInOneLine)
+{
+    const std::vector<std::vector<const char*>> wrong = {{"--type", "floppy"},
+                                                         {"--type", "Tape"},
+                                                         {"--type", "0"},
+                                                         {"--type", ""},
+                                                         {"--type"},
+                                                         {"--type="},
+                                                         {"--type", "tape", "x"},
+                                                         {"--type", "tape,disk"},
+                                                         {"-t", "tape", "-t", "disk"},
+                                                         {"--format", "xml"},
+                                                         {"--format"},
+                                                         {"--log-level", "5"},
+                                                         {"--log-level", "-1"},
+                                                         {"--log-level", "1.5"},
+                                                         {"--log-level", "debug"},
+                                                         {"--log-level", "04"},
+                                                         {"--log-level"},
+                                                         {"--bogus"},
+                                                         {"disks"},
+                                                         {"-x"},
+                                                         {"--typ", "tape"},
+                                                         {"--a\nb"},
+                                                         {"--", "x"},
+                                                         {"optical", "firmware"},
+                                                         {"optical", "optical"},
+                                                         {"optical", "--type", "disk"},
+                                                         {"--type", "disk", "firmware"},
+                                                         {"firmware", "x"}};
+    for (const auto& arguments : wrong) {
+        const CommandLine line = Parse(arguments);
+        const auto* error = std::get_if<UsageError>(&line);
+        ASSERT_NE(error, nullptr) << arguments.at(0);
+        EXPECT_FALSE(error->message.empty()) << arguments.at(0);
+    }
+}
+
+TEST(CommandLine, RefusalsNameTheOptionAndTheValue)
+{
+    EXPECT_EQ(std::get<UsageError>(Parse({"--type", "floppy"})).message,
+              "--type: \"floppy\" is none of disk, optical, scsi, tape");
+    EXPECT_EQ(std::get<UsageError>(Parse({"--type"})).message, "--type takes one value and may be given once");
+    EXPECT_EQ(std::get<UsageError>(Parse({"--log-level", "9"})).message, "--log-level: \"9\" is none of 0, 1, 2, 3, 4");
+}
+
+TEST(CommandLine, VersionIsTheProjectsVersion)
+{
+    EXPECT_EQ(std::get<TextWanted>(Parse({"--version"})).text, "zddevices " ZENDRA_VERSION "\n");
+}
+
+TEST(CommandLine, HelpFitsEightyColumnsAndHoldsExamplesAndExitCodes)
+{
+    const std::string help = std::get<TextWanted>(Parse({"--help"})).text;
+    std::istringstream stream(help);
+    for (std::string line; std::getline(stream, line);) {
+        EXPECT_LT(line.size(), 80U) << line;
+        EXPECT_TRUE(line.empty() || line.back() != ' ') << line;
+    }
+    for (const char* word : {"Usage:", "Examples:", "Exit codes:", "--type", "--format", "--log-level", "--version",
+                             "--help", "optical", "firmware", "  0  ", "  1  ", "  2  ", "  3  ", "U+FFFD"}) {
+        EXPECT_NE(help.find(word), std::string::npos) << word;
+    }
+    EXPECT_EQ(help.back(), '\n');
+}
+
+struct CompleteLogger {
+    static void SetMinLogLevel(unsigned newLevel) { level = newLevel; }
+    static void SetSink(LogSink newSink) { sink = newSink; }
+    static inline unsigned level = 0;
+    static inline LogSink sink = nullptr;
+};
+
+struct LoggerWithoutSink {
+    static void SetMinLogLevel(unsigned newLevel) { level = newLevel; }
+    static inline unsigned level = 0;
+};
+
+struct BareLogger {};
+
+void Ignore(unsigned /*level*/, const char* /*file*/, int /*line*/, const std::string& /*message*/) {}
+
+TEST(LogControl, SetsLevelAndSinkWhereThereAreBoth)
+{
+    EXPECT_TRUE(DirectLog<CompleteLogger>(3, Ignore));
+    EXPECT_EQ(CompleteLogger::level, 3U);
+    EXPECT_EQ(CompleteLogger::sink, &Ignore);
+}
+
+TEST(LogControl, SetsTheLevelWhereThereIsNoSink)
+{
+    EXPECT_TRUE(DirectLog<LoggerWithoutSink>(2, Ignore));
+    EXPECT_EQ(LoggerWithoutSink::level, 2U);
+}
+
+TEST(LogControl, SaysSoWhereThereIsNeither)
+{
+    EXPECT_FALSE(DirectLog<BareLogger>(2, Ignore));
+}
+
+}  // namespace
+}  // namespace ZDDevices
+}  // namespace Zendra
