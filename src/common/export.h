@@ -18,8 +18,9 @@
  * that way in position-independent code, the default of g++ and clang: it goes through the global offset
  * table to the library's own bytes. Code compiled with -fno-pie is refused by the linker, because the symbols
  * are also protected; that is better than a torn table. A weak reference alone does not make the linker keep a
- * library, so a header that declares such data also names something of the library for certain. (The attribute nodirect_extern_access is no
- * alternative: it bars copy relocations from the whole executable, type information included.)
+ * library, so a header that declares such data also names something of the library for certain. (The attribute
+ * nodirect_extern_access is no alternative: it bars copy relocations from the whole executable, type information
+ * included.)
  */
 #define ZENDRA_EXPORTED_DATA ZENDRA_EXPORT __attribute__((weak))
 

@@ -36,8 +36,9 @@ DRIVE_FIELDS = ["drive_name_", "vendor_", "product_", "dvd_ram_write_", "cd_rw_w
 IDENTITY_FIELDS = ["Description", "ElementName", "ProductName", "Manufacturer", "Name", "VersionString",
                    "Classifications", "ClassificationDescriptions", "IdentityInfoValue", "SoftwareID", "SubDeviceID",
                    "ReleaseDate", "SoftwareStatus", "SoftwareRole", "IdentityInfoType", "IsPLDMUpdateSupported",
-                   "InstanceID", "AssociatedAdapterSlot", "LastUpdateError", "LastUpdateErrorString", "SerialNumber",
-                   "ExtraInfo"]
+                   "InstanceID", "AssociatedAdapterSlot", "LastUpdateError", "LastUpdateErrorString"]
+# What the record holds beside its CIM properties; the table shows the serial number.
+IDENTITY_TEXTS = IDENTITY_FIELDS + ["SerialNumber", "ExtraInfo"]
 
 
 def load_schemas():
@@ -76,7 +77,7 @@ NO_CAPABILITY = {name: b"No" for name in DRIVE_FIELDS[3:]}
 DRIVE = record(DRIVE_FIELDS, **{**NO_CAPABILITY, "drive_name_": b"/dev/sr0", "vendor_": b"QEMU    ",
                                 "product_": b"QEMU DVD-ROM    ", "dvd_read_": b"Yes"})
 TWO_DRIVES = record(DRIVE_FIELDS, drive_name_=b"/dev/sr1\tsr0", **NO_CAPABILITY)
-IDENTITY = record(IDENTITY_FIELDS, Name=b"QEMU HARDDISK", SoftwareID=b"QEMU HARDDISK", VersionString=b"2.5+ ",
+IDENTITY = record(IDENTITY_TEXTS, Name=b"QEMU HARDDISK", SoftwareID=b"QEMU HARDDISK", VersionString=b"2.5+ ",
                   Classifications=b"10", IsPLDMUpdateSupported=b"0", SerialNumber=b"QM00001 ")
 UNIQUE = b"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
 
@@ -177,6 +178,11 @@ class OutputTest(Case):
             self.assertEqual(out.splitlines()[1].split(), [
                 "0:0:0:1", "\\x5cx41\\x7f!", "\\x1b[31mEvil",
                 "a\\x0ab\\x0dc\\x9b2J\\xc2\\x9b\\xe2\\x80\\xae\\xff", "\\xe2\\x80\\x8b", "-"])
+
+    def test_characters_that_the_locale_knows_are_shown(self):
+        device = record(product="Gerät日".encode())
+        for locale, shown in (("C.UTF-8", "Gerät日"), ("C", "Ger\\xc3\\xa4t\\xe6\\x97\\xa5")):
+            self.assertEqual(self.run_scripted([device], locale=locale)[1].splitlines()[1].split()[3], shown)
 
     def test_piped_output_is_whole_whatever_the_width_of_the_texts(self):
         wide = record(product=b"P" * 500, serial_number=UNIQUE * 10)
@@ -352,15 +358,15 @@ class SubcommandTest(Case):
         document = self.document("firmware", [IDENTITY])
         self.assertEqual(list(document), ["schema", "host", "collected_at", "status", "identities"])
         identity = document["identities"][0]
-        self.assertEqual(list(identity), IDENTITY_FIELDS + ["Category"])
+        self.assertEqual(list(identity), IDENTITY_FIELDS)
         self.assertEqual({key: value for key, value in identity.items() if value is not None}, {
             "Name": "QEMU HARDDISK", "SoftwareID": "QEMU HARDDISK", "VersionString": "2.5+ ", "Classifications": "10",
-            "IsPLDMUpdateSupported": "0", "SerialNumber": "QM00001 ", "Category": 3})
+            "IsPLDMUpdateSupported": "0"})
 
     def test_each_property_holds_its_own_text(self):
-        texts = {name: name.encode() for name in IDENTITY_FIELDS}
-        identity = self.document("firmware", [record(IDENTITY_FIELDS, **texts)])["identities"][0]
-        self.assertEqual(identity, {**{name: name for name in IDENTITY_FIELDS}, "Category": 3})
+        texts = {name: name.encode() for name in IDENTITY_TEXTS}
+        identity = self.document("firmware", [record(IDENTITY_TEXTS, **texts)])["identities"][0]
+        self.assertEqual(identity, {name: name for name in IDENTITY_FIELDS})
 
     def test_nothing_there_is_success(self):
         self.assertEqual(self.run_scripted([], "optical", call="optical", status=6),

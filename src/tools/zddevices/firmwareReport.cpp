@@ -10,6 +10,7 @@ namespace {
 
 using ZDOptions::SoftwareIdentity_;
 
+/** The CIM properties; the record's last three fields are none. */
 nlohmann::ordered_json Object(const SoftwareIdentity_& identity)
 {
     return {{"Description", JsonText(identity.Description)},
@@ -31,10 +32,7 @@ nlohmann::ordered_json Object(const SoftwareIdentity_& identity)
             {"InstanceID", JsonText(identity.InstanceID)},
             {"AssociatedAdapterSlot", JsonText(identity.AssociatedAdapterSlot)},
             {"LastUpdateError", JsonText(identity.LastUpdateError)},
-            {"LastUpdateErrorString", JsonText(identity.LastUpdateErrorString)},
-            {"SerialNumber", JsonText(identity.SerialNumber)},
-            {"ExtraInfo", JsonText(identity.ExtraInfo)},
-            {"Category", identity.Category}};
+            {"LastUpdateErrorString", JsonText(identity.LastUpdateErrorString)}};
 }
 
 }  // namespace

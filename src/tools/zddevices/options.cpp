@@ -102,7 +102,6 @@ public:
 const CLI::App* AddSubcommand(CLI::App& app, const std::string& name, const std::string& description)
 {
     CLI::App* subcommand = app.add_subcommand(name, description);
-    subcommand->set_help_flag();
     subcommand->fallthrough();
     return subcommand;
 }
