@@ -106,6 +106,15 @@ class Topology(unittest.TestCase):
             self.fail(f"step '{step}' wrote no JSON ({error}):\n{result.stdout!r}\n{result.stderr!r}")
         return inventory
 
+    def OpticalTable(self, step="cdrom"):
+        """The guest's own /proc/sys/dev/cdrom/info: name of the row -> its columns."""
+        rows = {}
+        for line in self.Stdout(step).splitlines():
+            name, colon, columns = line.partition(":")
+            if colon:
+                rows[name] = columns.split()
+        return rows
+
     # Assertions.
 
     def AssertInventory(self, step, status, devices, exitStatus=0):
@@ -167,6 +176,33 @@ class Topology(unittest.TestCase):
                 seen = "\n".join(f"{level} '{message}'" for level, message in messages)
                 self.fail(f"step '{step}' did not log {entry} after its {position}. message. It logged:\n{seen}")
 
+
+
+# Which row of the kernel's table decides which field of an optical record.
+OPTICAL_ROWS = {
+    "dvd_ram_write_": "Can write DVD-RAM",
+    "cd_rw_write_": "Can write CD-RW",
+    "cd_r_write_": "Can write CD-R",
+    "dvd_read_": "Can read DVD",
+    "dvd_r_write_": "Can write DVD-R",
+    "mrw_r_": "Can read MRW",
+    "mrw_w_": "Can write MRW",
+    "ram_w_": "Can write RAM",
+}
+
+# The CIM properties of a firmware identity, in order.
+IDENTITY_PROPERTIES = [
+    "Description", "ElementName", "ProductName", "Manufacturer", "Name", "VersionString", "Classifications",
+    "ClassificationDescriptions", "IdentityInfoValue", "SoftwareID", "SubDeviceID", "ReleaseDate", "SoftwareStatus",
+    "SoftwareRole", "IdentityInfoType", "IsPLDMUpdateSupported", "InstanceID", "AssociatedAdapterSlot",
+    "LastUpdateError", "LastUpdateErrorString",
+]
+
+
+def Identity(softwareId, version):
+    """A firmware identity as JSON holds it."""
+    return {**dict.fromkeys(IDENTITY_PROPERTIES), "Name": softwareId, "SoftwareID": softwareId,
+            "VersionString": version, "Classifications": "10", "IsPLDMUpdateSupported": "0"}
 
 
 def _Lines(records):

@@ -1,7 +1,7 @@
 """One device of every kind that a plain server has."""
 
-from labkit.topology import (DISK, INVENTORY_STEPS, NO_ADDRESS, OK, OPTICAL, TAPE, ZEROS, Device, EmptyDisk, Record,
-                             Topology)
+from labkit.topology import (DISK, IDENTITY_PROPERTIES, INVENTORY_STEPS, NO_ADDRESS, OK, OPTICAL, OPTICAL_ROWS, TAPE,
+                             ZEROS, Device, EmptyDisk, Identity, Record, Topology)
 
 
 def Hardware():
@@ -61,6 +61,9 @@ class OneOfEach(Topology):
         **INVENTORY_STEPS,
         "nvme-revision": "cat /sys/class/nvme/nvme0/firmware_rev",
         "table": "zddevices",
+        "cdrom": "cat /proc/sys/dev/cdrom/info",
+        "optical-record": "zddevices optical --format json",
+        "firmware": "zddevices firmware --format json",
         "optical-trace": "zddevices --type optical --format json --log-level 4",
         "optical-failures": "zddevices --type optical --format json --log-level 1",
         "scsi-trace": "zddevices --type scsi --format json --log-level 4",
@@ -98,6 +101,30 @@ class OneOfEach(Topology):
         # The NVMe disk has no address; its place is that of Port:1|Target:1|Bus:1|Lun:1. The ATA disk is the one of
         # the generic scan, which came first.
         self.AssertInventory("merged", OK, [ATA_GENERIC, self.Flash(NO_ADDRESS), DVD, PLAIN, RAID, STREAMER])
+
+    def testOpticalRecordFollowsTheKernelsTable(self):
+        table = self.OpticalTable()
+        self.assertEqual(["sr0"], table["drive name"])
+        self.assertEqual(["1"], table["Can read DVD"])
+        document = self.Inventory("optical-record")
+        self.assertEqual(OK, document["status"])
+        self.assertEqual([{
+            "drive_name_": "/dev/sr0", "vendor_": "QEMU", "product_": "QEMU DVD-ROM",
+            **{field: "Yes" if table.get(row) == ["1"] else "No" for field, row in OPTICAL_ROWS.items()},
+        }], document["drives"])
+
+    def testFirmwareLeavesOutTheDiskWhoseProductHoldsRaid(self):
+        # In the order of the disk scan; an ATA disk is known by the first word of its model.
+        document = self.Inventory("firmware")
+        self.assertEqual(OK, document["status"])
+        disks = self.InDirectoryOrder("sd", {
+            (1, 0, 0, 0): Identity("SEAVIEW", "AB12CD34"), (6, 0, 0, 0): Identity("HX 900", "0102"),
+            (6, 0, 3, 0): None})
+        flash = self.Flash(ZEROS)
+        self.assertEqual([disk for disk in disks if disk] + [
+            Identity(flash["product"].strip(), flash["firmware_revision"])], document["identities"])
+        for identity in document["identities"]:
+            self.assertEqual(IDENTITY_PROPERTIES, list(identity))
 
     def testScansAreSilentWithoutALogLevel(self):
         for step in ("merged", "tape", "scsi", "disk", "optical", "table"):
