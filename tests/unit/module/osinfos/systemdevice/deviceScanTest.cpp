@@ -1,0 +1,896 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/logger/log.h"
+#include "module/osinfos/systemdevice/dataProxy_linux.h"
+#include "support/allocations.h"
+#include "support/deviceTest.h"
+#include "support/expectedLogs.h"
+#include "support/privateSysBlock.h"
+#include "support/scriptedOperator.h"
+
+namespace {
+
+using namespace Zendra::ZDSystemDevice;
+using namespace ZendraTest;
+
+// ScanDeviceFiles
+
+class DeviceFileScan : public DeviceTest {
+protected:
+    /** Scans `names` for `prefix`; expects `found`, in order, and the log that goes with it. */
+    static void Expect(const std::string& prefix, const std::vector<std::string>& names,
+                       const std::vector<std::string>& found)
+    {
+        SCOPED_TRACE(prefix);
+        ListDev(names);
+        Scripted<SCSIProxy> proxy;
+        Trace::Take();
+        ExpectTraceAtEveryLevel(Logs::Scan(found), [&] {
+            std::string scanned = prefix;
+            Lines files = {"kept"};
+            EXPECT_EQ(0U, proxy.ScanDeviceFiles(scanned, files));
+            Lines expected = {"kept"};
+            for (const std::string& name : found) {
+                expected.push_back("/dev/" + name);
+            }
+            EXPECT_EQ(expected, files);
+            EXPECT_EQ(prefix, scanned);
+        });
+    }
+};
+
+TEST_F(DeviceFileScan, TapeScanLeavesOutTheStandardStreamsAndTheModeVariants)
+{
+    Expect("st", {".",   "..",   "st0", "st0a", "st0l", "st0m", "nst0", "stdin", "stdout", "stderr", "sdtout",
+                  "st1", "st10", "st",  "sta",  "stZ",  "sr0",  "s",    "t0",    "st0-",   "st_"},
+           {"st0", "st1", "st10", "st0-", "st_"});
+}
+
+TEST_F(DeviceFileScan, TapeScanTakesAByteAbove127AtTheEndAsNoLetter)
+{
+    Expect("st", {"st\xe9", "st0\xff"}, {"st\xe9", "st0\xff"});
+}
+
+TEST_F(DeviceFileScan, NstScanTakesTheModeVariants)
+{
+    Expect("nst", {"nst0", "nst0a", "nst0l", "nst0m", "st0", "nst", "ns", "xnst0"},
+           {"nst0", "nst0a", "nst0l", "nst0m", "nst"});
+}
+
+TEST_F(DeviceFileScan, DiskScanLeavesOutPartitions)
+{
+    Expect("sd", {"sda", "sda1", "sda0", "sdb9", "sdb", "sdab", "sdab12", "sd", "sdtout", "sd-", "SDA", "sr0", "asd"},
+           {"sda", "sdb", "sdab", "sd", "sdtout", "sd-"});
+}
+
+TEST_F(DeviceFileScan, IdeScanTakesPartitionsToo)
+{
+    Expect("hd", {"hda", "hda1", "hdb", "sda", "h"}, {"hda", "hda1", "hdb"});
+}
+
+TEST_F(DeviceFileScan, NvmeScanGoesByTheLengthOfTheName)
+{
+    Expect("nvme",
+           {"nvme", "nvme0", "nvme9", "nvmeX", "nvme10", "nvme0n1", "nvme0n2", "nvme10n1", "nvme0n10", "nvme0n1p1",
+            "nvme-fabrics", "nvm", "nvmx0n1", "xnvme0"},
+           {"nvme", "nvme10", "nvme0n1", "nvme0n2"});
+}
+
+TEST_F(DeviceFileScan, OpticalAndGenericScansTakeEveryNameWithTheirPrefix)
+{
+    Expect("sr", {"sr0", "sr1", "sr", "sra", "scd0", "s"}, {"sr0", "sr1", "sr", "sra"});
+    Expect("sg", {"sg0", "sga", "sg10", "sg", "snapshot", "bsg"}, {"sg0", "sga", "sg10", "sg"});
+}
+
+TEST_F(DeviceFileScan, FilteringGoesWithTheExactPrefixOnly)
+{
+    Expect("st0", {"st0a", "st0", "st1"}, {"st0a", "st0"});
+    Expect("sda", {"sda1", "sda", "sdb"}, {"sda1", "sda"});
+    Expect("nvme0", {"nvme0", "nvme0n1p1", "nvme1"}, {"nvme0", "nvme0n1p1"});
+    Expect("", {".", "..", "sda1"}, {".", "..", "sda1"});
+}
+
+TEST_F(DeviceFileScan, OrderIsThatOfTheDirectory)
+{
+    Expect("sg", {"sg2", "sg10", "sg1", "sg0"}, {"sg2", "sg10", "sg1", "sg0"});
+}
+
+TEST_F(DeviceFileScan, NamesThatLookTheSameAreAllTaken)
+{
+    Expect("sg", {"sg0", "sg0"}, {"sg0", "sg0"});
+}
+
+TEST_F(DeviceFileScan, NameOf255BytesIsTaken)
+{
+    const std::string name = "sg" + std::string(253, '1');
+    Expect("sg", {name}, {name});
+}
+
+TEST_F(DeviceFileScan, UnreadableDirectoryGivesAllBitsSetAndNoExitLine)
+{
+    Calls().directories["/dev/"].openError = EACCES;
+    Scripted<SCSIProxy> proxy;
+    Trace::Take();
+    ExpectTraceAtEveryLevel({L4("Entry  DataProxy::ScanDeviceFiles() ")}, [&proxy] {
+        std::string prefix = "sg";
+        Lines files = {"kept"};
+        EXPECT_EQ(0xFFFFFFFFU, proxy.ScanDeviceFiles(prefix, files));
+        EXPECT_EQ((Lines{"kept"}), files);
+    });
+}
+
+TEST_F(DeviceFileScan, DirectoryStreamIsClosedAfterEveryScan)
+{
+    ListDev({"sg0"});
+    Scripted<SCSIProxy> proxy;
+    std::string prefix = "sg";
+    for (int scan = 1; scan <= 3; ++scan) {
+        Lines files;
+        proxy.ScanDeviceFiles(prefix, files);
+        EXPECT_EQ(scan, Calls().directoriesOpened);
+        EXPECT_EQ(scan, Calls().directoriesClosed);
+    }
+}
+
+TEST_F(DeviceFileScan, DirectoryStreamIsClosedWhenMemoryRunsOut)
+{
+    ListDev({"sg0-with-a-name-that-needs-memory-of-its-own", "sg1-with-a-name-that-needs-memory-of-its-own"});
+    Scripted<SCSIProxy> proxy;
+    std::string prefix = "sg";
+    bool completed = false;
+    std::size_t failures = 0;
+    for (std::size_t after = 0; !completed && after < 200; ++after) {
+        Lines files;
+        Calls().directoriesOpened = 0;
+        Calls().directoriesClosed = 0;
+        Allocations::FailAfter(after);
+        try {
+            proxy.ScanDeviceFiles(prefix, files);
+            completed = !Allocations::StopFailing();
+        } catch (const std::bad_alloc&) {
+            EXPECT_TRUE(Allocations::StopFailing());
+            ++failures;
+        }
+        EXPECT_EQ(Calls().directoriesOpened, Calls().directoriesClosed);
+    }
+    EXPECT_TRUE(completed);
+    EXPECT_GT(failures, 0U);
+}
+
+// GetDeviceInfo
+
+const std::string diskModel = Padded("WDC WD5000AAKX-001CA0", 40);
+const std::string noAddress = "Port:0|Target:0|Bus:0|Lun:0";
+
+/** The log of one optical, tape or sd probe through the SCSI ioctls that finds the address 2:0:1:3. */
+Lines GenericLog(const std::string& serial)
+{
+    return Join({Logs::GenericEntry(false), Logs::AddressFromIoctls("Port:2|Target:1|Bus:0|Lun:3"),
+                 serial.empty() ? Lines() : Logs::Serial(serial), Logs::GenericExit()});
+}
+
+class ProbeTest : public DeviceTest {
+protected:
+    void SetUp() override
+    {
+        DeviceTest::SetUp();
+        ListSysBlock({});
+    }
+
+    /** The answers that go with GenericLog. */
+    static std::vector<Step> GenericSteps(const std::string& path, unsigned char type, const std::string& vendor,
+                                          const std::string& product, const std::string& serial)
+    {
+        std::vector<Step> steps = {Inquiry(path, InquiryData(type, vendor, product, "0001")), IdLun(path, 0x02000301),
+                                   BusNumber(path, 2)};
+        if (!serial.empty()) {
+            steps.push_back(SerialPage(path, SerialPageData(serial)));
+        }
+        return steps;
+    }
+
+    template <class Proxy>
+    static void Expect(const std::vector<Step>& steps, const Lines& log, unsigned status,
+                       const std::function<unsigned(Scripted<Proxy>&, BusDevice&)>& probe,
+                       const std::function<void(const BusDevice&)>& check = nullptr)
+    {
+        for (const unsigned level : {4U, 3U, 1U, 0U}) {
+            SCOPED_TRACE("log level " + std::to_string(level));
+            Scripted<Proxy> proxy(steps);
+            Trace::Take();
+            Zendra::Log::SetMinLogLevel(level);
+            BusDevice device;
+            EXPECT_EQ(status, probe(proxy, device));
+            Zendra::Log::SetMinLogLevel(0);
+            EXPECT_EQ(AtLevel(level, log), Trace::Take());
+            if (check) {
+                check(device);
+            }
+        }
+    }
+};
+
+// Optical
+
+class OpticalProbe : public ProbeTest {
+protected:
+    void ExpectProbe(const std::vector<Step>& steps, const Lines& log, unsigned status,
+                     const std::function<void(const BusDevice&)>& check = nullptr)
+    {
+        Expect<CDDVDProxy>(
+            steps, Join({{L4("Entry CDDVDProxy::GetDeviceInfo()")}, log, {L4("Exit CDDVDProxy::GetDeviceInfo()")}}),
+            status,
+            [this](Scripted<CDDVDProxy>& proxy, BusDevice& device) { return proxy.GetDeviceInfo(device, path); },
+            check);
+    }
+    std::string path = "/dev/sr0";
+};
+
+TEST_F(OpticalProbe, DriveThatAnswersItsInquiryIsNotAskedAgain)
+{
+    ExpectProbe(GenericSteps(path, 5, "HL-DT-ST", "DVDRAM", ""), Join({GenericLog(""), Logs::NoFirmware()}), 4,
+                [](const BusDevice& device) {
+                    EXPECT_EQ("HL-DT-ST", device.vendorId);
+                    EXPECT_EQ("0001", device.revision);
+                    EXPECT_EQ(2, device.hostAdapter);
+                });
+}
+
+TEST_F(OpticalProbe, FailedInquiryIsFollowedByTheAtaQuestionWhoseStatusCounts)
+{
+    ExpectProbe({Inquiry(path, {}, 5), AtaIdentify(path, AtaData("HL-DT-ST DVD", "R", "S"))},
+                Join({Logs::GenericFailed(false), Logs::Driver(Padded("HL-DT-ST DVD", 40)), Logs::NoFirmware()}), 4);
+    ExpectProbe({Inquiry(path, {}, 5), AtaIdentify(path, {}, 3)},
+                Join({Logs::GenericFailed(false), Logs::DriverFailed(), Logs::NoFirmware()}), 3);
+}
+
+TEST_F(OpticalProbe, EmptyNamesAreFollowedByTheAtaQuestionWhoseStatusReplacesTheSuccess)
+{
+    ExpectProbe({Inquiry(path, {}), AtaIdentify(path, AtaData("A B", "R", "S"))},
+                Join({Logs::GenericEmpty(false), Logs::Driver(Padded("A B", 40)), Logs::NoFirmware()}), 4,
+                [](const BusDevice& device) { EXPECT_EQ("A", device.vendorId); });
+    ExpectProbe({Inquiry(path, {}), AtaIdentify(path, {}, 5)},
+                Join({Logs::GenericEmpty(false), Logs::DriverFailed(), Logs::NoFirmware()}), 5);
+}
+
+TEST_F(OpticalProbe, OneNameIsEnoughToLeaveOutTheAtaQuestion)
+{
+    Bytes answer = InquiryData(5, "", "PRODUCT", "1.00");
+    std::fill(answer.begin() + 8, answer.begin() + 16, static_cast<unsigned char>(0));
+    ExpectProbe({Inquiry(path, answer)}, Join({Logs::GenericEmpty(false), Logs::NoFirmware()}), 4,
+                [](const BusDevice& device) {
+                    EXPECT_EQ("", device.vendorId);
+                    EXPECT_EQ("PRODUCT", device.productId);
+                });
+}
+
+TEST_F(OpticalProbe, RevisionOfSysfsReplacesTheOneOfTheInquiryWithItsLineFeed)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::Write("sr0/device/rev", "1.02\n");
+    ListSysBlock({"sr0"});
+    ExpectProbe(GenericSteps(path, 5, "HL-DT-ST", "DVDRAM", ""),
+                Join({GenericLog(""),
+                      {L4("Entry  DataProxy::GetFirmwareVersionFile() "),
+                       L1("Fail in get firmware version from /sys/block/sr0/device/firmware_rev.")}}),
+                4, [](const BusDevice& device) { EXPECT_EQ("1.02\n", device.revision); });
+}
+
+TEST_F(OpticalProbe, EmptyRevisionOfSysfsLeavesTheOneOfTheInquiry)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::MakeDirectory("sr0/device");
+    ListSysBlock({"sr0"});
+    ExpectProbe(GenericSteps(path, 5, "HL-DT-ST", "DVDRAM", ""),
+                Join({GenericLog(""), Logs::FirmwareFilesMissing("sr0")}), 4,
+                [](const BusDevice& device) { EXPECT_EQ("0001", device.revision); });
+}
+
+TEST_F(OpticalProbe, RevisionOfSysfsIsReadEvenWhenEveryQuestionFailed)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::Write("sr0/device/firmware_rev", "1.02\n");
+    ListSysBlock({"sr0"});
+    ExpectProbe(
+        {Inquiry(path, {}, 5), AtaIdentify(path, {}, 5)},
+        Join({Logs::GenericFailed(false), Logs::DriverFailed(), {L4("Entry  DataProxy::GetFirmwareVersionFile() ")}}),
+        5, [](const BusDevice& device) { EXPECT_EQ("1.02\n", device.revision); });
+}
+
+// Tape
+
+class TapeProbe : public ProbeTest {
+protected:
+    void ExpectProbe(const std::vector<Step>& steps, const Lines& log, unsigned status,
+                     const std::function<void(const BusDevice&)>& check = nullptr)
+    {
+        Expect<TapeProxy>(
+            steps, Join({{L4("Entry TapeProxy::GetDeviceInfo()")}, log, {L4("Exit TapeProxy::GetDeviceInfo()")}}),
+            status, [this](Scripted<TapeProxy>& proxy, BusDevice& device) { return proxy.GetDeviceInfo(device, path); },
+            check);
+    }
+    std::string path = "/dev/st0";
+};
+
+TEST_F(TapeProbe, DriveThatAnswersItsInquiryIsNotAskedAgain)
+{
+    ExpectProbe(GenericSteps(path, 1, "HP", "Ultrium 5-SCSI", "HU1234567"),
+                Join({GenericLog("HU1234567"), Logs::NoFirmware()}), 4, [](const BusDevice& device) {
+                    EXPECT_EQ("Ultrium 5-SCSI", device.productId);
+                    EXPECT_EQ("HU1234567", device.serialNum);
+                });
+}
+
+TEST_F(TapeProbe, FailedInquiryIsFollowedByTheAtaQuestionWhoseStatusCounts)
+{
+    ExpectProbe({Inquiry(path, {}, 3), AtaIdentify(path, AtaData("A B", "R", "S"))},
+                Join({Logs::GenericFailed(false), Logs::Driver(Padded("A B", 40)), Logs::NoFirmware()}), 4);
+    ExpectProbe({Inquiry(path, {}, 3), AtaIdentify(path, {}, 3)},
+                Join({Logs::GenericFailed(false), Logs::DriverFailed(), Logs::NoFirmware()}), 3);
+}
+
+TEST_F(TapeProbe, EmptyNamesAreFollowedByTheAtaQuestionWhoseFailureIsIgnored)
+{
+    ExpectProbe({Inquiry(path, {}), AtaIdentify(path, {}, 5)},
+                Join({Logs::GenericEmpty(false), Logs::DriverFailed(), Logs::NoFirmware()}), 4);
+    ExpectProbe({Inquiry(path, {}), AtaIdentify(path, AtaData("A B", "R", "S"))},
+                Join({Logs::GenericEmpty(false), Logs::Driver(Padded("A B", 40)), Logs::NoFirmware()}), 4,
+                [](const BusDevice& device) { EXPECT_EQ("B", device.productId); });
+}
+
+TEST_F(TapeProbe, AtaQuestionAfterAFailedInquiryIsAskedOnce)
+{
+    // Its success with a blank model leaves both names empty, which is no reason to ask again.
+    ExpectProbe({Inquiry(path, {}, 5), AtaIdentify(path, AtaData("", "R", "S"))},
+                Join({Logs::GenericFailed(false), Logs::Driver(std::string(40, ' ')), Logs::NoFirmware()}), 4);
+}
+
+TEST_F(TapeProbe, RevisionOfSysfsReplacesTheOneOfTheInquiry)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::Write("st0/device/firmware_rev", "Z39W\n");
+    ListSysBlock({"st0"});
+    ExpectProbe(GenericSteps(path, 1, "HP", "Ultrium 5-SCSI", "HU1"),
+                Join({GenericLog("HU1"), {L4("Entry  DataProxy::GetFirmwareVersionFile() ")}}), 4,
+                [](const BusDevice& device) { EXPECT_EQ("Z39W\n", device.revision); });
+}
+
+// Generic SCSI
+
+class GenericProbe : public ProbeTest {
+protected:
+    void ExpectProbe(bool sgLoaded, const std::vector<Step>& steps, const Lines& log, unsigned status,
+                     const std::function<void(const BusDevice&)>& check = nullptr)
+    {
+        Expect<SCSIProxy>(
+            steps, Join({{L4("Entry SCSIProxy::GetDeviceInfo()")}, log}), status,
+            [this, sgLoaded](Scripted<SCSIProxy>& proxy, BusDevice& device) {
+                proxy.SetSgLoaded(sgLoaded);
+                return proxy.GetDeviceInfo(device, path);
+            },
+            check);
+    }
+    static Lines Returned(const std::string& status) { return {L4("GetGenericDeviceData() ret = " + status)}; }
+    std::string path = "/dev/sg0";
+};
+
+TEST_F(GenericProbe, DeviceThatAnswersItsInquiryIsNotAskedAgain)
+{
+    ExpectProbe(true,
+                {Inquiry(path, InquiryData(0, "SEAGATE", "ST3300657SS", "0008")), ScsiId(path, 0, 0, 1, 0),
+                 SerialPage(path, SerialPageData("3SJ0"))},
+                Join({Logs::GenericEntry(true), Logs::AddressFromSg("Port:0|Target:1|Bus:0|Lun:0"),
+                      Logs::Serial("3SJ0"), Logs::GenericExit(), Returned("4"), Logs::NoFirmware()}),
+                4, [](const BusDevice& device) { EXPECT_EQ("SEAGATE", device.vendorId); });
+}
+
+TEST_F(GenericProbe, FailedInquiryGetsNoSecondAttempt)
+{
+    ExpectProbe(true, {Inquiry(path, {}, 3)}, Join({Logs::GenericFailed(true), Returned("5"), Logs::NoFirmware()}), 5);
+}
+
+TEST_F(GenericProbe, EmptyNamesAreFollowedByTheAtaQuestionWhoseStatusCounts)
+{
+    ExpectProbe(true, {Inquiry(path, {}), AtaIdentify(path, AtaData("A B", "R", "S"))},
+                Join({Logs::GenericEmpty(true), Returned("4"), Logs::Driver(Padded("A B", 40)), Logs::NoFirmware()}),
+                4);
+    ExpectProbe(true, {Inquiry(path, {}), AtaIdentify(path, {}, 5)},
+                Join({Logs::GenericEmpty(true), Returned("4"), Logs::DriverFailed(), Logs::NoFirmware()}), 5);
+}
+
+TEST_F(GenericProbe, WithoutTheSgModuleOnlyTheAtaQuestionIsAsked)
+{
+    path = "/dev/sda";
+    ExpectProbe(false, {AtaIdentify(path, AtaData("A B", "R", "S"))},
+                Join({Logs::Driver(Padded("A B", 40)), Logs::NoFirmware()}), 4);
+    ExpectProbe(false, {AtaIdentify(path, {}, 3)}, Join({Logs::DriverFailed(), Logs::NoFirmware()}), 3);
+}
+
+TEST_F(GenericProbe, RevisionOfSysfsReplacesTheOneOfTheQuery)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    path = "/dev/sda";
+    PrivateSysBlock::Write("sda/device/firmware_rev", "NEW\n");
+    ListSysBlock({"sda"});
+    ExpectProbe(false, {AtaIdentify(path, AtaData("A B", "R", "S"))},
+                Join({Logs::Driver(Padded("A B", 40)), {L4("Entry  DataProxy::GetFirmwareVersionFile() ")}}), 4,
+                [](const BusDevice& device) { EXPECT_EQ("NEW\n", device.revision); });
+}
+
+// Disks
+
+class DiskProbe : public ProbeTest {
+protected:
+    void ExpectProbe(bool useGeneric, const std::vector<Step>& steps, const Lines& log, unsigned status,
+                     const std::function<void(const BusDevice&)>& check = nullptr)
+    {
+        Expect<PhysicalDriveProxy>(
+            steps, Join({{L4("Entry PhysicalDriveProxy::GetDeviceInfo()")}, log}), status,
+            [this, useGeneric](Scripted<PhysicalDriveProxy>& proxy, BusDevice& device) {
+                return proxy.GetDeviceInfo(device, path, useGeneric);
+            },
+            check);
+    }
+    static std::vector<Step> Join2(std::vector<Step> steps, Step last)
+    {
+        steps.push_back(std::move(last));
+        return steps;
+    }
+    std::string path = "/dev/sda";
+    const Lines update = {L4("Entry  UpdateFirmwareVersionForSdDisk() ")};
+};
+
+TEST_F(DiskProbe, ScsiDiskKeepsTheRevisionOfItsInquiryWithoutAnyFirmwareLookup)
+{
+    ExpectProbe(true, GenericSteps(path, 0, "SEAGATE", "ST3300657SS", "3SJ0"), GenericLog("3SJ0"), 4,
+                [](const BusDevice& device) { EXPECT_EQ("0001", device.revision); });
+    EXPECT_EQ(0, Calls().directoriesOpened);
+}
+
+TEST_F(DiskProbe, AtaDiskOnSdTakesRevisionAndProductFromItsIdentifyData)
+{
+    ExpectProbe(true,
+                Join2(GenericSteps(path, 0, "ATA", "WDC WD5000AAKX-0", "WD-1"),
+                      AtaIdentify(path, AtaData(diskModel, "15.01H15", "WD-WCAYUJ123456"))),
+                Join({GenericLog("WD-1"), update}), 4, [](const BusDevice& device) {
+                    EXPECT_EQ("ATA", device.vendorId);
+                    EXPECT_EQ("WDC", device.productId);
+                    EXPECT_EQ("15.01H15", device.revision);
+                    EXPECT_EQ("WD-1", device.serialNum);
+                    EXPECT_EQ(2, device.hostAdapter);
+                });
+}
+
+TEST_F(DiskProbe, StatusOfTheAtaUpdateReplacesTheSuccessOfTheInquiry)
+{
+    for (const int status : {5, 3}) {
+        ExpectProbe(true,
+                    Join2(GenericSteps(path, 0, "ATA", "WDC WD5000AAKX-0", "WD-1"), AtaIdentify(path, {}, status)),
+                    Join({GenericLog("WD-1"), update}), static_cast<unsigned>(status));
+    }
+}
+
+TEST_F(DiskProbe, AtaAnywhereInTheVendorCountsAndItsCaseMatters)
+{
+    ExpectProbe(true, Join2(GenericSteps(path, 0, "xATAx", "P", "S1"), AtaIdentify(path, AtaData("M", "R", "S"))),
+                Join({GenericLog("S1"), update}), 4);
+    ExpectProbe(true, GenericSteps(path, 0, "ata", "P", "S1"), GenericLog("S1"), 4);
+    ExpectProbe(true, GenericSteps(path, 0, "AT A", "ATA", "S1"), GenericLog("S1"), 4);
+}
+
+TEST_F(DiskProbe, FailedInquiryIsFollowedByTheAtaQuestionWhoseStatusCounts)
+{
+    ExpectProbe(true, {Inquiry(path, {}, 5), AtaIdentify(path, AtaData(diskModel, "R", "S"))},
+                Join({Logs::GenericFailed(false), Logs::Driver(diskModel)}), 4,
+                [](const BusDevice& device) { EXPECT_EQ("WDC", device.vendorId); });
+    ExpectProbe(true, {Inquiry(path, {}, 5), AtaIdentify(path, {}, 3)},
+                Join({Logs::GenericFailed(false), Logs::DriverFailed()}), 3);
+}
+
+TEST_F(DiskProbe, EmptyNamesAreFollowedByTheAtaQuestionWhoseStatusReplacesTheSuccess)
+{
+    ExpectProbe(true, {Inquiry(path, {}), AtaIdentify(path, {}, 5)},
+                Join({Logs::GenericEmpty(false), Logs::DriverFailed()}), 5);
+    ExpectProbe(true, {Inquiry(path, {}), AtaIdentify(path, AtaData(diskModel, "R", "S"))},
+                Join({Logs::GenericEmpty(false), Logs::Driver(diskModel)}), 4);
+}
+
+TEST_F(DiskProbe, IdeDiskIsAskedTheAtaQuestionOnly)
+{
+    path = "/dev/hda";
+    ExpectProbe(false, {AtaIdentify(path, AtaData(diskModel, "R", "S"))}, Logs::Driver(diskModel), 4);
+    ExpectProbe(false, {AtaIdentify(path, {}, 5)}, Logs::DriverFailed(), 5);
+}
+
+TEST_F(DiskProbe, IdeDiskWithAtaInItsVendorTakesTheRevisionOfSysfs)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    path = "/dev/hda";
+    const std::string model = Padded("FUJATA MHT", 40);
+    PrivateSysBlock::Write("hda/device/firmware_rev", "SYSFS\n");
+    ListSysBlock({"hda"});
+    ExpectProbe(false, {AtaIdentify(path, AtaData(model, "R", "S"))},
+                Join({Logs::Driver(model), {L4("Entry  DataProxy::GetFirmwareVersionFile() ")}}), 4,
+                [](const BusDevice& device) { EXPECT_EQ("SYSFS\n", device.revision); });
+    ListSysBlock({});
+    ExpectProbe(false, {AtaIdentify(path, AtaData(model, "R", "S"))}, Join({Logs::Driver(model), Logs::NoFirmware()}),
+                4, [](const BusDevice& device) { EXPECT_EQ("R       ", device.revision); });
+}
+
+TEST_F(DiskProbe, AtaDiskFoundByTheAtaQuestionIsUpdatedToo)
+{
+    const std::string model = Padded("ATA DISK", 40);
+    ExpectProbe(true,
+                {Inquiry(path, {}, 5), AtaIdentify(path, AtaData(model, "R 1", "S")),
+                 AtaIdentify(path, AtaData("NEW MODEL", "R 2", "S"))},
+                Join({Logs::GenericFailed(false), Logs::Driver(model), update}), 4, [](const BusDevice& device) {
+                    EXPECT_EQ("R2", device.revision);
+                    EXPECT_EQ("NEW", device.productId);
+                });
+}
+
+// GetDeviceList
+
+class DeviceListTest : public DeviceTest {
+protected:
+    void SetUp() override
+    {
+        DeviceTest::SetUp();
+        ListSysBlock({});
+    }
+
+    template <class Proxy>
+    static void Expect(const std::vector<Step>& steps, const Lines& log, unsigned status, const Lines& records,
+                       bool sgLoaded = true)
+    {
+        for (const unsigned level : {4U, 3U, 1U, 0U}) {
+            SCOPED_TRACE("log level " + std::to_string(level));
+            Scripted<Proxy> proxy(steps);
+            proxy.SetSgLoaded(sgLoaded);
+            Trace::Take();
+            std::vector<SystemDevice> devices(1);
+            devices[0].vendor = "before";
+            Zendra::Log::SetMinLogLevel(level);
+            EXPECT_EQ(status, proxy.GetDeviceList(devices));
+            Zendra::Log::SetMinLogLevel(0);
+            EXPECT_EQ(AtLevel(level, Join({{L4("Entry DataProxy::GetDeviceList()")}, log})), Trace::Take());
+            EXPECT_EQ(Join({{Record("before", "", "", "", "", "", "", "", "")}, records}), Texts(devices));
+        }
+    }
+
+    static Lines Stored(const std::string& vendor, const std::string& product, const std::string& type,
+                        const std::string& serial, const std::string& revision, const std::string& numbers,
+                        const std::string& ident)
+    {
+        return {L4("DataProxy::StoreBusDev   vendor id: " + vendor + " productId: " + product + " deviceType: " + type +
+                   " serialNum: " + serial + " rev: " + revision + " " + numbers +
+                   " devId:   otherIdentInfo: " + ident + "\n")};
+    }
+    const Lines exit = {L4("Exit DataProxy::GetDeviceList()")};
+};
+
+TEST_F(DeviceListTest, ClassWithoutDeviceFilesAnswersNoneAndLeavesTheVector)
+{
+    ListDev({".", "..", "null", "tty0", "stdin", "stdout", "stderr"});
+    Expect<CDDVDProxy>({}, Logs::Scan(), 6, {});
+    Expect<TapeProxy>({}, Join({Logs::Scan(), Logs::Scan()}), 6, {});
+    Expect<PhysicalDriveProxy>({}, Join({Logs::Scan(), Logs::Scan(), Logs::Scan()}), 6, {});
+    Expect<SCSIProxy>({}, Logs::Scan(), 6, {}, true);
+    Expect<SCSIProxy>({}, Logs::Scan(), 6, {}, false);
+}
+
+TEST_F(DeviceListTest, UnreadableDevAnswersNone)
+{
+    Calls().directories["/dev/"].openError = EACCES;
+    const Lines scan = {L4("Entry  DataProxy::ScanDeviceFiles() ")};
+    Expect<CDDVDProxy>({}, scan, 6, {});
+    Expect<TapeProxy>({}, Join({scan, scan}), 6, {});
+    Expect<PhysicalDriveProxy>({}, Join({scan, scan, scan}), 6, {});
+    Expect<SCSIProxy>({}, scan, 6, {});
+}
+
+TEST_F(DeviceListTest, DevicesThatDoNotAnswerGiveOkAndNoRecord)
+{
+    ListDev({"sr0", "st0", "sda", "hda", "nvme0n1", "sg0"});
+    Expect<CDDVDProxy>({Inquiry("/dev/sr0", {}, 3), AtaIdentify("/dev/sr0", {}, 3)},
+                       Join({Logs::Scan({"sr0"}),
+                             {L4("Entry CDDVDProxy::GetDeviceInfo()")},
+                             Logs::GenericFailed(false),
+                             Logs::DriverFailed(),
+                             Logs::NoFirmware(),
+                             {L4("Exit CDDVDProxy::GetDeviceInfo()")},
+                             exit}),
+                       0, {});
+    Expect<TapeProxy>({Inquiry("/dev/st0", {}, 3), AtaIdentify("/dev/st0", {}, 3)},
+                      Join({Logs::Scan({"st0"}),
+                            {L4("Entry TapeProxy::GetDeviceInfo()")},
+                            Logs::GenericFailed(false),
+                            Logs::DriverFailed(),
+                            Logs::NoFirmware(),
+                            {L4("Exit TapeProxy::GetDeviceInfo()")},
+                            exit}),
+                      0, {});
+    Expect<SCSIProxy>({Inquiry("/dev/sg0", {}, 3)},
+                      Join({Logs::Scan({"sg0"}),
+                            {L4("Entry SCSIProxy::GetDeviceInfo()")},
+                            Logs::GenericFailed(true),
+                            {L4("GetGenericDeviceData() ret = 5")},
+                            Logs::NoFirmware()}),
+                      0, {});
+    Expect<PhysicalDriveProxy>(
+        {AtaIdentify("/dev/hda", {}, 5), Inquiry("/dev/sda", {}, 3), AtaIdentify("/dev/sda", {}, 3),
+         NvmeIdentify("/dev/nvme0n1", {}, 5)},
+        Join({Logs::Scan({"hda"}),
+              Logs::Scan({"sda"}),
+              Logs::Scan({"nvme0n1"}),
+              {L4("Entry PhysicalDriveProxy::GetDeviceInfo()")},
+              Logs::DriverFailed(),
+              {L4("Entry PhysicalDriveProxy::GetDeviceInfo()")},
+              Logs::GenericFailed(false),
+              Logs::DriverFailed(),
+              {L4("Entry PhysicalDriveProxy::GetNVMEInfo()"), L4("Exit PhysicalDriveProxy::GetNVMEInfo()")},
+              exit}),
+        0, {});
+}
+
+TEST_F(DeviceListTest, TapesWithModeVariantsAreListedOnceAndNstIsNotScanned)
+{
+    ListDev({"nst0a", "st0a", "st0", "st0l", "nst0", "st0m"});
+    Expect<TapeProxy>({Inquiry("/dev/st0", InquiryData(1, "HP", "Ultrium", "Z39W")), IdLun("/dev/st0", 0x03000001),
+                       BusNumber("/dev/st0", 3), SerialPage("/dev/st0", SerialPageData("HU1"))},
+                      Join({Logs::Scan({"st0"}),
+                            {L4("Entry TapeProxy::GetDeviceInfo()")},
+                            Logs::GenericEntry(false),
+                            Logs::AddressFromIoctls("Port:3|Target:1|Bus:0|Lun:0"),
+                            Logs::Serial("HU1"),
+                            Logs::GenericExit(),
+                            Logs::NoFirmware(),
+                            {L4("Exit TapeProxy::GetDeviceInfo()")},
+                            Stored("HP", "Ultrium", "Sequential Access Device", "HU1", "Z39W",
+                                   "host adapter: 3 target ID: 1 bus 0 lun 0", "Port:3|Target:1|Bus:0|Lun:0"),
+                            exit}),
+                      0, {Record("HP", "Ultrium", "Sequential Access Device", "HU1", "Z39W", "3", "1", "0", "0")});
+}
+
+TEST_F(DeviceListTest, NstNodesAreAllListedWhereThereIsNoSt)
+{
+    ListDev({"nst0", "nst0a", "stdin"});
+    std::vector<Step> steps;
+    Lines log = Join({Logs::Scan(), Logs::Scan({"nst0", "nst0a"})});
+    for (const char* path : {"/dev/nst0", "/dev/nst0a"}) {
+        for (const Step& step : {Inquiry(path, InquiryData(1, "HP", "Ultrium", "Z39W")), IdLun(path, 0x03000001),
+                                 BusNumber(path, 3), SerialPage(path, SerialPageData("HU1"))}) {
+            steps.push_back(step);
+        }
+        log = Join({log,
+                    {L4("Entry TapeProxy::GetDeviceInfo()")},
+                    Logs::GenericEntry(false),
+                    Logs::AddressFromIoctls("Port:3|Target:1|Bus:0|Lun:0"),
+                    Logs::Serial("HU1"),
+                    Logs::GenericExit(),
+                    Logs::NoFirmware(),
+                    {L4("Exit TapeProxy::GetDeviceInfo()")},
+                    Stored("HP", "Ultrium", "Sequential Access Device", "HU1", "Z39W",
+                           "host adapter: 3 target ID: 1 bus 0 lun 0", "Port:3|Target:1|Bus:0|Lun:0")});
+    }
+    const std::string record = Record("HP", "Ultrium", "Sequential Access Device", "HU1", "Z39W", "3", "1", "0", "0");
+    Expect<TapeProxy>(steps, Join({log, exit}), 0, {record, record});
+}
+
+TEST_F(DeviceListTest, DisksAreProbedIdeFirstThenSdThenNvmeWhateverTheOrderOfDev)
+{
+    ListDev({"nvme0n1", "nvme0", "sdb", "sda1", "hda1", "hda", "nvme0n1p1", "sda"});
+    const std::string ident = "Port:0|Target:0|Bus:0|Lun:0";
+    const std::string zeros = "host adapter: 0 target ID: 0 bus 0 lun 0";
+    std::vector<Step> steps = {AtaIdentify("/dev/hda1", {}, 5),
+                               AtaIdentify("/dev/hda", AtaData("IBM DJNA", "J51OA30K", "GM0"))};
+    for (const char* path : {"/dev/sdb", "/dev/sda"}) {
+        for (const Step& step : {Inquiry(path, InquiryData(0, "SEAGATE", "ST3300657SS", "0008")), IdLun(path, 0),
+                                 BusNumber(path, 0), SerialPage(path, SerialPageData(path))}) {
+            steps.push_back(step);
+        }
+    }
+    steps.push_back(NvmeIdentify("/dev/nvme0n1", NvmeData("deadbeef", "QEMU NVMe Ctrl", "8.2.2")));
+
+    const Lines disk = {L4("Entry PhysicalDriveProxy::GetDeviceInfo()")};
+    Lines log = Join({Logs::Scan({"hda1", "hda"}), Logs::Scan({"sdb", "sda"}), Logs::Scan({"nvme0n1"}), disk,
+                      Logs::DriverFailed(), disk, Logs::Driver(Padded("IBM DJNA", 40)),
+                      Stored("IBM", "DJNA", "", Padded("GM0", 20), "J51OA30K", zeros, ident)});
+    Lines records = {Record("IBM", "DJNA", "", Padded("GM0", 20), "J51OA30K", "0", "0", "0", "0")};
+    for (const char* path : {"/dev/sdb", "/dev/sda"}) {
+        log = Join({log, disk, Logs::GenericEntry(false), Logs::AddressFromIoctls(ident), Logs::Serial(path),
+                    Logs::GenericExit(),
+                    Stored("SEAGATE", "ST3300657SS", "Direct Access Device", path, "0008", zeros, ident)});
+        records.push_back(Record("SEAGATE", "ST3300657SS", "Direct Access Device", path, "0008", "0", "0", "0", "0"));
+    }
+    log = Join({log,
+                {L4("Entry PhysicalDriveProxy::GetNVMEInfo()"), L4("Exit PhysicalDriveProxy::GetNVMEInfo()")},
+                Stored("NVMe", Padded("QEMU NVMe Ctrl", 39), "Direct Access Device", Padded("deadbeef", 19), "8.2.2   ",
+                       zeros, ""),
+                exit});
+    records.push_back(Record("NVMe", Padded("QEMU NVMe Ctrl", 39), "Direct Access Device", Padded("deadbeef", 19),
+                             "8.2.2   ", "0", "0", "0", "0"));
+    Expect<PhysicalDriveProxy>(steps, log, 0, records);
+}
+
+TEST_F(DeviceListTest, EachOfTheThreeDiskPrefixesAloneIsEnoughForOk)
+{
+    const Lines disk = {L4("Entry PhysicalDriveProxy::GetDeviceInfo()")};
+    ListDev({"hda"});
+    Expect<PhysicalDriveProxy>(
+        {AtaIdentify("/dev/hda", {}, 5)},
+        Join({Logs::Scan({"hda"}), Logs::Scan(), Logs::Scan(), disk, Logs::DriverFailed(), exit}), 0, {});
+    ListDev({"sda"});
+    Expect<PhysicalDriveProxy>({Inquiry("/dev/sda", {}, 5), AtaIdentify("/dev/sda", {}, 5)},
+                               Join({Logs::Scan(), Logs::Scan({"sda"}), Logs::Scan(), disk, Logs::GenericFailed(false),
+                                     Logs::DriverFailed(), exit}),
+                               0, {});
+    ListDev({"nvme10"});
+    Expect<PhysicalDriveProxy>(
+        {NvmeIdentify("/dev/nvme10", {}, 5)},
+        Join({Logs::Scan(),
+              Logs::Scan(),
+              Logs::Scan({"nvme10"}),
+              {L4("Entry PhysicalDriveProxy::GetNVMEInfo()"), L4("Exit PhysicalDriveProxy::GetNVMEInfo()")},
+              exit}),
+        0, {});
+}
+
+TEST_F(DeviceListTest, RecordIsResetBeforeEachFile)
+{
+    ListDev({"sg0", "sg1"});
+    const std::string first = "Port:2|Target:1|Bus:0|Lun:3";
+    const std::string second = "Port:0|Target:0|Bus:0|Lun:0";
+    Bytes bare = InquiryData(5, "V", "P", "");
+    bare[32] = 0;
+    Expect<SCSIProxy>({Inquiry("/dev/sg0", InquiryData(0, "SEAGATE", "ST3300657SS", "0008")),
+                       ScsiId("/dev/sg0", 2, 0, 1, 3), SerialPage("/dev/sg0", SerialPageData("3SJ0")),
+                       Inquiry("/dev/sg1", bare), ScsiId("/dev/sg1", 9, 9, 9, 9, 5)},
+                      Join({Logs::Scan({"sg0", "sg1"}),
+                            {L4("Entry SCSIProxy::GetDeviceInfo()")},
+                            Logs::GenericEntry(true),
+                            Logs::AddressFromSg(first),
+                            Logs::Serial("3SJ0"),
+                            Logs::GenericExit(),
+                            {L4("GetGenericDeviceData() ret = 4")},
+                            Logs::NoFirmware(),
+                            Stored("SEAGATE", "ST3300657SS", "Direct Access Device", "3SJ0", "0008",
+                                   "host adapter: 2 target ID: 1 bus 0 lun 3", first),
+                            {L4("Entry SCSIProxy::GetDeviceInfo()")},
+                            Logs::GenericEntry(true),
+                            Logs::AddressFromSgFailed("5"),
+                            Logs::GenericExit(),
+                            {L4("GetGenericDeviceData() ret = 4")},
+                            Logs::NoFirmware(),
+                            Stored("V", "P", "CD-ROM Device", "", "", "host adapter: 0 target ID: 0 bus 0 lun 0", "")}),
+                      0,
+                      {Record("SEAGATE", "ST3300657SS", "Direct Access Device", "3SJ0", "0008", "2", "1", "0", "3"),
+                       Record("V", "P", "CD-ROM Device", "", "", "0", "0", "0", "0")});
+}
+
+TEST_F(DeviceListTest, WithoutTheSgModuleTheSdNodesAreAskedAndEachStatusIsLoggedAfterItsProbe)
+{
+    ListDev({"sg0", "sda", "sda1", "sdb"});
+    const Lines probe = {L4("Entry SCSIProxy::GetDeviceInfo()")};
+    Expect<SCSIProxy>({AtaIdentify("/dev/sda", AtaData("A B", "R", "S")), AtaIdentify("/dev/sdb", {}, 5)},
+                      Join({Logs::Scan({"sda", "sdb"}),
+                            probe,
+                            Logs::Driver(Padded("A B", 40)),
+                            Logs::NoFirmware(),
+                            {L4("GetDriverData() ret = 4")},
+                            Stored("A", "B", "", Padded("S", 20), "R       ",
+                                   "host adapter: 0 target ID: 0 bus 0 lun 0", "Port:0|Target:0|Bus:0|Lun:0"),
+                            probe,
+                            Logs::DriverFailed(),
+                            Logs::NoFirmware(),
+                            {L4("GetDriverData() ret = 5")}}),
+                      0, {Record("A", "B", "", Padded("S", 20), "R       ", "0", "0", "0", "0")}, false);
+}
+
+TEST_F(DeviceListTest, FailureOfOneDeviceDoesNotEndTheList)
+{
+    ListDev({"sr0", "sr1"});
+    Expect<CDDVDProxy>({Inquiry("/dev/sr0", {}, 5), AtaIdentify("/dev/sr0", {}, 5),
+                        Inquiry("/dev/sr1", InquiryData(5, "HL-DT-ST", "DVDRAM", "1.00")),
+                        IdLun("/dev/sr1", 0x01000000), BusNumber("/dev/sr1", 1)},
+                       Join({Logs::Scan({"sr0", "sr1"}),
+                             {L4("Entry CDDVDProxy::GetDeviceInfo()")},
+                             Logs::GenericFailed(false),
+                             Logs::DriverFailed(),
+                             Logs::NoFirmware(),
+                             {L4("Exit CDDVDProxy::GetDeviceInfo()"), L4("Entry CDDVDProxy::GetDeviceInfo()")},
+                             Logs::GenericEntry(false),
+                             Logs::AddressFromIoctls("Port:1|Target:0|Bus:0|Lun:0"),
+                             Logs::GenericExit(),
+                             Logs::NoFirmware(),
+                             {L4("Exit CDDVDProxy::GetDeviceInfo()")},
+                             Stored("HL-DT-ST", "DVDRAM", "CD-ROM Device", "", "1.00",
+                                    "host adapter: 1 target ID: 0 bus 0 lun 0", "Port:1|Target:0|Bus:0|Lun:0"),
+                             exit}),
+                       0, {Record("HL-DT-ST", "DVDRAM", "CD-ROM Device", "", "1.00", "1", "0", "0", "0")});
+}
+
+TEST_F(DeviceListTest, EachDeviceOfAListGetsTheRevisionOfItsOwnEntry)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::Write("sr0/device/rev", "zero\n");
+    PrivateSysBlock::Write("sr1/device/firmware_rev", "one\n");
+    ListSysBlock({".", "..", "sr1", "sr0"});
+    ListDev({"sr0", "sr1", "sr2"});
+    std::vector<Step> steps;
+    for (const char* path : {"/dev/sr0", "/dev/sr1", "/dev/sr2"}) {
+        for (const Step& step : {Inquiry(path, InquiryData(5, "V", "P", "inq")), IdLun(path, 0), BusNumber(path, 0)}) {
+            steps.push_back(step);
+        }
+    }
+    for (int call = 0; call < 2; ++call) {
+        Scripted<CDDVDProxy> proxy(steps);
+        std::vector<SystemDevice> devices;
+        EXPECT_EQ(0U, proxy.GetDeviceList(devices));
+        EXPECT_EQ((Lines{Record("V", "P", "CD-ROM Device", "", "zero", "0", "0", "0", "0"),
+                         Record("V", "P", "CD-ROM Device", "", "one", "0", "0", "0", "0"),
+                         Record("V", "P", "CD-ROM Device", "", "inq ", "0", "0", "0", "0")}),
+                  Texts(devices));
+    }
+    // What /sys/block held is not remembered beyond a call.
+    ListSysBlock({});
+    Scripted<CDDVDProxy> proxy(steps);
+    std::vector<SystemDevice> devices;
+    EXPECT_EQ(0U, proxy.GetDeviceList(devices));
+    ASSERT_EQ(3U, devices.size());
+    EXPECT_EQ("inq ", devices[0].firmware_revision);
+}
+
+TEST_F(DeviceListTest, UnreadableSysBlockLeavesTheRevisionOfEveryDevice)
+{
+    Calls().directories["/sys/block/"].openError = EACCES;
+    ListDev({"sg0", "sg1"});
+    Lines log = Logs::Scan({"sg0", "sg1"});
+    std::vector<Step> steps;
+    Lines records;
+    for (const char* path : {"/dev/sg0", "/dev/sg1"}) {
+        steps.push_back(Inquiry(path, InquiryData(5, "V", "P", "inq")));
+        steps.push_back(ScsiId(path, 0, 0, 0, 1));
+        log = Join({log,
+                    {L4("Entry SCSIProxy::GetDeviceInfo()")},
+                    Logs::GenericEntry(true),
+                    Logs::AddressFromSg("Port:0|Target:0|Bus:0|Lun:1"),
+                    Logs::GenericExit(),
+                    {L4("GetGenericDeviceData() ret = 4"), L4("Entry  DataProxy::GetFirmwareVersionFile() ")},
+                    Stored("V", "P", "CD-ROM Device", "", "inq ", "host adapter: 0 target ID: 0 bus 0 lun 1",
+                           "Port:0|Target:0|Bus:0|Lun:1")});
+        records.push_back(Record("V", "P", "CD-ROM Device", "", "inq ", "0", "0", "0", "1"));
+    }
+    Expect<SCSIProxy>(steps, log, 0, records);
+}
+
+TEST_F(DeviceListTest, WithoutOperatorEveryDeviceIsDropped)
+{
+    ListDev({"sg0", "sr0", "sda", "nvme0n1", "st0"});
+    std::vector<SystemDevice> devices;
+    Scripted<SCSIProxy> generic;
+    generic.Use(nullptr);
+    EXPECT_EQ(0U, generic.GetDeviceList(devices));
+    Scripted<CDDVDProxy> optical;
+    optical.Use(nullptr);
+    EXPECT_EQ(0U, optical.GetDeviceList(devices));
+    Scripted<TapeProxy> tape;
+    tape.Use(nullptr);
+    EXPECT_EQ(0U, tape.GetDeviceList(devices));
+    Scripted<PhysicalDriveProxy> disk;
+    disk.Use(nullptr);
+    EXPECT_EQ(0U, disk.GetDeviceList(devices));
+    EXPECT_EQ(Lines(), Texts(devices));
+}
+
+}  // namespace

@@ -1,0 +1,407 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/logger/log.h"
+#include "module/osinfos/systemdevice/dataProxy_linux.h"
+#include "support/allocations.h"
+#include "support/deviceTest.h"
+#include "support/expectedLogs.h"
+#include "support/privateSysBlock.h"
+#include "support/scriptedOperator.h"
+
+namespace {
+
+using namespace Zendra::ZDSystemDevice;
+using namespace ZendraTest;
+
+const Lines entry = {L4("Entry  DataProxy::GetFirmwareVersionFile() ")};
+const Lines entryAndExit = Logs::NoFirmware();
+
+// The directory of sysfs
+
+class FirmwarePath : public DeviceTest {
+protected:
+    void Expect(const std::string& path, const std::string& expected, const Lines& log)
+    {
+        Trace::Take();
+        ExpectTraceAtEveryLevel(log, [&] { EXPECT_EQ(expected, Proxy().GetFirmwareVersionFilePath(path)); });
+    }
+
+    void SetUp() override
+    {
+        DeviceTest::SetUp();
+        owned = std::make_unique<Scripted<TapeProxy>>();
+    }
+    void TearDown() override
+    {
+        owned.reset();
+        DeviceTest::TearDown();
+    }
+    TapeProxy& Proxy() { return *owned; }
+
+private:
+    std::unique_ptr<Scripted<TapeProxy>> owned;
+};
+
+TEST_F(FirmwarePath, EntryOfTheSameNameIsFoundWithoutAnExitLine)
+{
+    ListSysBlock({".", "..", "sda", "sr0"});
+    Expect("/dev/sr0", "/sys/block/sr0/", entry);
+    Expect("/dev/sda", "/sys/block/sda/", entry);
+}
+
+TEST_F(FirmwarePath, DeviceWithoutAnEntryLogsTheExitLine)
+{
+    ListSysBlock({".", "..", "sda", "sr0", "nvme0n1"});
+    Expect("/dev/st0", "", entryAndExit);
+    Expect("/dev/nst0", "", entryAndExit);
+    Expect("/dev/sd", "", entryAndExit);
+}
+
+TEST_F(FirmwarePath, EmptyDirectoryLogsTheExitLine)
+{
+    ListSysBlock({});
+    Expect("/dev/sda", "", entryAndExit);
+}
+
+TEST_F(FirmwarePath, UnreadableDirectoryGivesNothingAndNoExitLine)
+{
+    Calls().directories["/sys/block/"].openError = EACCES;
+    Expect("/dev/sda", "", entry);
+}
+
+TEST_F(FirmwarePath, FirstEntryContainedInTheNameWinsInDirectoryOrder)
+{
+    ListSysBlock({"sda", "sdab"});
+    Expect("/dev/sdab", "/sys/block/sda/", entry);
+    ListSysBlock({"sdab", "sda"});
+    Expect("/dev/sdab", "/sys/block/sdab/", entry);
+    Expect("/dev/sda", "/sys/block/sda/", entry);
+}
+
+TEST_F(FirmwarePath, EntryMayStandAnywhereInTheName)
+{
+    ListSysBlock({"st0"});
+    Expect("/dev/nst0", "/sys/block/st0/", entry);
+    Expect("/dev/nst0a", "/sys/block/st0/", entry);
+    ListSysBlock({"d"});
+    Expect("/dev/sda", "/sys/block/d/", entry);
+}
+
+TEST_F(FirmwarePath, NameContainedInTheEntryIsNoMatch)
+{
+    ListSysBlock({"sdaa", "nvme0n1"});
+    Expect("/dev/sda", "", entryAndExit);
+    Expect("/dev/nvme0", "", entryAndExit);
+}
+
+TEST_F(FirmwarePath, ComparisonIsCaseSensitive)
+{
+    ListSysBlock({"SDA"});
+    Expect("/dev/sda", "", entryAndExit);
+}
+
+TEST_F(FirmwarePath, DotEntriesAreEntriesLikeOthers)
+{
+    ListSysBlock({".", "..", "sd.a"});
+    Expect("/dev/sd.a", "/sys/block/./", entry);
+}
+
+TEST_F(FirmwarePath, FirstFiveCharactersAreRemovedWhateverTheyAre)
+{
+    ListSysBlock({"sda"});
+    Expect("12345sda", "/sys/block/sda/", entry);
+    Expect("/DEV/sda", "/sys/block/sda/", entry);
+    Expect("/dev/disk/sda", "/sys/block/sda/", entry);
+    Expect("sda45", "", entryAndExit);
+}
+
+TEST_F(FirmwarePath, PathOfFiveCharactersMatchesNothing)
+{
+    ListSysBlock({".", "..", "sda"});
+    Expect("/dev/", "", entryAndExit);
+}
+
+TEST_F(FirmwarePath, PathShorterThanFiveCharactersIsOutOfRange)
+{
+    ListSysBlock({"sda"});
+    for (const char* path : {"", "/", "/dev"}) {
+        SCOPED_TRACE(path);
+        ExpectTraceAtEveryLevel(entry, [&] {
+            try {
+                Proxy().GetFirmwareVersionFilePath(path);
+                ADD_FAILURE() << "no exception";
+            } catch (const std::out_of_range& error) {
+                EXPECT_NE(std::string::npos, std::string(error.what()).find("basic_string::substr")) << error.what();
+            }
+            EXPECT_THROW(
+                {
+                    Zendra::Log::SetMinLogLevel(0);
+                    Proxy().GetFirmwareVersionFromFile(path);
+                },
+                std::out_of_range);
+        });
+    }
+}
+
+TEST_F(FirmwarePath, DirectoryStreamIsClosedOnEveryWay)
+{
+    ListSysBlock({"sda"});
+    Proxy().GetFirmwareVersionFilePath("/dev/sda");
+    EXPECT_EQ(1, Calls().directoriesOpened);
+    EXPECT_EQ(1, Calls().directoriesClosed);
+    Proxy().GetFirmwareVersionFilePath("/dev/st0");
+    EXPECT_EQ(2, Calls().directoriesOpened);
+    EXPECT_EQ(2, Calls().directoriesClosed);
+}
+
+TEST_F(FirmwarePath, DirectoryStreamIsClosedWhenMemoryRunsOut)
+{
+    ListSysBlock({"an entry with a name that needs memory of its own", "another one of the same kind", "sda"});
+    bool completed = false;
+    for (std::size_t after = 0; !completed && after < 200; ++after) {
+        Calls().directoriesOpened = 0;
+        Calls().directoriesClosed = 0;
+        Allocations::FailAfter(after);
+        try {
+            Proxy().GetFirmwareVersionFilePath("/dev/a-device-name-longer-than-any-short-text-sda");
+            completed = !Allocations::StopFailing();
+        } catch (const std::bad_alloc&) {
+            EXPECT_TRUE(Allocations::StopFailing());
+        }
+        EXPECT_EQ(Calls().directoriesOpened, Calls().directoriesClosed);
+    }
+    EXPECT_TRUE(completed);
+}
+
+// The files of sysfs
+
+class FirmwareFile : public DeviceTest {
+protected:
+    void Expect(const std::string& path, const std::string& expected, const Lines& log)
+    {
+        ExpectTraceAtEveryLevel(log, [&] { EXPECT_EQ(expected, Proxy().GetFirmwareVersionFromFile(path)); });
+    }
+
+    static std::string Failed(const std::string& file)
+    {
+        return L1("Fail in get firmware version from /sys/block/" + file + ".");
+    }
+
+    void SetUp() override
+    {
+        DeviceTest::SetUp();
+        owned = std::make_unique<Scripted<CDDVDProxy>>();
+    }
+    void TearDown() override
+    {
+        owned.reset();
+        DeviceTest::TearDown();
+    }
+    CDDVDProxy& Proxy() { return *owned; }
+
+private:
+    std::unique_ptr<Scripted<CDDVDProxy>> owned;
+};
+
+TEST_F(FirmwareFile, FirmwareRevIsReadWithItsLineFeed)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::Write("sda/device/firmware_rev", "1A01\n");
+    PrivateSysBlock::Write("sda/device/rev", "other\n");
+    ListSysBlock({"sda"});
+    Trace::Take();
+    Expect("/dev/sda", "1A01\n", entry);
+}
+
+TEST_F(FirmwareFile, RevIsReadWhereFirmwareRevIsMissingAndTheMissingFileIsLogged)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::Write("sr0/device/rev", "1.00\n");
+    ListSysBlock({"sr0"});
+    Trace::Take();
+    Expect("/dev/sr0", "1.00\n", Join({entry, {Failed("sr0/device/firmware_rev")}}));
+}
+
+TEST_F(FirmwareFile, BothFilesMissingLeaveTwoLines)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::MakeDirectory("sr0/device");
+    ListSysBlock({"sr0"});
+    Trace::Take();
+    Expect("/dev/sr0", "", Join({entry, {Failed("sr0/device/firmware_rev"), Failed("sr0/device/rev")}}));
+}
+
+TEST_F(FirmwareFile, NoEntryOpensNoFile)
+{
+    ListSysBlock({});
+    Trace::Take();
+    Expect("/dev/st0", "", entryAndExit);
+}
+
+TEST_F(FirmwareFile, FilesOfTheEntryThatWonAreRead)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::Write("sda/device/firmware_rev", "of sda\n");
+    PrivateSysBlock::Write("sdab/device/firmware_rev", "of sdab\n");
+    ListSysBlock({"sda", "sdab"});
+    Trace::Take();
+    Expect("/dev/sdab", "of sda\n", entry);
+}
+
+TEST_F(FirmwareFile, EmptyFirmwareRevIsTheAnswer)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::Write("sda/device/firmware_rev", "");
+    PrivateSysBlock::Write("sda/device/rev", "other\n");
+    ListSysBlock({"sda"});
+    Trace::Take();
+    Expect("/dev/sda", "", entry);
+}
+
+TEST_F(FirmwareFile, FileThatOpensButCannotBeReadGivesNothing)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    PrivateSysBlock::MakeDirectory("sda/device/firmware_rev");
+    PrivateSysBlock::Write("sda/device/rev", "other\n");
+    ListSysBlock({"sda"});
+    Trace::Take();
+    Expect("/dev/sda", "", entry);
+}
+
+TEST_F(FirmwareFile, EveryByteOfTheFileIsKept)
+{
+    REQUIRE_PRIVATE_SYS_BLOCK();
+    std::string content = "  1.0 \n\n\t2\r\n";
+    content += '\0';
+    content += "\xff\x80 end without a line feed";
+    content += std::string(100000, 'x');
+    PrivateSysBlock::Write("sda/device/firmware_rev", content);
+    ListSysBlock({"sda"});
+    Trace::Take();
+    Expect("/dev/sda", content, entry);
+}
+
+// ATA IDENTIFY DEVICE for sd disks
+
+class AtaUpdate : public DeviceTest {
+protected:
+    struct Updated {
+        std::string revision;
+        std::string product;
+    };
+
+    static Updated Update(const std::string& model, const std::string& revision)
+    {
+        Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", AtaData(model, revision, "SERIAL"))});
+        BusDevice device;
+        device.vendorId = "ATA";
+        device.serialNum = "kept";
+        device.hostAdapter = 7;
+        EXPECT_EQ(4U, proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
+        EXPECT_EQ("ATA", device.vendorId);
+        EXPECT_EQ("kept", device.serialNum);
+        EXPECT_EQ(7, device.hostAdapter);
+        EXPECT_EQ("", device.shortIdent);
+        EXPECT_EQ("", device.otherIdentInfo);
+        return {device.revision, device.productId};
+    }
+};
+
+TEST_F(AtaUpdate, LogsItsEntryOnly)
+{
+    for (const int status : {4, 5, 3}) {
+        for (const unsigned level : {4U, 3U, 1U, 0U}) {
+            Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", AtaData("M", "R", "S"), status)});
+            Trace::Take();
+            Zendra::Log::SetMinLogLevel(level);
+            BusDevice device;
+            EXPECT_EQ(static_cast<unsigned>(status), proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
+            Zendra::Log::SetMinLogLevel(0);
+            EXPECT_EQ(AtLevel(level, {L4("Entry  UpdateFirmwareVersionForSdDisk() ")}), Trace::Take());
+        }
+    }
+}
+
+TEST_F(AtaUpdate, EveryBlankOfTheRevisionIsDeleted)
+{
+    EXPECT_EQ("1A01", Update("M", "1A01    ").revision);
+    EXPECT_EQ("1A01", Update("M", " 1A 01  ").revision);
+    EXPECT_EQ("12345678", Update("M", "12345678").revision);
+    EXPECT_EQ("", Update("M", "        ").revision);
+    EXPECT_EQ("1\t2", Update("M", "1\t2 ").revision);
+}
+
+TEST_F(AtaUpdate, RevisionEndsAtItsFirstZeroByte)
+{
+    EXPECT_EQ("1A", Update("M", std::string("1A\0BCDEF", 8)).revision);
+    EXPECT_EQ("", Update("M", std::string("\0ABCDEFG", 8)).revision);
+}
+
+TEST_F(AtaUpdate, ModelKeepsItsFirstWordOnly)
+{
+    EXPECT_EQ("WDC", Update("WDC WD5000AAKX-001CA0", "R").product);
+    EXPECT_EQ("ST3500418AS", Update("ST3500418AS", "R").product);
+    EXPECT_EQ("", Update(" LEADING", "R").product);
+    EXPECT_EQ("", Update("", "R").product);
+    EXPECT_EQ("TAB\tNO", Update("TAB\tNO CUT", "R").product);
+}
+
+TEST_F(AtaUpdate, ModelOf40CharactersIsKeptWhole)
+{
+    const std::string model = "0123456789012345678901234567890123456789";
+    EXPECT_EQ(model, Update(model, "R").product);
+}
+
+TEST_F(AtaUpdate, ModelEndsAtItsFirstZeroByte)
+{
+    EXPECT_EQ("AB", Update(std::string("AB\0CD EF", 8), "R").product);
+}
+
+TEST_F(AtaUpdate, BytesAroundTheTextsAreNotTaken)
+{
+    Bytes answer(512, 'x');
+    const Bytes texts = AtaData("MODEL", "REV", "SERIAL");
+    std::copy(texts.begin() + 46, texts.begin() + 94, answer.begin() + 46);
+    Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", answer)});
+    BusDevice device;
+    EXPECT_EQ(4U, proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
+    EXPECT_EQ("REV", device.revision);
+    EXPECT_EQ("MODEL", device.productId);
+}
+
+TEST_F(AtaUpdate, FailureIsReturnedAndChangesNothing)
+{
+    for (const int status : {3, 5, 0, 2}) {
+        Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", AtaData("M", "R", "S"), status)});
+        BusDevice device;
+        device.revision = "old";
+        device.productId = "old too";
+        EXPECT_EQ(static_cast<unsigned>(status), proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
+        EXPECT_EQ("old", device.revision);
+        EXPECT_EQ("old too", device.productId);
+    }
+}
+
+TEST_F(AtaUpdate, WithoutOperatorItFailsAndChangesNothing)
+{
+    Scripted<PhysicalDriveProxy> proxy;
+    proxy.Use(nullptr);
+    BusDevice device;
+    device.revision = "old";
+    Trace::Take();
+    ExpectTraceAtEveryLevel({L4("Entry  UpdateFirmwareVersionForSdDisk() ")}, [&] {
+        EXPECT_EQ(5U, proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
+        EXPECT_EQ("old", device.revision);
+    });
+}
+
+}  // namespace

@@ -1,0 +1,175 @@
+#include "support/allocations.h"
+
+#include <cstdlib>
+#include <limits>
+#include <new>
+
+namespace ZendraTest {
+namespace Allocations {
+
+namespace {
+
+constexpr std::size_t never = std::numeric_limits<std::size_t>::max();
+
+struct State {
+    Count count;
+    long live = 0;
+    std::size_t failSize = never;
+    std::size_t failAfter = never;
+    bool failed = false;
+    std::size_t watchSize = never;
+    void* watched = nullptr;
+    int pauses = 0;
+};
+
+thread_local State state;
+
+}  // namespace
+
+Count SoFar()
+{
+    return state.count;
+}
+
+long Live()
+{
+    return state.live;
+}
+
+void FailNextOfSize(std::size_t size)
+{
+    state.failed = false;
+    state.failSize = size;
+}
+
+void FailAfter(std::size_t count)
+{
+    state.failed = false;
+    state.failAfter = count;
+}
+
+bool StopFailing()
+{
+    state.failSize = never;
+    state.failAfter = never;
+    return state.failed;
+}
+
+Pause::Pause()
+{
+    ++state.pauses;
+}
+
+Pause::~Pause()
+{
+    --state.pauses;
+}
+
+void WatchNextOfSize(std::size_t size)
+{
+    state.watchSize = size;
+    state.watched = nullptr;
+}
+
+void* Watched()
+{
+    return state.watched;
+}
+
+static void* Allocate(std::size_t size)
+{
+    const bool counts = state.pauses == 0;
+    if (counts && size == state.failSize) {
+        state.failSize = never;
+        state.failed = true;
+        return nullptr;
+    }
+    if (counts && state.failAfter != never && state.failAfter-- == 0) {
+        state.failAfter = never;
+        state.failed = true;
+        return nullptr;
+    }
+    void* const block = std::malloc(size != 0 ? size : 1);
+    if (block != nullptr) {
+        state.count.calls += counts ? 1 : 0;
+        state.count.bytes += counts ? size : 0;
+        ++state.live;
+        if (counts && size == state.watchSize) {
+            state.watchSize = never;
+            state.watched = block;
+        }
+    }
+    return block;
+}
+
+static void Release(void* block)
+{
+    if (block == nullptr) {
+        return;
+    }
+    --state.live;
+    if (block == state.watched) {
+        state.watched = nullptr;
+    }
+    std::free(block);
+}
+
+}  // namespace Allocations
+}  // namespace ZendraTest
+
+using ZendraTest::Allocations::Allocate;
+using ZendraTest::Allocations::Release;
+
+void* operator new(std::size_t size)
+{
+    void* const block = Allocate(size);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
+}
+
+void* operator new[](std::size_t size)
+{
+    return operator new(size);
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return Allocate(size);
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
+{
+    return Allocate(size);
+}
+
+void operator delete(void* block) noexcept
+{
+    Release(block);
+}
+
+void operator delete[](void* block) noexcept
+{
+    Release(block);
+}
+
+void operator delete(void* block, std::size_t) noexcept
+{
+    Release(block);
+}
+
+void operator delete[](void* block, std::size_t) noexcept
+{
+    Release(block);
+}
+
+void operator delete(void* block, const std::nothrow_t&) noexcept
+{
+    Release(block);
+}
+
+void operator delete[](void* block, const std::nothrow_t&) noexcept
+{
+    Release(block);
+}
