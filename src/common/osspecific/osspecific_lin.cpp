@@ -597,11 +597,6 @@ std::uint16_t GetAvailablePort(const std::string& address)
     target.sin_addr.s_addr = inet_addr(address.c_str());
 
     const auto canBind = [probe, &target](std::uint16_t port) {
-        // Linux would bind to the broadcast address, which is also what inet_addr() makes of a text that is no
-        // address. Nobody can listen there, so it is not tried.
-        if (target.sin_addr.s_addr == INADDR_NONE) {
-            return false;
-        }
         target.sin_port = htons(port);
         return bind(probe, reinterpret_cast<const sockaddr*>(&target), sizeof target) == 0;
     };

@@ -241,9 +241,10 @@ ZENDRA_EXPORT int DetectHostnameAvailable(std::string hostname, std::string seco
  * Does not block, but a search over a host with every port taken makes 64513 attempts. The port is free at the
  * moment of the probe only: nothing reserves it.
  *
- * @param address IPv4 address in dotted notation, of this host.
- * @return the port. 65535 too when none can be bound, be it that `address` is no address or not this host's; in
- *         that case, and in that case only, the probe's socket (close-on-exec, not bound) stays open.
+ * @param address IPv4 address in dotted notation, of this host. A text that is no address stands for
+ *        255.255.255.255, which Linux lets a socket bind to.
+ * @return the port. 65535 too when none can be bound, be it that `address` is not this host's; in that case, and
+ *         in that case only, the probe's socket (close-on-exec, not bound) stays open.
  */
 ZENDRA_EXPORT std::uint16_t GetAvailablePort(const std::string& address);
 

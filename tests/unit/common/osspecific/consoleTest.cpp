@@ -53,7 +53,7 @@ public:
         EXPECT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
         // Before there is a process that could change them.
         EXPECT_EQ(tcgetattr(master, &initial), 0);
-        std::fflush(nullptr);
+        static_cast<void>(std::fflush(nullptr));
         process = fork();
         if (process == 0) {
             close(master);

@@ -150,6 +150,7 @@ TEST(SpawnDescriptors, AreRightWhicheverOfTheThreeStandardOnesTheCallerHasClosed
             RunIsolated([&] {
                 const std::string trace = " with these of 0, 1 and 2 closed (bits): " + std::to_string(closed);
                 std::vector<int> saved;
+                saved.reserve(3);
                 for (int number = 0; number < 3; ++number) {
                     saved.push_back(fcntl(number, F_DUPFD_CLOEXEC, 10));
                 }
@@ -217,6 +218,7 @@ TEST(SpawnDescriptors, OfOneThreadsPipeAreNotInheritedByTheChildrenOfAnother)
     const auto inherited = InheritableDescriptors();
     std::vector<std::string> outputs[threadCount];
     std::vector<std::thread> threads;
+    threads.reserve(threadCount);
     for (int t = 0; t < threadCount; ++t) {
         threads.emplace_back([&outputs, t] {
             for (int i = 0; i < spawnsEach; ++i) {
@@ -231,8 +233,9 @@ TEST(SpawnDescriptors, OfOneThreadsPipeAreNotInheritedByTheChildrenOfAnother)
     }
     for (int t = 0; t < threadCount; ++t) {
         ASSERT_EQ(outputs[t].size(), std::size_t{spawnsEach});
+        const std::string argument = "arg <" + std::to_string(t) + ">";
         for (const std::string& output : outputs[t]) {
-            EXPECT_NE(output.find("arg <" + std::to_string(t) + ">"), std::string::npos) << output;
+            EXPECT_NE(output.find(argument), std::string::npos) << output;
             ExpectChildsView(DescriptorsIn(output), inherited, "");
         }
     }
@@ -388,17 +391,17 @@ TEST(SpawnProcesses, ThatMustNotBeMadeMakeSpawnProcessInFailAndLoseNothing)
     RunIsolated([] {
         ForbidProcesses();
         for (const unsigned level : {4U, 3U, 1U, 0U}) {
+            const std::string opening = "4|tryflag == 1, OSSpecific::SpawnProcess calling program\n"
+                                        "with parameters: program a \nwith environment vars: ";
             LogRecorder log(level);
             const auto before = OpenDescriptors();
             std::string output = "before";
             EXPECT_EQ(Spawn(Function::In, "program", {"a"}, output), -1);
             EXPECT_EQ(output, "before");
-            EXPECT_EQ(log.Own(),
-                      UpTo(level, {"4|tryflag == 1, OSSpecific::SpawnProcess calling program\nwith parameters: "
-                                   "program a \nwith environment vars: ",
-                                   "4|Enter else for pid == 0! ", "4|*output_ptr == before, appended buffer == ",
-                                   "1|SpawnProcess - Child process exited abnormally!",
-                                   "3|SpawnProcess() program Returned:before"}));
+            EXPECT_EQ(log.Own(), UpTo(level, {opening, "4|Enter else for pid == 0! ",
+                                              "4|*output_ptr == before, appended buffer == ",
+                                              "1|SpawnProcess - Child process exited abnormally!",
+                                              "3|SpawnProcess() program Returned:before"}));
             EXPECT_EQ(OpenDescriptors(), before);
         }
     });

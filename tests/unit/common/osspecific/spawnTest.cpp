@@ -267,7 +267,7 @@ TEST(BasicSpawn, WithAnotherNegativeTimeoutFailsInSelectAndLeavesTheChild)
 TEST(BasicSpawn, UnderAnIgnoredSigchldFailsInTheWait)
 {
     RunIsolated([] {
-        signal(SIGCHLD, SIG_IGN);
+        ASSERT_NE(signal(SIGCHLD, SIG_IGN), SIG_ERR);
         ExpectLog(
             [] {
                 std::string output;
@@ -590,7 +590,7 @@ TEST(SpawnIn, BoundsEachWaitAndNotTheWholeRun)
 TEST(SpawnIn, UnderAnIgnoredSigchldFailsInTheWait)
 {
     RunIsolated([] {
-        signal(SIGCHLD, SIG_IGN);
+        ASSERT_NE(signal(SIGCHLD, SIG_IGN), SIG_ERR);
         ExpectLog(
             [] {
                 std::string output;

@@ -69,8 +69,11 @@ std::map<int, std::string> Descriptors(bool inheritableOnly)
         Die("/proc/self/fd");
     }
     while (const dirent* entry = readdir(directory)) {
-        const int number = std::atoi(entry->d_name);
-        if (entry->d_name[0] == '.' || number == dirfd(directory)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        const int number = std::stoi(entry->d_name);
+        if (number == dirfd(directory)) {
             continue;
         }
         if (inheritableOnly && (fcntl(number, F_GETFD) & FD_CLOEXEC) != 0) {
@@ -236,7 +239,7 @@ std::map<int, std::string> InheritableDescriptors()
 void RunIsolated(const std::function<void()>& body)
 {
     std::cout.flush();
-    std::fflush(nullptr);
+    static_cast<void>(std::fflush(nullptr));
     const pid_t child = fork();
     ASSERT_NE(child, -1);
     if (child == 0) {
@@ -246,7 +249,7 @@ void RunIsolated(const std::function<void()>& body)
             ADD_FAILURE() << failure.what();
         }
         std::cout.flush();
-        std::fflush(stdout);
+        static_cast<void>(std::fflush(stdout));
         EndForkedBody(testing::Test::HasFailure() ? 1 : 0);
     }
     int status = 0;

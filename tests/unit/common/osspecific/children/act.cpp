@@ -19,7 +19,6 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -52,7 +51,7 @@ void WriteFile(const char* path, int flags, std::string_view text)
 void Fill(std::size_t bytes)
 {
     std::string letters;
-    while (letters.size() < 26 * 1024) {
+    while (letters.size() < std::size_t{26} * 1024) {
         letters += "abcdefghijklmnopqrstuvwxyz";
     }
     while (bytes > 0) {
@@ -94,9 +93,9 @@ int main(int count, char** arguments)
             std::replace(text.begin(), text.end(), '@', '\0');
             WriteAll(STDOUT_FILENO, text);
         } else if (act == "fill") {
-            Fill(std::strtoul(take(), nullptr, 10));
+            Fill(std::stoul(take()));
         } else if (act == "pause") {
-            std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(take())));
+            std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(take())));
         } else if (act == "await") {
             Await(take());
         } else if (act == "closeout") {
@@ -108,9 +107,9 @@ int main(int count, char** arguments)
         } else if (act == "mark") {
             WriteFile(take(), O_APPEND, "x");
         } else if (act == "signal") {
-            raise(std::atoi(take()));
+            static_cast<void>(raise(std::stoi(take())));
         } else if (act == "exit") {
-            _exit(std::atoi(take()));
+            _exit(std::stoi(take()));
         } else {
             _exit(notDone);
         }

@@ -21,8 +21,11 @@ std::map<int, std::string> Descriptors()
         return descriptors;
     }
     while (const dirent* entry = readdir(directory)) {
-        const int number = std::atoi(entry->d_name);
-        if (entry->d_name[0] == '.' || number == dirfd(directory)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        const int number = std::stoi(entry->d_name);
+        if (number == dirfd(directory)) {
             continue;
         }
         std::array<char, 256> target{};
