@@ -892,8 +892,8 @@ std::size_t OpenDescriptors()
 
 // ---------------------------------------------------------------------------------------------------------------
 
-/** The host whose turn it is. */
-MountedHost* current = nullptr;
+/** The host whose turn it is: each thread has one of its own, in a mount namespace of its own. */
+thread_local MountedHost* current = nullptr;
 
 bool IsZero(const void* bytes, std::size_t size)
 {
@@ -951,7 +951,7 @@ std::string Quote(const std::string& text)
 
 std::string EnterPrivateNamespace()
 {
-    static bool entered = false;
+    static thread_local bool entered = false;
     if (entered) {
         return "";
     }
@@ -1218,7 +1218,10 @@ int MountedHost::ScsiCommand(const DevEntry& entry, void* argument)
                 header.host_status == 0 && header.driver_status == 0 && header.resid == 0 && header.duration == 0 &&
                 header.info == 0,
             "the answer's fields (not zeroed)");
-    require(header.cmdp[7] == 0x00 && header.cmdp[8] == 0xff, "bytes 7 and 8 of the command");
+    // Atomic: other threads may be sending the same block, and write the same bytes.
+    require(__atomic_load_n(&header.cmdp[7], __ATOMIC_RELAXED) == 0x00 &&
+                __atomic_load_n(&header.cmdp[8], __ATOMIC_RELAXED) == 0xff,
+            "bytes 7 and 8 of the command");
     require(std::equal(expectedSense.begin(), expectedSense.end(), header.sbp),
             "the sense buffer (neither zeroed nor left as it was)");
     require(std::equal(expectedData.begin(), expectedData.end(), static_cast<unsigned char*>(header.dxferp)),
@@ -1547,9 +1550,10 @@ std::string LinesUpToLevel(const std::string& golden, unsigned logLevel)
 
 }  // namespace SimHost
 
-// The calls that are taken from the library. The declarations are the system headers'.
+// The calls that are taken from the library. The declarations are the system headers'. Weak, so that a test program
+// may stand between the library and the host with definitions of its own.
 
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
+extern "C" __attribute__((weak)) int ioctl(int descriptor, unsigned long request, ...) noexcept
 {
     va_list arguments;
     va_start(arguments, request);
@@ -1562,7 +1566,7 @@ extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
     return SimHost::current->Ioctl(descriptor, static_cast<unsigned>(request), argument);
 }
 
-extern "C" int system(const char* command)
+extern "C" __attribute__((weak)) int system(const char* command)
 {
     if (SimHost::current != nullptr) {
         return SimHost::current->System(command);
@@ -1571,7 +1575,7 @@ extern "C" int system(const char* command)
     return real(command);
 }
 
-extern "C" unsigned sleep(unsigned seconds)
+extern "C" __attribute__((weak)) unsigned sleep(unsigned seconds)
 {
     if (SimHost::current != nullptr) {
         return SimHost::current->Sleep(seconds);

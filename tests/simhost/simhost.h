@@ -4,7 +4,8 @@
  *
  * The program that links this defines `ioctl`, `system` and `sleep` (in simhost.cpp), so that a shared library's
  * calls come here while a host is mounted; at other times they go to the system. README.md describes the files.
- * One host at a time, one thread. Nothing here knows GoogleTest.
+ * One host at a time in each thread: a thread has its own mount namespace and sees its own host only (RunHost(),
+ * which counts the descriptors of the whole process, is for one thread). Nothing here knows GoogleTest.
  */
 #ifndef ZENDRA_TESTS_SIMHOST_H
 #define ZENDRA_TESTS_SIMHOST_H
@@ -124,7 +125,7 @@ Host ReadHost(const std::string& path);
 std::string Quote(const std::string& text);
 
 /**
- * Takes this process into a private mount namespace, once. Empty when that worked (or had been done), otherwise why
+ * Takes this thread into a private mount namespace, once. Empty when that worked (or had been done), otherwise why
  * simulated hosts are not possible here.
  */
 std::string EnterPrivateNamespace();

@@ -197,18 +197,29 @@ struct DirectoryCloser {
 };
 using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
 
-/** The names in a directory, in its order. Nothing when it cannot be opened. */
-std::optional<std::vector<std::string>> ReadDirectory(const char* path)
+/** What reading a directory has yielded. */
+struct DirectoryListing {
+    /** In the directory's order. */
+    std::vector<std::string> names;
+    /** Whether it was read to its end. */
+    bool complete = false;
+};
+
+/** Nothing when the directory cannot be opened. */
+std::optional<DirectoryListing> ReadDirectory(const char* path)
 {
     const DirectoryStream directory(opendir(path));
     if (!directory) {
         return std::nullopt;
     }
-    std::vector<std::string> names;
+    DirectoryListing listing;
+    errno = 0;
     while (const dirent* entry = readdir(directory.get())) {
-        names.emplace_back(entry->d_name);
+        listing.names.emplace_back(entry->d_name);
+        errno = 0;
     }
-    return names;
+    listing.complete = errno == 0;
+    return listing;
 }
 
 /**
@@ -231,13 +242,13 @@ public:
         return current != nullptr && current->proxy == &lookingProxy ? current : nullptr;
     }
 
-    /** A directory that could not be opened is tried again by the next lookup. */
-    const std::optional<std::vector<std::string>>& Names()
+    /** A directory that could not be opened, or not be read to its end, is tried again by the next lookup. */
+    const std::optional<DirectoryListing>& Listing()
     {
-        if (!names) {
-            names = ReadDirectory(blockDirectory);
+        if (!listing || !listing->complete) {
+            listing = ReadDirectory(blockDirectory);
         }
-        return names;
+        return listing;
     }
 
 private:
@@ -245,7 +256,7 @@ private:
 
     const DataProxy* proxy;
     BlockDirectoryMemory* outer;
-    std::optional<std::vector<std::string>> names;
+    std::optional<DirectoryListing> listing;
 };
 
 thread_local BlockDirectoryMemory* BlockDirectoryMemory::current = nullptr;
@@ -466,11 +477,11 @@ std::string DataProxy::GetDeviceTypeString(unsigned char code)
 unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::string>& files)
 {
     ZENDRA_LOG(4, "Entry  DataProxy::ScanDeviceFiles() ");
-    const auto names = ReadDirectory(deviceDirectory);
-    if (!names) {
+    const auto listing = ReadDirectory(deviceDirectory);
+    if (!listing) {
         return 0xFFFFFFFFU;
     }
-    for (const std::string& name : *names) {
+    for (const std::string& name : listing->names) {
         if (IsPassedOver(prefix, name) || !StartsWith(name, prefix)) {
             continue;
         }
@@ -521,11 +532,11 @@ std::string DataProxy::GetFirmwareVersionFilePath(const std::string& path)
     const std::string deviceName = path.substr(std::strlen(deviceDirectory));
     BlockDirectoryMemory* const memory = BlockDirectoryMemory::Of(*this);
     const auto ownReading = memory == nullptr ? ReadDirectory(blockDirectory) : std::nullopt;
-    const auto& names = memory == nullptr ? ownReading : memory->Names();
-    if (!names) {
+    const auto& listing = memory == nullptr ? ownReading : memory->Listing();
+    if (!listing) {
         return "";
     }
-    for (const std::string& name : *names) {
+    for (const std::string& name : listing->names) {
         // Containment, not equality, and the first hit wins: sdab may be answered by sda. Required.
         if (deviceName.find(name) != std::string::npos) {
             return blockDirectory + name + "/";

@@ -539,6 +539,27 @@ TEST_F(DiskProbe, AtaDiskFoundByTheAtaQuestionIsUpdatedToo)
                 });
 }
 
+// The status of the INQUIRY counts, not only what the record holds.
+
+TEST_F(ProbeTest, FailedInquiryIsFollowedByTheAtaQuestionEvenWhenTheRecordHoldsNames)
+{
+    std::string path = "/dev/sda";
+    const std::vector<Step> steps = {Inquiry(path, {}, 5), AtaIdentify(path, {}, 3)};
+    BusDevice named;
+    named.vendorId = "old";
+    named.productId = "old";
+    BusDevice device = named;
+    EXPECT_EQ(3U, Scripted<CDDVDProxy>(steps).GetDeviceInfo(device, path));
+    device = named;
+    EXPECT_EQ(3U, Scripted<TapeProxy>(steps).GetDeviceInfo(device, path));
+    device = named;
+    EXPECT_EQ(3U, Scripted<PhysicalDriveProxy>(steps).GetDeviceInfo(device, path, true));
+    device = named;
+    EXPECT_EQ(3U, Scripted<PhysicalDriveProxy>({AtaIdentify(path, {}, 3)}).GetDeviceInfo(device, path, false));
+    device = named;
+    EXPECT_EQ(5U, Scripted<SCSIProxy>({Inquiry(path, {}, 5)}).GetDeviceInfo(device, path));
+}
+
 // GetDeviceList
 
 class DeviceListTest : public DeviceTest {
