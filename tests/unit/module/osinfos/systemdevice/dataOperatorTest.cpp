@@ -364,6 +364,19 @@ TEST_F(DataOperatorTest, CloseDevLeavesDescriptorZeroAsItIs)
     EXPECT_EQ(0, device.Descriptor());
 }
 
+TEST_F(DataOperatorTest, CloseDevClosesDescriptorOneLikeAnyOther)
+{
+    std::vector<int> closed;
+    Calls().onClose = [&closed](int descriptor) {
+        closed.push_back(descriptor);
+        return 0;
+    };
+    OpenableOperator device(1);
+    device.CloseDev();
+    EXPECT_EQ(-1, device.Descriptor());
+    EXPECT_EQ((std::vector<int>{1}), closed);
+}
+
 TEST_F(DataOperatorTest, DescriptorZeroIsTreatedAsOpenAndNeverClosed)
 {
     int argument = 0;
