@@ -79,7 +79,7 @@ TEST(AddressCell, OneFieldOtherThanZeroIsAnAddress)
 TEST(DeviceTable, HasHeadingsAndTrimmedCells)
 {
     SystemDevice empty;
-    EXPECT_EQ(RenderTable(Describe({Disk(), empty}).sheet, 0),
+    EXPECT_EQ(RenderTable(Describe({Disk(), empty}).sheet(), 0),
               "ADDRESS      TYPE                 VENDOR PRODUCT       FIRMWARE SERIAL\n"
               "10:1:3:16384 Direct Access Device QEMU   QEMU HARDDISK 2.5+     drive-scsi0-0-0-0-serial\n"
               "-            -                    -      -             -        -\n");
@@ -90,7 +90,7 @@ TEST(DeviceTable, WithoutATerminalEveryRowIsOneWholeLine)
     SystemDevice disk = Disk();
     disk.product = std::string(300, 'P');
     disk.serial_number = std::string(300, 'S');
-    const std::vector<std::string> lines = Lines(RenderTable(Describe({disk, disk}).sheet, 0));
+    const std::vector<std::string> lines = Lines(RenderTable(Describe({disk, disk}).sheet(), 0));
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_NE(lines[1].find(disk.product), std::string::npos);
     EXPECT_NE(lines[2].find(disk.serial_number), std::string::npos);
@@ -101,7 +101,7 @@ TEST(DeviceTable, OnATerminalLinesFitAndSerialNumbersStayWhole)
     SystemDevice disk = Disk();
     disk.serial_number = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
     for (const std::size_t width : {60U, 80U, 132U, 200U}) {
-        const std::string table = RenderTable(Describe({disk}).sheet, width);
+        const std::string table = RenderTable(Describe({disk}).sheet(), width);
         const std::vector<std::string> lines = Lines(table);
         const std::size_t column = lines.at(0).find("SERIAL");
         ASSERT_NE(column, std::string::npos);
@@ -121,7 +121,7 @@ TEST(DeviceTable, WideCharactersCountTwice)
 {
     SystemDevice disk = Disk();
     disk.product = "日本日本日本日本日本日本日本日本日本日本日本日本日本日本日本日本";
-    for (const std::string& line : Lines(RenderTable(Describe({disk, Disk()}).sheet, 60))) {
+    for (const std::string& line : Lines(RenderTable(Describe({disk, Disk()}).sheet(), 60))) {
         EXPECT_LE(Width(line), 60) << line;
     }
 }
@@ -133,9 +133,9 @@ TEST(DeviceTable, HostileDevicesNeverLeaveTheirLines)
         const CharacterSet characters(locale);
         for (int i = 0; i < 500; ++i) {
             const std::vector<SystemDevice> devices = {HostileDevice(texts), HostileDevice(texts)};
-            const std::string whole = RenderTable(Describe(devices).sheet, 0);
+            const std::string whole = RenderTable(Describe(devices).sheet(), 0);
             EXPECT_EQ(Lines(whole).size(), 3U) << whole;
-            for (const std::string& table : {whole, RenderTable(Describe(devices).sheet, 80)}) {
+            for (const std::string& table : {whole, RenderTable(Describe(devices).sheet(), 80)}) {
                 for (const std::string& line : Lines(table)) {
                     EXPECT_GE(Width(line), 0) << line;
                     for (const char c : line) {
@@ -150,7 +150,7 @@ TEST(DeviceTable, HostileDevicesNeverLeaveTheirLines)
 TEST(DeviceJson, HoldsTheFieldsInTheOrderOfTheRecordAndUntrimmed)
 {
     const Report report = Describe({Disk()});
-    EXPECT_EQ(report.records.dump(),
+    EXPECT_EQ(report.records().dump(),
               R"([{"vendor":"QEMU    ","product":" QEMU HARDDISK ","device_type":"Direct Access Device",)"
               R"("serial_number":"drive-scsi0-0-0-0-serial","firmware_revision":"2.5+","port":10,"target":3,"bus":1,)"
               R"("lun":16384}])");
@@ -158,7 +158,7 @@ TEST(DeviceJson, HoldsTheFieldsInTheOrderOfTheRecordAndUntrimmed)
 
 TEST(DeviceJson, EmptyTextsAndAddressFieldsAreNull)
 {
-    EXPECT_EQ(Describe({SystemDevice()}).records.dump(),
+    EXPECT_EQ(Describe({SystemDevice()}).records().dump(),
               R"([{"vendor":null,"product":null,"device_type":null,"serial_number":null,"firmware_revision":null,)"
               R"("port":null,"target":null,"bus":null,"lun":null}])");
 }
@@ -199,7 +199,7 @@ TEST(JsonDocument, IsAsciiWithoutControlCharactersAndParsesWhateverTheDevicesSay
             ASSERT_TRUE((c >= 0x20 && c < 0x7f) || c == '\n') << text;
         }
         const auto document = nlohmann::ordered_json::parse(text);
-        EXPECT_EQ(document.at("devices"), Describe({device}).records);
+        EXPECT_EQ(document.at("devices"), Describe({device}).records());
         EXPECT_EQ(document.at("devices").at(0).at("serial_number"), JsonText(device.serial_number));
     }
 }
@@ -229,7 +229,7 @@ TEST(Optical, TableSaysWhatTheDriveReadsAndWrites)
     ZDSystemDevice::OpticalProperty drive = Drive();
     drive.dvd_read_ = drive.mrw_r_ = drive.cd_r_write_ = drive.cd_rw_write_ = drive.dvd_r_write_ = "Yes";
     drive.dvd_ram_write_ = drive.mrw_w_ = drive.ram_w_ = "Yes";
-    EXPECT_EQ(RenderTable(DescribeOptical(0, {drive, Drive()}).sheet, 0),
+    EXPECT_EQ(RenderTable(DescribeOptical(0, {drive, Drive()}).sheet(), 0),
               "DRIVE    VENDOR PRODUCT      READS   WRITES\n"
               "/dev/sr0 QEMU   QEMU DVD-ROM DVD MRW CD-R CD-RW DVD-R DVD-RAM MRW RAM\n"
               "/dev/sr0 QEMU   QEMU DVD-ROM -       -\n");
@@ -251,9 +251,9 @@ TEST(Optical, EachCapabilityHasItsOwnWordAndKey)
         ZDSystemDevice::OpticalProperty drive = Drive();
         drive.*field = "Yes";
         const Report report = DescribeOptical(0, {drive});
-        EXPECT_EQ(report.sheet.rows.at(0).at(column), word);
-        EXPECT_EQ(report.sheet.rows.at(0).at(column == 3 ? 4 : 3), "-");
-        nlohmann::ordered_json object = report.records.at(0);
+        EXPECT_EQ(report.sheet().rows.at(0).at(column), word);
+        EXPECT_EQ(report.sheet().rows.at(0).at(column == 3 ? 4 : 3), "-");
+        nlohmann::ordered_json object = report.records().at(0);
         EXPECT_EQ(object.at(key), "Yes") << key;
         object[key] = "No";
         EXPECT_EQ(object.dump(), R"({"drive_name_":"/dev/sr0","vendor_":"QEMU    ","product_":"QEMU DVD-ROM    ",)"
@@ -276,7 +276,7 @@ TEST(Firmware, TableHoldsIdVersionAndSerial)
     identity.SoftwareID = identity.Name = "QEMU HARDDISK";
     identity.VersionString = " 2.5+ \x06";
     identity.SerialNumber = "QM00001 ";
-    EXPECT_EQ(RenderTable(DescribeFirmware(0, {identity, ZDOptions::SoftwareIdentity_()}).sheet, 0),
+    EXPECT_EQ(RenderTable(DescribeFirmware(0, {identity, ZDOptions::SoftwareIdentity_()}).sheet(), 0),
               "SOFTWARE-ID   VERSION SERIAL\n"
               "QEMU HARDDISK 2.5+    QM00001\n"
               "-             -       -\n");
@@ -284,7 +284,7 @@ TEST(Firmware, TableHoldsIdVersionAndSerial)
 
 TEST(Firmware, KeysAreThePropertyNamesInOrder)
 {
-    const auto object = DescribeFirmware(0, {ZDOptions::SoftwareIdentity_()}).records.at(0);
+    const auto object = DescribeFirmware(0, {ZDOptions::SoftwareIdentity_()}).records().at(0);
     std::vector<std::string> keys;
     for (const auto& item : object.items()) {
         keys.push_back(item.key());

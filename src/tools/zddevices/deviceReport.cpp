@@ -35,15 +35,18 @@ std::vector<std::string> Row(const SystemDevice& device)
 
 nlohmann::ordered_json Object(const SystemDevice& device)
 {
-    return {{"vendor", JsonText(device.vendor)},
-            {"product", JsonText(device.product)},
-            {"device_type", JsonText(device.device_type)},
-            {"serial_number", JsonText(device.serial_number)},
-            {"firmware_revision", JsonText(device.firmware_revision)},
-            {"port", JsonNumber(device.port)},
-            {"target", JsonNumber(device.target)},
-            {"bus", JsonNumber(device.bus)},
-            {"lun", JsonNumber(device.lun)}};
+    // Not by a list of pairs, out of which every text would be copied once more.
+    nlohmann::ordered_json object;
+    object["vendor"] = JsonText(device.vendor);
+    object["product"] = JsonText(device.product);
+    object["device_type"] = JsonText(device.device_type);
+    object["serial_number"] = JsonText(device.serial_number);
+    object["firmware_revision"] = JsonText(device.firmware_revision);
+    object["port"] = JsonNumber(device.port);
+    object["target"] = JsonNumber(device.target);
+    object["bus"] = JsonNumber(device.bus);
+    object["lun"] = JsonNumber(device.lun);
+    return object;
 }
 
 }  // namespace
@@ -61,7 +64,7 @@ std::string AddressCell(const SystemDevice& device)
            CellText(device.lun);
 }
 
-Report DescribeDevices(unsigned int status, const std::vector<SystemDevice>& devices,
+Report DescribeDevices(unsigned int status, std::vector<SystemDevice> devices,
                        std::optional<ZDSystemDevice::SysDeviceType> type)
 {
     Report report;
@@ -69,13 +72,14 @@ Report DescribeDevices(unsigned int status, const std::vector<SystemDevice>& dev
     report.recordsKey = "devices";
     report.status = status;
     report.nothingFound = NothingFound(type);
-    report.sheet.columns = {{"ADDRESS", 0.10, Overflow::Keep},  {"TYPE", 0.20, Overflow::Cut},
-                            {"VENDOR", 0.10, Overflow::Wrap},   {"PRODUCT", 0.25, Overflow::Wrap},
-                            {"FIRMWARE", 0.10, Overflow::Wrap}, {"SERIAL", 0.25, Overflow::Wrap}};
-    for (const SystemDevice& device : devices) {
-        report.sheet.rows.push_back(Row(device));
-        report.records.push_back(Object(device));
-    }
+    ComposeFrom(std::move(devices),
+                {{"ADDRESS", 0.10, Overflow::Keep},
+                 {"TYPE", 0.20, Overflow::Cut},
+                 {"VENDOR", 0.10, Overflow::Wrap},
+                 {"PRODUCT", 0.25, Overflow::Wrap},
+                 {"FIRMWARE", 0.10, Overflow::Wrap},
+                 {"SERIAL", 0.25, Overflow::Wrap}},
+                Row, Object, report);
     return report;
 }
 

@@ -24,7 +24,7 @@ namespace ZDDevices {
 std::string AddressCell(const ZDSystemDevice::SystemDevice& device);
 
 /** What the facade answered when asked for one class of devices, or for all of them. */
-Report DescribeDevices(unsigned int status, const std::vector<ZDSystemDevice::SystemDevice>& devices,
+Report DescribeDevices(unsigned int status, std::vector<ZDSystemDevice::SystemDevice> devices,
                        std::optional<ZDSystemDevice::SysDeviceType> type);
 
 }  // namespace ZDDevices

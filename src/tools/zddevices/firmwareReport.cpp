@@ -10,6 +10,11 @@ namespace {
 
 using ZDOptions::SoftwareIdentity_;
 
+std::vector<std::string> Row(const SoftwareIdentity_& identity)
+{
+    return {CellText(identity.SoftwareID), CellText(identity.VersionString), CellText(identity.SerialNumber)};
+}
+
 /** The CIM properties; the record's last three fields are none. */
 nlohmann::ordered_json Object(const SoftwareIdentity_& identity)
 {
@@ -37,20 +42,17 @@ nlohmann::ordered_json Object(const SoftwareIdentity_& identity)
 
 }  // namespace
 
-Report DescribeFirmware(unsigned int status, const std::vector<SoftwareIdentity_>& identities)
+Report DescribeFirmware(unsigned int status, std::vector<SoftwareIdentity_> identities)
 {
     Report report;
     report.schema = "zddevices-firmware/1";
     report.recordsKey = "identities";
     report.status = status;
     report.nothingFound = "No disk firmware found.";
-    report.sheet.columns = {
-        {"SOFTWARE-ID", 0.45, Overflow::Wrap}, {"VERSION", 0.2, Overflow::Wrap}, {"SERIAL", 0.35, Overflow::Wrap}};
-    for (const SoftwareIdentity_& identity : identities) {
-        report.sheet.rows.push_back(
-            {CellText(identity.SoftwareID), CellText(identity.VersionString), CellText(identity.SerialNumber)});
-        report.records.push_back(Object(identity));
-    }
+    ComposeFrom(
+        std::move(identities),
+        {{"SOFTWARE-ID", 0.45, Overflow::Wrap}, {"VERSION", 0.2, Overflow::Wrap}, {"SERIAL", 0.35, Overflow::Wrap}},
+        Row, Object, report);
     return report;
 }
 

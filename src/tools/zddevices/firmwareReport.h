@@ -14,7 +14,7 @@ namespace Zendra {
 namespace ZDDevices {
 
 /** What the facade answered when asked for the software identities of the disks. */
-Report DescribeFirmware(unsigned int status, const std::vector<ZDOptions::SoftwareIdentity_>& identities);
+Report DescribeFirmware(unsigned int status, std::vector<ZDOptions::SoftwareIdentity_> identities);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

@@ -1,5 +1,6 @@
 #include "tools/zddevices/inventory.h"
 
+#include <utility>
 #include <vector>
 
 #include "module/osinfos/systemdevice/deviceCollector.h"
@@ -15,21 +16,21 @@ Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type)
     ZDSystemDevice::DeviceCollector collector;
     std::vector<ZDSystemDevice::SystemDevice> devices;
     const unsigned int status = type ? collector.GetIndividualDevice(devices, *type) : collector.GetAllDevice(devices);
-    return DescribeDevices(status, devices, type);
+    return DescribeDevices(status, std::move(devices), type);
 }
 
 Report CollectOptical()
 {
     std::vector<ZDSystemDevice::OpticalProperty> drives;
     const unsigned int status = ZDSystemDevice::DeviceCollector().GetOpticalProperties(drives);
-    return DescribeOptical(status, drives);
+    return DescribeOptical(status, std::move(drives));
 }
 
 Report CollectFirmware()
 {
     std::vector<ZDOptions::SoftwareIdentity_> identities;
     const unsigned int status = ZDSystemDevice::DeviceCollector().GetDiskDriverSoftwareIdentities(identities);
-    return DescribeFirmware(status, identities);
+    return DescribeFirmware(status, std::move(identities));
 }
 
 }  // namespace ZDDevices

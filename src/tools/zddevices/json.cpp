@@ -54,7 +54,7 @@ std::string RenderJson(const Report& report, const Occasion& occasion)
     document["host"] = ValidUtf8(occasion.host);
     document["collected_at"] = occasion.collectedAt;
     document["status"] = {{"code", report.status}, {"name", StatusName(report.status)}};
-    document[report.recordsKey] = report.records;
+    document[report.recordsKey] = report.records();
     constexpr int indentation = 2;
     constexpr bool asciiOnly = true;
     return document.dump(indentation, ' ', asciiOnly) + "\n";

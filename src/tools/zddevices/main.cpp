@@ -32,10 +32,11 @@ std::string Render(const Report& report, Format format, const Occasion& occasion
     if (format == Format::Json) {
         return RenderJson(report, occasion);
     }
-    if (report.sheet.rows.empty()) {
+    const Sheet sheet = report.sheet();
+    if (sheet.rows.empty()) {
         return report.nothingFound + "\n";
     }
-    return RenderTable(report.sheet, OutputWidth());
+    return RenderTable(sheet, OutputWidth());
 }
 
 Report Collect(const Options& options)

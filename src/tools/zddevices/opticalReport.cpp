@@ -1,5 +1,6 @@
 #include "tools/zddevices/opticalReport.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -63,26 +64,24 @@ bool NamesSeveral(const OpticalProperty& drive)
 
 }  // namespace
 
-Report DescribeOptical(unsigned int status, const std::vector<OpticalProperty>& drives)
+Report DescribeOptical(unsigned int status, std::vector<OpticalProperty> drives)
 {
     Report report;
     report.schema = "zddevices-optical/1";
     report.recordsKey = "drives";
     report.status = status;
     report.nothingFound = "No optical drives found.";
-    report.sheet.columns = {{"DRIVE", 0.15, Overflow::Wrap},
-                            {"VENDOR", 0.15, Overflow::Wrap},
-                            {"PRODUCT", 0.25, Overflow::Wrap},
-                            {"READS", 0.10, Overflow::Wrap},
-                            {"WRITES", 0.35, Overflow::Wrap}};
-    for (const OpticalProperty& drive : drives) {
-        report.sheet.rows.push_back(Row(drive));
-        report.records.push_back(Object(drive));
-        if (NamesSeveral(drive)) {
-            report.remark = "this host has several optical drives; the library describes one only, so what these can "
-                            "read and write is not known";
-        }
+    if (std::any_of(drives.begin(), drives.end(), NamesSeveral)) {
+        report.remark = "this host has several optical drives; the library describes one only, so what these can read "
+                        "and write is not known";
     }
+    ComposeFrom(std::move(drives),
+                {{"DRIVE", 0.15, Overflow::Wrap},
+                 {"VENDOR", 0.15, Overflow::Wrap},
+                 {"PRODUCT", 0.25, Overflow::Wrap},
+                 {"READS", 0.10, Overflow::Wrap},
+                 {"WRITES", 0.35, Overflow::Wrap}},
+                Row, Object, report);
     return report;
 }
 

@@ -19,7 +19,7 @@ namespace ZDDevices {
  * The library describes one drive. With several, its one record holds all their names and no capability; the
  * report then has a remark that says so.
  */
-Report DescribeOptical(unsigned int status, const std::vector<ZDSystemDevice::OpticalProperty>& drives);
+Report DescribeOptical(unsigned int status, std::vector<ZDSystemDevice::OpticalProperty> drives);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

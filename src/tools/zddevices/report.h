@@ -2,13 +2,18 @@
  * @file
  * @brief What one run has found, ready for any output format.
  *
- * Each subcommand makes a Report of its records; the output formats know nothing of what the records are.
+ * Each subcommand makes a Report of its records; the output formats know nothing of what the records are, and have
+ * only composed what they show.
  */
 #ifndef ZENDRA_ZDDEVICES_REPORT_H
 #define ZENDRA_ZDDEVICES_REPORT_H
 
+#include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tools/zddevices/table.h"
 
@@ -22,15 +27,37 @@ struct Report {
     std::string recordsKey;
     /** What the library's facade answered. */
     unsigned int status = 0;
-    /** The records for people. */
-    Sheet sheet;
+    /** Composes the records for people. */
+    std::function<Sheet()> sheet;
     /** What people are told when there is no record. */
     std::string nothingFound;
     /** What must be known to read the records rightly; for standard error, empty when there is nothing. */
     std::string remark;
-    /** The records for programs: an array of objects. */
-    nlohmann::ordered_json records = nlohmann::ordered_json::array();
+    /** Composes the records for programs: an array of objects. */
+    std::function<nlohmann::ordered_json()> records;
 };
+
+/** Has `report` compose its table and its objects from `records`, each by the function for one record. */
+template <typename Record, typename MakeRow, typename MakeObject>
+void ComposeFrom(std::vector<Record> records, std::vector<Column> columns, MakeRow makeRow, MakeObject makeObject,
+                 Report& report)
+{
+    const auto kept = std::make_shared<const std::vector<Record>>(std::move(records));
+    report.sheet = [kept, makeRow, columns = std::move(columns)] {
+        Sheet sheet{columns, {}};
+        for (const Record& record : *kept) {
+            sheet.rows.push_back(makeRow(record));
+        }
+        return sheet;
+    };
+    report.records = [kept, makeObject] {
+        nlohmann::ordered_json objects = nlohmann::ordered_json::array();
+        for (const Record& record : *kept) {
+            objects.push_back(makeObject(record));
+        }
+        return objects;
+    };
+}
 
 }  // namespace ZDDevices
 }  // namespace Zendra

@@ -20,12 +20,15 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <locale>
 #include <map>
 #include <memory>
 #include <new>
 #include <optional>
 #include <sstream>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "common/logger/logLine.h"
@@ -197,30 +200,60 @@ struct DirectoryCloser {
 };
 using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
 
-/** What reading a directory has yielded. */
-struct DirectoryListing {
-    /** In the directory's order. */
-    std::vector<std::string> names;
-    /** Whether it was read to its end. */
+/** The entries of /sys/block as they were at one moment. */
+class BlockEntries {
+public:
+    /** Nothing when the directory cannot be opened. */
+    static std::optional<BlockEntries> Read()
+    {
+        const DirectoryStream directory(opendir(blockDirectory));
+        if (!directory) {
+            return std::nullopt;
+        }
+        BlockEntries entries;
+        errno = 0;
+        while (const dirent* entry = readdir(directory.get())) {
+            const std::string& name = entries.names.emplace_back(entry->d_name);
+            entries.positionByName.emplace(name, entries.names.size() - 1);
+            entries.longestName = std::max(entries.longestName, name.size());
+            errno = 0;
+        }
+        entries.complete = errno == 0;
+        return entries;
+    }
+
+    /** Whether the directory was read to its end. */
+    bool IsComplete() const { return complete; }
+
+    /**
+     * The first entry, in the directory's order, whose name occurs anywhere in the device's name; empty when none
+     * does. Containment, not equality: sdab may be answered by sda. Required.
+     *
+     * Device names are short and there may be thousands of entries, so what is looked up is each part of the
+     * device's name.
+     */
+    std::string FirstWithin(std::string_view deviceName) const
+    {
+        std::size_t first = names.size();
+        for (std::size_t begin = 0; begin < deviceName.size(); ++begin) {
+            const std::size_t longest = std::min(longestName, deviceName.size() - begin);
+            for (std::size_t length = 1; length <= longest; ++length) {
+                const auto found = positionByName.find(deviceName.substr(begin, length));
+                if (found != positionByName.end()) {
+                    first = std::min(first, found->second);
+                }
+            }
+        }
+        return first < names.size() ? names[first] : std::string();
+    }
+
+private:
+    /** In the directory's order. A deque: its texts stay where they are when it grows or is moved. */
+    std::deque<std::string> names;
+    std::unordered_map<std::string_view, std::size_t> positionByName;
+    std::size_t longestName = 0;
     bool complete = false;
 };
-
-/** Nothing when the directory cannot be opened. */
-std::optional<DirectoryListing> ReadDirectory(const char* path)
-{
-    const DirectoryStream directory(opendir(path));
-    if (!directory) {
-        return std::nullopt;
-    }
-    DirectoryListing listing;
-    errno = 0;
-    while (const dirent* entry = readdir(directory.get())) {
-        listing.names.emplace_back(entry->d_name);
-        errno = 0;
-    }
-    listing.complete = errno == 0;
-    return listing;
-}
 
 /**
  * What a list operation remembers of /sys/block while it runs: a host with a thousand disks has a thousand entries
@@ -243,12 +276,12 @@ public:
     }
 
     /** A directory that could not be opened, or not be read to its end, is tried again by the next lookup. */
-    const std::optional<DirectoryListing>& Listing()
+    const std::optional<BlockEntries>& Entries()
     {
-        if (!listing || !listing->complete) {
-            listing = ReadDirectory(blockDirectory);
+        if (!entries || !entries->IsComplete()) {
+            entries = BlockEntries::Read();
         }
-        return listing;
+        return entries;
     }
 
 private:
@@ -256,19 +289,19 @@ private:
 
     const DataProxy* proxy;
     BlockDirectoryMemory* outer;
-    std::optional<DirectoryListing> listing;
+    std::optional<BlockEntries> entries;
 };
 
 thread_local BlockDirectoryMemory* BlockDirectoryMemory::current = nullptr;
 
-bool StartsWith(const std::string& text, const std::string& prefix)
+bool StartsWith(std::string_view text, std::string_view prefix)
 {
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
 /** Names that a scan for `prefix` passes over although they may begin with it. Others pass nothing over: nst0a and
  *  hda1 are listed, as required. */
-bool IsPassedOver(const std::string& prefix, const std::string& name)
+bool IsPassedOver(std::string_view prefix, std::string_view name)
 {
     const unsigned char last = static_cast<unsigned char>(name.empty() ? '\0' : name.back());
     if (prefix == "st") {
@@ -477,16 +510,17 @@ std::string DataProxy::GetDeviceTypeString(unsigned char code)
 unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::string>& files)
 {
     ZENDRA_LOG(4, "Entry  DataProxy::ScanDeviceFiles() ");
-    const auto listing = ReadDirectory(deviceDirectory);
-    if (!listing) {
+    const DirectoryStream directory(opendir(deviceDirectory));
+    if (!directory) {
         return 0xFFFFFFFFU;
     }
-    for (const std::string& name : listing->names) {
-        if (IsPassedOver(prefix, name) || !StartsWith(name, prefix)) {
+    while (const dirent* entry = readdir(directory.get())) {
+        const std::string_view name = entry->d_name;
+        if (!StartsWith(name, prefix) || IsPassedOver(prefix, name)) {
             continue;
         }
         ZENDRA_LOG(4, "DataProxy::ScanDeviceFiles() detect file : " << name);
-        files.push_back(deviceDirectory + name);
+        files.push_back(std::string(deviceDirectory).append(name));
     }
     ZENDRA_LOG(4, "Exit  DataProxy::ScanDeviceFiles() ");
     return 0;
@@ -494,26 +528,22 @@ unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::st
 
 void DataProxy::StoreBusDev(BusDevice& bus, std::vector<SystemDevice>& devices)
 {
-    std::ostringstream trace;
-    trace.imbue(std::locale::classic());
-    trace << "vendor id: " << bus.vendorId << " "
-          << "productId: " << bus.productId << " "
-          << "deviceType: " << bus.deviceType << " "
-          << "serialNum: " << bus.serialNum << " "
-          << "rev: " << bus.revision << " "
-          << "host adapter: " << bus.hostAdapter << " "
-          << "target ID: " << bus.targetId << " "
-          << "bus " << bus.bus << " "
-          << "lun " << bus.lun << " "
-          << "devId: " << bus.devId << " "
-          << " otherIdentInfo: " << bus.otherIdentInfo << std::endl;
-    ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << trace.str());
+    const std::string port = std::to_string(bus.hostAdapter);
+    const std::string target = std::to_string(bus.targetId);
+    const std::string channel = std::to_string(bus.bus);
+    const std::string lun = std::to_string(bus.lun);
+    // Composed on every call, whatever the log level; required.
+    const std::string trace =
+        "vendor id: " + bus.vendorId + " productId: " + bus.productId + " deviceType: " + bus.deviceType +
+        " serialNum: " + bus.serialNum + " rev: " + bus.revision + " host adapter: " + port + " target ID: " + target +
+        " bus " + channel + " lun " + lun + " devId: " + bus.devId + "  otherIdentInfo: " + bus.otherIdentInfo + "\n";
+    ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << trace);
 
     SystemDevice device;
-    device.port = std::to_string(bus.hostAdapter);
-    device.target = std::to_string(bus.targetId);
-    device.bus = std::to_string(bus.bus);
-    device.lun = std::to_string(bus.lun);
+    device.port = port;
+    device.target = target;
+    device.bus = channel;
+    device.lun = lun;
     device.vendor = bus.vendorId;
     device.product = bus.productId;
     device.device_type = bus.deviceType;
@@ -531,16 +561,14 @@ std::string DataProxy::GetFirmwareVersionFilePath(const std::string& path)
     ZENDRA_LOG(4, "Entry  DataProxy::GetFirmwareVersionFile() ");
     const std::string deviceName = path.substr(std::strlen(deviceDirectory));
     BlockDirectoryMemory* const memory = BlockDirectoryMemory::Of(*this);
-    const auto ownReading = memory == nullptr ? ReadDirectory(blockDirectory) : std::nullopt;
-    const auto& listing = memory == nullptr ? ownReading : memory->Listing();
-    if (!listing) {
+    const auto ownReading = memory == nullptr ? BlockEntries::Read() : std::nullopt;
+    const auto& entries = memory == nullptr ? ownReading : memory->Entries();
+    if (!entries) {
         return "";
     }
-    for (const std::string& name : listing->names) {
-        // Containment, not equality, and the first hit wins: sdab may be answered by sda. Required.
-        if (deviceName.find(name) != std::string::npos) {
-            return blockDirectory + name + "/";
-        }
+    const std::string name = entries->FirstWithin(deviceName);
+    if (!name.empty()) {
+        return blockDirectory + name + "/";
     }
     ZENDRA_LOG(4, "Exit  DataProxy::GetFirmwareVersionFile() ");
     return "";
