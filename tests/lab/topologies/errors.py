@@ -1,0 +1,228 @@
+"""Disks that answer with errors, too late or not at all; and a user who may open none."""
+
+import os
+
+from labkit import build as builds
+from labkit import machine
+from labkit.problem import Problem
+from labkit.topology import DISK, OK, Record, Topology
+
+# Four disks whose answers come from labTarget, each on an adapter of its own, and one of scsi_debug. Target 1, because
+# that is the number of the portal group.
+ADAPTERS = {"WELL": 0, "ATTENTION": 1, "ERROR": 2, "SLOW": 3, "SILENT": 4}
+SERVED = ("WELL", "ATTENTION", "ERROR", "SLOW")
+SLOW_SECONDS = 3
+
+# What the library grants: five attempts with a pause of five seconds after each, twenty seconds for a command.
+ATTEMPTS, PAUSE, COMMAND_LIMIT = 5, 5, 20
+
+
+def Disk(name):
+    if name == "SILENT":
+        # scsi_debug numbers its units 2000 * (host + 1) + 1000 * target + LUN.
+        return Record("Linux", "scsi_debug", DISK, "10000", "0191", (ADAPTERS[name], 0, 0, 0))
+    return Record("LABUSER", f"HX {name}", DISK, f"SN-{name}", "0007", (ADAPTERS[name], 0, 1, 0))
+
+
+def Address(name):
+    record = Disk(name)
+    return record["port"], record["bus"], record["target"], record["lun"]
+
+
+def Serve(name):
+    """Shell text that makes a disk of the kernel's user-space backstore and starts the program behind it."""
+    number = f"{ADAPTERS[name]:02d}"
+    return f"""
+        echo well >/tmp/{name}
+        mkdir -p $core/user_{number}/{name}
+        printf 'dev_config=lab/{name},dev_size=1048576' >$core/user_{number}/{name}/control
+        echo 1 >$core/user_{number}/{name}/enable
+        labTarget {name} 'HX {name}' SN-{name} /tmp/{name} >/dev/console 2>&1 &
+        mkdir -p $loopback/naa.50000000000000{number}/tpgt_1/lun/lun_0
+        printf naa.60000000000000{number} >$loopback/naa.50000000000000{number}/tpgt_1/nexus
+        ln -s $core/user_{number}/{name} $loopback/naa.50000000000000{number}/tpgt_1/lun/lun_0/{name}
+        appear /sys/class/scsi_device/{ADAPTERS[name]}:0:1:0/device/block
+    """
+
+
+TROUBLE = f"""
+    echo attention >/tmp/ATTENTION
+    echo error >/tmp/ERROR
+    echo 'slow {SLOW_SECONDS}' >/tmp/SLOW
+    # Every command is lost on its way.
+    echo 4 >/sys/bus/pseudo/drivers/scsi_debug/opts
+    echo 1 >/sys/bus/pseudo/drivers/scsi_debug/every_nth
+"""
+
+RECOVERY = """
+    echo 0 >/sys/bus/pseudo/drivers/scsi_debug/every_nth
+    echo 0 >/sys/bus/pseudo/drivers/scsi_debug/opts
+    for name in ATTENTION ERROR SLOW; do echo well >/tmp/$name; done
+"""
+
+
+def Timed(command):
+    """Runs a command; the seconds that it took by the guest's clock go to a file of its own."""
+    return f"""
+        begin=$(cut -d ' ' -f 1 /proc/uptime)
+        {command}
+        status=$?
+        echo "$begin $(cut -d ' ' -f 1 /proc/uptime)" >/tmp/times
+        exit "$status"
+    """
+
+
+class Errors(Topology):
+    name = "errors"
+    about = "disks that answer with errors, slowly, or not at all"
+    modules = ("target_core_user", "tcm_loop", "configfs")
+    timeLimit = 390
+
+    setup = f"""
+        modprobe sg; modprobe sd_mod
+        modprobe configfs
+        mount -t configfs configfs /sys/kernel/config
+        modprobe target_core_user; modprobe tcm_loop
+        core=/sys/kernel/config/target/core
+        loopback=/sys/kernel/config/target/loopback
+        mkdir -p $loopback
+        {"".join(Serve(name) for name in SERVED)}
+        modprobe scsi_debug
+        appear /sys/class/scsi_device/{ADAPTERS["SILENT"]}:0:0:0/device/block /dev/sg4
+    """
+
+    steps = {
+        "dev": "find /dev -maxdepth 1 | sed -n 's,^/dev/,,p'",
+        "addresses": "addresses",
+        "before": "zddevices --format json",
+        "trouble": TROUBLE,
+        "scsi": Timed("zddevices --type scsi --format json --log-level 4"),
+        "scsi-times": "cat /tmp/times",
+        "disk": Timed("zddevices --type disk --format json --log-level 4"),
+        "disk-times": "cat /tmp/times",
+        "recovery": RECOVERY,
+        "after": "zddevices --format json",
+        "user": "start-stop-daemon -S -c guest:guest -x /usr/bin/zddevices -- --format json",
+        "user-table": "start-stop-daemon -S -c guest:guest -x /usr/bin/zddevices",
+        "kernel": "dmesg",
+    }
+
+    @classmethod
+    def Hardware(cls):
+        # The guest's clock counts instructions and jumps over waits: minutes of pauses pass in seconds, and how long
+        # something takes does not depend on this host.
+        return ["-icount", "shift=0,sleep=off"]
+
+    @classmethod
+    def setUpClass(cls):
+        os.environ["ZENDRA_LAB_ACCEL"] = "tcg"
+        build = cls.build or builds.Find()
+        target = build.programs[0].parents[3] / "tests" / "lab" / "programs" / "labTarget"
+        if not target.is_file():
+            raise Problem(f"{target} is not there: build the tests")
+        cls.results = machine.Boot(cls, build, cls.steps, additions=[(target, None)])
+
+    def Files(self, prefix):
+        """The device files of that prefix in directory order, with the name of the disk behind each."""
+        address = dict(line.split() for line in self.Stdout("addresses").splitlines())
+        disks = {":".join(map(str, Address(name))): name for name in ADAPTERS}
+        return [(file, disks[address[file]]) for file in self.DeviceFiles(prefix) if file in address]
+
+    def Section(self, step, prefix, entry, disk):
+        """What was logged while one disk was probed."""
+        sections = []
+        for level, message in self.Messages(step):
+            if message == entry:
+                sections.append([])
+            elif sections:
+                sections[-1].append((level, message))
+        files = self.Files(prefix)
+        self.assertEqual(len(ADAPTERS), len(files))
+        self.assertEqual(len(files), len(sections), f"probes in step '{step}'")
+        place = [name for _, name in files].index(disk)
+        return "/dev/" + files[place][0], sections[place]
+
+    @staticmethod
+    def Command(path, attempts):
+        """The log of one SCSI command; `attempts` are what each logs about its status."""
+        call = [(4, "Enter DataOperator::ExecIoCtl()."),
+                (4, f"Enter DataOperator::OpenDriveFile() driveName = {path}"),
+                (4, "Exit DataOperator::ExecIoCtl(), ret = 0")]
+        lines = [(4, "Enter DataOperator::ExecPassThruCmd()"), *call]
+        for attempt in attempts:
+            lines += [*call, *((4, text) for text in attempt)]
+        return [*lines, (4, "Exit scsiPassThrough::execSCSICommand().")]
+
+    def AssertRefused(self, step, prefix, entry, disk, attempts):
+        """The disk answered INQUIRY with nothing, and ATA IDENTIFY neither."""
+        path, section = self.Section(step, prefix, entry, disk)
+        isSg = 1 if prefix == "sg" else 0
+        expected = [
+            (4, f"Entry  GetGenericDeviceData() is_sg = {isSg}"),
+            *self.Command(path, attempts),
+            (4, "Exit  GetGenericDeviceData() due to vendorId and productId is empty"),
+            *([(4, "GetGenericDeviceData() ret = 4")] if isSg else []),
+            (4, "Entry  GetDriverData() "),
+            (4, "Enter DataOperator::ExecIoCtl()."),
+            (4, f"Enter DataOperator::OpenDriveFile() driveName = {path}"),
+            (4, "Exit DataOperator::ExecIoCtl(), ret = -1"),
+            (4, "Get HDIO_DRIVE_CMD|HDIO_DRIVE_TASK Inquiry passed.. otherIdentInfo = "),
+            (4, "Entry  GetDriverData() "),
+        ]
+        self.assertEqual(expected, section[:len(expected)], f"{disk} in step '{step}'")
+        self.assertEqual([], [message for _, message in section if message.startswith("DataProxy::StoreBusDev")])
+
+    def AssertStatuses(self, step, prefix, entry):
+        def Sense(key, code):
+            # The 18 bytes that labTarget sends. The status is a character, the numbers behind the data are hexadecimal.
+            data = [0x70, 0, key, 0, 0, 0, 0, 10, 0, 0, 0, 0, code, 0, 0, 0, 0, 0]
+            return ["SCSI sense data: " + "".join(f"{byte:x}" for byte in data), "SG SCSI status=\\x02",
+                    "SG Driver status=8"]
+
+        self.AssertRefused(step, prefix, entry, "ATTENTION",
+                           [["Retry condition...", *Sense(0x06, 0x29)]] * ATTEMPTS)
+        self.AssertRefused(step, prefix, entry, "ERROR", [Sense(0x04, 0x44)])
+        # DID_TIME_OUT: nothing came back.
+        self.AssertRefused(step, prefix, entry, "SILENT", [["SG Host status=3"]])
+
+    def AssertSeconds(self, step):
+        begin, end = map(float, self.Stdout(step).split())
+        # INQUIRY and serial number of the slow disk.
+        required = ATTEMPTS * PAUSE + COMMAND_LIMIT + 2 * SLOW_SECONDS
+        self.assertGreaterEqual(end - begin, required)
+        self.assertLess(end - begin, required + PAUSE)
+
+    def testWhileAllIsWellEveryDiskIsListed(self):
+        self.AssertInventory("before", OK, [Disk(name) for name in ADAPTERS])
+
+    def testGenericClassListsTheDisksThatAnswer(self):
+        answering = [Disk(name) for _, name in self.Files("sg") if name in ("WELL", "SLOW")]
+        self.AssertInventory("scsi", OK, answering)
+
+    def testDiskClassListsTheDisksThatAnswer(self):
+        answering = [Disk(name) for _, name in self.Files("sd") if name in ("WELL", "SLOW")]
+        self.AssertInventory("disk", OK, answering)
+
+    def testGenericClassLogsWhatTheDisksAnswered(self):
+        self.AssertStatuses("scsi", "sg", "Entry SCSIProxy::GetDeviceInfo()")
+
+    def testDiskClassLogsWhatTheDisksAnswered(self):
+        self.AssertStatuses("disk", "sd", "Entry PhysicalDriveProxy::GetDeviceInfo()")
+
+    def testUnitAttentionIsWaitedOutFiveTimesAndSilenceForTheTimeOfOneCommand(self):
+        self.AssertSeconds("scsi-times")
+        self.AssertSeconds("disk-times")
+
+    def testDisksThatRecoveredAreListedAgain(self):
+        self.AssertInventory("after", OK, [Disk(name) for name in ADAPTERS])
+
+    def testAnOrdinaryUserFindsNothingIsToldWhyAndGetsExitCodeThree(self):
+        self.AssertInventory("user", OK, [], exitStatus=3)
+        self.assertEqual(3, self.results["user-table"].status)
+        self.assertEqual("No storage devices found.\n", self.Stdout("user-table"))
+        for step in ("user", "user-table"):
+            message, = self.Stderr(step).splitlines()
+            self.assertIn("10 device files could not be opened for lack of privilege", message)
+
+    def testTheKernelReportsNoCrash(self):
+        self.assertNotRegex(self.Stdout("kernel"), r"segfault|general protection|BUG:|Oops")

@@ -1,0 +1,149 @@
+"""Disks that are plugged in and out, hundreds of times, while the inventory is taken."""
+
+import shlex
+
+from labkit import build as builds
+from labkit import machine
+from labkit.problem import Problem
+from labkit.topology import DISK, OK, Device, EmptyDisk, Record, Topology
+
+# Hosts: 0 virtio-scsi, 1 the adapter of scsi_debug that stays, 2 to 5 those that come and go. A new adapter takes the
+# lowest number that is free.
+STEADY_ADAPTER = 1
+PASSING_ADAPTERS = (2, 3, 4, 5)
+LUNS = 5
+ROUNDS = 12
+
+PLAIN = Record("HALVARD", "HX 900", DISK, "HX-00017", "0102", (0, 0, 1, 0))
+LARGE = Record("HALVARD", "HX 9000", DISK, "HX-00018", "0103", (0, 0, 2, 0))
+
+
+def Debug(adapter, lun):
+    """A disk of the kernel's scsi_debug driver. It numbers its units 2000 * (host + 1) + 1000 * target + LUN."""
+    return Record("Linux", "scsi_debug", DISK, str(2000 * (adapter + 1) + lun), "0191", (adapter, 0, 0, lun))
+
+
+STEADY = [PLAIN, LARGE, *(Debug(STEADY_ADAPTER, lun) for lun in range(LUNS))]
+PASSING = [Debug(adapter, lun) for adapter in PASSING_ADAPTERS for lun in range(LUNS)]
+FIELDS = ("vendor", "product", "device_type", "serial_number", "firmware_revision", "port", "target", "bus", "lun")
+
+
+def KnownDevices():
+    """What labWatch is told, a line per device."""
+    lines = ["\t".join([kind, *(str(record[field]) for field in FIELDS)])
+             for kind, records in (("steady", STEADY), ("passing", PASSING)) for record in records]
+    return "\n".join(lines) + "\n"
+
+
+class Storm(Topology):
+    name = "storm"
+    about = "disks plugged in and out while the inventory is taken"
+    timeLimit = 800
+
+    setup = f"""
+        modprobe sg; modprobe sd_mod
+        modprobe virtio_scsi; appear /dev/sda /dev/sdb /dev/sg1
+        modprobe scsi_debug num_tgts=1 max_luns={LUNS}
+        appear /dev/sg{1 + LUNS}
+    """
+
+    # Between a removal and the next addition lies a pause, so that no device is asked its name before and its number
+    # after: a device file's name goes to whatever comes next.
+    steps = {
+        "storm": f"""
+            printf %s {shlex.quote(KnownDevices())} >/tmp/known
+            rm -f /tmp/over
+            GLIBC_TUNABLES=glibc.malloc.tcache_count=0 labWatch /tmp/known /tmp/over >/tmp/seen 2>/tmp/complaints &
+            watch=$!
+            events=0
+            devices() {{ ls /sys/class/scsi_device | wc -l; }}
+            # until_there N: so many devices, each with its disk file.
+            until_there() {{
+                tenths=0
+                until [ "$(devices)" -eq "$1" ] && [ "$(ls /dev | grep -c '^sd')" -eq "$1" ]; do
+                    sleep 0.1
+                    tenths=$((tenths + 1))
+                    [ "$tenths" -lt 600 ] || {{ echo "there are $(devices) devices, not $1" >&2; return 1; }}
+                done
+            }}
+            steady=$(devices)
+            all=$((steady + {len(PASSING)}))
+            round=0
+            while [ "$round" -lt {ROUNDS} ] && kill -0 "$watch"; do
+                echo {len(PASSING_ADAPTERS)} >/sys/bus/pseudo/drivers/scsi_debug/add_host
+                until_there "$all" || break
+                events=$((events + {len(PASSING)}))
+                for lun in 0 1 2 3 4; do
+                    echo 1 >/sys/class/scsi_device/$(({PASSING_ADAPTERS[0]} + round % {len(PASSING_ADAPTERS)})):0:0:$lun/device/delete
+                    events=$((events + 1))
+                done
+                until_there $((all - 5)) || break
+                sleep 0.3
+                echo '0 0 -' >/sys/class/scsi_host/host$(({PASSING_ADAPTERS[0]} + round % {len(PASSING_ADAPTERS)}))/scan
+                until_there "$all" || break
+                events=$((events + 5))
+                echo -{len(PASSING_ADAPTERS)} >/sys/bus/pseudo/drivers/scsi_debug/add_host
+                until_there "$steady" || break
+                events=$((events + {len(PASSING)}))
+                sleep 0.3
+                round=$((round + 1))
+            done
+            : >/tmp/over
+            wait "$watch"
+            status=$?
+            cat /tmp/seen
+            echo "events=$events"
+            cat /tmp/complaints >&2
+            exit "$status"
+        """,
+        "merged": "zddevices --format json",
+        "kernel": "dmesg",
+    }
+
+    @classmethod
+    def Hardware(cls):
+        return [
+            *Device("virtio-scsi-pci", id="scsi"),
+            *EmptyDisk("plain"),
+            *Device("scsi-hd", bus="scsi.0", drive="plain", channel=0, scsi_id=1, lun=0,
+                    vendor="HALVARD", product="HX 900", ver="0102", serial="HX-00017"),
+            *EmptyDisk("large"),
+            *Device("scsi-hd", bus="scsi.0", drive="large", channel=0, scsi_id=2, lun=0,
+                    vendor="HALVARD", product="HX 9000", ver="0103", serial="HX-00018"),
+        ]
+
+    @classmethod
+    def setUpClass(cls):
+        build = cls.build or builds.Find()
+        watch = build.programs[0].parents[3] / "tests" / "lab" / "programs" / "labWatch"
+        if not watch.is_file():
+            raise Problem(f"{watch} is not there: build the tests")
+        cls.results = machine.Boot(cls, build, cls.steps, additions=[(watch, None)])
+
+    def Seen(self):
+        return {name: int(value) for name, _, value in
+                (line.partition("=") for line in self.Stdout("storm").splitlines())}
+
+    def testEveryRecordIsOfOneDeviceAndNoSteadyDeviceIsEverMissing(self):
+        self.assertEqual("", self.Stderr("storm"))
+        self.assertEqual(0, self.results["storm"].status, "labWatch")
+        self.assertEqual(0, self.Seen()["complaints"])
+
+    def testTheStormWasOne(self):
+        seen = self.Seen()
+        self.assertGreaterEqual(seen["events"], 500, "removals and additions")
+        self.assertGreaterEqual(seen["inventories"], 20)
+        # Inventories that all find as many devices were not taken while devices came and went.
+        self.assertGreaterEqual(seen["sizes"], 4, "different numbers of devices seen")
+        self.assertGreater(seen["whole"], seen["inventories"] * len(STEADY), "records")
+
+    def testNothingLeaks(self):
+        seen = self.Seen()
+        self.assertEqual(seen["descriptors_before"], seen["descriptors_after"])
+        self.assertEqual(seen["heap_before"], seen["heap_after"], "bytes in use on the heap")
+
+    def testTheInventoryAfterTheStormIsThatOfTheSteadyDevices(self):
+        self.AssertInventory("merged", OK, STEADY)
+
+    def testTheKernelReportsNoCrash(self):
+        self.assertNotRegex(self.Stdout("kernel"), r"segfault|general protection|BUG:|Oops")
