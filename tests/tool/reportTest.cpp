@@ -126,23 +126,30 @@ TEST(DeviceTable, WideCharactersCountTwice)
     }
 }
 
-TEST(DeviceTable, HostileDevicesNeverLeaveTheirLines)
+/** A heading and a line for each of two records, of printable characters only. */
+void ExpectHarmlessTable(const Sheet& sheet)
+{
+    const std::string whole = RenderTable(sheet, 0);
+    EXPECT_EQ(Lines(whole).size(), 3U) << whole;
+    for (const std::string& table : {whole, RenderTable(sheet, 80)}) {
+        for (const std::string& line : Lines(table)) {
+            EXPECT_GE(Width(line), 0) << line;
+            for (const char c : line) {
+                EXPECT_TRUE(static_cast<unsigned char>(c) >= 0x20 && c != 0x7f) << line;
+            }
+        }
+    }
+}
+
+TEST(Table, HostileTextsNeverLeaveTheirLines)
 {
     HostileTexts texts(3);
     for (const char* locale : {"C.UTF-8", "C"}) {
         const CharacterSet characters(locale);
         for (int i = 0; i < 500; ++i) {
-            const std::vector<SystemDevice> devices = {HostileDevice(texts), HostileDevice(texts)};
-            const std::string whole = RenderTable(Describe(devices).sheet(), 0);
-            EXPECT_EQ(Lines(whole).size(), 3U) << whole;
-            for (const std::string& table : {whole, RenderTable(Describe(devices).sheet(), 80)}) {
-                for (const std::string& line : Lines(table)) {
-                    EXPECT_GE(Width(line), 0) << line;
-                    for (const char c : line) {
-                        EXPECT_TRUE(static_cast<unsigned char>(c) >= 0x20 && c != 0x7f) << line;
-                    }
-                }
-            }
+            ExpectHarmlessTable(Describe({HostileDevice(texts), HostileDevice(texts)}).sheet());
+            ExpectHarmlessTable(DescribeOptical(0, {HostileDrive(texts), HostileDrive(texts)}).sheet());
+            ExpectHarmlessTable(DescribeFirmware(0, {HostileIdentity(texts), HostileIdentity(texts)}).sheet());
         }
     }
 }
@@ -194,13 +201,22 @@ TEST(JsonDocument, IsAsciiWithoutControlCharactersAndParsesWhateverTheDevicesSay
     HostileTexts texts(4);
     for (int i = 0; i < 2000; ++i) {
         const SystemDevice device = HostileDevice(texts);
-        const std::string text = RenderJson(Describe({device}), {texts.Next(), "2024-02-29T12:00:00Z"});
-        for (const char c : text) {
-            ASSERT_TRUE((c >= 0x20 && c < 0x7f) || c == '\n') << text;
+        const ZDOptions::SoftwareIdentity_ identity = HostileIdentity(texts);
+        for (const Report& report :
+             {Describe({device}), DescribeOptical(0, {HostileDrive(texts)}), DescribeFirmware(0, {identity})}) {
+            const std::string text = RenderJson(report, {texts.Next(), "2024-02-29T12:00:00Z"});
+            for (const char c : text) {
+                ASSERT_TRUE((c >= 0x20 && c < 0x7f) || c == '\n') << text;
+            }
+            const auto document = nlohmann::ordered_json::parse(text);
+            EXPECT_EQ(document.at(report.recordsKey), report.records());
+            for (const char c : report.remark) {
+                EXPECT_TRUE(c >= 0x20 && c < 0x7f) << report.remark;
+            }
         }
-        const auto document = nlohmann::ordered_json::parse(text);
-        EXPECT_EQ(document.at("devices"), Describe({device}).records());
-        EXPECT_EQ(document.at("devices").at(0).at("serial_number"), JsonText(device.serial_number));
+        EXPECT_EQ(Describe({device}).records().at(0).at("serial_number"), JsonText(device.serial_number));
+        EXPECT_EQ(DescribeFirmware(0, {identity}).records().at(0).at("VersionString"),
+                  JsonText(identity.VersionString));
     }
 }
 

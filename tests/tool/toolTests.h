@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
 namespace Zendra {
@@ -69,7 +70,7 @@ public:
                                                         "\xc2\xad"};
         std::uniform_int_distribution<std::size_t> count(0, 12);
         std::uniform_int_distribution<std::size_t> choice(0, pieces.size() - 1);
-        std::uniform_int_distribution<int> byte(1, 255);
+        std::uniform_int_distribution<int> byte(0, 255);
         std::bernoulli_distribution fromPieces(0.6);
         std::string text;
         for (std::size_t i = count(generator); i > 0; --i) {
@@ -96,6 +97,26 @@ inline ZDSystemDevice::SystemDevice HostileDevice(HostileTexts& texts)
     device.bus = "0";
     device.lun = "65535";
     return device;
+}
+
+inline ZDSystemDevice::OpticalProperty HostileDrive(HostileTexts& texts)
+{
+    ZDSystemDevice::OpticalProperty drive;
+    drive.drive_name_ = texts.Next();
+    drive.vendor_ = texts.Next();
+    drive.product_ = texts.Next();
+    drive.dvd_read_ = "Yes";
+    return drive;
+}
+
+inline ZDOptions::SoftwareIdentity_ HostileIdentity(HostileTexts& texts)
+{
+    ZDOptions::SoftwareIdentity_ identity;
+    identity.SoftwareID = texts.Next();
+    identity.Name = texts.Next();
+    identity.VersionString = texts.Next();
+    identity.SerialNumber = texts.Next();
+    return identity;
 }
 
 }  // namespace ZDDevices

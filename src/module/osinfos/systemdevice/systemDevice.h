@@ -51,7 +51,7 @@ enum SysDeviceType : std::int32_t {
  * @brief One device.
  *
  * An empty text means that the value is not known. Texts come from the device as it sent them and may hold any
- * byte but NUL: blanks, control characters, bytes that are not UTF-8.
+ * byte: blanks, control characters, bytes that are not UTF-8; a firmware revision out of sysfs even NUL.
  */
 struct ZENDRA_EXPORT SystemDevice {
     /** Vendor: T10 vendor identification (SPC standard INQUIRY bytes 8-15), first word of an ATA model, or "NVMe". */
