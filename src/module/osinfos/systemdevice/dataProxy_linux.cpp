@@ -128,6 +128,12 @@ using DataInBuffer = std::array<unsigned char, 4096>;
 
 constexpr int sixByteCommand = 6;
 
+/** Room for what StoreBusDev tells of most devices. */
+constexpr std::size_t usualTraceLength = 256;
+
+/** Room for an address in words: "Port:10|Target:15|Bus:0|Lun:0". */
+constexpr std::size_t usualAddressLength = 48;
+
 static_assert(sizeof(sg_scsi_id) == 32, "SG_GET_SCSI_ID answers in 32 bytes");
 static_assert(sizeof(nvme_admin_cmd) == 72, "NVME_IOCTL_ADMIN_CMD takes 72 bytes");
 
@@ -174,8 +180,13 @@ bool BothNamesEmpty(const BusDevice& bus)
 
 std::string IdentityText(const BusDevice& bus)
 {
-    return "Port:" + std::to_string(bus.hostAdapter) + "|Target:" + std::to_string(bus.targetId) +
-           "|Bus:" + std::to_string(bus.bus) + "|Lun:" + std::to_string(bus.lun);
+    std::string text;
+    text.reserve(usualAddressLength);
+    text.append("Port:").append(std::to_string(bus.hostAdapter));
+    text.append("|Target:").append(std::to_string(bus.targetId));
+    text.append("|Bus:").append(std::to_string(bus.bus));
+    text.append("|Lun:").append(std::to_string(bus.lun));
+    return text;
 }
 
 AtaIdentify::Buffer MakeAtaIdentifyRequest()
@@ -533,10 +544,13 @@ void DataProxy::StoreBusDev(BusDevice& bus, std::vector<SystemDevice>& devices)
     const std::string channel = std::to_string(bus.bus);
     const std::string lun = std::to_string(bus.lun);
     // Composed on every call, whatever the log level; required.
-    const std::string trace =
-        "vendor id: " + bus.vendorId + " productId: " + bus.productId + " deviceType: " + bus.deviceType +
-        " serialNum: " + bus.serialNum + " rev: " + bus.revision + " host adapter: " + port + " target ID: " + target +
-        " bus " + channel + " lun " + lun + " devId: " + bus.devId + "  otherIdentInfo: " + bus.otherIdentInfo + "\n";
+    std::string trace;
+    trace.reserve(usualTraceLength);
+    trace.append("vendor id: ").append(bus.vendorId).append(" productId: ").append(bus.productId);
+    trace.append(" deviceType: ").append(bus.deviceType).append(" serialNum: ").append(bus.serialNum);
+    trace.append(" rev: ").append(bus.revision).append(" host adapter: ").append(port);
+    trace.append(" target ID: ").append(target).append(" bus ").append(channel).append(" lun ").append(lun);
+    trace.append(" devId: ").append(bus.devId).append("  otherIdentInfo: ").append(bus.otherIdentInfo).append("\n");
     ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << trace);
 
     SystemDevice device;

@@ -4,6 +4,7 @@
 #include <array>
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/trim.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <map>
@@ -31,6 +32,9 @@ const std::array<DeviceClass, 4> deviceClasses = {{
     {SYS_DEVICE_CDDVD, " There has none cddvd device file. "},
 }};
 
+/** Room for "Port:10|Target:15|Bus:0|Lun:0". */
+constexpr std::size_t usualKeyLength = 48;
+
 bool HasNoAddress(const SystemDevice& device)
 {
     return device.port == "0" && device.target == "0" && device.bus == "0" && device.lun == "0";
@@ -39,7 +43,11 @@ bool HasNoAddress(const SystemDevice& device)
 std::string DeviceKey(const std::string& port, const std::string& target, const std::string& bus,
                       const std::string& lun)
 {
-    return "Port:" + port + "|Target:" + target + "|Bus:" + bus + "|Lun:" + lun;
+    std::string key;
+    key.reserve(usualKeyLength);
+    key.append("Port:").append(port).append("|Target:").append(target);
+    key.append("|Bus:").append(bus).append("|Lun:").append(lun);
+    return key;
 }
 
 /** RAID volumes and M.2 disks have their firmware reported by others. */
