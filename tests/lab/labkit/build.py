@@ -32,7 +32,7 @@ def Find(directory=None):
 
 
 def _Program(directory):
-    for place in ("src/tools/zddevices", "bin", "usr/bin", "."):
+    for place in ("src/tools/zddevices", "sbin", "usr/sbin", "."):
         candidate = directory / place / PROGRAM
         if candidate.is_file():
             return candidate.resolve()
