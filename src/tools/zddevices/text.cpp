@@ -139,6 +139,10 @@ std::string CellText(std::string_view text)
 
 std::string ValidUtf8(std::string_view text)
 {
+    // Nearly all texts are ASCII, and there may be thousands.
+    if (boost::algorithm::all(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+        return std::string(text);
+    }
     static const char replacement[] = "\xEF\xBF\xBD";  // U+FFFD
     std::string out;
     out.reserve(text.size());
