@@ -35,8 +35,10 @@ std::vector<std::string> Row(const SystemDevice& device)
 
 nlohmann::ordered_json Object(const SystemDevice& device)
 {
-    // Not by a list of pairs, out of which every text would be copied once more.
-    nlohmann::ordered_json object;
+    // Not by a list of pairs, out of which every text would be copied once more; and with room for all of them at once.
+    nlohmann::ordered_json object = nlohmann::ordered_json::object();
+    constexpr std::size_t fieldCount = 9;
+    object.get_ref<nlohmann::ordered_json::object_t&>().reserve(fieldCount);
     object["vendor"] = JsonText(device.vendor);
     object["product"] = JsonText(device.product);
     object["device_type"] = JsonText(device.device_type);

@@ -52,6 +52,7 @@ void ComposeFrom(std::vector<Record> records, std::vector<Column> columns, MakeR
     };
     report.records = [kept, makeObject] {
         nlohmann::ordered_json objects = nlohmann::ordered_json::array();
+        objects.get_ref<nlohmann::ordered_json::array_t&>().reserve(kept->size());
         for (const Record& record : *kept) {
             objects.push_back(makeObject(record));
         }
