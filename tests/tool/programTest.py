@@ -252,12 +252,13 @@ class JsonTest(Case):
         before = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0)
         document = self.document([])
         after = datetime.datetime.now(datetime.timezone.utc)
-        self.assertEqual(list(document), ["schema", "host", "collected_at", "status", "devices"])
+        self.assertEqual(list(document), ["schema", "host", "collected_at", "status", "complete", "devices"])
         self.assertEqual(document["schema"], "zddevices/1")
         self.assertEqual(document["host"], socket.gethostname())
         moment = datetime.datetime.strptime(document["collected_at"], "%Y-%m-%dT%H:%M:%SZ")
         self.assertTrue(before <= moment.replace(tzinfo=datetime.timezone.utc) <= after)
         self.assertEqual(document["status"], {"code": 0, "name": "DEVICE_RESULT_OK"})
+        self.assertIs(document["complete"], True)
         self.assertEqual(document["devices"], [])
 
     def test_a_class_without_device_files_has_its_status(self):
@@ -296,6 +297,9 @@ class JsonTest(Case):
         good = self.document([DISK])
         for change in (lambda d: d.update(extra=1), lambda d: d.pop("host"), lambda d: d.update(schema="zddevices/2"),
                        lambda d: d.update(collected_at="2024-02-29T12:00:00+01:00"),
+                       lambda d: d.update(complete=False), lambda d: d.update(unanswered=["disk"]),
+                       lambda d: d.update(complete=False, unanswered=["floppy"]),
+                       lambda d: d.update(complete=False, unanswered=[]),
                        lambda d: d["status"].update(code=6), lambda d: d["status"].update(name="OK"),
                        lambda d: d["devices"][0].update(extra=1), lambda d: d["devices"][0].pop("lun"),
                        lambda d: d["devices"][0].update(lun="1"), lambda d: d["devices"][0].update(port=65536),
@@ -338,7 +342,7 @@ class SubcommandTest(Case):
 
     def test_optical_json_holds_the_record(self):
         document = self.document("optical", [DRIVE])
-        self.assertEqual(list(document), ["schema", "host", "collected_at", "status", "drives"])
+        self.assertEqual(list(document), ["schema", "host", "collected_at", "status", "complete", "drives"])
         self.assertEqual(list(document["drives"][0]), DRIVE_FIELDS)
         self.assertEqual(list(document["drives"][0].values()), [
             "/dev/sr0", "QEMU    ", "QEMU DVD-ROM    ", "No", "No", "No", "Yes", "No", "No", "No", "No"])
@@ -356,7 +360,7 @@ class SubcommandTest(Case):
 
     def test_firmware_json_holds_every_property_in_order(self):
         document = self.document("firmware", [IDENTITY])
-        self.assertEqual(list(document), ["schema", "host", "collected_at", "status", "identities"])
+        self.assertEqual(list(document), ["schema", "host", "collected_at", "status", "complete", "identities"])
         identity = document["identities"][0]
         self.assertEqual(list(identity), IDENTITY_FIELDS)
         self.assertEqual({key: value for key, value in identity.items() if value is not None}, {
@@ -482,6 +486,123 @@ class LogTest(Case):
         for level in ("1", "3"):
             _, _, err = self.run_program("--log-level", level)
             self.assertNotIn("[4]", err)
+
+
+NOTHING = {"status": 6, "records": []}
+TAPE = record(vendor=b"LABTAPE ", product=b"Streamer 6", device_type=b"Sequential Access Device", port=b"7", target=b"0",
+              bus=b"0", lun=b"0")
+OPTICAL = record(vendor=b"QEMU    ", product=b"DVD", device_type=b"CD-ROM Device", port=b"2", target=b"0", bus=b"0",
+                 lun=b"0")
+HANGS = {"hang": True}
+IMPROPER = "its process gave no proper answer"
+ALL_CLASSES = ["tape", "scsi", "disk", "optical"]
+LONG = "300"  # seconds, for runs that must not need them
+
+
+def found(*records):
+    return {"status": 0, "records": list(records)}
+
+
+class TimeoutTest(Case):
+    def run_classes(self, tape, scsi, disk, optical, *arguments, timeout=LONG, **options):
+        script = {"0": tape, "1": scsi, "2": disk, "3": optical}
+        return self.run_program("--timeout", timeout, *arguments, program=SCRIPTED, script=script, **options)
+
+    def check_unanswered(self, disk, failure, timeout=LONG):
+        """The disks are not there, and this is why; everything else is."""
+        code, out, err = self.run_classes(found(TAPE), NOTHING, disk, found(OPTICAL), "--format", "json",
+                                          timeout=timeout)
+        self.assertEqual((code, err), (3, f"zddevices: class disk: {failure}\n"))
+        document = json.loads(out)
+        validate(document)
+        self.assertEqual((document["complete"], document["unanswered"]), (False, ["disk"]))
+        self.assertEqual([device["product"] for device in document["devices"]], ["DVD", "Streamer 6"])
+
+    def test_the_classes_together_are_the_merged_list(self):
+        in_generic_and_disk_list = record(product=b"D", port=b"10", target=b"3", bus=b"0", lun=b"1")
+        code, out, err = self.run_classes(found(TAPE), found(in_generic_and_disk_list, TAPE), found(DISK, NVME),
+                                          found(OPTICAL), "--format", "json")
+        self.assertEqual((code, err), (0, ""))
+        document = json.loads(out)
+        validate(document)
+        self.assertNotIn("unanswered", document)
+        self.assertIs(document["complete"], True)
+        self.assertEqual(document["status"], {"code": 0, "name": "DEVICE_RESULT_OK"})
+        self.assertEqual([device["product"] for device in document["devices"]],
+                         ["D", "DVD", "Streamer 6", "SAMSUNG MZVL2512HCJQ-00B00              "])
+
+    def test_one_class_and_each_subcommand_answer_as_without_a_limit(self):
+        for arguments, call, records in ((["-t", "disk"], "2", [DISK, NVME, HOSTILE]),
+                                         (["-t", "tape"], "0", [TAPE]), (["optical"], "optical", [TWO_DRIVES]),
+                                         (["firmware"], "firmware", [IDENTITY])):
+            for status in (0, 5, 6):
+                for form in ("table", "json"):
+                    arguments_now = [*arguments, "--format", form]
+                    plain = self.run_scripted(records, *arguments_now, status=status, call=call)
+                    limited = self.run_scripted(records, *arguments_now, "--timeout", LONG, status=status, call=call)
+                    stamp = re.compile('"collected_at": "[^"]*"')
+                    self.assertEqual(stamp.sub("", str(limited)), stamp.sub("", str(plain)))
+
+    def test_every_byte_comes_through(self):
+        everything = {name: bytes(range(256)) for name in FIELDS[:5]}
+        for form in ("table", "json"):
+            for arguments, call in ((["-t", "scsi"], "1"), ):
+                plain = self.run_scripted([record(**everything)], *arguments, "--format", form, call=call)
+                limited = self.run_scripted([record(**everything)], *arguments, "--format", form, "--timeout", LONG,
+                                            call=call)
+                self.assertEqual(limited[1].split("devices")[-1], plain[1].split("devices")[-1])
+
+    def test_ten_thousand_disks_come_through(self):
+        code, out, err = self.run_scripted([DISK] * 10000, "-t", "disk", "-f", "json", "--timeout", LONG, call="2")
+        self.assertEqual((code, err), (0, ""))
+        self.assertEqual(len(json.loads(out)["devices"]), 10000)
+
+    def test_a_class_that_hangs_is_named_and_the_others_are_reported(self):
+        self.check_unanswered(HANGS, "no answer within 0.5 s", timeout="0.5")
+
+    def test_a_class_that_dies_is_named(self):
+        self.check_unanswered({"signal": 11}, "its process was ended by signal 11 (Segmentation fault)")
+        self.check_unanswered({"signal": 9}, "its process was ended by signal 9 (Killed)")
+        self.check_unanswered({"exit": 0}, IMPROPER)
+        self.check_unanswered({"exit": 1}, IMPROPER)
+
+    def test_a_class_that_fails_is_named(self):
+        self.check_unanswered({"throw": "bad_alloc"}, "out of memory")
+        self.check_unanswered({"throw": "bang \x1b[2J"}, "bang \\x1b[2J")
+        self.check_unanswered({"throw": "number"}, "unknown failure")
+
+    def test_a_table_says_so_too(self):
+        code, out, err = self.run_classes(found(TAPE), HANGS, HANGS, NOTHING, timeout="0.5")
+        self.assertEqual(code, 3)
+        self.assertEqual([line.split()[0] for line in out.splitlines()], ["ADDRESS", "7:0:0:0"])
+        self.assertEqual(err, "zddevices: class scsi: no answer within 0.5 s\n"
+                              "zddevices: class disk: no answer within 0.5 s\n")
+
+    def test_when_nothing_answers_there_is_a_document_still(self):
+        code, out, _ = self.run_classes(HANGS, HANGS, HANGS, HANGS, "-f", "json", timeout="0.2")
+        document = json.loads(out)
+        validate(document)
+        self.assertEqual((code, document["unanswered"], document["devices"]), (3, ALL_CLASSES, []))
+        self.assertEqual(document["status"]["name"], "DEV_FAILURE")
+        code, out, _ = self.run_classes(HANGS, HANGS, HANGS, HANGS, timeout="0.2")
+        self.assertEqual((code, out), (3, "Nothing was found in time.\n"))
+
+    def test_subcommands_name_their_class(self):
+        for word, name in (("optical", "optical"), ("firmware", "disk")):
+            code, out, err = self.run_program(word, "--timeout", "0.2", "-f", "json", program=SCRIPTED,
+                                              script={word: HANGS})
+            self.assertEqual((code, err), (3, f"zddevices: class {name}: no answer within 0.2 s\n"))
+            document = json.loads(out)
+            validate(document, f"zddevices-{word}/1")
+            self.assertEqual(document["unanswered"], [name])
+
+    def test_wrong_limits_are_wrong_usage(self):
+        for text in ("0", "-1", "", "1e3", "inf", "nan", "1.5.2", "5s", " 5", "0x10", "86401", "0.0009", "+1"):
+            code, out, err = self.run_program("--timeout=" + text)
+            self.assertEqual((code, out), (2, ""), text)
+            self.assertIn("--timeout", err)
+        for text in ("0.001", ".5", "5.", "86400"):
+            self.assertIn(self.run_program("--timeout", text)[0], (0, 3), text)
 
 
 class PrivilegeTest(Case):

@@ -193,7 +193,7 @@ TEST(JsonDocument, IsCompleteWithoutDevices)
     const Report report = DescribeDevices(ZDSystemDevice::DEVICE_RESULT_NONE, {}, ZDSystemDevice::SYS_DEVICE_TAPE);
     const auto document = nlohmann::ordered_json::parse(RenderJson(report, {"host", "2024-02-29T12:00:00Z"}));
     EXPECT_EQ(document.dump(), R"({"schema":"zddevices/1","host":"host","collected_at":"2024-02-29T12:00:00Z",)"
-                               R"("status":{"code":6,"name":"DEVICE_RESULT_NONE"},"devices":[]})");
+                               R"("status":{"code":6,"name":"DEVICE_RESULT_NONE"},"complete":true,"devices":[]})");
 }
 
 TEST(JsonDocument, IsAsciiWithoutControlCharactersAndParsesWhateverTheDevicesSay)

@@ -5,12 +5,14 @@
  * Linked with the program's own main(), so that the whole program can be run with any records. The script is a
  * JSON file named by ZDDEVICES_SCRIPT: an object with a member for each call that is expected, "all" or the number of
  * a class, "optical" or "firmware", each {"status": n, "records": [[texts as hexadecimal digits], ...],
- * "throw": "...", "log": "..."}.
+ * "throw": "...", "log": "..."}, or what Misbehave() knows.
  * A call that the script does not know ends the program.
  */
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -20,6 +22,7 @@
 
 #include "common/logger/logLine.h"
 #include "module/osinfos/systemdevice/deviceCollector.h"
+#include "tools/zddevices/answer.h"
 
 namespace Zendra {
 namespace ZDSystemDevice {
@@ -46,51 +49,46 @@ void CheckThatStandardDescriptorsAreTaken()
     }
 }
 
-/** The texts of a record, in the order in which the record declares them. */
-std::vector<std::string*> Fields(SystemDevice& device)
+/** What a facade does that never answers, or not properly. */
+void Misbehave(const nlohmann::json& answer)
 {
-    return {&device.vendor,
-            &device.product,
-            &device.device_type,
-            &device.serial_number,
-            &device.firmware_revision,
-            &device.port,
-            &device.target,
-            &device.bus,
-            &device.lun};
-}
-
-std::vector<std::string*> Fields(OpticalProperty& drive)
-{
-    return {&drive.drive_name_,  &drive.vendor_,     &drive.product_,  &drive.dvd_ram_write_,
-            &drive.cd_rw_write_, &drive.cd_r_write_, &drive.dvd_read_, &drive.dvd_r_write_,
-            &drive.mrw_r_,       &drive.mrw_w_,      &drive.ram_w_};
-}
-
-std::vector<std::string*> Fields(ZDOptions::SoftwareIdentity_& identity)
-{
-    return {&identity.Description,
-            &identity.ElementName,
-            &identity.ProductName,
-            &identity.Manufacturer,
-            &identity.Name,
-            &identity.VersionString,
-            &identity.Classifications,
-            &identity.ClassificationDescriptions,
-            &identity.IdentityInfoValue,
-            &identity.SoftwareID,
-            &identity.SubDeviceID,
-            &identity.ReleaseDate,
-            &identity.SoftwareStatus,
-            &identity.SoftwareRole,
-            &identity.IdentityInfoType,
-            &identity.IsPLDMUpdateSupported,
-            &identity.InstanceID,
-            &identity.AssociatedAdapterSlot,
-            &identity.LastUpdateError,
-            &identity.LastUpdateErrorString,
-            &identity.SerialNumber,
-            &identity.ExtraInfo};
+    if (answer.contains("open")) {
+        const std::string path = answer.at("open");
+        if (open(path.c_str(), O_RDONLY | O_CLOEXEC) < 0) {
+            std::abort();
+        }
+    }
+    if (answer.contains("say")) {
+        std::cerr << std::string(answer.at("say")) << std::flush;
+    }
+    if (answer.contains("print")) {
+        std::cout << std::string(answer.at("print")) << std::flush;
+    }
+    if (answer.contains("start")) {
+        const std::string command = answer.at("start");
+        static_cast<void>(std::system(command.c_str()));
+    }
+    if (answer.contains("signal")) {
+        std::raise(answer.at("signal"));
+    }
+    if (answer.contains("garbage")) {
+        const std::string bytes = FromHex(answer.at("garbage"));
+        constexpr int descriptors = 64;
+        for (int descriptor = STDERR_FILENO + 1; descriptor < descriptors; ++descriptor) {
+            struct stat file {};
+            if (fstat(descriptor, &file) == 0 && S_ISFIFO(file.st_mode)) {
+                for (std::size_t i = answer.value("times", std::size_t{1}); i > 0; --i) {
+                    static_cast<void>(write(descriptor, bytes.data(), bytes.size()));
+                }
+            }
+        }
+    }
+    if (answer.contains("exit")) {
+        _exit(answer.at("exit"));
+    }
+    while (answer.value("hang", false)) {
+        pause();
+    }
 }
 
 template <typename Record>
@@ -108,6 +106,7 @@ unsigned int Answer(std::vector<Record>& records, const std::string& call)
     if (answer.contains("log")) {
         ZENDRA_LOG(4, FromHex(answer.at("log")));
     }
+    Misbehave(answer);
     const std::string failure = answer.value("throw", "");
     if (failure == "bad_alloc") {
         throw std::bad_alloc();
@@ -121,7 +120,7 @@ unsigned int Answer(std::vector<Record>& records, const std::string& call)
     for (const nlohmann::json& texts : answer.at("records")) {
         Record record;
         std::size_t i = 0;
-        for (std::string* field : Fields(record)) {
+        for (std::string* field : ZDDevices::Texts(record)) {
             *field = FromHex(texts.at(i++));
         }
         records.push_back(record);

@@ -16,8 +16,8 @@ enum ExitCode : int {
     EXIT_CODE_FAILURE = 1,
     /** The command line makes no sense. */
     EXIT_CODE_USAGE = 2,
-    /** The scan ran, but there are device files that this user may not open. */
-    EXIT_CODE_NO_PRIVILEGE = 3
+    /** The scan ran, but there are device files that this user may not open, or classes that did not answer in time. */
+    EXIT_CODE_INCOMPLETE = 3
 };
 
 }  // namespace ZDDevices

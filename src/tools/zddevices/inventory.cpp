@@ -1,9 +1,10 @@
 #include "tools/zddevices/inventory.h"
 
+#include <iterator>
 #include <utility>
-#include <vector>
 
 #include "module/osinfos/systemdevice/deviceCollector.h"
+#include "module/osinfos/systemdevice/deviceMerge.h"
 #include "tools/zddevices/deviceReport.h"
 #include "tools/zddevices/firmwareReport.h"
 #include "tools/zddevices/opticalReport.h"
@@ -11,26 +12,135 @@
 namespace Zendra {
 namespace ZDDevices {
 
-Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type)
+const std::array<DeviceClass, 4> deviceClasses = {{
+    {ZDSystemDevice::SYS_DEVICE_TAPE, "tape"},
+    {ZDSystemDevice::SYS_DEVICE_SCSI, "scsi"},
+    {ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, "disk"},
+    {ZDSystemDevice::SYS_DEVICE_CDDVD, "optical"},
+}};
+
+namespace {
+
+constexpr const char* diskClass = "disk";
+constexpr const char* opticalClass = "optical";
+
+/** The answers to the tasks that got one, as one; each record list behind the other. */
+template <typename Record>
+Answer<Record> AskInTime(const std::vector<Task>& tasks, const Collection& collection,
+                         std::vector<Unanswered>& unanswered)
+{
+    // What is reported where there is nothing of the library's to report.
+    Answer<Record> all{ZDSystemDevice::DEV_FAILURE, {}};
+    const std::vector<Outcome> outcomes = RunIsolated(tasks, collection.limit, collection.observer);
+    for (std::size_t i = 0; i < tasks.size(); ++i) {
+        const Outcome& outcome = outcomes[i];
+        std::optional<Answer<Record>> answer;
+        if (outcome.answer) {
+            answer = Decode<Record>(*outcome.answer);
+        }
+        if (!answer) {
+            const char* const unreadable = "its process gave no proper answer";
+            unanswered.push_back(
+                {tasks[i].name, outcome.failure.empty() ? unreadable : outcome.failure, outcome.device});
+            continue;
+        }
+        all.status = answer->status;
+        all.records.insert(all.records.end(), std::make_move_iterator(answer->records.begin()),
+                           std::make_move_iterator(answer->records.end()));
+    }
+    return all;
+}
+
+Report Complete(Report report, std::vector<Unanswered> unanswered)
+{
+    report.unanswered = std::move(unanswered);
+    if (!report.unanswered.empty()) {
+        report.nothingFound = "Nothing was found in time.";
+    }
+    return report;
+}
+
+}  // namespace
+
+DeviceAnswer AskForDevices(std::optional<ZDSystemDevice::SysDeviceType> type)
 {
     ZDSystemDevice::DeviceCollector collector;
+    DeviceAnswer answer;
+    answer.status =
+        type ? collector.GetIndividualDevice(answer.records, *type) : collector.GetAllDevice(answer.records);
+    return answer;
+}
+
+OpticalAnswer AskForOptical()
+{
+    OpticalAnswer answer;
+    answer.status = ZDSystemDevice::DeviceCollector().GetOpticalProperties(answer.records);
+    return answer;
+}
+
+FirmwareAnswer AskForFirmware()
+{
+    FirmwareAnswer answer;
+    answer.status = ZDSystemDevice::DeviceCollector().GetDiskDriverSoftwareIdentities(answer.records);
+    return answer;
+}
+
+Task MakeDeviceTask(const DeviceClass& deviceClass)
+{
+    return MakeTask<ZDSystemDevice::SystemDevice>(deviceClass.name,
+                                                  [type = deviceClass.type] { return AskForDevices(type); });
+}
+
+std::vector<ZDSystemDevice::SystemDevice> Merge(std::vector<ZDSystemDevice::SystemDevice> listsOfTheClasses)
+{
     std::vector<ZDSystemDevice::SystemDevice> devices;
-    const unsigned int status = type ? collector.GetIndividualDevice(devices, *type) : collector.GetAllDevice(devices);
-    return DescribeDevices(status, std::move(devices), type);
+    ZDSystemDevice::MergeByAddress(std::move(listsOfTheClasses), devices);
+    return devices;
 }
 
-Report CollectOptical()
+Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const Collection& collection)
 {
-    std::vector<ZDSystemDevice::OpticalProperty> drives;
-    const unsigned int status = ZDSystemDevice::DeviceCollector().GetOpticalProperties(drives);
-    return DescribeOptical(status, std::move(drives));
+    if (!collection.limit) {
+        DeviceAnswer answer = AskForDevices(type);
+        return DescribeDevices(answer.status, std::move(answer.records), type);
+    }
+    std::vector<Task> tasks;
+    for (const DeviceClass& deviceClass : deviceClasses) {
+        if (!type || *type == deviceClass.type) {
+            tasks.push_back(MakeDeviceTask(deviceClass));
+        }
+    }
+    std::vector<Unanswered> unanswered;
+    DeviceAnswer answer = AskInTime<ZDSystemDevice::SystemDevice>(tasks, collection, unanswered);
+    if (!type) {
+        answer.records = Merge(std::move(answer.records));
+        if (unanswered.size() < tasks.size()) {
+            // A merged list is one, whatever the classes were.
+            answer.status = ZDSystemDevice::DEVICE_RESULT_OK;
+        }
+    }
+    return Complete(DescribeDevices(answer.status, std::move(answer.records), type), std::move(unanswered));
 }
 
-Report CollectFirmware()
+Report CollectOptical(const Collection& collection)
 {
-    std::vector<ZDOptions::SoftwareIdentity_> identities;
-    const unsigned int status = ZDSystemDevice::DeviceCollector().GetDiskDriverSoftwareIdentities(identities);
-    return DescribeFirmware(status, std::move(identities));
+    std::vector<Unanswered> unanswered;
+    OpticalAnswer answer =
+        collection.limit
+            ? AskInTime<ZDSystemDevice::OpticalProperty>(
+                  {MakeTask<ZDSystemDevice::OpticalProperty>(opticalClass, AskForOptical)}, collection, unanswered)
+            : AskForOptical();
+    return Complete(DescribeOptical(answer.status, std::move(answer.records)), std::move(unanswered));
+}
+
+Report CollectFirmware(const Collection& collection)
+{
+    std::vector<Unanswered> unanswered;
+    FirmwareAnswer answer = collection.limit ? AskInTime<ZDOptions::SoftwareIdentity_>(
+                                                   {MakeTask<ZDOptions::SoftwareIdentity_>(diskClass, AskForFirmware)},
+                                                   collection, unanswered)
+                                             : AskForFirmware();
+    return Complete(DescribeFirmware(answer.status, std::move(answer.records)), std::move(unanswered));
 }
 
 }  // namespace ZDDevices

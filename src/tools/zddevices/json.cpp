@@ -54,6 +54,13 @@ std::string RenderJson(const Report& report, const Occasion& occasion)
     document["host"] = ValidUtf8(occasion.host);
     document["collected_at"] = occasion.collectedAt;
     document["status"] = {{"code", report.status}, {"name", StatusName(report.status)}};
+    document["complete"] = report.unanswered.empty();
+    if (!report.unanswered.empty()) {
+        nlohmann::ordered_json& names = document["unanswered"] = nlohmann::ordered_json::array();
+        for (const Unanswered& unanswered : report.unanswered) {
+            names.push_back(unanswered.className);
+        }
+    }
     document[report.recordsKey] = report.records();
     constexpr int indentation = 2;
     constexpr bool asciiOnly = true;

@@ -41,15 +41,16 @@ std::string Render(const Report& report, Format format, const Occasion& occasion
 
 Report Collect(const Options& options)
 {
+    const Collection collection{options.timeLimit};
     switch (options.command) {
     case Command::Optical:
-        return CollectOptical();
+        return CollectOptical(collection);
     case Command::Firmware:
-        return CollectFirmware();
+        return CollectFirmware(collection);
     case Command::Devices:
         break;
     }
-    return CollectDevices(options.type);
+    return CollectDevices(options.type, collection);
 }
 
 /** The class whose device files the answer depends on; none when it is all of them. */
@@ -72,6 +73,12 @@ int FailUsage(const std::string& message)
     return EXIT_CODE_USAGE;
 }
 
+std::string DescribeUnanswered(const Unanswered& unanswered)
+{
+    const std::string device = unanswered.device.empty() ? "" : " (" + unanswered.device + ")";
+    return Printable("class " + unanswered.className + ": " + unanswered.failure + device);
+}
+
 int Show(const Options& options)
 {
     if (options.logLevel && !EnableLog(*options.logLevel)) {
@@ -82,7 +89,7 @@ int Show(const Options& options)
     // Asked after the scan: loading the sg driver has made the device files of the generic class.
     const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
     WriteOutput(Render(report, options.format, occasion));
-    if (!ScanRan(report.status)) {
+    if (report.unanswered.empty() && !ScanRan(report.status)) {
         Complain(
             ("the scan failed: " + StatusName(report.status) + " (" + std::to_string(report.status) + ")").c_str());
         return EXIT_CODE_FAILURE;
@@ -90,11 +97,13 @@ int Show(const Options& options)
     if (!report.remark.empty()) {
         Complain(report.remark.c_str());
     }
+    for (const Unanswered& unanswered : report.unanswered) {
+        Complain(DescribeUnanswered(unanswered).c_str());
+    }
     if (!denied.empty()) {
         Complain(DescribeDenied(denied, geteuid() == 0).c_str());
-        return EXIT_CODE_NO_PRIVILEGE;
     }
-    return EXIT_CODE_OK;
+    return denied.empty() && report.unanswered.empty() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
 }
 
 int Run(int argc, const char* const* argv)

@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <boost/algorithm/string/trim.hpp>
+#include <charconv>
+#include <cmath>
 #include <map>
 
 namespace Zendra {
@@ -22,6 +24,7 @@ const char* const footer = "Examples:\n"
                            "  zddevices --format json | jq -r '.devices[].serial_number'\n"
                            "  zddevices optical                 what the optical drive can read and write\n"
                            "  zddevices firmware --format json  disk firmware as CIM software identities\n"
+                           "  zddevices --timeout 10            what answers within ten seconds\n"
                            "  zddevices --log-level 4 2>trace   what was asked of each device, in a file\n"
                            "\n"
                            "In tables \"-\" means: not known. Blanks around a text and control characters\n"
@@ -34,7 +37,8 @@ const char* const footer = "Examples:\n"
                            "  1  failure: the scan failed or its result could not be written\n"
                            "  2  wrong usage\n"
                            "  3  the scan ran, but there are device files that could not be opened for lack\n"
-                           "     of privilege; standard error says which and what to do";
+                           "     of privilege, or classes that did not answer in time; standard error says\n"
+                           "     which and what to do";
 
 const std::map<std::string, ZDSystemDevice::SysDeviceType>& Types()
 {
@@ -78,6 +82,31 @@ CLI::Validator LogLevel()
             const bool good =
                 value.size() == 1 && value[0] >= '0' && value[0] <= '0' + static_cast<char>(highestLogLevel);
             return good ? std::string() : "\"" + value + "\" is none of 0, 1, 2, 3, 4";
+        },
+        std::string());
+}
+
+/** Seconds as a decimal number; absent when the text is none, or none that anybody would wait. */
+std::optional<std::chrono::nanoseconds> ParseSeconds(const std::string& text)
+{
+    constexpr double shortest = 0.001;
+    constexpr double longest = 86400;
+    double seconds = 0;
+    const char* end = text.data() + text.size();
+    const std::from_chars_result result = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
+    if (result.ec != std::errc() || result.ptr != end || !(seconds >= shortest && seconds <= longest)) {
+        return std::nullopt;
+    }
+    constexpr double nanosecondsInASecond = 1e9;
+    return std::chrono::nanoseconds(std::llround(seconds * nanosecondsInASecond));
+}
+
+CLI::Validator Seconds()
+{
+    return CLI::Validator(
+        [](const std::string& value) {
+            return ParseSeconds(value) ? std::string()
+                                       : "\"" + value + "\" is no number of seconds from 0.001 to 86400";
         },
         std::string());
 }
@@ -135,6 +164,13 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                    "4 every step")
         ->type_name("0..4")
         ->check(LogLevel());
+    std::string timeLimit;
+    app.add_option("--timeout", timeLimit,
+                   "Ask each class in a process of its own and\n"
+                   "report those that answered after so long; the\n"
+                   "others are named")
+        ->type_name("SECONDS")
+        ->check(Seconds());
 
     const CLI::App* optical = AddSubcommand(app, "optical", "What the optical drive can read and write");
     const CLI::App* firmware = AddSubcommand(app, "firmware",
@@ -173,6 +209,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         options.type = Types().at(type);
     }
     options.format = Formats().at(format);
+    if (!timeLimit.empty()) {
+        options.timeLimit = ParseSeconds(timeLimit);
+    }
     if (!logLevel.empty()) {
         options.logLevel = static_cast<unsigned int>(logLevel[0] - '0');
     }

@@ -5,6 +5,7 @@
 #ifndef ZENDRA_ZDDEVICES_OPTIONS_H
 #define ZENDRA_ZDDEVICES_OPTIONS_H
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <variant>
@@ -25,6 +26,8 @@ struct Options {
     /** For Devices: the class to list unmerged; all classes, merged, when absent. */
     std::optional<ZDSystemDevice::SysDeviceType> type;
     Format format = Format::Table;
+    /** How long to wait for the devices; without limit, and without a process for each class, when absent. */
+    std::optional<std::chrono::nanoseconds> timeLimit;
     /** How much the library is to say on standard error; absent when the option was not given. */
     std::optional<unsigned int> logLevel;
 };

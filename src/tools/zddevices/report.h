@@ -20,13 +20,25 @@
 namespace Zendra {
 namespace ZDDevices {
 
+/** A class of devices about which there is no answer. */
+struct Unanswered {
+    /** As on the command line: "disk". */
+    std::string className;
+    /** Why, for people. */
+    std::string failure;
+    /** The device file that it waits for; empty when that is not known. */
+    std::string device;
+};
+
 struct Report {
     /** Name and version of the JSON document's schema: "zddevices/1". */
     std::string schema;
     /** The JSON document's key for the records: "devices". */
     std::string recordsKey;
-    /** What the library's facade answered. */
+    /** What the library's facade answered; DEV_FAILURE when no class was answered at all. */
     unsigned int status = 0;
+    /** The classes whose devices are missing, which the library was not to be waited for any longer. */
+    std::vector<Unanswered> unanswered;
     /** Composes the records for people. */
     std::function<Sheet()> sheet;
     /** What people are told when there is no record. */

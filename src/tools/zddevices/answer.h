@@ -1,0 +1,50 @@
+/**
+ * @file
+ * @brief What the library's facade answers to one call, and how that passes from one process to another.
+ */
+#ifndef ZENDRA_ZDDEVICES_ANSWER_H
+#define ZENDRA_ZDDEVICES_ANSWER_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/options/softwareIdentity.h"
+#include "module/osinfos/systemdevice/systemDevice.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+/** Status and records of one call. */
+template <typename Record>
+struct Answer {
+    unsigned int status = ZDSystemDevice::DEVICE_RESULT_OK;
+    std::vector<Record> records;
+};
+
+using DeviceAnswer = Answer<ZDSystemDevice::SystemDevice>;
+using OpticalAnswer = Answer<ZDSystemDevice::OpticalProperty>;
+using FirmwareAnswer = Answer<ZDOptions::SoftwareIdentity_>;
+
+/**
+ * @name The texts of a record, in the order in which the record declares them.
+ * @{
+ */
+std::vector<std::string*> Texts(ZDSystemDevice::SystemDevice& device);
+std::vector<std::string*> Texts(ZDSystemDevice::OpticalProperty& drive);
+/** All but `Category`, which is the same in every record. */
+std::vector<std::string*> Texts(ZDOptions::SoftwareIdentity_& identity);
+/** @} */
+
+/** The answer as bytes; every text keeps every byte. */
+template <typename Record>
+std::string Encode(Answer<Record> answer);
+
+/** The answer that Encode() made these bytes of; none for any other bytes. */
+template <typename Record>
+std::optional<Answer<Record>> Decode(const std::string& bytes);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif
