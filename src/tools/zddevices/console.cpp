@@ -47,11 +47,13 @@ void PrepareConsole()
 
 std::size_t OutputWidth()
 {
-    if (isatty(STDOUT_FILENO) == 0) {
-        return 0;
-    }
+    return isatty(STDOUT_FILENO) == 0 ? 0 : TerminalWidth(STDOUT_FILENO);
+}
+
+std::size_t TerminalWidth(int descriptor)
+{
     winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+    if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
         return usualWidth;
     }
     return size.ws_col;

@@ -22,6 +22,9 @@ void PrepareConsole();
 /** The columns of the terminal that standard output is; 0 when it is none. */
 std::size_t OutputWidth();
 
+/** The columns of a terminal. */
+std::size_t TerminalWidth(int descriptor);
+
 /**
  * @brief Writes the whole text to standard output and closes it: some file systems report errors only then.
  * @throws std::system_error with a message fit for the user.

@@ -31,7 +31,7 @@ Answer<Record> AskInTime(const std::vector<Task>& tasks, const Collection& colle
 {
     // What is reported where there is nothing of the library's to report.
     Answer<Record> all{ZDSystemDevice::DEV_FAILURE, {}};
-    const std::vector<Outcome> outcomes = RunIsolated(tasks, collection.limit, collection.observer);
+    const std::vector<Outcome> outcomes = RunIsolated(tasks, collection.limit, collection.progress);
     for (std::size_t i = 0; i < tasks.size(); ++i) {
         const Outcome& outcome = outcomes[i];
         std::optional<Answer<Record>> answer;
@@ -49,6 +49,26 @@ Answer<Record> AskInTime(const std::vector<Task>& tasks, const Collection& colle
                            std::make_move_iterator(answer->records.end()));
     }
     return all;
+}
+
+/** The answer to a call in this process. */
+template <typename Record>
+Answer<Record> AskHere(const std::function<Answer<Record>()>& ask, const Collection& collection)
+{
+    std::optional<BackgroundProgress> progress;
+    if (collection.progress != nullptr) {
+        progress.emplace(*collection.progress);
+    }
+    return ask();
+}
+
+/** The answer to a call that a subcommand makes for one class. */
+template <typename Record>
+Answer<Record> Ask(const char* className, const std::function<Answer<Record>()>& ask, const Collection& collection,
+                   std::vector<Unanswered>& unanswered)
+{
+    return collection.limit ? AskInTime<Record>({MakeTask<Record>(className, ask)}, collection, unanswered)
+                            : AskHere<Record>(ask, collection);
 }
 
 Report Complete(Report report, std::vector<Unanswered> unanswered)
@@ -101,7 +121,7 @@ std::vector<ZDSystemDevice::SystemDevice> Merge(std::vector<ZDSystemDevice::Syst
 Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const Collection& collection)
 {
     if (!collection.limit) {
-        DeviceAnswer answer = AskForDevices(type);
+        DeviceAnswer answer = AskHere<ZDSystemDevice::SystemDevice>([type] { return AskForDevices(type); }, collection);
         return DescribeDevices(answer.status, std::move(answer.records), type);
     }
     std::vector<Task> tasks;
@@ -125,21 +145,14 @@ Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const C
 Report CollectOptical(const Collection& collection)
 {
     std::vector<Unanswered> unanswered;
-    OpticalAnswer answer =
-        collection.limit
-            ? AskInTime<ZDSystemDevice::OpticalProperty>(
-                  {MakeTask<ZDSystemDevice::OpticalProperty>(opticalClass, AskForOptical)}, collection, unanswered)
-            : AskForOptical();
+    OpticalAnswer answer = Ask<ZDSystemDevice::OpticalProperty>(opticalClass, AskForOptical, collection, unanswered);
     return Complete(DescribeOptical(answer.status, std::move(answer.records)), std::move(unanswered));
 }
 
 Report CollectFirmware(const Collection& collection)
 {
     std::vector<Unanswered> unanswered;
-    FirmwareAnswer answer = collection.limit ? AskInTime<ZDOptions::SoftwareIdentity_>(
-                                                   {MakeTask<ZDOptions::SoftwareIdentity_>(diskClass, AskForFirmware)},
-                                                   collection, unanswered)
-                                             : AskForFirmware();
+    FirmwareAnswer answer = Ask<ZDOptions::SoftwareIdentity_>(diskClass, AskForFirmware, collection, unanswered);
     return Complete(DescribeFirmware(answer.status, std::move(answer.records)), std::move(unanswered));
 }
 

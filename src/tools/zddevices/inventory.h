@@ -7,13 +7,18 @@
 
 #include <array>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/answer.h"
+#include "tools/zddevices/deviceWatch.h"
 #include "tools/zddevices/isolate.h"
+#include "tools/zddevices/logging.h"
+#include "tools/zddevices/progress.h"
 #include "tools/zddevices/report.h"
 
 namespace Zendra {
@@ -44,7 +49,13 @@ FirmwareAnswer AskForFirmware();
 template <typename Record>
 Task MakeTask(const std::string& name, std::function<Answer<Record>()> ask)
 {
-    return {name, [ask = std::move(ask)] { return Encode(ask()); }};
+    const auto watch = std::make_shared<DeviceWatch>();
+    return {name,
+            [ask = std::move(ask), watch] {
+                FollowDevices(watch.get());
+                return Encode(ask());
+            },
+            [watch] { return watch->Look(); }};
 }
 
 /** The task that asks for the devices of one class; named after it. */
@@ -57,8 +68,8 @@ std::vector<ZDSystemDevice::SystemDevice> Merge(std::vector<ZDSystemDevice::Syst
 struct Collection {
     /** With a limit, each class is asked in a process of its own and is unanswered when the time is over. */
     std::optional<Duration> limit;
-    /** Hears, with a limit, of classes that take their time; may be null. */
-    Observer* observer = nullptr;
+    /** Shows which devices take their time; may be null. */
+    Progress* progress = nullptr;
 };
 
 /** The devices of one class as their device files stand, or, without a class, all devices merged. */

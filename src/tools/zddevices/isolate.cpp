@@ -22,8 +22,6 @@
 #include <sstream>
 #include <utility>
 
-#include "tools/zddevices/deviceInUse.h"
-
 namespace Zendra {
 namespace ZDDevices {
 
@@ -189,7 +187,7 @@ bool LetGoOfInheritedFiles(int answer, int messages)
            dup2(messages, STDERR_FILENO) == STDERR_FILENO;
 }
 
-[[noreturn]] void Work(const Task& task, int answer, int messages) noexcept
+[[noreturn]] void DoWork(const Task& task, int answer, int messages) noexcept
 {
     if (!LetGoOfInheritedFiles(answer, messages)) {
         _exit(EXIT_FAILURE);
@@ -264,14 +262,14 @@ public:
             for (const Child& other : others) {
                 other.CloseInChild();
             }
-            Work(*task, answerEnd.Get(), messageEnd.Get());
+            DoWork(*task, answerEnd.Get(), messageEnd.Get());
         }
         // Again, for the child may not have run yet when it is to be killed.
         setpgid(process, process);
     }
 
     bool IsRunning() const { return process > 0; }
-    pid_t Process() const { return process; }
+    const Task& Work() const { return *task; }
     bool HasClosed() const { return !answer.IsOpen(); }
     int AnswerDescriptor() const { return answer.Get(); }
     int MessageDescriptor() const { return messages.Get(); }
@@ -312,8 +310,6 @@ public:
                    strsignal(WTERMSIG(status)) + ")");
         } else if (WEXITSTATUS(status) != EXIT_SUCCESS || !Unpack(received, outcome)) {
             GiveUp("its process gave no proper answer");
-        } else {
-            outcome.device.clear();
         }
         outcome.elapsed = Clock::now() - started;
         Release();
@@ -323,7 +319,6 @@ public:
     /** The time is over. */
     void End(Duration limit)
     {
-        outcome.device = DeviceInUse(process);
         late = "no answer within " + Seconds(limit);
         Kill();
     }
@@ -359,6 +354,7 @@ private:
     void GiveUp(const std::string& failure)
     {
         outcome.answer.reset();
+        outcome.device = task->look ? task->look().device : std::string();
         outcome.failure = late.empty() ? failure : late;
         Release();
     }
@@ -462,12 +458,12 @@ std::vector<Outcome> RunIsolated(const std::vector<Task>& tasks, std::optional<D
             longest = std::min(longest.value_or(observeInterval), observeInterval);
         }
         Wait(children, longest);
-        std::vector<pid_t> running;
+        std::vector<const Task*> running;
         for (Child& child : children) {
             if (child.IsRunning()) {
                 child.Read(observer);
                 if (!(child.HasClosed() || killed) || !child.Reap(observer)) {
-                    running.push_back(child.Process());
+                    running.push_back(&child.Work());
                 }
             }
         }

@@ -5,19 +5,17 @@
  * A system call on a sick device may never come back, and a process in one cannot be ended, not even by SIGKILL.
  * Whoever must answer in time therefore leaves such calls to others. What a piece of work answers is bytes; they
  * are bounded and checked on their way, so that a child that dies half-way has not answered.
- *
- * Knows nothing of devices but how to find out which one a process is busy with.
  */
 #ifndef ZENDRA_ZDDEVICES_ISOLATE_H
 #define ZENDRA_ZDDEVICES_ISOLATE_H
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tools/zddevices/deviceWatch.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -30,6 +28,8 @@ struct Task {
     std::string name;
     /** Runs in a child process: changes nothing here, and what it throws becomes Outcome::failure. */
     std::function<std::string()> run;
+    /** Says in this process which device the child is at; may be empty. */
+    std::function<Sighting()> look = nullptr;
 };
 
 /** What became of a task. */
@@ -38,7 +38,7 @@ struct Outcome {
     std::optional<std::string> answer;
     /** Why there is no answer, for people; empty when there is one. */
     std::string failure;
-    /** The device file that the child was busy with when its time was over; empty when that is not known. */
+    /** The device file that the child was at when there was no answer; empty when that is not known. */
     std::string device;
     /** From the start to the answer, or to when it was given up. */
     Duration elapsed{};
@@ -52,8 +52,8 @@ public:
     Observer(const Observer&) = delete;
     Observer& operator=(const Observer&) = delete;
 
-    /** Called several times a second with the processes that have not answered yet. */
-    virtual void StillRunning(const std::vector<pid_t>& processes) = 0;
+    /** Called several times a second with the tasks that have not answered yet. */
+    virtual void StillRunning(const std::vector<const Task*>& tasks) = 0;
 
     /** Called before anything is written to standard error. */
     virtual void BeforeMessage() = 0;

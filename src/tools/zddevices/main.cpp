@@ -18,6 +18,7 @@
 #include "tools/zddevices/json.h"
 #include "tools/zddevices/logging.h"
 #include "tools/zddevices/options.h"
+#include "tools/zddevices/progress.h"
 #include "tools/zddevices/status.h"
 #include "tools/zddevices/table.h"
 #include "tools/zddevices/text.h"
@@ -41,7 +42,12 @@ std::string Render(const Report& report, Format format, const Occasion& occasion
 
 Report Collect(const Options& options)
 {
-    const Collection collection{options.timeLimit};
+    std::optional<Progress> progress;
+    // A log on the terminal tells more, and would be torn by the line.
+    if (options.logLevel.value_or(0) == 0 && Progress::IsOfUse()) {
+        progress.emplace();
+    }
+    const Collection collection{options.timeLimit, progress ? &*progress : nullptr};
     switch (options.command) {
     case Command::Optical:
         return CollectOptical(collection);
