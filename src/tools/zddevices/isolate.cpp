@@ -279,7 +279,7 @@ public:
     void Read(Observer* observer)
     {
         Take(answer, received);
-        if (received.size() > sizeof(Header) + largestAnswer) {
+        if (answer.IsOpen() && received.size() > sizeof(Header) + largestAnswer) {
             answer.Close();
             Kill();
         }
@@ -347,8 +347,11 @@ private:
 
     void Kill() const
     {
-        kill(-process, SIGKILL);
-        kill(process, SIGKILL);
+        // Without a child the number would mean every process of this user.
+        if (IsRunning()) {
+            kill(-process, SIGKILL);
+            kill(process, SIGKILL);
+        }
     }
 
     void GiveUp(const std::string& failure)
