@@ -12,12 +12,14 @@ import pty
 import re
 import shlex
 import shutil
+import signal
 import socket
 import struct
 import subprocess
 import sys
 import tempfile
 import termios
+import time
 import unicodedata
 import unittest
 
@@ -503,6 +505,160 @@ def found(*records):
     return {"status": 0, "records": list(records)}
 
 
+def opening(device):
+    """What the library logs when it opens a device, for the scripted facade."""
+    return f"Enter DataOperator::OpenDriveFile() driveName = {device}".encode().hex()
+
+
+def wait_for(condition):
+    """The condition's value as soon as it is one. The limit is for a program that is broken."""
+    end = time.monotonic() + 120
+    while time.monotonic() < end:
+        value = condition()
+        if value:
+            return value
+        time.sleep(0.02)
+    raise AssertionError("in vain")
+
+
+def read_line(path):
+    """The file's first line once it is whole, else nothing."""
+    try:
+        with open(path, encoding="ascii") as file:
+            line = file.readline()
+    except FileNotFoundError:
+        return ""
+    return line if line.endswith("\n") else ""
+
+
+def process_state(process):
+    """The kernel's letter for the state of a process; "-" for none."""
+    try:
+        with open(f"/proc/{process}/stat", encoding="ascii") as file:
+            return file.read().rpartition(")")[2].split()[0]
+    except FileNotFoundError:
+        return "-"
+
+
+class Screen:
+    """One line of a terminal that knows nothing but carriage return and line feed."""
+
+    def __init__(self):
+        self.lines = [""]
+        self.column = 0
+        self.everything = ""
+
+    def take(self, text):
+        self.everything += text
+        for char in text:
+            if char == "\r":
+                self.column = 0
+            elif char == "\n":
+                self.lines.append("")
+                self.column = 0
+            else:
+                line = self.lines[-1]
+                self.lines[-1] = line[:self.column] + char + line[self.column + 1:]
+                self.column += 1
+
+    def seen(self):
+        return "\n".join(line.rstrip() for line in self.lines)
+
+
+class ProgressTest(Case):
+    def watch(self, script, *arguments, until, columns=80, terminals=(1, 2), preexec_fn=None):
+        """Runs the program on a terminal and lets its devices answer when it has shown `until`, a pattern."""
+        go = os.path.join(self.directory, "go")
+        for answer in script.values():
+            if "wait_for" in answer:
+                answer["wait_for"] = go
+        controller, terminal = pty.openpty()
+        attributes = termios.tcgetattr(terminal)
+        attributes[1] &= ~termios.OPOST
+        termios.tcsetattr(terminal, termios.TCSANOW, attributes)
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        streams = {name: terminal if number in terminals else subprocess.PIPE
+                   for number, name in ((1, "stdout"), (2, "stderr"))}
+        process = subprocess.Popen([SCRIPTED, *arguments], stdin=subprocess.DEVNULL, env=self.environment(script),
+                                   preexec_fn=preexec_fn, **streams)
+        os.close(terminal)
+        screen = Screen()
+        while True:
+            try:
+                part = os.read(controller, 65536)
+            except OSError:
+                break
+            screen.take(part.decode())
+            if until and re.search(until, screen.everything):
+                with open(go, "w", encoding="ascii"):
+                    pass
+        os.close(controller)
+        out, err = process.communicate()
+        return process.returncode, screen, (out or b"").decode() + (err or b"").decode()
+
+    def slow(self, device, answer):
+        return {**answer, "log": opening(device), "wait_for": "here"}
+
+    def test_a_slow_device_is_named_and_the_line_is_gone_in_the_end(self):
+        for arguments in ([], ["--timeout", LONG]):
+            script = {"2": self.slow("/dev/sdb", found(DISK))}
+            code, screen, _ = self.watch(script, "-t", "disk", *arguments, until=r"asking /dev/sdb \([1-9]\d* s\)")
+            self.assertEqual(code, 0)
+            self.assertEqual([line.split()[0] for line in screen.seen().splitlines()], ["ADDRESS", "10:0:3:1"])
+            self.assertNotIn("\x1b", screen.everything)
+            os.remove(os.path.join(self.directory, "go"))
+
+    def test_every_class_that_is_slow_has_its_device(self):
+        script = {"0": self.slow("/dev/st0", NOTHING), "1": self.slow("/dev/sg0", NOTHING), "2": NOTHING, "3": NOTHING}
+        code, screen, _ = self.watch(script, "--timeout", LONG, until=r"asking /dev/s[tg]0 \(\d+ s\), /dev/s[tg]0 \(")
+        self.assertEqual((code, screen.seen()), (0, "No storage devices found.\n"))
+
+    def test_messages_stand_on_lines_of_their_own(self):
+        script = {"0": self.slow("/dev/st0", NOTHING), "1": NOTHING, "2": HANGS, "3": NOTHING}
+        code, screen, _ = self.watch(script, "--timeout", "2.5", until=r"asking /dev/st0")
+        self.assertEqual((code, screen.seen()), (3, "Nothing was found in time.\n"
+                                                    "zddevices: class disk: no answer within 2.5 s\n"))
+
+    def test_a_scan_that_tells_nothing_is_waited_for_by_time(self):
+        code, screen, _ = self.watch({"all": {**NOTHING, "wait_for": ""}}, until=r"asking the devices \(\d+ s\)")
+        self.assertEqual((code, screen.seen()), (0, "No storage devices found.\n"))
+
+    def test_the_line_fits_the_terminal(self):
+        name = "/dev/sd" + "x" * 60
+        code, screen, _ = self.watch({"all": self.slow(name, NOTHING)}, until="asking /dev/sdxxx", columns=40)
+        self.assertEqual((code, screen.seen()), (0, "No storage devices found.\n"))
+        self.assertEqual(max(len(line) for line in re.split("[\r\n]", screen.everything)), 39)
+
+    def test_standard_error_alone_is_enough_and_standard_output_is_not(self):
+        code, screen, out = self.watch({"all": self.slow("/dev/sda", NOTHING)}, until="asking /dev/sda", terminals=(2,))
+        self.assertEqual((code, screen.seen(), out), (0, "", "No storage devices found.\n"))
+        self.check_silence(terminals=(1,))
+
+    def check_silence(self, *arguments, **options):
+        """Two seconds in which nothing is shown."""
+        code, screen, rest = self.watch({"0": {"log": opening("/dev/st0"), **HANGS}}, "-t", "tape", "--timeout", "2",
+                                        *arguments, until=None, **options)
+        self.assertEqual(code, 3)
+        self.assertNotIn("asking", screen.everything + rest)
+
+    def test_a_log_is_not_torn(self):
+        self.check_silence("--log-level", "1")
+
+    def test_a_background_job_leaves_the_terminal_alone(self):
+        def into_background():
+            os.setsid()
+            fcntl.ioctl(1, termios.TIOCSCTTY, 0)
+            # The session's leader stays in front; this child of it does not.
+            if os.fork() != 0:
+                os._exit(os.waitstatus_to_exitcode(os.wait()[1]))
+            os.setpgid(0, 0)
+        self.check_silence(preexec_fn=into_background)
+
+    def test_a_quick_host_shows_nothing(self):
+        code, screen, _ = self.watch({"all": NOTHING}, until=None)
+        self.assertEqual((code, screen.everything), (0, "No storage devices found.\n"))
+
+
 class TimeoutTest(Case):
     def run_classes(self, tape, scsi, disk, optical, *arguments, timeout=LONG, **options):
         script = {"0": tape, "1": scsi, "2": disk, "3": optical}
@@ -544,13 +700,12 @@ class TimeoutTest(Case):
                     self.assertEqual(stamp.sub("", str(limited)), stamp.sub("", str(plain)))
 
     def test_every_byte_comes_through(self):
-        everything = {name: bytes(range(256)) for name in FIELDS[:5]}
+        everything = record(**{name: bytes(range(256)) for name in FIELDS[:5]})
         for form in ("table", "json"):
-            for arguments, call in ((["-t", "scsi"], "1"), ):
-                plain = self.run_scripted([record(**everything)], *arguments, "--format", form, call=call)
-                limited = self.run_scripted([record(**everything)], *arguments, "--format", form, "--timeout", LONG,
-                                            call=call)
-                self.assertEqual(limited[1].split("devices")[-1], plain[1].split("devices")[-1])
+            arguments = ["-t", "scsi", "--format", form]
+            plain = self.run_scripted([everything], *arguments, call="1")
+            limited = self.run_scripted([everything], *arguments, "--timeout", LONG, call="1")
+            self.assertEqual(limited[1].split("devices")[-1], plain[1].split("devices")[-1])
 
     def test_ten_thousand_disks_come_through(self):
         code, out, err = self.run_scripted([DISK] * 10000, "-t", "disk", "-f", "json", "--timeout", LONG, call="2")
@@ -595,6 +750,71 @@ class TimeoutTest(Case):
             document = json.loads(out)
             validate(document, f"zddevices-{word}/1")
             self.assertEqual(document["unanswered"], [name])
+
+    def test_the_device_that_did_not_answer_is_named(self):
+        self.check_unanswered({"log": opening("/dev/sda"), **HANGS}, "no answer within 0.5 s (/dev/sda)", timeout="0.5")
+        self.check_unanswered({"log": opening("/dev/sd\x1b[2J"), **HANGS},
+                              "no answer within 0.5 s (/dev/sd\\x1b[2J)", timeout="0.5")
+        self.check_unanswered({"log": opening("/dev/sdb"), "signal": 11},
+                              "its process was ended by signal 11 (Segmentation fault) (/dev/sdb)")
+
+    def test_a_child_that_cannot_be_ended_is_left_behind_and_holds_nothing(self):
+        pid = os.path.join(self.directory, "pid")
+        leaked, inherited = os.pipe()
+        self.addCleanup(os.close, leaked)
+        script = {"0": NOTHING, "1": NOTHING, "2": {"pid": pid, **HANGS}, "3": found(OPTICAL)}
+        environment = {**self.environment(script), "ZDDEVICES_IMMORTAL": "1"}
+        process = subprocess.Popen([SCRIPTED, "--timeout", "0.5"], env=environment, stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=[inherited])
+        os.close(inherited)
+        # Both would wait for a child that held on to the pipes.
+        out, err = process.communicate(timeout=120)
+        with open(pid, encoding="ascii") as file:
+            child = int(file.read())
+        try:
+            self.assertEqual((process.returncode, err), (3, b"zddevices: class disk: no answer within 0.5 s\n"))
+            self.assertIn(b"DVD", out)
+            os.set_blocking(leaked, False)
+            self.assertEqual(os.read(leaked, 1), b"")
+            os.kill(child, 0)  # It is still there.
+        finally:
+            os.kill(child, signal.SIGKILL)
+
+    def test_children_end_with_the_program(self):
+        pid = os.path.join(self.directory, "pid")
+        script = {"optical": {"pid": pid, **HANGS}}
+        process = subprocess.Popen([SCRIPTED, "optical", "--timeout", LONG], env=self.environment(script),
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        child = int(wait_for(lambda: read_line(pid)))
+        process.terminate()
+        process.communicate()
+        wait_for(lambda: process_state(child) in "-ZX")
+
+    def test_what_children_print_is_not_the_answer(self):
+        code, out, err = self.run_classes({**NOTHING, "print": "printed"}, NOTHING, NOTHING,
+                                          {**NOTHING, "say": "said\n"})
+        self.assertEqual((code, out, err), (0, "No storage devices found.\n", "said\n"))
+
+    def test_log_messages_come_through_and_only_those_asked_for(self):
+        trace = {"log": opening("/dev/sda")}
+        for level, count in (("4", 4), ("3", 0), ("0", 0)):
+            code, _, err = self.run_classes(*[{**NOTHING, **trace}] * 4, "--log-level", level)
+            self.assertEqual(code, 0)
+            self.assertEqual(len(re.findall(r"(?m)^\[4\] \S+ Enter DataOperator::OpenDriveFile\(\) driveName = "
+                                            r"/dev/sda$", err)), count, err)
+            self.assertEqual(len(err.splitlines()), count)
+
+    def test_a_logging_library_of_somebody_else_does_as_well(self):
+        code, out, err = self.run_program("--timeout", "0.2", "-t", "disk", program=FOREIGN_LOGGER,
+                                          script={"2": HANGS})
+        self.assertEqual((code, out, err), (3, "Nothing was found in time.\n",
+                                            "zddevices: class disk: no answer within 0.2 s\n"))
+
+    def test_closed_standard_descriptors_harm_nothing(self):
+        code, out, _ = self.run_classes(NOTHING, NOTHING, found(DISK), NOTHING,
+                                        preexec_fn=lambda: [os.close(number) for number in (0, 2)])
+        self.assertEqual(code, 0)
+        self.assertIn("drive-scsi0-0-0-1", out)
 
     def test_wrong_limits_are_wrong_usage(self):
         for text in ("0", "-1", "", "1e3", "inf", "nan", "1.5.2", "5s", " 5", "0x10", "86401", "0.0009", "+1"):

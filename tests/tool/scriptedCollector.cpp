@@ -9,10 +9,12 @@
  * A call that the script does not know ends the program.
  */
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdarg>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -23,6 +25,30 @@
 #include "common/logger/logLine.h"
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "tools/zddevices/answer.h"
+
+/** Makes the program's children immortal where ZDDEVICES_IMMORTAL is set, as those are whom a device holds. */
+extern "C" int kill(pid_t process, int signal) noexcept
+{
+    if (std::getenv("ZDDEVICES_IMMORTAL") != nullptr) {
+        return 0;
+    }
+    if (process >= -1 && process <= 1) {
+        std::abort();
+    }
+    return static_cast<int>(syscall(SYS_kill, process, signal));
+}
+
+extern "C" int prctl(int option, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, option);
+    const unsigned long argument = va_arg(arguments, unsigned long);
+    va_end(arguments);
+    if (option == PR_SET_PDEATHSIG && std::getenv("ZDDEVICES_IMMORTAL") != nullptr) {
+        return 0;
+    }
+    return static_cast<int>(syscall(SYS_prctl, option, argument));
+}
 
 namespace Zendra {
 namespace ZDSystemDevice {
@@ -49,45 +75,36 @@ void CheckThatStandardDescriptorsAreTaken()
     }
 }
 
-/** What a facade does that never answers, or not properly. */
+/** What a facade does that takes long, never answers, or dies. */
 void Misbehave(const nlohmann::json& answer)
 {
-    if (answer.contains("open")) {
-        const std::string path = answer.at("open");
-        if (open(path.c_str(), O_RDONLY | O_CLOEXEC) < 0) {
-            std::abort();
-        }
+    if (answer.contains("pid")) {
+        const std::string file = answer.at("pid");
+        std::ofstream(file) << getpid() << std::endl;
     }
     if (answer.contains("say")) {
-        std::cerr << std::string(answer.at("say")) << std::flush;
+        const std::string text = answer.at("say");
+        std::cerr << text << std::flush;
     }
     if (answer.contains("print")) {
-        std::cout << std::string(answer.at("print")) << std::flush;
-    }
-    if (answer.contains("start")) {
-        const std::string command = answer.at("start");
-        static_cast<void>(std::system(command.c_str()));
+        const std::string text = answer.at("print");
+        std::cout << text << std::flush;
     }
     if (answer.contains("signal")) {
         std::raise(answer.at("signal"));
-    }
-    if (answer.contains("garbage")) {
-        const std::string bytes = FromHex(answer.at("garbage"));
-        constexpr int descriptors = 64;
-        for (int descriptor = STDERR_FILENO + 1; descriptor < descriptors; ++descriptor) {
-            struct stat file {};
-            if (fstat(descriptor, &file) == 0 && S_ISFIFO(file.st_mode)) {
-                for (std::size_t i = answer.value("times", std::size_t{1}); i > 0; --i) {
-                    static_cast<void>(write(descriptor, bytes.data(), bytes.size()));
-                }
-            }
-        }
     }
     if (answer.contains("exit")) {
         _exit(answer.at("exit"));
     }
     while (answer.value("hang", false)) {
         pause();
+    }
+    if (answer.contains("wait_for")) {
+        const std::string file = answer.at("wait_for");
+        while (access(file.c_str(), F_OK) != 0) {
+            constexpr useconds_t pause = 20000;
+            usleep(pause);
+        }
     }
 }
 

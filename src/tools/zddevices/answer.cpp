@@ -97,9 +97,12 @@ std::string Encode(Answer<Record> answer)
 template <typename Record>
 std::optional<Answer<Record>> Decode(const std::string& bytes)
 {
-    constexpr bool toTheEnd = true;
-    constexpr bool throwing = false;
-    json document = json::from_cbor(bytes, toTheEnd, throwing);
+    json document;
+    try {
+        document = json::from_cbor(bytes);
+    } catch (const json::exception&) {
+        return std::nullopt;
+    }
     constexpr std::size_t parts = 2;
     if (!document.is_array() || document.size() != parts || !document[0].is_number_unsigned() ||
         !document[1].is_array()) {

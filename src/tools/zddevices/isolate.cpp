@@ -280,8 +280,8 @@ public:
     {
         Take(answer, received);
         if (answer.IsOpen() && received.size() > sizeof(Header) + largestAnswer) {
-            answer.Close();
             Kill();
+            answer.Close();
         }
         Take(messages, unwritten);
         const std::size_t end = unwritten.rfind('\n');
