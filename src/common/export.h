@@ -8,6 +8,7 @@
 #ifndef ZENDRA_COMMON_EXPORT_H
 #define ZENDRA_COMMON_EXPORT_H
 
+/** Marks a class, function or record that callers of a shared library of this tree may use. */
 #define ZENDRA_EXPORT __attribute__((visibility("default")))
 
 /**

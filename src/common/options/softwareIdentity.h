@@ -13,6 +13,7 @@
 #include "common/export.h"
 
 namespace Zendra {
+/** Records that components of the code base hand each other. */
 namespace ZDOptions {
 
 /** One identity. Everything but `Category` is text; an empty text means that the property is not known. */

@@ -20,6 +20,7 @@
 
 namespace Zendra {
 
+/** Texts of the code base's own making. */
 namespace zd_utils {
 
 /**
@@ -33,6 +34,7 @@ ZENDRA_EXPORT std::string FormatTime();
 
 }  // namespace zd_utils
 
+/** What the code base asks of the operating system: files, console, child processes, names and ports. */
 namespace OSSpecific {
 
 /**
@@ -157,6 +159,7 @@ ZENDRA_EXPORT int SpawnProcess(const std::string& commandLine, std::string* outp
  *
  * @param exePath the program, and its own argv[0].
  * @param params  argv[1] and on.
+ * @param outputPtr what the program writes is appended here; not null.
  * @param timeout seconds; -1 waits without limit, another negative value makes the call fail after the program
  *                was started.
  * @return 0 when the program ended with exit code 0. -1 otherwise: another exit code, death by a signal, a
@@ -193,6 +196,7 @@ ZENDRA_EXPORT int SpawnProcess(const std::string& exePath, const std::string& ar
  * @param tryflag 1 finds the program along PATH and passes the caller's environment; 2 takes `exePath` as a path
  *                and passes exactly `envVars`; with another value no program is run and the child's exit code
  *                is 0.
+ * @param outputPtr what the program writes is appended here; not null.
  * @return the exit code, 0 to 255, after a normal end; 255 is also that of a program that could not be executed,
  *         and the output then ends with the reason. -1 on death by a signal, time-out, failed wait, no pipe, no
  *         process. When fork fails, one child of the caller, if there is any, is waited for and reaped.
@@ -208,8 +212,12 @@ ZENDRA_EXPORT int SpawnProcessIn(const std::string& exePath, const std::string& 
  * file; it runs as by the basic SpawnProcess(), with at most 360 seconds between two chunks of its output. How
  * it ended does not matter.
  *
+ * @param exePath  the program, found along PATH, and its own argv[0].
+ * @param params   its argv[1] and on.
+ * @param filePath the file that it writes.
  * @param output gets the contents of `filePath` in place of what it held; when the file cannot be opened, or
  *               holds just the text "Error", what it held followed by the program's output.
+ * @param force  removes the file and runs the program even where the file is there.
  */
 ZENDRA_EXPORT void CapFileViaProc(std::string exePath, std::vector<std::string> params, std::string filePath,
                                   std::string& output, bool force);

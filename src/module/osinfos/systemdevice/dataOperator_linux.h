@@ -49,17 +49,29 @@ enum Passthrough_cmd_type : int {
 /** What can carry a command to a device: the real thing (DataOperator) or a stand-in. */
 class ZENDRA_EXPORT DataOperatorInterface {
 public:
-    /** Runs one ioctl on a device file. Returns DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED. */
+    /**
+     * @brief Runs one ioctl on a device file. Blocks as long as the driver does.
+     * @param request stays the caller's; the kernel's answer stands behind its `ioctlData` on success.
+     * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
+     */
     virtual int ExecIoCtl(ReqIoCtlParam& request) = 0;
 
-    /** Runs one SCSI command on a device file. Returns DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED. */
+    /**
+     * @brief Runs one SCSI command on a device file. Blocks until the device has answered.
+     * @param request stays the caller's; the answer stands in its `dataBuffer` on success.
+     * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
+     */
     virtual int ExecPassThruCmd(ReqPassThruParam& request) = 0;
 
+    /** Operators are deleted through this interface by the proxy that owns them. */
     virtual ~DataOperatorInterface();
 
 protected:
+    /** Only operators are made. */
     DataOperatorInterface() = default;
+    /** Only operators that allow it are copied. */
     DataOperatorInterface(const DataOperatorInterface&) = default;
+    /** Only operators that allow it are assigned. */
     DataOperatorInterface& operator=(const DataOperatorInterface&) = default;
 };
 

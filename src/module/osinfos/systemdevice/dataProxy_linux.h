@@ -140,13 +140,16 @@ public:
 
     /**
      * @brief Reads SPC standard INQUIRY data: type (byte 0), vendor (8-15), product (16-31), revision (32-35).
-     * @param data at least 36 bytes.
+     * @param data at least 36 bytes, which are only read; the caller's.
+     * @param bus  gets the texts; not null. Its address and serial number stay.
      * @return 0, always.
      */
     int ProcessInquiryData(unsigned char* data, BusDevice* bus);
 
     /**
      * @brief Asks a SCSI device for its identity, its address and, from disks and tapes, its serial number.
+     * @param driveName path of the device file.
+     * @param bus   gets what the device answered; what it did not answer stays.
      * @param is_sg whether the address comes from SG_GET_SCSI_ID (sg nodes) or from the SCSI ioctls (others).
      * @return DEV_SUCCESS, also when the driver is too old to be asked, which leaves `bus` without names;
      *         DEV_FAILURE when the INQUIRY could not be sent.
@@ -175,7 +178,9 @@ protected:
 /** Optical drives: /dev/sr*. */
 class ZENDRA_EXPORT CDDVDProxy : public DataProxy {
 public:
+    /** As DataProxy(). */
     CDDVDProxy();
+    /** Deletes the operator. */
     ~CDDVDProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
 
@@ -205,7 +210,9 @@ public:
 /** Tape drives: /dev/st*, or /dev/nst* where there is no st. */
 class ZENDRA_EXPORT TapeProxy : public DataProxy {
 public:
+    /** As DataProxy(). */
     TapeProxy();
+    /** Deletes the operator. */
     ~TapeProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
@@ -221,7 +228,9 @@ public:
 /** Disks: /dev/hd*, /dev/sd*, /dev/nvme*. */
 class ZENDRA_EXPORT PhysicalDriveProxy : public DataProxy {
 public:
+    /** As DataProxy(). */
     PhysicalDriveProxy();
+    /** Deletes the operator. */
     ~PhysicalDriveProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
@@ -231,6 +240,8 @@ public:
      *
      * Of disks whose vendor contains "ATA", those at /dev/sd* are asked for their ATA identity too.
      *
+     * @param bus  gets what the disk answered.
+     * @param path path of the device file.
      * @param useGeneric whether SCSI INQUIRY is tried before ATA IDENTIFY.
      * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED, as the last command sent went.
      * @throws std::out_of_range when `path` is shorter than "/dev/" and the vendor contains "ATA".
@@ -251,7 +262,9 @@ public:
 /** Generic SCSI devices: /dev/sg*, or /dev/sd* where the sg module is not loaded. */
 class ZENDRA_EXPORT SCSIProxy : public DataProxy {
 public:
+    /** As DataProxy(). */
     SCSIProxy();
+    /** Deletes the operator. */
     ~SCSIProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;

@@ -18,13 +18,17 @@
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
+/** The code base. */
 namespace Zendra {
+/** The inventory of a host's storage-class devices. */
 namespace ZDSystemDevice {
 
 /** Takes the inventory of this host's storage-class devices. */
 class ZENDRA_EXPORT DeviceCollector {
 public:
+    /** Touches no device. */
     DeviceCollector();
+    /** Has nothing to release. */
     ~DeviceCollector();
 
     /**
