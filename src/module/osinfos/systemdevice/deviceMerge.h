@@ -22,6 +22,7 @@ namespace ZDSystemDevice {
  * fields. DeviceCollector::GetAllDevice() says which order that is.
  *
  * @param accumulated the records of the classes behind each other: tape, generic SCSI, disk, optical.
+ * @param devices     the caller's list; what it holds already stays in front.
  * @throws std::bad_alloc when memory runs out; what was appended stays.
  */
 void MergeByAddress(std::vector<SystemDevice> accumulated, std::vector<SystemDevice>& devices);
