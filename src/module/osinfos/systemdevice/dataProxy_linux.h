@@ -124,6 +124,10 @@ public:
 
     /**
      * @brief Sends one SCSI command and reads its answer into `bus` as `type` says.
+     *
+     * Of SPC VPD page 0x80 the length is byte 3, the serial number begins at byte 4; one of more than 32 characters
+     * leaves the old, one of none or one empties it.
+     *
      * @return DEV_SUCCESS, or the status of the failed command with `bus` untouched.
      */
     int SendRcvPassthroughCMD(ReqPassThruParam& param, BusDevice& bus, Passthrough_cmd_type type);
@@ -158,6 +162,10 @@ public:
 
     /**
      * @brief Asks an ATA disk for its identity (IDENTIFY DEVICE through HDIO_DRIVE_CMD).
+     *
+     * Serial number: words 10-19, firmware revision: 23-26, model: 27-46, of which the first word becomes the vendor
+     * and the second the product. Takes CAP_SYS_RAWIO and CAP_SYS_ADMIN.
+     *
      * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
      */
     int GetDriverData(std::string& driveName, BusDevice& bus);
@@ -248,7 +256,13 @@ public:
      */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path, bool useGeneric);
 
-    /** Asks an NVMe disk for its identity (Identify Controller). Returns DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
+    /**
+     * @brief Asks an NVMe disk for its identity (Identify Controller).
+     *
+     * Serial number: bytes 4-22, model number: 24-62, firmware revision: from 64 up to the next NUL. The vendor becomes
+     * "NVMe". Takes CAP_SYS_ADMIN, on kernels before 6.2.
+     *
+     * @return DEV_SUCCESS, or DEV_FAILURE or DEV_OPEN_FAILED with `bus` untouched.
      */
     int GetNVMEInfo(BusDevice& bus, std::string& driveName);
 

@@ -56,13 +56,19 @@ enum SysDeviceType : std::int32_t {
 struct ZENDRA_EXPORT SystemDevice {
     /** Vendor: T10 vendor identification (SPC standard INQUIRY bytes 8-15), first word of an ATA model, or "NVMe". */
     std::string vendor;
-    /** Product: SPC standard INQUIRY bytes 16-31, a word of the ATA model, or the NVMe model number. */
+    /**
+     * Product: SPC standard INQUIRY bytes 16-31, a word of the ATA model (IDENTIFY words 27-46), or the NVMe model
+     * number (Identify Controller bytes 24-62).
+     */
     std::string product;
     /** Peripheral device type in words ("Direct Access Device"); empty for disks that only ATA IDENTIFY reached. */
     std::string device_type;
     /** Unit serial number: SPC VPD page 0x80, ATA IDENTIFY words 10-19, NVMe Identify Controller bytes 4-22. */
     std::string serial_number;
-    /** Firmware revision, without the line feed that sysfs puts behind it. */
+    /**
+     * Firmware revision: SPC standard INQUIRY bytes 32-35, ATA IDENTIFY words 23-26, NVMe Identify Controller from
+     * byte 64 to the next NUL, or what sysfs holds, without the line feed behind it.
+     */
     std::string firmware_revision;
     /** SCSI host (adapter) number, decimal, no leading zeros. "0" in all four address fields: no address found. */
     std::string port;
