@@ -56,13 +56,13 @@ nlohmann::ordered_json Object(const OpticalProperty& drive)
             {"ram_w_", JsonText(drive.ram_w_)}};
 }
 
-/** The kernel separates the drives of its table by tabs. */
+}  // namespace
+
 bool NamesSeveral(const OpticalProperty& drive)
 {
+    // The kernel separates the drives of its table by tabs.
     return drive.drive_name_.find('\t') != std::string::npos;
 }
-
-}  // namespace
 
 Report DescribeOptical(unsigned int status, std::vector<OpticalProperty> drives)
 {

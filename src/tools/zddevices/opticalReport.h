@@ -13,6 +13,9 @@
 namespace Zendra {
 namespace ZDDevices {
 
+/** Whether the record stands for several drives, whose capabilities are then not known. */
+bool NamesSeveral(const ZDSystemDevice::OpticalProperty& drive);
+
 /**
  * @brief What the facade answered when asked for the optical drives' capabilities.
  *

@@ -56,13 +56,21 @@ constexpr Range unseen[] = {
     {0xFFA0, 0xFFA0}, {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF},
 };
 
-/** Whether a character beyond ASCII may be shown as it is. */
-bool ShowsItself(CodePoint code)
+bool IsUnseen(CodePoint code)
 {
     for (const Range& range : unseen) {
         if (code >= range.first && code <= range.last) {
-            return false;
+            return true;
         }
+    }
+    return false;
+}
+
+/** Whether a character beyond ASCII may be shown on a terminal as it is. */
+bool ShowsItself(CodePoint code)
+{
+    if (IsUnseen(code)) {
+        return false;
     }
     // A width of 0 is a combining mark: hundreds of them on one letter spill over the lines around it.
     return std::iswprint(static_cast<std::wint_t>(code)) != 0 && wcwidth(static_cast<wchar_t>(code)) > 0;
@@ -79,9 +87,17 @@ void AppendEscaped(std::string& out, std::string_view bytes)
     }
 }
 
-std::string MakePrintable(std::string_view text, bool keepLines)
+/** Whether a character beyond ASCII is one in any locale, and none that a terminal acts on. */
+bool IsVisible(CodePoint code)
 {
-    const bool utf8 = LocaleIsUtf8();
+    constexpr CodePoint lastControl = 0x9F;
+    return code > lastControl && !IsUnseen(code);
+}
+
+/** @param shows whether a character beyond ASCII stays. */
+template <typename Shows>
+std::string MakePrintable(std::string_view text, bool keepLines, Shows shows)
+{
     std::string out;
     out.reserve(text.size());
     while (!text.empty()) {
@@ -95,7 +111,7 @@ std::string MakePrintable(std::string_view text, bool keepLines)
                 shown = false;
             }
         } else if (first.valid) {
-            shown = utf8 && ShowsItself(first.code);
+            shown = shows(first.code);
         }
         if (shown) {
             out += bytes;
@@ -107,6 +123,12 @@ std::string MakePrintable(std::string_view text, bool keepLines)
     return out;
 }
 
+std::string MakePrintable(std::string_view text, bool keepLines)
+{
+    const bool utf8 = LocaleIsUtf8();
+    return MakePrintable(text, keepLines, [utf8](CodePoint code) { return utf8 && ShowsItself(code); });
+}
+
 bool IsWhiteSpace(char c)
 {
     return c == ' ' || (c >= '\t' && c <= '\r');
@@ -115,6 +137,14 @@ bool IsWhiteSpace(char c)
 bool IsWhiteSpaceOrControl(char c)
 {
     return static_cast<unsigned char>(c) <= 0x20 || c == 0x7F;
+}
+
+std::string WithoutPadding(std::string_view text)
+{
+    std::string core(text);
+    boost::algorithm::trim_left_if(core, IsWhiteSpace);
+    boost::algorithm::trim_right_if(core, IsWhiteSpaceOrControl);
+    return core;
 }
 
 }  // namespace
@@ -131,10 +161,13 @@ std::string PrintableLines(std::string_view text)
 
 std::string CellText(std::string_view text)
 {
-    std::string core(text);
-    boost::algorithm::trim_left_if(core, IsWhiteSpace);
-    boost::algorithm::trim_right_if(core, IsWhiteSpaceOrControl);
+    const std::string core = WithoutPadding(text);
     return core.empty() ? unknownText : Printable(core);
+}
+
+std::string LabelText(std::string_view text)
+{
+    return MakePrintable(WithoutPadding(text), false, IsVisible);
 }
 
 std::string ValidUtf8(std::string_view text)

@@ -38,6 +38,15 @@ std::string PrintableLines(std::string_view text);
  */
 std::string CellText(std::string_view text);
 
+/**
+ * @brief The text as CellText() shows it, but the same in every locale, and empty when nothing is left.
+ *
+ * For values that are compared over months and between hosts: an inventory by a service with no locale and one by
+ * a person have to give the same text. All characters of UTF-8 stay, except control characters and those that are
+ * invisible or change the direction of writing. Two texts that differ within their padding stay different.
+ */
+std::string LabelText(std::string_view text);
+
 /** The text as UTF-8: each byte that is not part of a UTF-8 character becomes U+FFFD; all others stay. */
 std::string ValidUtf8(std::string_view text);
 

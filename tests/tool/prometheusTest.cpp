@@ -1,0 +1,244 @@
+#include "tools/zddevices/prometheus.h"
+
+#include <algorithm>
+#include <set>
+#include <sstream>
+
+#include "toolTests.h"
+#include "tools/zddevices/text.h"
+
+namespace Zendra {
+namespace ZDDevices {
+namespace {
+
+using ZDSystemDevice::SystemDevice;
+
+Metrics Nothing()
+{
+    Metrics metrics;
+    metrics.begun = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000999));
+    return metrics;
+}
+
+const char* const ending = "# HELP zendra_device_files_denied Device files that could not be opened for lack of "
+                           "privilege.\n"
+                           "# TYPE zendra_device_files_denied gauge\n"
+                           "zendra_device_files_denied 0\n"
+                           "# HELP zendra_device_scan_timestamp_seconds When the scans began.\n"
+                           "# TYPE zendra_device_scan_timestamp_seconds gauge\n"
+                           "zendra_device_scan_timestamp_seconds 1700000000\n";
+
+/** The lines that are samples of the family. */
+std::vector<std::string> Samples(const std::string& text, const std::string& family)
+{
+    std::vector<std::string> samples;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        if (line.compare(0, family.size(), family) == 0 && (line[family.size()] == '{' || line[family.size()] == ' ')) {
+            samples.push_back(line);
+        }
+    }
+    return samples;
+}
+
+SystemDevice Disk(const std::string& serial)
+{
+    SystemDevice disk;
+    disk.vendor = "HALVARD ";
+    disk.product = " HX 900 ";
+    disk.device_type = "Direct Access Device";
+    disk.serial_number = serial;
+    disk.firmware_revision = "0102\x06";
+    disk.port = "10";
+    disk.bus = "1";
+    disk.target = "3";
+    disk.lun = "16384";
+    return disk;
+}
+
+std::vector<std::string> DeviceSamples(const std::vector<SystemDevice>& devices)
+{
+    Metrics metrics = Nothing();
+    metrics.devices = devices;
+    return Samples(RenderPrometheus(metrics), "zendra_device_info");
+}
+
+using Lines = std::vector<std::string>;
+
+TEST(PrometheusDevices, HaveTheirTextsWithoutPaddingAsLabels)
+{
+    EXPECT_EQ(DeviceSamples({Disk("HX-1")}),
+              Lines({R"(zendra_device_info{address="10:1:3:16384",type="Direct Access Device",vendor="HALVARD",)"
+                     R"(product="HX 900",serial="HX-1",firmware="0102",ordinal="1"} 1)"}));
+}
+
+TEST(PrometheusDevices, WhatIsNotKnownIsAnEmptyLabel)
+{
+    SystemDevice zeros;
+    zeros.port = zeros.bus = zeros.target = zeros.lun = "0";
+    const std::string empty =
+        R"(zendra_device_info{address="",type="",vendor="",product="",serial="",firmware="",ordinal=")";
+    EXPECT_EQ(DeviceSamples({SystemDevice(), zeros}), Lines({empty + "1\"} 1", empty + "2\"} 1"}));
+}
+
+TEST(PrometheusDevices, EqualOnesAreCountedAmongThemselvesOnly)
+{
+    const Lines samples = DeviceSamples({Disk("A"), Disk("B"), Disk("A"), Disk("C"), Disk("B"), Disk("A")});
+    Lines ordinals;
+    for (const std::string& sample : samples) {
+        ordinals.push_back(sample.substr(sample.find("ordinal=")));
+    }
+    EXPECT_EQ(ordinals, Lines({R"(ordinal="1"} 1)", R"(ordinal="1"} 1)", R"(ordinal="2"} 1)", R"(ordinal="1"} 1)",
+                               R"(ordinal="2"} 1)", R"(ordinal="3"} 1)"}));
+}
+
+TEST(PrometheusDevices, ThatDifferInPaddingOnlyAreEqual)
+{
+    const Lines samples = DeviceSamples({Disk("A"), Disk(" A \x01")});
+    EXPECT_NE(samples.at(1).find(R"(serial="A",firmware="0102",ordinal="2")"), std::string::npos) << samples.at(1);
+}
+
+TEST(PrometheusLabels, BackslashQuotationMarkAndLineFeedAreEscaped)
+{
+    EXPECT_EQ(QuotedLabelValue("a\\b\"c\nd"), R"("a\\b\"c\nd")");
+    EXPECT_EQ(QuotedLabelValue(""), R"("")");
+}
+
+TEST(PrometheusLabels, ControlCharactersAndBytesThatAreNotUtf8AreWrittenAsHexadecimal)
+{
+    EXPECT_NE(DeviceSamples({Disk("a\"b\\\n\x1b\xff")}).at(0).find(R"(serial="a\"b\\\\x0a\\x1b\\xff")"),
+              std::string::npos)
+        << DeviceSamples({Disk("a\"b\\\n\x1b\xff")}).at(0);
+}
+
+TEST(LabelText, IsTheSameInEveryLocale)
+{
+    for (const char* locale : {"C.UTF-8", "C"}) {
+        const CharacterSet characters(locale);
+        EXPECT_EQ(LabelText(" Gerät 日本 \x06 "), "Gerät 日本");
+        EXPECT_EQ(LabelText("a\xe2\x80\xae_\xc2\x9b\x7f!"), "a\\xe2\\x80\\xae_\\xc2\\x9b\\x7f!");
+        EXPECT_EQ(LabelText(" \t"), "");
+    }
+}
+
+TEST(PrometheusFirmware, HasIdVersionAndSerial)
+{
+    ZDOptions::SoftwareIdentity_ identity;
+    identity.SoftwareID = identity.Name = "HX 900";
+    identity.VersionString = "0102 ";
+    identity.SerialNumber = "HX-1";
+    Metrics metrics = Nothing();
+    metrics.firmware = {identity, identity};
+    const std::string labels = R"(zendra_disk_firmware_info{software_id="HX 900",version="0102",serial="HX-1",)";
+    EXPECT_EQ(Samples(RenderPrometheus(metrics), "zendra_disk_firmware_info"),
+              Lines({labels + R"(ordinal="1"} 1)", labels + R"(ordinal="2"} 1)"}));
+}
+
+TEST(PrometheusOptical, EachCapabilityIsASampleOfItsOwn)
+{
+    using Property = ZDSystemDevice::OpticalProperty;
+    const std::vector<std::pair<std::string Property::*, std::string>> capabilities = {
+        {&Property::dvd_read_, "dvd_read"},       {&Property::mrw_r_, "mrw_read"},
+        {&Property::cd_r_write_, "cd_r_write"},   {&Property::cd_rw_write_, "cd_rw_write"},
+        {&Property::dvd_r_write_, "dvd_r_write"}, {&Property::dvd_ram_write_, "dvd_ram_write"},
+        {&Property::mrw_w_, "mrw_write"},         {&Property::ram_w_, "ram_write"}};
+    const std::string labels = R"({drive="/dev/sr0",vendor="QEMU",product="DVD",ordinal="1")";
+    for (const auto& [field, word] : capabilities) {
+        Property drive;
+        drive.drive_name_ = "/dev/sr0";
+        drive.vendor_ = "QEMU    ";
+        drive.product_ = "DVD";
+        drive.*field = "Yes";
+        Metrics metrics = Nothing();
+        metrics.drives = {drive};
+        const std::string text = RenderPrometheus(metrics);
+        EXPECT_EQ(Samples(text, "zendra_optical_drive_info"), Lines({"zendra_optical_drive_info" + labels + "} 1"}));
+        Lines expected;
+        for (const auto& other : capabilities) {
+            expected.push_back("zendra_optical_capability" + labels + ",capability=\"" + other.second + "\"} " +
+                               (other.second == word ? "1" : "0"));
+        }
+        EXPECT_EQ(Samples(text, "zendra_optical_capability"), expected);
+    }
+}
+
+TEST(PrometheusOptical, SeveralDrivesInOneRecordHaveNoCapability)
+{
+    ZDSystemDevice::OpticalProperty drives;
+    drives.drive_name_ = "/dev/sr1\tsr0";
+    Metrics metrics = Nothing();
+    metrics.drives = {drives};
+    const std::string text = RenderPrometheus(metrics);
+    EXPECT_EQ(Samples(text, "zendra_optical_drive_info"),
+              Lines({R"(zendra_optical_drive_info{drive="/dev/sr1\\x09sr0",vendor="",product="",ordinal="1"} 1)"}));
+    EXPECT_EQ(Samples(text, "zendra_optical_capability"), Lines());
+}
+
+TEST(PrometheusScans, SayWhatWasAnsweredAndHowLongItTook)
+{
+    Metrics metrics = Nothing();
+    metrics.scans = {{"tape", "devices", 6U, std::chrono::duration<double>(0.0004567)},
+                     {"disk", "firmware", std::nullopt, std::chrono::duration<double>(20)}};
+    const std::string text = RenderPrometheus(metrics);
+    EXPECT_EQ(Samples(text, "zendra_device_scan_complete"),
+              Lines({R"(zendra_device_scan_complete{class="tape",asked="devices"} 1)",
+                     R"(zendra_device_scan_complete{class="disk",asked="firmware"} 0)"}));
+    EXPECT_EQ(Samples(text, "zendra_device_scan_status"),
+              Lines({R"(zendra_device_scan_status{class="tape",asked="devices"} 6)"}));
+    EXPECT_EQ(Samples(text, "zendra_device_scan_seconds"),
+              Lines({R"(zendra_device_scan_seconds{class="tape",asked="devices"} 0.000457)",
+                     R"(zendra_device_scan_seconds{class="disk",asked="firmware"} 20.000000)"}));
+}
+
+TEST(PrometheusDocument, HasNoFamilyForWhatWasNotAskedFor)
+{
+    const std::string text = RenderPrometheus(Nothing());
+    for (const char* family : {"zendra_device_info", "zendra_disk_firmware_info", "zendra_optical"}) {
+        EXPECT_EQ(text.find(family), std::string::npos) << text;
+    }
+    EXPECT_EQ(text.substr(text.size() - std::string(ending).size()), ending);
+}
+
+TEST(PrometheusDocument, HasHeadingsForWhatIsNotThere)
+{
+    Metrics metrics = Nothing();
+    metrics.devices.emplace();
+    metrics.firmware.emplace();
+    metrics.drives.emplace();
+    const std::string text = RenderPrometheus(metrics);
+    for (const char* family : {"zendra_device_info", "zendra_disk_firmware_info", "zendra_optical_drive_info",
+                               "zendra_optical_capability"}) {
+        EXPECT_NE(text.find("# TYPE " + std::string(family) + " gauge\n"), std::string::npos) << text;
+    }
+}
+
+TEST(PrometheusDocument, IsVisibleUtf8WithUniqueSamplesWhateverTheDevicesSay)
+{
+    HostileTexts texts(5);
+    for (int i = 0; i < 1000; ++i) {
+        Metrics metrics = Nothing();
+        const SystemDevice device = HostileDevice(texts);
+        metrics.devices = {device, HostileDevice(texts), device};
+        metrics.firmware = {HostileIdentity(texts), HostileIdentity(texts)};
+        metrics.drives = {HostileDrive(texts), HostileDrive(texts)};
+        const std::string text = RenderPrometheus(metrics);
+        EXPECT_EQ(ValidUtf8(text), text);
+        for (const char c : text) {
+            ASSERT_TRUE((static_cast<unsigned char>(c) >= 0x20 && c != 0x7f) || c == '\n') << text;
+        }
+        for (const char* family : {"zendra_device_info", "zendra_disk_firmware_info", "zendra_optical_drive_info"}) {
+            const Lines samples = Samples(text, family);
+            EXPECT_EQ(samples.size(), family == std::string("zendra_device_info") ? 3U : 2U) << text;
+            EXPECT_EQ(std::set<std::string>(samples.begin(), samples.end()).size(), samples.size()) << text;
+        }
+        // Every line is a comment or a sample: no text has broken out of its line.
+        std::istringstream stream(text);
+        for (std::string line; std::getline(stream, line);) {
+            EXPECT_EQ(std::min(line.find("zendra_"), line.find("# ")), 0U) << line;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace ZDDevices
+}  // namespace Zendra
