@@ -39,9 +39,7 @@ Answer<Record> AskInTime(const std::vector<Task>& tasks, const Collection& colle
             answer = Decode<Record>(*outcome.answer);
         }
         if (!answer) {
-            const char* const unreadable = "its process gave no proper answer";
-            unanswered.push_back(
-                {tasks[i].name, outcome.failure.empty() ? unreadable : outcome.failure, outcome.device});
+            unanswered.push_back({tasks[i].name, DescribeFailure(outcome), outcome.device});
             continue;
         }
         all.status = answer->status;
@@ -109,6 +107,11 @@ Task MakeDeviceTask(const DeviceClass& deviceClass)
 {
     return MakeTask<ZDSystemDevice::SystemDevice>(deviceClass.name,
                                                   [type = deviceClass.type] { return AskForDevices(type); });
+}
+
+std::string DescribeFailure(const Outcome& outcome)
+{
+    return outcome.failure.empty() ? "its process gave no proper answer" : outcome.failure;
 }
 
 std::vector<ZDSystemDevice::SystemDevice> Merge(std::vector<ZDSystemDevice::SystemDevice> listsOfTheClasses)

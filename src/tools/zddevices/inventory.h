@@ -61,6 +61,9 @@ Task MakeTask(const std::string& name, std::function<Answer<Record>()> ask)
 /** The task that asks for the devices of one class; named after it. */
 Task MakeDeviceTask(const DeviceClass& deviceClass);
 
+/** Why a task has no answer, or none that Decode() takes. */
+std::string DescribeFailure(const Outcome& outcome);
+
 /** What the class lists make together: the list that the facade's merged call gives. */
 std::vector<ZDSystemDevice::SystemDevice> Merge(std::vector<ZDSystemDevice::SystemDevice> listsOfTheClasses);
 

@@ -6,10 +6,12 @@
 
 #include <clocale>
 #include <exception>
+#include <memory>
 #include <new>
 #include <optional>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "tools/zddevices/access.h"
 #include "tools/zddevices/console.h"
@@ -19,6 +21,8 @@
 #include "tools/zddevices/logging.h"
 #include "tools/zddevices/options.h"
 #include "tools/zddevices/progress.h"
+#include "tools/zddevices/prometheus.h"
+#include "tools/zddevices/scrape.h"
 #include "tools/zddevices/status.h"
 #include "tools/zddevices/table.h"
 #include "tools/zddevices/text.h"
@@ -40,14 +44,17 @@ std::string Render(const Report& report, Format format, const Occasion& occasion
     return RenderTable(sheet, OutputWidth());
 }
 
+/** What shows on a terminal that devices take their time; none where nobody looks. */
+std::unique_ptr<Progress> MakeProgress(const Options& options)
+{
+    // A log on the terminal tells more, and would be torn by the line.
+    return options.logLevel.value_or(0) == 0 && Progress::IsOfUse() ? std::make_unique<Progress>() : nullptr;
+}
+
 Report Collect(const Options& options)
 {
-    std::optional<Progress> progress;
-    // A log on the terminal tells more, and would be torn by the line.
-    if (options.logLevel.value_or(0) == 0 && Progress::IsOfUse()) {
-        progress.emplace();
-    }
-    const Collection collection{options.timeLimit, progress ? &*progress : nullptr};
+    const std::unique_ptr<Progress> progress = MakeProgress(options);
+    const Collection collection{options.timeLimit, progress.get()};
     switch (options.command) {
     case Command::Optical:
         return CollectOptical(collection);
@@ -85,10 +92,47 @@ std::string DescribeUnanswered(const Unanswered& unanswered)
     return Printable("class " + unanswered.className + ": " + unanswered.failure + device);
 }
 
+int FailScan(unsigned int status)
+{
+    Complain(("the scan failed: " + StatusName(status) + " (" + std::to_string(status) + ")").c_str());
+    return EXIT_CODE_FAILURE;
+}
+
+/** Says what an answer lacks; the exit code. */
+int ShowWhatIsMissing(const std::vector<Unanswered>& unanswered, const std::vector<DeniedFile>& denied)
+{
+    for (const Unanswered& one : unanswered) {
+        Complain(DescribeUnanswered(one).c_str());
+    }
+    if (!denied.empty()) {
+        Complain(DescribeDenied(denied, geteuid() == 0).c_str());
+    }
+    return denied.empty() && unanswered.empty() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
+}
+
+int ShowMetrics(const Options& options)
+{
+    std::unique_ptr<Progress> progress = MakeProgress(options);
+    Scrape scrape = CollectScrape(options, {options.timeLimit, progress.get()});
+    progress.reset();
+    const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
+    scrape.metrics.deniedFiles = denied.size();
+    WriteOutput(RenderPrometheus(scrape.metrics));
+    for (const Scan& scan : scrape.metrics.scans) {
+        if (scan.status && !ScanRan(*scan.status)) {
+            return FailScan(*scan.status);
+        }
+    }
+    return ShowWhatIsMissing(scrape.unanswered, denied);
+}
+
 int Show(const Options& options)
 {
     if (options.logLevel && !EnableLog(*options.logLevel)) {
         return FailUsage("--log-level: the logging library that zddevices was built with takes no level");
+    }
+    if (options.format == Format::Prometheus) {
+        return ShowMetrics(options);
     }
     const Occasion occasion = HereAndNow();
     const Report report = Collect(options);
@@ -96,20 +140,12 @@ int Show(const Options& options)
     const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
     WriteOutput(Render(report, options.format, occasion));
     if (report.unanswered.empty() && !ScanRan(report.status)) {
-        Complain(
-            ("the scan failed: " + StatusName(report.status) + " (" + std::to_string(report.status) + ")").c_str());
-        return EXIT_CODE_FAILURE;
+        return FailScan(report.status);
     }
     if (!report.remark.empty()) {
         Complain(report.remark.c_str());
     }
-    for (const Unanswered& unanswered : report.unanswered) {
-        Complain(DescribeUnanswered(unanswered).c_str());
-    }
-    if (!denied.empty()) {
-        Complain(DescribeDenied(denied, geteuid() == 0).c_str());
-    }
-    return denied.empty() && report.unanswered.empty() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
+    return ShowWhatIsMissing(report.unanswered, denied);
 }
 
 int Run(int argc, const char* const* argv)

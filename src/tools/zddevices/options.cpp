@@ -30,7 +30,8 @@ const char* const footer = "Examples:\n"
                            "In tables \"-\" means: not known. Blanks around a text and control characters\n"
                            "behind it are left out; any other byte that is not printable is shown as \\xNN.\n"
                            "JSON holds the texts as the device gave them, with U+FFFD in place of each byte\n"
-                           "that is not UTF-8.\n"
+                           "that is not UTF-8. The format prometheus is for its text collectors; without\n"
+                           "--type or a subcommand it holds the devices, firmware and optical drives.\n"
                            "\n"
                            "Exit codes:\n"
                            "  0  the scan ran, also when no device is there\n"
@@ -53,7 +54,8 @@ const std::map<std::string, ZDSystemDevice::SysDeviceType>& Types()
 
 const std::map<std::string, Format>& Formats()
 {
-    static const std::map<std::string, Format> formats = {{"table", Format::Table}, {"json", Format::Json}};
+    static const std::map<std::string, Format> formats = {
+        {"table", Format::Table}, {"json", Format::Json}, {"prometheus", Format::Prometheus}};
     return formats;
 }
 
@@ -156,7 +158,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         ->type_name("CLASS")
         ->check(OneOf(Types()));
     std::string format = "table";
-    app.add_option("-f,--format", format, "table (default) or json")->type_name("FORMAT")->check(OneOf(Formats()));
+    app.add_option("-f,--format", format, "table (default), json or prometheus")
+        ->type_name("FORMAT")
+        ->check(OneOf(Formats()));
     std::string logLevel;
     app.add_option("-l,--log-level", logLevel,
                    "What the library logs on standard error:\n"

@@ -18,7 +18,7 @@ namespace ZDDevices {
 /** The subcommands; Devices is what runs without one. */
 enum class Command { Devices, Optical, Firmware };
 
-enum class Format { Table, Json };
+enum class Format { Table, Json, Prometheus };
 
 /** What the user asks for. */
 struct Options {
