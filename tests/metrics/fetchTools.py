@@ -1,0 +1,44 @@
+#!/usr/bin/python3
+"""Unpacks Debian's Prometheus and node exporter below a directory, for their programs.
+
+Usage: fetchTools.py DIRECTORY. They are not installed: their packages would start services on this machine, and start
+them again with every boot. Does nothing when the programs are there already.
+"""
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+
+PACKAGES = {"prometheus": "promtool", "prometheus-node-exporter": "prometheus-node-exporter"}
+
+
+def download(directory):
+    command = ["apt-get", "-q", "download", *PACKAGES]
+    result = subprocess.run(command, cwd=directory, capture_output=True, text=True, check=False)
+    if result.returncode != 0 and os.geteuid() == 0:
+        # The lists may be older than what the archive still holds, or not there at all.
+        subprocess.run(["apt-get", "-q", "-o", "DPkg::Lock::Timeout=300", "update"], capture_output=True, check=False)
+        result = subprocess.run(command, cwd=directory, capture_output=True, text=True, check=False)
+    if result.returncode != 0:
+        sys.exit(f"{' '.join(command)} failed:\n{result.stdout}{result.stderr}")
+
+
+def main(target):
+    if all((target / "usr/bin" / program).exists() for program in PACKAGES.values()):
+        return
+    target.parent.mkdir(parents=True, exist_ok=True)
+    with tempfile.TemporaryDirectory(dir=target.parent, prefix="metrics-tools-") as scratch:
+        # apt hands the download to a user of its own.
+        os.chmod(scratch, 0o777)
+        download(scratch)
+        unpacked = pathlib.Path(scratch) / "unpacked"
+        for archive in pathlib.Path(scratch).glob("*.deb"):
+            subprocess.run(["dpkg-deb", "-x", archive, unpacked], check=True)
+        shutil.rmtree(target, ignore_errors=True)
+        unpacked.rename(target)
+
+
+if __name__ == "__main__":
+    main(pathlib.Path(sys.argv[1]).resolve())

@@ -1,0 +1,595 @@
+#!/usr/bin/python3
+"""Metrics of zddevices, read by Prometheus' own programs and by an independent parser.
+
+Usage: metricsTest.py GROUP, where GROUP is the name of a test class without "Test". Programs and directories are named
+by environment variables (see CMakeLists.txt).
+"""
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import sys
+import tempfile
+import time
+import unicodedata
+import unittest
+import urllib.request
+
+from prometheus_client.parser import text_string_to_metric_families
+
+PROGRAM = os.environ["ZDDEVICES"]
+SCRIPTED = os.environ["ZDDEVICES_SCRIPTED"]
+BUILD = os.environ["ZDDEVICES_BUILD"]
+TOOLS = os.environ["METRICS_TOOLS"]
+SOURCES = os.environ["METRICS_SOURCES"]
+PROMTOOL = os.path.join(TOOLS, "promtool")
+EXPORTER = os.path.join(TOOLS, "prometheus-node-exporter")
+WRITER = os.path.join(SOURCES, "zddevices-textfile")
+EXPORTERS_DIRECTORY = "/var/lib/prometheus/node-exporter"
+
+DEVICE_FIELDS = ["vendor", "product", "device_type", "serial_number", "firmware_revision", "port", "target", "bus", "lun"]
+DEVICE_LABELS = {"vendor": "vendor", "product": "product", "type": "device_type", "serial": "serial_number",
+                 "firmware": "firmware_revision"}
+IDENTITY_TEXTS = 22
+CLASSES = {"tape": "0", "scsi": "1", "disk": "2", "optical_class": "3"}
+SCANS = [("tape", "devices"), ("scsi", "devices"), ("disk", "devices"), ("optical", "devices"), ("disk", "firmware"),
+         ("optical", "capabilities")]
+
+
+def device(**fields):
+    return [fields.get(name, b"").hex() for name in DEVICE_FIELDS]
+
+
+def identity(software_id=b"", version=b"", serial=b""):
+    texts = [b""] * IDENTITY_TEXTS
+    texts[5], texts[9], texts[20] = version, software_id, serial
+    return [text.hex() for text in texts]
+
+
+def drive(name, vendor=b"", product=b"", dvd_read=b"No"):
+    return [text.hex() for text in (name, vendor, product, b"No", b"No", b"No", dvd_read, b"No", b"No", b"No", b"No")]
+
+
+def answer(*records, status=0):
+    return {"status": status, "records": list(records)}
+
+
+def script(**answers):
+    """What the scripted facade answers: by default that there is nothing."""
+    calls = {name: answer(status=6) for name in (*CLASSES.values(), "optical", "firmware")}
+    calls.update({CLASSES.get(name, name): value for name, value in answers.items()})
+    return calls
+
+
+DISK = device(vendor=b"HALVARD ", product=b"HX 900          ", device_type=b"Direct Access Device",
+              serial_number=b"HX-00001", firmware_revision=b"0102", port=b"6", target=b"1", bus=b"0", lun=b"0")
+DVD = device(vendor=b"QEMU", product=b"QEMU DVD-ROM", device_type=b"CD-ROM Device", port=b"2", target=b"0", bus=b"0",
+             lun=b"0")
+ONE_OF_EACH = script(scsi=answer(DISK, DVD), disk=answer(DISK), optical_class=answer(DVD),
+                     firmware=answer(identity(b"HX 900", b"0102", b"HX-00001")),
+                     optical=answer(drive(b"/dev/sr0", b"QEMU", b"QEMU DVD-ROM", b"Yes")))
+
+
+class Case(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        self.directory = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.directory)
+
+    def path(self, *parts):
+        return os.path.join(self.directory, *parts)
+
+    def write(self, name, text, mode=0o644):
+        with open(self.path(name), "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(self.path(name), mode)
+        return self.path(name)
+
+    def environment(self, answers=None, **more):
+        environment = {**os.environ, "LC_ALL": "C", **more}
+        if answers is not None:
+            environment["ZDDEVICES_SCRIPT"] = self.write("script.json", json.dumps(answers))
+        return environment
+
+    def run_scripted(self, answers, *arguments, locale="C"):
+        result = subprocess.run([SCRIPTED, "--format", "prometheus", *arguments], capture_output=True, check=False,
+                                stdin=subprocess.DEVNULL, env=self.environment(answers, LC_ALL=locale))
+        return result.returncode, result.stdout.decode(), result.stderr.decode()
+
+    def exposition(self, answers, *arguments, **options):
+        code, out, err = self.run_scripted(answers, *arguments, **options)
+        self.assertEqual((code, err), (0, ""))
+        self.assert_promtool_takes(out)
+        return out
+
+    def assert_promtool_takes(self, text):
+        """Its remarks on style count as much as its errors."""
+        result = subprocess.run([PROMTOOL, "check", "metrics"], input=text.encode(), capture_output=True, check=False)
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""), text)
+
+
+def samples(text, prefix="zendra_"):
+    """Each sample's value by name and labels; no two may be the same."""
+    found = {}
+    for family in text_string_to_metric_families(text):
+        for sample in family.samples:
+            if sample.name.startswith(prefix):
+                key = (sample.name, frozenset(sample.labels.items()))
+                assert key not in found, key
+                found[key] = sample.value
+    return found
+
+
+def labels_of(text, name):
+    return [dict(labels) for sample, labels in samples(text) if sample == name]
+
+
+INVISIBLE = set("\u00ad\u034f\u061c\u200b\u202e\ufeff")
+
+
+def label_text(text):
+    """What a label says of a device's text, worked out a second time."""
+    text = text.lstrip(b" \t\n\v\f\r").rstrip(bytes([*range(0x21), 0x7F]))
+    shown = ""
+    characters = text.decode("utf-8", "surrogateescape")
+    for index, char in enumerate(characters):
+        hidden = unicodedata.category(char) in ("Cc", "Cs", "Zl", "Zp") or char in INVISIBLE
+        if hidden or characters[index:index + 2] == "\\x":
+            shown += "".join(f"\\x{byte:02x}" for byte in char.encode("utf-8", "surrogateescape"))
+        else:
+            shown += char
+    return shown
+
+
+class ExpositionTest(Case):
+    def test_everything_is_told_by_default_and_each_device_once(self):
+        text = self.exposition(ONE_OF_EACH)
+        self.assertEqual(labels_of(text, "zendra_device_info"), [
+            {"address": "2:0:0:0", "type": "CD-ROM Device", "vendor": "QEMU", "product": "QEMU DVD-ROM", "serial": "",
+             "firmware": "", "ordinal": "1"},
+            {"address": "6:0:1:0", "type": "Direct Access Device", "vendor": "HALVARD", "product": "HX 900",
+             "serial": "HX-00001", "firmware": "0102", "ordinal": "1"}])
+        self.assertEqual(labels_of(text, "zendra_disk_firmware_info"), [
+            {"software_id": "HX 900", "version": "0102", "serial": "HX-00001", "ordinal": "1"}])
+        self.assertEqual(labels_of(text, "zendra_optical_drive_info"), [
+            {"drive": "/dev/sr0", "vendor": "QEMU", "product": "QEMU DVD-ROM", "ordinal": "1"}])
+        capabilities = {dict(labels)["capability"]: value for (name, labels), value in samples(text).items()
+                        if name == "zendra_optical_capability"}
+        self.assertEqual({word for word, value in capabilities.items() if value == 1}, {"dvd_read"})
+        self.assertEqual(len(capabilities), 8)
+
+    def test_every_scan_has_status_completeness_and_duration(self):
+        found = samples(self.exposition(ONE_OF_EACH))
+        for device_class, asked in SCANS:
+            labels = frozenset({"class": device_class, "asked": asked}.items())
+            self.assertEqual(found["zendra_device_scan_status", labels], 6 if device_class == "tape" else 0)
+            self.assertEqual(found["zendra_device_scan_complete", labels], 1)
+            self.assertGreater(found["zendra_device_scan_seconds", labels], 0)
+        self.assertEqual(len([name for name, _ in found if name == "zendra_device_scan_status"]), len(SCANS))
+
+    def test_the_moment_is_now(self):
+        before = int(time.time())
+        moment = samples(self.exposition(script()))["zendra_device_scan_timestamp_seconds", frozenset()]
+        self.assertTrue(before <= moment <= time.time())
+
+    def test_a_class_or_a_subcommand_has_its_own_series_only(self):
+        common = {"zendra_device_scan_status", "zendra_device_scan_seconds", "zendra_device_scan_complete",
+                  "zendra_device_files_denied", "zendra_device_scan_timestamp_seconds"}
+        for arguments, families, scans in (
+                (["--type", "disk"], {"zendra_device_info"}, [("disk", "devices")]),
+                (["firmware"], {"zendra_disk_firmware_info"}, [("disk", "firmware")]),
+                (["optical"], {"zendra_optical_drive_info", "zendra_optical_capability"},
+                 [("optical", "capabilities")])):
+            text = self.exposition(ONE_OF_EACH, *arguments)
+            self.assertEqual({name for name, _ in samples(text)}, families | common)
+            self.assertEqual(set(re.findall(r"^# TYPE (\S+) gauge$", text, re.MULTILINE)), families | common)
+            self.assertEqual([(labels["class"], labels["asked"])
+                              for labels in labels_of(text, "zendra_device_scan_status")], scans)
+
+    def test_one_class_is_not_merged(self):
+        zeros = device(product=b"P", port=b"0", target=b"0", bus=b"0", lun=b"0")
+        text = self.exposition(script(disk=answer(zeros, DISK, zeros, DISK)), "--type", "disk")
+        self.assertEqual([(labels["product"], labels["address"], labels["ordinal"])
+                          for labels in labels_of(text, "zendra_device_info")],
+                         [("P", "", "1"), ("HX 900", "6:0:1:0", "1"), ("P", "", "2"), ("HX 900", "6:0:1:0", "2")])
+
+    def test_a_time_limit_changes_no_series_but_those_of_time(self):
+        def steady(text):
+            return {key: value for key, value in samples(text).items()
+                    if key[0] not in ("zendra_device_scan_seconds", "zendra_device_scan_timestamp_seconds")}
+        self.assertEqual(steady(self.exposition(ONE_OF_EACH, "--timeout", "60")),
+                         steady(self.exposition(ONE_OF_EACH)))
+
+    def test_a_scan_that_gives_no_answer_is_incomplete_and_the_others_stand(self):
+        broken = {**ONE_OF_EACH, CLASSES["tape"]: {"throw": "bang"}, "firmware": {"throw": "bang"}}
+        code, text, err = self.run_scripted(broken, "--timeout", "60")
+        self.assertEqual(code, 3)
+        self.assertRegex(err, r"class tape: .*\n.*class disk firmware: ")
+        self.assert_promtool_takes(text)
+        found = samples(text)
+        for device_class, asked in SCANS:
+            labels = frozenset({"class": device_class, "asked": asked}.items())
+            complete = (device_class, asked) not in (("tape", "devices"), ("disk", "firmware"))
+            self.assertEqual(found["zendra_device_scan_complete", labels], complete)
+            self.assertEqual(("zendra_device_scan_status", labels) in found, complete)
+            self.assertIn(("zendra_device_scan_seconds", labels), found)
+        self.assertEqual(len(labels_of(text, "zendra_device_info")), 2)
+        self.assertEqual(labels_of(text, "zendra_disk_firmware_info"), [])
+
+    def test_a_failed_scan_is_a_failure(self):
+        code, _, err = self.run_scripted(script(disk=answer(status=5)))
+        self.assertEqual((code, err), (1, "zddevices: the scan failed: DEV_FAILURE (5)\n"))
+
+    def check_texts(self, text, locale):
+        devices = [{name: text() for name in DEVICE_FIELDS[:5]} for _ in range(80)]
+        out = self.exposition(script(disk=answer(*[device(**one) for one in devices])), "--type", "disk", locale=locale)
+        self.assertEqual([{label: found[label] for label in DEVICE_LABELS}
+                          for found in labels_of(out, "zendra_device_info")],
+                         [{label: label_text(one[field]) for label, field in DEVICE_LABELS.items()} for one in devices])
+
+        identities = [(text(), text(), text()) for _ in range(40)]
+        out = self.exposition(script(firmware=answer(*[identity(*one) for one in identities])), "firmware",
+                              locale=locale)
+        self.assertEqual([(found["software_id"], found["version"], found["serial"])
+                          for found in labels_of(out, "zendra_disk_firmware_info")],
+                         [tuple(label_text(part) for part in one) for one in identities])
+
+        drives = [(text(), text(), text()) for _ in range(20)]
+        code, out, _ = self.run_scripted(script(optical=answer(*[drive(*one) for one in drives])), "optical",
+                                         locale=locale)
+        self.assertEqual(code, 0)
+        self.assert_promtool_takes(out)
+        self.assertEqual([(found["drive"], found["vendor"], found["product"])
+                          for found in labels_of(out, "zendra_optical_drive_info")],
+                         [tuple(label_text(part) for part in one) for one in drives])
+
+    def test_random_texts_come_out_as_labels_and_nothing_else(self):
+        pieces = [b"A", b"disk ", b" ", b"\\", b"\\x", b"\\n", b"\"", b"\"} 1\n", b"\n", b"\r\n", b"\x1b[2J", b"\x7f",
+                  b"\x00", "\u202e".encode(), "\u200b".encode(), "\ufeff".encode(), "é日💾".encode(), b"\xed\xa0\x80",
+                  b"\xc0\x80", b"\xe2\x80", b"\xff", b"# HELP ", b"{{", b","]
+        generator = random.Random(6)
+
+        def text():
+            return b"".join(generator.choice(pieces) if generator.random() < 0.6 else bytes([generator.randrange(256)])
+                            for _ in range(generator.randrange(10)))
+        for _ in range(5):
+            self.check_texts(text, "C")
+            self.check_texts(text, "C.UTF-8")
+
+    def test_the_real_program_gives_an_exposition_on_this_host(self):
+        for arguments in ([], ["--timeout", "60"], ["--type", "disk"], ["optical"], ["firmware"]):
+            result = subprocess.run([PROGRAM, "-f", "prometheus", *arguments], capture_output=True, text=True,
+                                    check=False)
+            self.assertIn(result.returncode, (0, 3))
+            self.assert_promtool_takes(result.stdout)
+            self.assertTrue(samples(result.stdout))
+
+
+OLD = "zendra_old 1\n"
+NEW = "zendra_new 1\n"
+STEPS = ("flock", "rm", "mktemp", "zddevices", "chmod", "sync", "mv", "sync")
+
+
+class WriterTest(Case):
+    def setUp(self):
+        super().setUp()
+        os.mkdir(self.path("out"))
+        self.target = self.path("out", "zddevices.prom")
+        self.fake = self.write("fake", "#!/bin/sh\necho zendra_new 1\n", 0o755)
+
+    def run_writer(self, *arguments, program=None, **environment):
+        return subprocess.run([WRITER, self.path("out"), *arguments], capture_output=True, text=True, check=False,
+                              stdin=subprocess.DEVNULL, timeout=60,
+                              env=self.environment(ZDDEVICES=program or self.fake, **environment))
+
+    def read(self):
+        with open(self.target, encoding="utf-8") as file:
+            return file.read()
+
+    def write_old(self):
+        with open(self.target, "w", encoding="utf-8") as file:
+            file.write(OLD)
+
+    def test_the_file_is_what_the_program_printed_and_readable_by_all(self):
+        self.addCleanup(os.umask, os.umask(0o077))
+        result = self.run_writer()
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, "", ""))
+        self.assertEqual(self.read(), NEW)
+        self.assertEqual(stat.S_IMODE(os.stat(self.target).st_mode), 0o644)
+        self.assertEqual(os.listdir(self.path("out")), ["zddevices.prom"])
+
+    def test_the_program_is_asked_for_metrics_within_a_limit(self):
+        fake = self.write("arguments", "#!/bin/sh\nprintf '%s\\n' \"$@\"\n", 0o755)
+        self.run_writer("--type", "disk", program=fake, ZDDEVICES_SECONDS="7")
+        self.assertEqual(self.read().split(), ["--format", "prometheus", "--timeout", "7", "--type", "disk"])
+
+    def test_an_incomplete_answer_is_written(self):
+        fake = self.write("incomplete", "#!/bin/sh\necho zendra_part 1\nexit 3\n", 0o755)
+        self.assertEqual(self.run_writer(program=fake).returncode, 0)
+        self.assertEqual(self.read(), "zendra_part 1\n")
+
+    def test_a_failure_leaves_the_old_file_and_nothing_else(self):
+        self.write_old()
+        fake = self.write("failing", "#!/bin/sh\necho zendra_half\nexit 1\n", 0o755)
+        for program, code in ((fake, 1), (self.path("absent"), 127), ("/bin/false", 1)):
+            result = self.run_writer(program=program)
+            self.assertEqual(result.returncode, code)
+            self.assertIn("stays as it was", result.stderr)
+            self.assertEqual(self.read(), OLD)
+            self.assertEqual(os.listdir(self.path("out")), ["zddevices.prom"])
+
+    def test_what_is_no_directory_is_a_failure(self):
+        for directory in (self.path("absent"), self.fake):
+            result = subprocess.run([WRITER, directory], capture_output=True, check=False,
+                                    env=self.environment(ZDDEVICES=self.fake))
+            self.assertEqual(result.returncode, 1)
+
+    def step_through(self, end_at, when):
+        """Runs the writer with each of its programs behind one that takes note, and ends the writer by SIGKILL before
+        or after the step with that number. The result, and the steps that were begun."""
+        os.makedirs(self.path("bin"), exist_ok=True)
+        notes = self.write("steps", "")
+        for name in sorted(set(STEPS)):
+            real = self.fake if name == "zddevices" else shutil.which(name)
+            # What is started in a substitution has a shell between itself and the writer.
+            self.write(os.path.join("bin", name), (
+                "#!/bin/sh\n"
+                "end() { kill -KILL \"$WRITER\"; }\n"
+                "WRITER=$(cat %(pid)s)\n"
+                "echo %(name)s >>%(notes)s\n"
+                "number=$(wc -l <%(notes)s)\n"
+                "if [ %(when)s = before ] && [ $number = %(end_at)d ]; then end; exit 0; fi\n"
+                "%(real)s \"$@\"; status=$?\n"
+                "if [ %(when)s = after ] && [ $number = %(end_at)d ]; then end; fi\n"
+                "exit $status\n") % {"pid": self.path("pid"), "name": name, "notes": notes, "when": when,
+                                     "end_at": end_at, "real": real}, 0o755)
+        start = self.write("start", f"#!/bin/sh\necho $$ >{self.path('pid')}\nexec \"$@\"\n", 0o755)
+        result = subprocess.run([start, WRITER, self.path("out")], capture_output=True, check=False, timeout=60,
+                                stdin=subprocess.DEVNULL,
+                                env=self.environment(PATH=self.path("bin") + ":" + os.environ["PATH"],
+                                                     ZDDEVICES=self.path("bin", "zddevices")))
+        with open(notes, encoding="utf-8") as file:
+            return result.returncode, tuple(file.read().split())
+
+    def test_ended_at_any_step_it_leaves_the_old_file_or_the_new_one_whole(self):
+        seen = set()
+        for when in ("before", "after"):
+            for step in range(1, len(STEPS) + 1):
+                self.write_old()
+                self.assertEqual(self.step_through(step, when), (-signal.SIGKILL, STEPS[:step]))
+                self.assertIn(self.read(), (OLD, NEW), (when, step))
+                seen.add(self.read())
+                self.assertEqual([name for name in os.listdir(self.path("out")) if name.endswith(".prom")],
+                                 ["zddevices.prom"])
+                self.assertEqual(self.run_writer().returncode, 0)
+                self.assertEqual(os.listdir(self.path("out")), ["zddevices.prom"], "what was left behind")
+        self.assertEqual(seen, {OLD, NEW})
+
+    def test_the_content_is_on_the_disk_before_the_file_has_its_name(self):
+        self.assertEqual(self.step_through(99, "before"), (0, STEPS))
+
+    def test_a_process_that_hangs_does_not_keep_the_next_run_waiting(self):
+        fake = self.write("hanging", "#!/bin/sh\n"
+                                     f"sleep 600 >/dev/null 2>&1 & echo $! >{self.path('pid')}\necho a 1\n", 0o755)
+        try:
+            self.assertEqual(self.run_writer(program=fake).returncode, 0)
+            self.assertEqual(self.run_writer().returncode, 0)
+        finally:
+            with open(self.path("pid"), encoding="ascii") as file:
+                os.kill(int(file.read()), signal.SIGKILL)
+
+    def test_no_link_is_followed(self):
+        secret = self.write("secret", "keep me")
+        os.symlink(secret, self.target)
+        self.assertEqual(self.run_writer().returncode, 0)
+        self.assertFalse(os.path.islink(self.target))
+        with open(secret, encoding="utf-8") as file:
+            self.assertEqual(file.read(), "keep me")
+
+
+class ExporterTest(Case):
+    """A node exporter on a port of the loopback interface, with nothing but its textfile collector."""
+
+    def setUp(self):
+        super().setUp()
+        os.mkdir(self.path("out"))
+        for _ in range(10):
+            # Somebody else may take the port before the exporter does.
+            if self.start():
+                return
+        with open(self.path("exporter.log"), encoding="utf-8") as log:
+            self.fail("the node exporter does not start:\n" + log.read())
+
+    def start(self):
+        with socket.create_server(("127.0.0.1", 0)) as probe:
+            self.port = probe.getsockname()[1]
+        with open(self.path("exporter.log"), "wb") as log:
+            exporter = subprocess.Popen(
+                [EXPORTER, "--collector.disable-defaults", "--collector.textfile",
+                 "--collector.textfile.directory=" + self.path("out"), f"--web.listen-address=127.0.0.1:{self.port}"],
+                stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        self.addCleanup(self.stop, exporter)
+        for _ in range(600):
+            if exporter.poll() is not None:
+                return False
+            try:
+                socket.create_connection(("127.0.0.1", self.port)).close()
+                return True
+            except ConnectionRefusedError:
+                time.sleep(0.05)
+        return False
+
+    @staticmethod
+    def stop(process):
+        process.kill()
+        process.wait()
+
+    def scrape(self):
+        opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        with opener.open(f"http://127.0.0.1:{self.port}/metrics", timeout=60) as response:
+            return response.read().decode()
+
+    def write_metrics(self, answers):
+        subprocess.run([WRITER, self.path("out")], check=True, env=self.environment(answers, ZDDEVICES=SCRIPTED))
+        with open(self.path("out", "zddevices.prom"), encoding="utf-8") as file:
+            return file.read()
+
+    def scrape_error(self):
+        return samples(self.scrape(), "node_textfile_scrape_error")["node_textfile_scrape_error", frozenset()]
+
+    def test_a_scrape_holds_exactly_what_was_written(self):
+        hostile = device(vendor=b"\x1b[31m", product=b"a\"b\\c\nd\xff", serial_number="é日💾".encode(), port=b"9")
+        text = self.write_metrics({**ONE_OF_EACH, CLASSES["disk"]: answer(DISK, hostile)})
+        scraped = self.scrape()
+        self.assertEqual(samples(scraped), samples(text))
+        self.assertEqual(len(labels_of(scraped, "zendra_device_info")), 3)
+        self.assertEqual(self.scrape_error(), 0)
+        self.assertEqual([dict(labels)["file"] for _, labels in samples(scraped, "node_textfile_mtime_seconds")],
+                         [self.path("out", "zddevices.prom")])
+
+    def test_the_next_run_replaces_the_series_of_the_last(self):
+        self.write_metrics(ONE_OF_EACH)
+        self.assertEqual(len(labels_of(self.scrape(), "zendra_device_info")), 2)
+        self.write_metrics(script())
+        self.assertEqual(labels_of(self.scrape(), "zendra_device_info"), [])
+
+    def test_a_file_that_is_being_written_is_not_read(self):
+        text = self.write_metrics(ONE_OF_EACH)
+        self.write(os.path.join("out", ".zddevices.prom.AbCdEf"), text[:len(text) // 2])
+        self.assertEqual(samples(self.scrape()), samples(text))
+        self.assertEqual(self.scrape_error(), 0)
+
+    def test_half_a_file_would_have_been_noticed(self):
+        text = self.write_metrics(ONE_OF_EACH)
+        self.write(os.path.join("out", "zddevices.prom"), text[:text.index("HALVARD")])
+        self.assertEqual(self.scrape_error(), 1)
+
+    def test_the_units_write_where_debians_exporter_reads(self):
+        result = subprocess.run([EXPORTER, "--help"], capture_output=True, text=True, check=False)
+        self.assertIn(f'--collector.textfile.directory="{EXPORTERS_DIRECTORY}"',
+                      re.sub(r"\s+", "", result.stdout + result.stderr))
+
+
+class UnitsTest(Case):
+    def setUp(self):
+        super().setUp()
+        subprocess.run(["cmake", "--install", BUILD, "--component", "tools"], check=True, stdout=subprocess.DEVNULL,
+                       env={**os.environ, "DESTDIR": self.path("root")})
+        self.installed = [os.path.join(directory, name) for directory, _, names in os.walk(self.path("root"))
+                          for name in names]
+
+    def find(self, ending):
+        found = [path for path in self.installed if path.endswith(ending)]
+        self.assertEqual(len(found), 1, (ending, self.installed))
+        return found[0]
+
+    def unit(self, kind):
+        with open(self.find("/lib/systemd/system/zddevices-textfile." + kind), encoding="utf-8") as file:
+            return file.read()
+
+    def test_the_service_names_the_programs_that_are_installed(self):
+        unit = self.unit("service")
+        self.assertEqual(re.findall(r"@[A-Z_]+@", unit), [])
+        program = re.search(r"^ExecStart=(\S+) (\S+)", unit, re.MULTILINE)
+        self.assertEqual(self.path("root") + program[1], self.find("/zddevices-textfile"))
+        self.assertTrue(os.access(self.find("/zddevices-textfile"), os.X_OK))
+        self.assertEqual(program[2], EXPORTERS_DIRECTORY)
+        self.assertEqual(self.path("root") + re.search(r"^Environment=ZDDEVICES=(\S+)$", unit, re.MULTILINE)[1],
+                         self.find("sbin/zddevices"))
+        self.assertIn(f"ReadWritePaths=-{EXPORTERS_DIRECTORY}\n", unit)
+
+    def test_nothing_is_enabled(self):
+        self.unit("timer")
+        self.assertEqual([path for path in self.installed if ".wants/" in path or ".requires/" in path], [])
+
+    def write_units(self):
+        """The units as they would stand on a host, which is here a directory."""
+        service = self.unit("service").replace("ExecStart=", "ExecStart=" + self.path("root"))
+        return self.write("zddevices-textfile.service", service), self.write("zddevices-textfile.timer",
+                                                                             self.unit("timer"))
+
+    def analyze(self, *arguments):
+        return subprocess.run(["systemd-analyze", *arguments], capture_output=True, text=True, check=False)
+
+    def test_systemd_has_nothing_to_object(self):
+        result = self.analyze("verify", "--man=no", *self.write_units())
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, "", ""))
+
+    def test_the_service_is_shut_in(self):
+        # In tenths; 96 is a service that may do everything. Root that may do little but talk to devices has some 20.
+        result = self.analyze("security", "--offline=true", "--threshold=25", self.write_units()[0])
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
+
+RULE_TESTS = """
+rule_files: [RULES]
+evaluation_interval: 1m
+tests:
+  - interval: 1m
+    input_series:
+      - {series: 'zendra_device_scan_timestamp_seconds{instance="a"}', values: '0x400'}
+      - {series: 'zendra_device_scan_complete{instance="a",class="disk",asked="devices"}', values: '1x60 0x340'}
+      - {series: 'zendra_device_info{instance="a",serial="S1"}', values: '1x200 stale'}
+      - {series: 'zendra_device_info{instance="b",serial="S2"}', values: '1x200 stale'}
+      - {series: 'zendra_device_info{instance="b",serial="S3"}', values: '1x400'}
+      - {series: 'zendra_device_scan_complete{instance="b",class="disk",asked="devices"}', values: '1x400'}
+      - {series: 'zendra_disk_firmware_info{instance="b",software_id="P",version="1",ordinal="1"}', values: '1x400'}
+      - {series: 'zendra_disk_firmware_info{instance="b",software_id="P",version="1",ordinal="2"}', values: '1x400'}
+    alert_rule_test:
+      - {eval_time: 170m, alertname: StorageInventoryOld, exp_alerts: []}
+      - eval_time: 190m
+        alertname: StorageInventoryOld
+        exp_alerts:
+          - exp_labels: {severity: warning, instance: a}
+            exp_annotations: {summary: "a: the storage devices were last listed 3h 10m 0s ago"}
+      - {eval_time: 170m, alertname: StorageScanIncomplete, exp_alerts: []}
+      - eval_time: 220m
+        alertname: StorageScanIncomplete
+        exp_alerts:
+          - exp_labels: {severity: warning, instance: a, class: disk, asked: devices}
+            exp_annotations: {summary: "a: devices of the class disk do not answer"}
+      - {eval_time: 200m, alertname: StorageDeviceGone, exp_alerts: []}
+      - eval_time: 300m
+        alertname: StorageDeviceGone
+        exp_alerts:
+          - exp_labels: {severity: warning, instance: b, serial: S2}
+            exp_annotations: {summary: "b: the device with the serial number S2 is gone"}
+    promql_expr_test:
+      - expr: zendra:disk_firmware:count
+        eval_time: 60m
+        exp_samples: [{labels: 'zendra:disk_firmware:count{software_id="P",version="1"}', value: 2}]
+"""
+
+
+class RulesTest(Case):
+    rules = os.path.join(SOURCES, "zddevices.rules.yml")
+
+    def promtool(self, *arguments):
+        return subprocess.run([PROMTOOL, *arguments], capture_output=True, text=True, check=False)
+
+    def test_the_rules_are_rules(self):
+        result = self.promtool("check", "rules", self.rules)
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
+    def test_each_rule_speaks_when_it_should_and_not_before(self):
+        result = self.promtool("test", "rules", self.write("tests.yml", RULE_TESTS.replace("RULES", self.rules)))
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
+    def test_the_rules_ask_for_series_that_there_are(self):
+        known = {name for name, _ in samples(self.exposition(ONE_OF_EACH))}
+        with open(self.rules, encoding="utf-8") as file:
+            asked = set(re.findall(r"\bzendra_\w+", file.read()))
+        self.assertTrue(asked)
+        self.assertLessEqual(asked, known)
+
+
+if __name__ == "__main__":
+    suite = unittest.defaultTestLoader.loadTestsFromTestCase(globals()[sys.argv[1] + "Test"])
+    outcome = unittest.TextTestRunner(verbosity=2).run(suite)
+    sys.exit(0 if outcome.wasSuccessful() and outcome.testsRun > 0 else 1)
