@@ -130,7 +130,8 @@ def labels_of(text, name):
     return [dict(labels) for sample, labels in samples(text) if sample == name]
 
 
-INVISIBLE = set("\u00ad\u034f\u061c\u200b\u202e\ufeff")
+INVISIBLE = {*"\u00ad\u034f\u061c\ufeff", *map(chr, range(0x200B, 0x2010)), *map(chr, range(0x202A, 0x202F)),
+             *map(chr, range(0x2060, 0x2070))}
 
 
 def label_text(text):

@@ -31,7 +31,7 @@ struct Question {
 };
 
 template <typename Record>
-Question Ask(const std::string& deviceClass, const char* asked, std::function<Answer<Record>()> ask)
+Question Ask(const std::string& deviceClass, const std::string& asked, std::function<Answer<Record>()> ask)
 {
     const std::string name = asked == devicesAsked ? deviceClass : deviceClass + " " + asked;
     return {deviceClass, asked, [ask] { return Encode(ask()); }, MakeTask<Record>(name, ask)};

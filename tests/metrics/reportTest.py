@@ -1,0 +1,417 @@
+#!/usr/bin/python3
+"""The report of a fleet, rendered by Ansible and used in a browser.
+
+Usage: reportTest.py GROUP, where GROUP is the name of a test class without "Test". REPORT_ROLE names the Ansible role's
+directory; pictures of the page are left in REPORT_SCREENSHOTS.
+"""
+import base64
+import hashlib
+import html.parser
+import http.server
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+ROLE = pathlib.Path(os.environ["REPORT_ROLE"])
+SCREENSHOTS = pathlib.Path(os.environ["REPORT_SCREENSHOTS"])
+TEMPLATE = (ROLE / "templates/fleet.html.j2").read_text(encoding="utf-8")
+MOMENT = "2026-01-02T03:04:05Z"
+FLAGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-sync",
+         "--disable-background-networking", "--disable-component-update", "--disable-dev-shm-usage", "--lang=en",
+         "--window-size=1200,1400"]
+
+
+def device(product=None, firmware=None, serial=None, vendor="HALVARD", device_type="Direct Access Device",
+           address=(6, 0, 0, 0)):
+    port, bus, target, lun = address
+    return {"vendor": vendor, "product": product, "device_type": device_type, "serial_number": serial,
+            "firmware_revision": firmware, "port": port, "target": target, "bus": bus, "lun": lun}
+
+
+def host(name, *devices, problems=(), status=None, address="192.0.2.1"):
+    answered = status != "failed"
+    inventory = {"schema": "zddevices/1", "host": name + "-itself", "collected_at": MOMENT,
+                 "status": {"code": 0, "name": "DEVICE_RESULT_OK"}, "devices": list(devices)}
+    return {"name": name, "address": address, "answered_at": MOMENT, "status": status or "ok",
+            "problems": list(problems), "inventory": inventory if answered else None, "firmware": None,
+            "optical": None}
+
+
+def problem(reason, message, document=None, classes=()):
+    return {"reason": reason, "document": document, "classes": list(classes), "message": message}
+
+
+def fleet(*hosts):
+    counts = {status: sum(1 for one in hosts if one["status"] == status) for status in ("ok", "incomplete", "failed")}
+    devices = sum(len(one["inventory"]["devices"]) for one in hosts if one["inventory"])
+    return {"schema": "zendra-fleet/1", "collected_at": MOMENT,
+            "totals": {"hosts": len(hosts), "devices": devices, **counts}, "hosts": list(hosts)}
+
+
+ATTACKS = [
+    "<script>document.title='owned'</script>", "<img src=x onerror=\"document.title='owned'\">",
+    "\"><svg onload=document.title='owned'>", "' onmouseover='document.title=1' x='", "{{ 7 * 7 }}{% raw %}",
+    "</td></tr></table><h1>owned</h1>", "&lt;b&gt;&amp;", "javascript:document.title='owned'", "</script><!-- ]]>",
+    "\u202ereversed", "a\u0000b\u0001c\u001b[31m", "half \ud800 of one", "${7*7} `id` $(id)", "é 日本 💾",
+]
+SHOWN = {"\u202ereversed": "\ufffdreversed", "a\u0000b\u0001c\u001b[31m": "a\ufffdb\ufffdc\ufffd[31m",
+         "half \ud800 of one": "half \ufffd of one"}
+
+USUAL = fleet(
+    host("alder", *[device("HX 900", "0102", f"HX-{number}", address=(6, 0, number, 0)) for number in (1, 2, 10)],
+         device("QEMU DVD-ROM", "1.07", None, "QEMU", "CD-ROM Device", (2, 0, 0, 0))),
+    host("birch", device("HX 900", "0101", "HX-3"), device("HX 900", "99", "HX-4"),
+         device("Ctrl", "7.2.22\u0006", "NV-1", "NVMe", None, (None,) * 4),
+         device("HX 900", None, "HX-5")),
+    host("cedar", device("Streamer 6", "T9", "16000", "LABTAPE", "Sequential Access Device", (7, 0, 0, 0)),
+         device("Streamer 6", "T10", "16001", "LABTAPE", "Sequential Access Device", (8, 0, 0, 0)),
+         device("Ctrl", "7.2.22", "NV-2", "NVMe", None, (0, 0, 0, 0)), status="incomplete",
+         problems=[problem("time_limit", "no answer in time", "inventory", ["disk", "scsi"])], address="192.0.2.3"),
+    host("dogwood", status="failed", problems=[problem("unreachable", "No route to host")], address=None))
+HOSTILE = fleet(
+    *[host(f"host{number}", device(text, text, text, text, text)) for number, text in enumerate(ATTACKS)],
+    host("<b>name</b>", status="failed", problems=[problem("error", text) for text in ATTACKS], address="<i>"))
+
+
+def render(directory, content):
+    """The page that the playbook would make of a fleet."""
+    source, page = pathlib.Path(directory, "fleet.json"), pathlib.Path(directory, "fleet.html")
+    source.write_text(json.dumps(content), encoding="ascii")
+    playbook = pathlib.Path(directory, "play.yml")
+    playbook.write_text(json.dumps([{
+        "hosts": "localhost", "connection": "local", "gather_facts": False,
+        "tasks": [{"ansible.builtin.include_role": {"name": str(ROLE)},
+                   "vars": {"report_fleet_file": str(source), "report_file": str(page)}}]}]), encoding="ascii")
+    result = subprocess.run(["ansible-playbook", "-i", "localhost,", playbook], cwd=directory, capture_output=True,
+                            text=True, check=False, stdin=subprocess.DEVNULL,
+                            env={**os.environ, "HOME": str(directory), "LC_ALL": "C.UTF-8", "ANSIBLE_NOCOLOR": "1"})
+    if result.returncode != 0:
+        raise AssertionError(result.stdout + result.stderr)
+    return page
+
+
+class Rendered(unittest.TestCase):
+    maxDiff = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.directory = tempfile.mkdtemp()
+        cls.addClassCleanup(shutil.rmtree, cls.directory, ignore_errors=True)
+        cls.pages = {}
+        for name, content in (("usual", USUAL), ("hostile", HOSTILE), ("empty", fleet())):
+            os.mkdir(os.path.join(cls.directory, name))
+            cls.pages[name] = render(os.path.join(cls.directory, name), content)
+
+
+class Tags(html.parser.HTMLParser):
+    """The tags of a page, and whatever in them might be fetched."""
+
+    def __init__(self, page):
+        super().__init__()
+        self.tags, self.attributes = {}, set()
+        self.feed(page.read_text(encoding="utf-8"))
+
+    def handle_starttag(self, tag, attrs):
+        self.tags[tag] = self.tags.get(tag, 0) + 1
+        self.attributes |= {name for name, _ in attrs}
+
+
+class PageTest(Rendered):
+    def test_every_expression_that_prints_is_escaped(self):
+        body = TEMPLATE[TEMPLATE.index("<!DOCTYPE html>"):]
+        expressions = re.findall(r"\{\{(.*?)\}\}", body)
+        self.assertGreater(len(expressions), 40)
+        self.assertEqual([text for text in expressions
+                          if not re.search(r"\| (e|int) $", text) and not re.fullmatch(r" heading\('[^()]*'\) ", text)],
+                         [])
+
+    def test_the_policy_allows_this_script_and_no_other(self):
+        script = re.findall(r"<script>(.*?)</script>", TEMPLATE, re.DOTALL)
+        self.assertEqual(len(script), 1)
+        digest = base64.b64encode(hashlib.sha256(script[0].encode()).digest()).decode()
+        for page in self.pages.values():
+            self.assertIn(f"default-src 'none'; style-src 'unsafe-inline'; script-src 'sha256-{digest}';",
+                          page.read_text(encoding="utf-8"))
+
+    def test_nothing_in_it_is_fetched(self):
+        for page in self.pages.values():
+            tags = Tags(page)
+            self.assertEqual({"link", "img", "iframe", "object", "embed", "svg", "a", "form"} & set(tags.tags), set())
+            self.assertEqual({"src", "href", "srcset", "onload", "onerror", "onmouseover"} & tags.attributes, set())
+            self.assertEqual((tags.tags["script"], tags.tags["style"]), (1, 1))
+
+    def test_hostile_texts_add_no_tag(self):
+        harmless = json.loads(re.sub(r'"(vendor|product|device_type|serial_number|firmware_revision)": "(\\.|[^"\\])*"',
+                                     r'"\1": "text"', json.dumps(HOSTILE)))
+        for one in harmless["hosts"]:
+            for each in one["problems"]:
+                each["message"] = "text"
+        directory = os.path.join(self.directory, "harmless")
+        os.mkdir(directory)
+        # Where all texts are alike they are one model; the lists of the disks' models differ, and nothing else.
+        chart = {"li", "div", "i", "button", "span", "ul", "p"}
+        tags = [{tag: count for tag, count in Tags(page).tags.items() if tag not in chart}
+                for page in (self.pages["hostile"], render(directory, harmless))]
+        self.assertEqual(tags[0], tags[1])
+
+    def test_texts_are_not_taken_for_templates(self):
+        page = self.pages["hostile"].read_text(encoding="utf-8")
+        self.assertIn("{{ 7 * 7 }}{% raw %}", page)
+        self.assertNotIn("49{%", page)
+
+    def test_it_is_written_for_its_reader(self):
+        self.assertEqual(self.pages["usual"].stat().st_mode & 0o777, 0o644)
+
+
+class Counter(http.server.BaseHTTPRequestHandler):
+    """A server on the loopback interface that counts who asks it."""
+    asked = []
+
+    def do_GET(self):  # pylint: disable=invalid-name
+        Counter.asked.append(self.path)
+        self.send_error(404)
+
+    def log_message(self, *arguments):
+        pass
+
+
+class BrowserTest(Rendered):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        from selenium import webdriver
+        from selenium.webdriver.chrome.service import Service
+        options = webdriver.ChromeOptions()
+        for flag in (*FLAGS, "--user-data-dir=" + os.path.join(cls.directory, "profile")):
+            options.add_argument(flag)
+        options.binary_location = "/usr/bin/chromium"
+        options.set_capability("goog:loggingPrefs", {"performance": "ALL", "browser": "ALL"})
+        cls.browser = webdriver.Chrome(options=options, service=Service("/usr/bin/chromedriver"))
+        cls.addClassCleanup(cls.browser.quit)
+        SCREENSHOTS.mkdir(parents=True, exist_ok=True)
+
+    def setUp(self):
+        self.open("usual")
+
+    def open(self, name):
+        self.browser.get_log("performance")
+        self.browser.get_log("browser")
+        self.browser.get(self.pages[name].as_uri())
+
+    def run_script(self, text, *arguments):
+        return self.browser.execute_script(text, *arguments)
+
+    def find(self, selector):
+        return self.browser.find_element("css selector", selector)
+
+    def click(self, element):
+        self.run_script("arguments[0].scrollIntoView({block: 'center'})", element)
+        element.click()
+
+    def cells(self, section, column):
+        """What the visible rows of a table say in a column."""
+        return self.run_script("return [...document.querySelectorAll(`#${arguments[0]} tbody tr`)]"
+                               ".filter((row) => row.offsetParent !== null)"
+                               ".map((row) => row.cells[arguments[1]].innerText.trim())", section, column)
+
+    def type(self, text):
+        box = self.find("#filter")
+        box.clear()
+        box.send_keys(text)
+
+    def requests(self):
+        """Every address that the page asked for."""
+        messages = [json.loads(entry["message"])["message"] for entry in self.browser.get_log("performance")]
+        return [message["params"]["request"]["url"] for message in messages
+                if message["method"] == "Network.requestWillBeSent"]
+
+    def picture(self, name):
+        height = self.run_script("return document.documentElement.scrollHeight")
+        self.browser.set_window_size(1200, min(height, 3000) + 150)
+        self.browser.save_screenshot(str(SCREENSHOTS / (name + ".png")))
+        self.browser.set_window_size(1200, 1400)
+
+    def heading(self, section, words):
+        return self.browser.find_element("xpath", f"//section[@id='{section}']//th/button[normalize-space()='{words}']")
+
+    def test_all_is_shown_at_first(self):
+        self.assertEqual(self.cells("devices", 6), ["HX-1", "HX-2", "HX-10", "", "HX-3", "HX-4", "NV-1", "HX-5", "16000",
+                                                    "16001", "NV-2"])
+        self.assertEqual(self.cells("devices", 1)[:4], ["6:0:1:0", "6:0:2:0", "6:0:10:0", "2:0:0:0"])
+        self.assertEqual(self.cells("devices", 1)[-5:], ["", "6:0:0:0", "7:0:0:0", "8:0:0:0", ""])
+        self.assertEqual(self.cells("hosts", 0), ["alder", "birch", "cedar", "dogwood"])
+        self.assertEqual(self.cells("hosts", 4), ["4", "4", "3", ""])
+        self.assertEqual(self.find("#shown").text, "11 of 11 devices, 4 of 4 hosts")
+
+    def test_hosts_that_failed_stand_on_top_with_their_reasons(self):
+        self.assertEqual([self.cells("problems", column) for column in (0, 2, 3, 4, 5)],
+                         [["dogwood", "cedar"], ["failed", "incomplete"], ["unreachable", "time limit"],
+                          ["everything", "inventory (disk, scsi)"], ["No route to host", "no answer in time"]])
+        self.assertEqual(self.run_script("return document.querySelector('main').firstElementChild.id"), "problems")
+
+    def test_the_filter_keeps_rows_that_hold_every_word(self):
+        self.type("hx ALDER")
+        self.assertEqual(self.cells("devices", 6), ["HX-1", "HX-2", "HX-10"])
+        self.assertEqual(self.cells("hosts", 0), [])
+        self.assertEqual(self.find("#shown").text, "3 of 11 devices, 0 of 4 hosts")
+        self.type("birch")
+        self.assertEqual((self.cells("devices", 6), self.cells("hosts", 0)), (["HX-3", "HX-4", "NV-1", "HX-5"],
+                                                                              ["birch"]))
+        self.type("nothing like it")
+        self.assertEqual((self.cells("devices", 6), self.cells("hosts", 0)), ([], []))
+        self.type(" ")
+        self.assertEqual(len(self.cells("devices", 6)), 11)
+
+    def test_a_heading_sorts_up_and_down_as_people_count(self):
+        self.click(self.heading("devices", "Serial"))
+        ascending = ["16000", "16001", "HX-1", "HX-2", "HX-3", "HX-4", "HX-5", "HX-10", "NV-1", "NV-2"]
+        self.assertEqual(self.cells("devices", 6), [*ascending, ""])
+        self.assertEqual(self.run_script("return document.querySelector('#devices th[aria-sort]').cellIndex"), 6)
+        self.click(self.heading("devices", "Serial"))
+        self.assertEqual(self.cells("devices", 6), [*reversed(ascending), ""])
+        self.click(self.heading("devices", "Host"))
+        self.assertEqual(self.cells("devices", 0), ["alder"] * 4 + ["birch"] * 4 + ["cedar"] * 3)
+        self.assertEqual(self.run_script("return [...document.querySelectorAll('#devices th[aria-sort]')]"
+                                         ".map((cell) => [cell.cellIndex, cell.ariaSort])"), [[0, "ascending"]])
+        self.assertEqual(self.cells("hosts", 0), ["alder", "birch", "cedar", "dogwood"])
+
+    def test_the_keyboard_alone_sorts_and_filters(self):
+        from selenium.webdriver.common.keys import Keys
+        self.run_script("document.querySelector('#hosts th:nth-child(5) button').focus()")
+        self.browser.switch_to.active_element.send_keys(Keys.ENTER)
+        self.assertEqual(self.cells("hosts", 4), ["3", "4", "4", ""])
+        self.browser.switch_to.active_element.send_keys(Keys.SPACE)
+        self.assertEqual(self.cells("hosts", 4), ["4", "4", "3", ""])
+        self.find("#filter").send_keys(Keys.TAB)
+        self.assertEqual(self.run_script("return document.activeElement.tagName"), "BUTTON")
+
+    def test_the_chart_shows_which_disks_lag_behind(self):
+        models = self.browser.find_elements("css selector", ".models > li")
+        self.assertEqual([model.find_element("css selector", ".name").text.split("\n") for model in models],
+                         [["HALVARD HX 900", "2 of 5 behind"], ["NVMe Ctrl", "all 2 alike"]])
+        self.assertEqual([button.text for button in models[0].find_elements("css selector", "button")],
+                         ["0102 × 3", "0101 × 1", "99 × 1"])
+        bars = self.run_script("return [...document.querySelectorAll('.models > li:first-child .bar i')]"
+                               ".map((piece) => [piece.className, piece.getBoundingClientRect().width])")
+        self.assertEqual([name for name, _ in bars], ["", "late", "late"])
+        self.assertAlmostEqual(bars[0][1] / bars[1][1], 3, delta=0.1)
+        self.assertEqual([text for text in self.cells("devices", 5) if "behind" in text],
+                         ["0101 behind", "99 behind"])
+        self.assertIn("2\ndisks behind", self.find(".tiles").text)
+
+    def test_a_revision_of_the_chart_chooses_its_disks(self):
+        button = self.find(".models > li:first-child button:nth-child(2)")
+        self.click(button)
+        self.assertEqual((self.cells("devices", 6), button.get_attribute("aria-pressed")), (["HX-3"], "true"))
+        self.assertEqual(self.find("#selection").text, "HALVARD HX 900, firmware 0101 ×")
+        self.click(self.find("#selection"))
+        self.assertEqual((len(self.cells("devices", 6)), button.get_attribute("aria-pressed")), (11, "false"))
+        self.assertFalse(self.find("#selection").is_displayed())
+
+    def test_hostile_texts_stay_texts(self):
+        self.open("hostile")
+        shown = [SHOWN.get(text, text) for text in ATTACKS]
+        for column in (2, 3, 4, 6):
+            self.assertEqual(self.cells("devices", column), shown)
+        self.assertEqual(self.cells("problems", 5), shown)
+        self.assertEqual(self.cells("problems", 0)[0], "<b>name</b>")
+        self.assertEqual(self.browser.title, "Storage devices of 15 hosts")
+        self.assertEqual(self.run_script("return document.scripts.length"), 1)
+        self.assertEqual(self.run_script("return document.querySelectorAll('td *:not(.badge)').length"), 0)
+        for button in self.browser.find_elements("css selector", ".revisions button"):
+            self.click(button)
+            self.click(button)
+        self.type("<img onerror")
+        self.assertEqual(self.cells("devices", 4), [ATTACKS[1]])
+        self.assertEqual(self.browser.title, "Storage devices of 15 hosts")
+        self.assertEqual(self.requests(), [self.pages["hostile"].as_uri()])
+        self.assertEqual(self.browser.get_log("browser"), [])
+        self.picture("hostile")
+
+    def test_a_script_that_got_into_the_page_would_not_run_nor_fetch(self):
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Counter)
+        self.addCleanup(server.server_close)
+        thread = threading.Thread(target=server.serve_forever)
+        thread.start()
+        self.addCleanup(thread.join)
+        self.addCleanup(server.shutdown)
+        address = f"http://127.0.0.1:{server.server_port}/"
+        page = self.pages["usual"].read_text(encoding="utf-8")
+        broken = self.pages["usual"].with_name("broken.html")
+        broken.write_text(page.replace("</main>", f"<script>document.title='owned'</script><img src='{address}'>"
+                                                  f"<script src='{address}x.js'></script></main>"), encoding="utf-8")
+        self.browser.get(broken.as_uri())
+        self.assertEqual(self.browser.title, "Storage devices of 4 hosts")
+        self.assertEqual(len(self.cells("devices", 6)), 11)
+        self.assertEqual(Counter.asked, [])
+        self.browser.get(address)
+        self.assertIn("/", Counter.asked, "the server can be reached, so the page did not try")
+
+    def test_nothing_is_asked_of_the_network_and_nothing_is_complained_of(self):
+        self.type("hx")
+        self.click(self.heading("devices", "Serial"))
+        self.assertEqual(self.requests(), [self.pages["usual"].as_uri()])
+        self.assertEqual(self.browser.get_log("browser"), [])
+
+    def test_a_fleet_without_hosts_is_a_page_too(self):
+        self.open("empty")
+        self.assertIn("No device answered.", self.find("main").text)
+        self.assertEqual(self.browser.find_elements("css selector", "#problems"), [])
+        self.assertEqual(self.find("#shown").text, "0 of 0 hosts")
+
+    def media(self, **features):
+        self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+            "media": features.pop("media", ""),
+            "features": [{"name": name.replace("_", "-"), "value": value} for name, value in features.items()]})
+
+    def contrast(self, selector):
+        """How the text of an element stands out from the page (WCAG 2: 4.5 is enough)."""
+        colours = self.run_script(
+            "return [getComputedStyle(document.querySelector(arguments[0])).color,"
+            " getComputedStyle(document.body).backgroundColor]", selector)
+        lights = []
+        for colour in colours:
+            channels = [int(part) / 255 for part in re.findall(r"\d+", colour)[:3]]
+            linear = [part / 12.92 if part <= 0.03928 else ((part + 0.055) / 1.055) ** 2.4 for part in channels]
+            lights.append(0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2])
+        return (max(lights) + 0.05) / (min(lights) + 0.05)
+
+    def test_it_can_be_read_in_light_and_in_the_dark(self):
+        self.addCleanup(self.media)
+        backgrounds = []
+        for scheme in ("light", "dark"):
+            self.media(prefers_color_scheme=scheme)
+            for selector in ("body", ".quiet", ".badge.failed", ".badge.behind", ".badge.ok", ".revisions button"):
+                self.assertGreater(self.contrast(selector), 4.5, (scheme, selector))
+            backgrounds.append(self.run_script("return getComputedStyle(document.body).backgroundColor"))
+            self.picture(scheme)
+        self.assertNotEqual(*backgrounds)
+
+    def test_paper_has_no_controls(self):
+        self.addCleanup(self.media)
+        self.assertTrue(self.find("#filter").is_displayed())
+        self.media(media="print")
+        self.assertFalse(self.find("#filter").is_displayed())
+        self.assertEqual(len(self.cells("devices", 6)), 11)
+
+    def test_without_scripts_everything_is_there(self):
+        self.addCleanup(self.browser.execute_cdp_cmd, "Emulation.setScriptExecutionDisabled", {"value": False})
+        self.browser.execute_cdp_cmd("Emulation.setScriptExecutionDisabled", {"value": True})
+        self.open("usual")
+        text = self.find("body").text
+        for word in ("HX-10", "dogwood", "No route to host", "2 of 5 behind"):
+            self.assertIn(word, text)
+        self.assertFalse(self.find("#filter").is_displayed())
+
+
+if __name__ == "__main__":
+    suite = unittest.defaultTestLoader.loadTestsFromTestCase(globals()[sys.argv[1] + "Test"])
+    outcome = unittest.TextTestRunner(verbosity=2).run(suite)
+    sys.exit(0 if outcome.wasSuccessful() and outcome.testsRun > 0 else 1)
