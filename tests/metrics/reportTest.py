@@ -77,6 +77,7 @@ USUAL = fleet(
     host("dogwood", status="failed", problems=[problem("unreachable", "No route to host")], address=None))
 HOSTILE = fleet(
     *[host(f"host{number}", device(text, text, text, text, text)) for number, text in enumerate(ATTACKS)],
+    host("the chart", *[device(text, text, "on the chart", text) for text in ATTACKS]),
     host("<b>name</b>", status="failed", problems=[problem("error", text) for text in ATTACKS], address="<i>"))
 
 
@@ -319,18 +320,22 @@ class BrowserTest(Rendered):
         self.open("hostile")
         shown = [SHOWN.get(text, text) for text in ATTACKS]
         for column in (2, 3, 4, 6):
-            self.assertEqual(self.cells("devices", column), shown)
+            self.assertEqual(self.cells("devices", column)[:len(ATTACKS)], shown)
         self.assertEqual(self.cells("problems", 5), shown)
         self.assertEqual(self.cells("problems", 0)[0], "<b>name</b>")
-        self.assertEqual(self.browser.title, "Storage devices of 15 hosts")
+        self.assertEqual(self.browser.title, "Storage devices of 16 hosts")
         self.assertEqual(self.run_script("return document.scripts.length"), 1)
         self.assertEqual(self.run_script("return document.querySelectorAll('td *:not(.badge)').length"), 0)
-        for button in self.browser.find_elements("css selector", ".revisions button"):
+        buttons = self.browser.find_elements("css selector", ".revisions button")
+        self.assertEqual(sorted(button.text for button in buttons), sorted(text + " × 1" for text in shown))
+        for button in buttons:
             self.click(button)
+            # The disk of the chart, and the device that is of no kind.
+            self.assertEqual(self.cells("devices", 5), [button.text.removesuffix(" × 1")] * 2)
             self.click(button)
         self.type("<img onerror")
-        self.assertEqual(self.cells("devices", 4), [ATTACKS[1]])
-        self.assertEqual(self.browser.title, "Storage devices of 15 hosts")
+        self.assertEqual(self.cells("devices", 4), [ATTACKS[1]] * 2)
+        self.assertEqual(self.browser.title, "Storage devices of 16 hosts")
         self.assertEqual(self.requests(), [self.pages["hostile"].as_uri()])
         self.assertEqual(self.browser.get_log("browser"), [])
         self.picture("hostile")

@@ -48,6 +48,7 @@ TEST(CommandLine, FormatAndLogLevelAreTaken)
     EXPECT_EQ(options.format, Format::Json);
     EXPECT_EQ(options.logLevel, 4U);
     EXPECT_EQ(Good({"--format", "table", "--log-level=0"}).logLevel, 0U);
+    EXPECT_EQ(Good({"firmware", "-f", "prometheus"}).format, Format::Prometheus);
 }
 
 TEST(CommandLine, SubcommandsTakeTheOptionsBeforeAndAfterTheirNames)
