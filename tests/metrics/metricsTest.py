@@ -223,6 +223,16 @@ class ExpositionTest(Case):
         self.assertEqual(len(labels_of(text, "zendra_device_info")), 2)
         self.assertEqual(labels_of(text, "zendra_disk_firmware_info"), [])
 
+    def test_a_class_that_hangs_is_waited_for_no_longer_than_asked(self):
+        code, text, _ = self.run_scripted({**ONE_OF_EACH, CLASSES["scsi"]: {"hang": True}}, "--timeout", "5")
+        self.assertEqual(code, 3)
+        self.assert_promtool_takes(text)
+        found = samples(text)
+        labels = frozenset({"class": "scsi", "asked": "devices"}.items())
+        self.assertEqual(found["zendra_device_scan_complete", labels], 0)
+        self.assertGreaterEqual(found["zendra_device_scan_seconds", labels], 5)
+        self.assertEqual([one["vendor"] for one in labels_of(text, "zendra_device_info")], ["QEMU", "HALVARD"])
+
     def test_a_failed_scan_is_a_failure(self):
         code, _, err = self.run_scripted(script(disk=answer(status=5)))
         self.assertEqual((code, err), (1, "zddevices: the scan failed: DEV_FAILURE (5)\n"))
