@@ -98,13 +98,56 @@ TEST(CommandLine, WhatMakesNoSenseIsRefusedInOneLine)
                                                          {"optical", "optical"},
                                                          {"optical", "--type", "disk"},
                                                          {"--type", "disk", "firmware"},
-                                                         {"firmware", "x"}};
+                                                         {"firmware", "x"},
+                                                         {"--columns"},
+                                                         {"--columns", ""},
+                                                         {"--columns", "serial,"},
+                                                         {"--columns", "serial", "--columns", "port"},
+                                                         {"--columns", "serial", "--format", "json"},
+                                                         {"--no-headings", "--format", "json"},
+                                                         {"--no-headings=x"}};
     for (const auto& arguments : wrong) {
         const CommandLine line = Parse(arguments);
         const auto* error = std::get_if<UsageError>(&line);
         ASSERT_NE(error, nullptr) << arguments.at(0);
         EXPECT_FALSE(error->message.empty()) << arguments.at(0);
     }
+}
+
+TEST(CommandLine, ColumnsAreTakenInTheirOrderWithoutRegardToCapitalsAndBlanks)
+{
+    EXPECT_EQ(Good({}).columns, std::vector<std::string>());
+    EXPECT_EQ(Good({"--columns", "serial,Port, lun ,SERIAL"}).columns,
+              std::vector<std::string>({"SERIAL", "PORT", "LUN", "SERIAL"}));
+    EXPECT_EQ(Good({"--columns=writes,dvd-read", "optical"}).columns, std::vector<std::string>({"WRITES", "DVD-READ"}));
+    EXPECT_EQ(Good({"firmware", "--columns", "instance-id"}).columns, std::vector<std::string>({"INSTANCE-ID"}));
+}
+
+TEST(CommandLine, AnUnknownColumnNamesThoseOfTheSubcommand)
+{
+    EXPECT_EQ(
+        std::get<UsageError>(Parse({"--columns", "serial,color"})).message,
+        "--columns: \"color\" is none of ADDRESS, TYPE, VENDOR, PRODUCT, FIRMWARE, SERIAL, PORT, BUS, TARGET, LUN");
+    EXPECT_EQ(std::get<UsageError>(Parse({"--columns", "serial", "optical"})).message,
+              "--columns: \"serial\" is none of DRIVE, VENDOR, PRODUCT, READS, WRITES, DVD-READ, MRW-READ, CD-R-WRITE, "
+              "CD-RW-WRITE, DVD-R-WRITE, DVD-RAM-WRITE, MRW-WRITE, RAM-WRITE");
+    EXPECT_EQ(std::get<UsageError>(Parse({"firmware", "--columns", "port"}))
+                  .message.find("--columns: \"port\" is none of SOFTWARE-ID, VERSION, SERIAL, DESCRIPTION, "),
+              0U);
+}
+
+TEST(CommandLine, WhatConcernsTheTableIsRefusedForOtherFormats)
+{
+    EXPECT_EQ(std::get<UsageError>(Parse({"--format", "json", "--columns", "serial"})).message,
+              "--columns makes sense for a table only");
+    EXPECT_EQ(std::get<UsageError>(Parse({"--no-headings", "--format", "json"})).message,
+              "--no-headings makes sense for a table only");
+}
+
+TEST(CommandLine, HeadingsAreShownUnlessTheyAreLeftOut)
+{
+    EXPECT_EQ(Good({}).headings, Headings::Shown);
+    EXPECT_EQ(Good({"optical", "--no-headings"}).headings, Headings::Left);
 }
 
 TEST(CommandLine, RefusalsNameTheOptionAndTheValue)

@@ -22,6 +22,7 @@ import termios
 import time
 import unicodedata
 import unittest
+import unittest.mock
 
 import jsonschema
 
@@ -125,7 +126,8 @@ class UsageTest(Case):
 
     def test_wrong_usage_is_code_2_with_one_line_and_a_hint(self):
         for arguments in (["--type", "floppy"], ["--type"], ["--format", "xml"], ["--log-level", "5"], ["--bogus"],
-                          ["everything"], ["-t", "tape", "-t", "disk"], ["--log-level", "--format", "json"]):
+                          ["everything"], ["-t", "tape", "-t", "disk"], ["--columns", "color\n"],
+                          ["--no-headings", "-f", "json"], ["--log-level", "--format", "json"]):
             code, out, err = self.run_program(*arguments)
             self.assertEqual((code, out), (2, ""), arguments)
             self.assertRegex(err, r"\Azddevices: [^\n]+\n" + re.escape(HINT) + r"\Z")
@@ -193,6 +195,28 @@ class OutputTest(Case):
         self.assertEqual(len(lines), 4)
         for line in lines[1:]:
             self.assertEqual(line.split(), ["-", "-", "-", "P" * 500, "-", (UNIQUE * 10).decode()])
+
+    def test_columns_are_chosen_and_ordered_and_records_keep_their_order(self):
+        self.assertEqual(self.run_scripted([NVME, DISK], "--columns", "serial,lun,Port"), (0, (
+            "SERIAL            LUN PORT\n"
+            "S64KNX0T123456    -   -\n"
+            "drive-scsi0-0-0-1 1   10\n"), ""))
+        self.assertEqual(self.run_scripted([DRIVE], "optical", "--columns=dvd-read,drive", call="optical"), (0, (
+            "DVD-READ DRIVE\nYes      /dev/sr0\n"), ""))
+        self.assertEqual(self.run_scripted([IDENTITY], "firmware", "--columns=classifications", call="firmware"),
+                         (0, "CLASSIFICATIONS\n10\n", ""))
+
+    def test_without_headings_each_line_is_a_record(self):
+        self.assertEqual(self.run_scripted([NVME, DISK], "--columns", "serial", "--no-headings"),
+                         (0, "S64KNX0T123456\ndrive-scsi0-0-0-1\n", ""))
+        self.assertEqual(self.run_scripted([], "--no-headings"), (0, "", ""))
+
+    def test_there_are_no_colours_anywhere(self):
+        for variables in ({"NO_COLOR": "1"}, {"CLICOLOR_FORCE": "1", "TERM": "xterm-256color"}):
+            with unittest.mock.patch.dict(os.environ, variables):
+                for arguments in ([], ["--help"], ["--bogus"]):
+                    _, out, err = self.run_scripted([DISK], *arguments)
+                    self.assertNotIn("\x1b", out + err)
 
     def test_a_full_disk_is_a_failure(self):
         for arguments in ([], ["--format", "json"]):

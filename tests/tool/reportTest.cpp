@@ -79,10 +79,84 @@ TEST(AddressCell, OneFieldOtherThanZeroIsAnAddress)
 TEST(DeviceTable, HasHeadingsAndTrimmedCells)
 {
     SystemDevice empty;
-    EXPECT_EQ(RenderTable(Describe({Disk(), empty}).sheet(), 0),
+    EXPECT_EQ(RenderTable(Describe({Disk(), empty}).sheet({}), 0),
               "ADDRESS      TYPE                 VENDOR PRODUCT       FIRMWARE SERIAL\n"
               "10:1:3:16384 Direct Access Device QEMU   QEMU HARDDISK 2.5+     drive-scsi0-0-0-0-serial\n"
               "-            -                    -      -             -        -\n");
+}
+
+TEST(DeviceTable, TakesTheColumnsThatAreAskedFor)
+{
+    EXPECT_EQ(RenderTable(Describe({Disk()}).sheet({"LUN", "SERIAL", "LUN", "PORT", "BUS", "TARGET"}), 0),
+              "LUN   SERIAL                   LUN   PORT BUS TARGET\n"
+              "16384 drive-scsi0-0-0-0-serial 16384 10   1   3\n");
+    EXPECT_EQ(RenderTable(Describe({SystemDevice()}).sheet({"PORT", "VENDOR"}), 0), "PORT VENDOR\n-    -\n");
+}
+
+TEST(DeviceTable, WithoutHeadingsIsTheSameButForTheFirstLine)
+{
+    const Sheet sheet = Describe({Disk(), SystemDevice()}).sheet({"VENDOR", "PORT"});
+    for (const std::size_t width : {0U, 80U}) {
+        EXPECT_EQ("VENDOR PORT\n" + RenderTable(sheet, width, Headings::Left), RenderTable(sheet, width));
+    }
+}
+
+TEST(Columns, EveryFieldOfEveryRecordHasOne)
+{
+    SystemDevice device;
+    device.vendor = "f1";
+    device.product = "f2";
+    device.device_type = "f3";
+    device.serial_number = "f4";
+    device.firmware_revision = "f5";
+    device.port = "f6";
+    device.target = "f7";
+    device.bus = "f8";
+    device.lun = "f9";
+    EXPECT_EQ(Describe({device}).sheet(DeviceColumnNames()).rows.at(0),
+              std::vector<std::string>({"f6:f8:f7:f9", "f3", "f1", "f2", "f5", "f4", "f6", "f8", "f7", "f9"}));
+
+    ZDSystemDevice::OpticalProperty drive;
+    drive.drive_name_ = "f1";
+    drive.vendor_ = "f2";
+    drive.product_ = "f3";
+    drive.dvd_ram_write_ = "f4";
+    drive.cd_rw_write_ = "f5";
+    drive.cd_r_write_ = "f6";
+    drive.dvd_read_ = "f7";
+    drive.dvd_r_write_ = "f8";
+    drive.mrw_r_ = "f9";
+    drive.mrw_w_ = "f10";
+    drive.ram_w_ = "f11";
+    EXPECT_EQ(DescribeOptical(0, {drive}).sheet(OpticalColumnNames()).rows.at(0),
+              std::vector<std::string>({"f1", "f2", "f3", "-", "-", "f7", "f9", "f6", "f5", "f8", "f4", "f10", "f11"}));
+
+    ZDOptions::SoftwareIdentity_ identity;
+    identity.Description = "f1";
+    identity.ElementName = "f2";
+    identity.ProductName = "f3";
+    identity.Manufacturer = "f4";
+    identity.Name = "f5";
+    identity.VersionString = "f6";
+    identity.Classifications = "f7";
+    identity.ClassificationDescriptions = "f8";
+    identity.IdentityInfoValue = "f9";
+    identity.SoftwareID = "f10";
+    identity.SubDeviceID = "f11";
+    identity.ReleaseDate = "f12";
+    identity.SoftwareStatus = "f13";
+    identity.SoftwareRole = "f14";
+    identity.IdentityInfoType = "f15";
+    identity.IsPLDMUpdateSupported = "f16";
+    identity.InstanceID = "f17";
+    identity.AssociatedAdapterSlot = "f18";
+    identity.LastUpdateError = "f19";
+    identity.LastUpdateErrorString = "f20";
+    identity.SerialNumber = "f21";
+    identity.ExtraInfo = "f22";
+    EXPECT_EQ(DescribeFirmware(0, {identity}).sheet(FirmwareColumnNames()).rows.at(0),
+              std::vector<std::string>({"f10", "f6",  "f21", "f1",  "f2",  "f3",  "f4",  "f5",  "f7",  "f8",  "f9",
+                                        "f11", "f12", "f13", "f14", "f15", "f16", "f17", "f18", "f19", "f20", "f22"}));
 }
 
 TEST(DeviceTable, WithoutATerminalEveryRowIsOneWholeLine)
@@ -90,7 +164,7 @@ TEST(DeviceTable, WithoutATerminalEveryRowIsOneWholeLine)
     SystemDevice disk = Disk();
     disk.product = std::string(300, 'P');
     disk.serial_number = std::string(300, 'S');
-    const std::vector<std::string> lines = Lines(RenderTable(Describe({disk, disk}).sheet(), 0));
+    const std::vector<std::string> lines = Lines(RenderTable(Describe({disk, disk}).sheet({}), 0));
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_NE(lines[1].find(disk.product), std::string::npos);
     EXPECT_NE(lines[2].find(disk.serial_number), std::string::npos);
@@ -101,7 +175,7 @@ TEST(DeviceTable, OnATerminalLinesFitAndSerialNumbersStayWhole)
     SystemDevice disk = Disk();
     disk.serial_number = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
     for (const std::size_t width : {60U, 80U, 132U, 200U}) {
-        const std::string table = RenderTable(Describe({disk}).sheet(), width);
+        const std::string table = RenderTable(Describe({disk}).sheet({}), width);
         const std::vector<std::string> lines = Lines(table);
         const std::size_t column = lines.at(0).find("SERIAL");
         ASSERT_NE(column, std::string::npos);
@@ -121,7 +195,7 @@ TEST(DeviceTable, WideCharactersCountTwice)
 {
     SystemDevice disk = Disk();
     disk.product = "日本日本日本日本日本日本日本日本日本日本日本日本日本日本日本日本";
-    for (const std::string& line : Lines(RenderTable(Describe({disk, Disk()}).sheet(), 60))) {
+    for (const std::string& line : Lines(RenderTable(Describe({disk, Disk()}).sheet({}), 60))) {
         EXPECT_LE(Width(line), 60) << line;
     }
 }
@@ -147,9 +221,11 @@ TEST(Table, HostileTextsNeverLeaveTheirLines)
     for (const char* locale : {"C.UTF-8", "C"}) {
         const CharacterSet characters(locale);
         for (int i = 0; i < 500; ++i) {
-            ExpectHarmlessTable(Describe({HostileDevice(texts), HostileDevice(texts)}).sheet());
-            ExpectHarmlessTable(DescribeOptical(0, {HostileDrive(texts), HostileDrive(texts)}).sheet());
-            ExpectHarmlessTable(DescribeFirmware(0, {HostileIdentity(texts), HostileIdentity(texts)}).sheet());
+            ExpectHarmlessTable(Describe({HostileDevice(texts), HostileDevice(texts)}).sheet({}));
+            ExpectHarmlessTable(DescribeFirmware(0, {HostileIdentity(texts), HostileIdentity(texts)})
+                                    .sheet({"NAME", "SERIAL", "SOFTWARE-ID"}));
+            ExpectHarmlessTable(DescribeOptical(0, {HostileDrive(texts), HostileDrive(texts)}).sheet({}));
+            ExpectHarmlessTable(DescribeFirmware(0, {HostileIdentity(texts), HostileIdentity(texts)}).sheet({}));
         }
     }
 }
@@ -245,7 +321,7 @@ TEST(Optical, TableSaysWhatTheDriveReadsAndWrites)
     ZDSystemDevice::OpticalProperty drive = Drive();
     drive.dvd_read_ = drive.mrw_r_ = drive.cd_r_write_ = drive.cd_rw_write_ = drive.dvd_r_write_ = "Yes";
     drive.dvd_ram_write_ = drive.mrw_w_ = drive.ram_w_ = "Yes";
-    EXPECT_EQ(RenderTable(DescribeOptical(0, {drive, Drive()}).sheet(), 0),
+    EXPECT_EQ(RenderTable(DescribeOptical(0, {drive, Drive()}).sheet({}), 0),
               "DRIVE    VENDOR PRODUCT      READS   WRITES\n"
               "/dev/sr0 QEMU   QEMU DVD-ROM DVD MRW CD-R CD-RW DVD-R DVD-RAM MRW RAM\n"
               "/dev/sr0 QEMU   QEMU DVD-ROM -       -\n");
@@ -267,8 +343,8 @@ TEST(Optical, EachCapabilityHasItsOwnWordAndKey)
         ZDSystemDevice::OpticalProperty drive = Drive();
         drive.*field = "Yes";
         const Report report = DescribeOptical(0, {drive});
-        EXPECT_EQ(report.sheet().rows.at(0).at(column), word);
-        EXPECT_EQ(report.sheet().rows.at(0).at(column == 3 ? 4 : 3), "-");
+        EXPECT_EQ(report.sheet({}).rows.at(0).at(column), word);
+        EXPECT_EQ(report.sheet({}).rows.at(0).at(column == 3 ? 4 : 3), "-");
         nlohmann::ordered_json object = report.records().at(0);
         EXPECT_EQ(object.at(key), "Yes") << key;
         object[key] = "No";
@@ -292,7 +368,7 @@ TEST(Firmware, TableHoldsIdVersionAndSerial)
     identity.SoftwareID = identity.Name = "QEMU HARDDISK";
     identity.VersionString = " 2.5+ \x06";
     identity.SerialNumber = "QM00001 ";
-    EXPECT_EQ(RenderTable(DescribeFirmware(0, {identity, ZDOptions::SoftwareIdentity_()}).sheet(), 0),
+    EXPECT_EQ(RenderTable(DescribeFirmware(0, {identity, ZDOptions::SoftwareIdentity_()}).sheet({}), 0),
               "SOFTWARE-ID   VERSION SERIAL\n"
               "QEMU HARDDISK 2.5+    QM00001\n"
               "-             -       -\n");

@@ -27,10 +27,22 @@ std::string NothingFound(std::optional<ZDSystemDevice::SysDeviceType> type)
     return "No storage devices found.";
 }
 
-std::vector<std::string> Row(const SystemDevice& device)
+using DeviceColumn = RecordColumn<SystemDevice>;
+
+const std::vector<DeviceColumn>& Columns()
 {
-    return {AddressCell(device),      CellText(device.device_type),       CellText(device.vendor),
-            CellText(device.product), CellText(device.firmware_revision), CellText(device.serial_number)};
+    static const std::vector<DeviceColumn> columns = {
+        {{"ADDRESS", 0.10, Overflow::Keep}, Shown::ByDefault, AddressCell},
+        {{"TYPE", 0.20, Overflow::Cut}, Shown::ByDefault, TextCell<&SystemDevice::device_type>},
+        {{"VENDOR", 0.10, Overflow::Wrap}, Shown::ByDefault, TextCell<&SystemDevice::vendor>},
+        {{"PRODUCT", 0.25, Overflow::Wrap}, Shown::ByDefault, TextCell<&SystemDevice::product>},
+        {{"FIRMWARE", 0.10, Overflow::Wrap}, Shown::ByDefault, TextCell<&SystemDevice::firmware_revision>},
+        {{"SERIAL", 0.25, Overflow::Wrap}, Shown::ByDefault, TextCell<&SystemDevice::serial_number>},
+        {{"PORT", 0.05, Overflow::Keep}, Shown::WhenAsked, TextCell<&SystemDevice::port>},
+        {{"BUS", 0.05, Overflow::Keep}, Shown::WhenAsked, TextCell<&SystemDevice::bus>},
+        {{"TARGET", 0.05, Overflow::Keep}, Shown::WhenAsked, TextCell<&SystemDevice::target>},
+        {{"LUN", 0.05, Overflow::Keep}, Shown::WhenAsked, TextCell<&SystemDevice::lun>}};
+    return columns;
 }
 
 nlohmann::ordered_json Object(const SystemDevice& device)
@@ -74,15 +86,13 @@ Report DescribeDevices(unsigned int status, std::vector<SystemDevice> devices,
     report.recordsKey = "devices";
     report.status = status;
     report.nothingFound = NothingFound(type);
-    ComposeFrom(std::move(devices),
-                {{"ADDRESS", 0.10, Overflow::Keep},
-                 {"TYPE", 0.20, Overflow::Cut},
-                 {"VENDOR", 0.10, Overflow::Wrap},
-                 {"PRODUCT", 0.25, Overflow::Wrap},
-                 {"FIRMWARE", 0.10, Overflow::Wrap},
-                 {"SERIAL", 0.25, Overflow::Wrap}},
-                Row, Object, report);
+    ComposeFrom(std::move(devices), Columns(), Object, report);
     return report;
+}
+
+std::vector<std::string> DeviceColumnNames()
+{
+    return HeadingsOf(Columns());
 }
 
 }  // namespace ZDDevices

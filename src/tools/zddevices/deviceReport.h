@@ -27,6 +27,9 @@ std::string AddressCell(const ZDSystemDevice::SystemDevice& device);
 Report DescribeDevices(unsigned int status, std::vector<ZDSystemDevice::SystemDevice> devices,
                        std::optional<ZDSystemDevice::SysDeviceType> type);
 
+/** The headings of the columns that the table of devices can have. */
+std::vector<std::string> DeviceColumnNames();
+
 }  // namespace ZDDevices
 }  // namespace Zendra
 

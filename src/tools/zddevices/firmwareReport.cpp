@@ -10,9 +10,40 @@ namespace {
 
 using ZDOptions::SoftwareIdentity_;
 
-std::vector<std::string> Row(const SoftwareIdentity_& identity)
+/** A column for a property that is empty or the same for most disks. */
+template <std::string SoftwareIdentity_::*field>
+RecordColumn<SoftwareIdentity_> FurtherColumn(const char* heading)
 {
-    return {CellText(identity.SoftwareID), CellText(identity.VersionString), CellText(identity.SerialNumber)};
+    return {{heading, 0.15, Overflow::Wrap}, Shown::WhenAsked, TextCell<field>};
+}
+
+const std::vector<RecordColumn<SoftwareIdentity_>>& Columns()
+{
+    using Identity = SoftwareIdentity_;
+    static const std::vector<RecordColumn<SoftwareIdentity_>> columns = {
+        {{"SOFTWARE-ID", 0.45, Overflow::Wrap}, Shown::ByDefault, TextCell<&Identity::SoftwareID>},
+        {{"VERSION", 0.2, Overflow::Wrap}, Shown::ByDefault, TextCell<&Identity::VersionString>},
+        {{"SERIAL", 0.35, Overflow::Wrap}, Shown::ByDefault, TextCell<&Identity::SerialNumber>},
+        FurtherColumn<&Identity::Description>("DESCRIPTION"),
+        FurtherColumn<&Identity::ElementName>("ELEMENT-NAME"),
+        FurtherColumn<&Identity::ProductName>("PRODUCT-NAME"),
+        FurtherColumn<&Identity::Manufacturer>("MANUFACTURER"),
+        FurtherColumn<&Identity::Name>("NAME"),
+        FurtherColumn<&Identity::Classifications>("CLASSIFICATIONS"),
+        FurtherColumn<&Identity::ClassificationDescriptions>("CLASSIFICATION-DESCRIPTIONS"),
+        FurtherColumn<&Identity::IdentityInfoValue>("IDENTITY-INFO-VALUE"),
+        FurtherColumn<&Identity::SubDeviceID>("SUB-DEVICE-ID"),
+        FurtherColumn<&Identity::ReleaseDate>("RELEASE-DATE"),
+        FurtherColumn<&Identity::SoftwareStatus>("SOFTWARE-STATUS"),
+        FurtherColumn<&Identity::SoftwareRole>("SOFTWARE-ROLE"),
+        FurtherColumn<&Identity::IdentityInfoType>("IDENTITY-INFO-TYPE"),
+        FurtherColumn<&Identity::IsPLDMUpdateSupported>("PLDM-UPDATE-SUPPORTED"),
+        FurtherColumn<&Identity::InstanceID>("INSTANCE-ID"),
+        FurtherColumn<&Identity::AssociatedAdapterSlot>("ADAPTER-SLOT"),
+        FurtherColumn<&Identity::LastUpdateError>("LAST-UPDATE-ERROR"),
+        FurtherColumn<&Identity::LastUpdateErrorString>("LAST-UPDATE-ERROR-STRING"),
+        FurtherColumn<&Identity::ExtraInfo>("EXTRA-INFO")};
+    return columns;
 }
 
 /** The CIM properties; the record's last three fields are none. */
@@ -49,11 +80,13 @@ Report DescribeFirmware(unsigned int status, std::vector<SoftwareIdentity_> iden
     report.recordsKey = "identities";
     report.status = status;
     report.nothingFound = "No disk firmware found.";
-    ComposeFrom(
-        std::move(identities),
-        {{"SOFTWARE-ID", 0.45, Overflow::Wrap}, {"VERSION", 0.2, Overflow::Wrap}, {"SERIAL", 0.35, Overflow::Wrap}},
-        Row, Object, report);
+    ComposeFrom(std::move(identities), Columns(), Object, report);
     return report;
+}
+
+std::vector<std::string> FirmwareColumnNames()
+{
+    return HeadingsOf(Columns());
 }
 
 }  // namespace ZDDevices

@@ -32,16 +32,17 @@ namespace ZDDevices {
 
 namespace {
 
-std::string Render(const Report& report, Format format, const Occasion& occasion)
+std::string Render(const Report& report, const Options& options, const Occasion& occasion)
 {
-    if (format == Format::Json) {
+    if (options.format == Format::Json) {
         return RenderJson(report, occasion);
     }
-    const Sheet sheet = report.sheet();
+    const Sheet sheet = report.sheet(options.columns);
     if (sheet.rows.empty()) {
-        return report.nothingFound + "\n";
+        // Without headings the output is for a program that takes each line for a row.
+        return options.headings == Headings::Left ? std::string() : report.nothingFound + "\n";
     }
-    return RenderTable(sheet, OutputWidth());
+    return RenderTable(sheet, OutputWidth(), options.headings);
 }
 
 /** What shows on a terminal that devices take their time; none where nobody looks. */
@@ -138,7 +139,7 @@ int Show(const Options& options)
     const Report report = Collect(options);
     // Asked after the scan: loading the sg driver has made the device files of the generic class.
     const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
-    WriteOutput(Render(report, options.format, occasion));
+    WriteOutput(Render(report, options, occasion));
     if (report.unanswered.empty() && !ScanRan(report.status)) {
         return FailScan(report.status);
     }

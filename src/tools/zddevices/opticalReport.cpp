@@ -29,16 +29,45 @@ std::string Media(const std::vector<Capability>& capabilities)
     return CellText(media);
 }
 
-std::vector<std::string> Row(const OpticalProperty& drive)
+std::string ReadsCell(const OpticalProperty& drive)
 {
-    return {CellText(drive.drive_name_), CellText(drive.vendor_), CellText(drive.product_),
-            Media({{"DVD", &drive.dvd_read_}, {"MRW", &drive.mrw_r_}}),
-            Media({{"CD-R", &drive.cd_r_write_},
-                   {"CD-RW", &drive.cd_rw_write_},
-                   {"DVD-R", &drive.dvd_r_write_},
-                   {"DVD-RAM", &drive.dvd_ram_write_},
-                   {"MRW", &drive.mrw_w_},
-                   {"RAM", &drive.ram_w_}})};
+    return Media({{"DVD", &drive.dvd_read_}, {"MRW", &drive.mrw_r_}});
+}
+
+std::string WritesCell(const OpticalProperty& drive)
+{
+    return Media({{"CD-R", &drive.cd_r_write_},
+                  {"CD-RW", &drive.cd_rw_write_},
+                  {"DVD-R", &drive.dvd_r_write_},
+                  {"DVD-RAM", &drive.dvd_ram_write_},
+                  {"MRW", &drive.mrw_w_},
+                  {"RAM", &drive.ram_w_}});
+}
+
+/** A column for one capability: "Yes" or "No". */
+template <std::string OpticalProperty::*field>
+RecordColumn<OpticalProperty> CapabilityColumn(const char* heading)
+{
+    return {{heading, 0.05, Overflow::Keep}, Shown::WhenAsked, TextCell<field>};
+}
+
+const std::vector<RecordColumn<OpticalProperty>>& Columns()
+{
+    static const std::vector<RecordColumn<OpticalProperty>> columns = {
+        {{"DRIVE", 0.15, Overflow::Wrap}, Shown::ByDefault, TextCell<&OpticalProperty::drive_name_>},
+        {{"VENDOR", 0.15, Overflow::Wrap}, Shown::ByDefault, TextCell<&OpticalProperty::vendor_>},
+        {{"PRODUCT", 0.25, Overflow::Wrap}, Shown::ByDefault, TextCell<&OpticalProperty::product_>},
+        {{"READS", 0.10, Overflow::Wrap}, Shown::ByDefault, ReadsCell},
+        {{"WRITES", 0.35, Overflow::Wrap}, Shown::ByDefault, WritesCell},
+        CapabilityColumn<&OpticalProperty::dvd_read_>("DVD-READ"),
+        CapabilityColumn<&OpticalProperty::mrw_r_>("MRW-READ"),
+        CapabilityColumn<&OpticalProperty::cd_r_write_>("CD-R-WRITE"),
+        CapabilityColumn<&OpticalProperty::cd_rw_write_>("CD-RW-WRITE"),
+        CapabilityColumn<&OpticalProperty::dvd_r_write_>("DVD-R-WRITE"),
+        CapabilityColumn<&OpticalProperty::dvd_ram_write_>("DVD-RAM-WRITE"),
+        CapabilityColumn<&OpticalProperty::mrw_w_>("MRW-WRITE"),
+        CapabilityColumn<&OpticalProperty::ram_w_>("RAM-WRITE")};
+    return columns;
 }
 
 nlohmann::ordered_json Object(const OpticalProperty& drive)
@@ -75,14 +104,13 @@ Report DescribeOptical(unsigned int status, std::vector<OpticalProperty> drives)
         report.remark = "this host has several optical drives; the library describes one only, so what these can read "
                         "and write is not known";
     }
-    ComposeFrom(std::move(drives),
-                {{"DRIVE", 0.15, Overflow::Wrap},
-                 {"VENDOR", 0.15, Overflow::Wrap},
-                 {"PRODUCT", 0.25, Overflow::Wrap},
-                 {"READS", 0.10, Overflow::Wrap},
-                 {"WRITES", 0.35, Overflow::Wrap}},
-                Row, Object, report);
+    ComposeFrom(std::move(drives), Columns(), Object, report);
     return report;
+}
+
+std::vector<std::string> OpticalColumnNames()
+{
+    return HeadingsOf(Columns());
 }
 
 }  // namespace ZDDevices

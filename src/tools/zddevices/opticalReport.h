@@ -5,6 +5,7 @@
 #ifndef ZENDRA_ZDDEVICES_OPTICALREPORT_H
 #define ZENDRA_ZDDEVICES_OPTICALREPORT_H
 
+#include <string>
 #include <vector>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
@@ -23,6 +24,9 @@ bool NamesSeveral(const ZDSystemDevice::OpticalProperty& drive);
  * report then has a remark that says so.
  */
 Report DescribeOptical(unsigned int status, std::vector<ZDSystemDevice::OpticalProperty> drives);
+
+/** The headings of the columns that the table of drives can have. */
+std::vector<std::string> OpticalColumnNames();
 
 }  // namespace ZDDevices
 }  // namespace Zendra

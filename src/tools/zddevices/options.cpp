@@ -6,6 +6,11 @@
 #include <cmath>
 #include <map>
 
+#include "tools/zddevices/columns.h"
+#include "tools/zddevices/deviceReport.h"
+#include "tools/zddevices/firmwareReport.h"
+#include "tools/zddevices/opticalReport.h"
+
 namespace Zendra {
 namespace ZDDevices {
 
@@ -57,6 +62,19 @@ const std::map<std::string, Format>& Formats()
     static const std::map<std::string, Format> formats = {
         {"table", Format::Table}, {"json", Format::Json}, {"prometheus", Format::Prometheus}};
     return formats;
+}
+
+std::vector<std::string> KnownColumns(Command command)
+{
+    switch (command) {
+    case Command::Optical:
+        return OpticalColumnNames();
+    case Command::Firmware:
+        return FirmwareColumnNames();
+    case Command::Devices:
+        break;
+    }
+    return DeviceColumnNames();
 }
 
 /** Accepts the keys of a map, and names them all when it is given something else. */
@@ -161,6 +179,13 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
     app.add_option("-f,--format", format, "table (default), json or prometheus")
         ->type_name("FORMAT")
         ->check(OneOf(Formats()));
+    std::string columns;
+    const CLI::Option* const columnsOption = app.add_option("--columns", columns,
+                                                            "The table's columns, separated by commas, in\n"
+                                                            "this order. A wrong name lists the right ones")
+                                                 ->type_name("LIST");
+    bool noHeadings = false;
+    app.add_flag("--no-headings", noHeadings, "Leave out the table's first line");
     std::string logLevel;
     app.add_option("-l,--log-level", logLevel,
                    "What the library logs on standard error:\n"
@@ -216,6 +241,17 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
     if (!timeLimit.empty()) {
         options.timeLimit = ParseSeconds(timeLimit);
     }
+    if (options.format != Format::Table && (columnsOption->count() > 0 || noHeadings)) {
+        return UsageError{std::string(noHeadings ? "--no-headings" : "--columns") + " makes sense for a table only"};
+    }
+    if (columnsOption->count() > 0) {
+        const ColumnChoice choice = ParseColumns(columns, KnownColumns(options.command));
+        if (!choice.problem.empty()) {
+            return UsageError{"--columns: " + choice.problem};
+        }
+        options.columns = choice.headings;
+    }
+    options.headings = noHeadings ? Headings::Left : Headings::Shown;
     if (!logLevel.empty()) {
         options.logLevel = static_cast<unsigned int>(logLevel[0] - '0');
     }

@@ -9,8 +9,10 @@
 #include <optional>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
+#include "tools/zddevices/table.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -28,6 +30,9 @@ struct Options {
     Format format = Format::Table;
     /** How long to wait for the devices; without limit, and without a process for each class, when absent. */
     std::optional<std::chrono::nanoseconds> timeLimit;
+    /** The headings of the table's columns, in their order; empty for the columns that are usual. */
+    std::vector<std::string> columns;
+    Headings headings = Headings::Shown;
     /** How much the library is to say on standard error; absent when the option was not given. */
     std::optional<unsigned int> logLevel;
 };

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/zddevices/columns.h"
 #include "tools/zddevices/table.h"
 
 namespace Zendra {
@@ -39,8 +40,8 @@ struct Report {
     unsigned int status = 0;
     /** The classes whose devices are missing, which the library was not to be waited for any longer. */
     std::vector<Unanswered> unanswered;
-    /** Composes the records for people. */
-    std::function<Sheet()> sheet;
+    /** Composes the records for people: the columns of these headings, in this order; by default for no heading. */
+    std::function<Sheet(const std::vector<std::string>& headings)> sheet;
     /** What people are told when there is no record. */
     std::string nothingFound;
     /** What must be known to read the records rightly; for standard error, empty when there is nothing. */
@@ -49,16 +50,28 @@ struct Report {
     std::function<nlohmann::ordered_json()> records;
 };
 
-/** Has `report` compose its table and its objects from `records`, each by the function for one record. */
-template <typename Record, typename MakeRow, typename MakeObject>
-void ComposeFrom(std::vector<Record> records, std::vector<Column> columns, MakeRow makeRow, MakeObject makeObject,
+/**
+ * @brief Has `report` compose its table from `records` by `columns`, and its objects by the function for one record.
+ * @param columns must live as long as the report.
+ */
+template <typename Record, typename MakeObject>
+void ComposeFrom(std::vector<Record> records, const std::vector<RecordColumn<Record>>& columns, MakeObject makeObject,
                  Report& report)
 {
     const auto kept = std::make_shared<const std::vector<Record>>(std::move(records));
-    report.sheet = [kept, makeRow, columns = std::move(columns)] {
-        Sheet sheet{columns, {}};
+    report.sheet = [kept, &columns](const std::vector<std::string>& headings) {
+        const std::vector<const RecordColumn<Record>*> chosen = ChooseColumns(columns, headings);
+        Sheet sheet;
+        for (const RecordColumn<Record>* column : chosen) {
+            sheet.columns.push_back(column->column);
+        }
         for (const Record& record : *kept) {
-            sheet.rows.push_back(makeRow(record));
+            std::vector<std::string> row;
+            row.reserve(chosen.size());
+            for (const RecordColumn<Record>* column : chosen) {
+                row.push_back(column->cell(record));
+            }
+            sheet.rows.push_back(std::move(row));
         }
         return sheet;
     };

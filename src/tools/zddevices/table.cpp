@@ -70,11 +70,12 @@ std::string WithoutTrailingBlanks(const std::string& text)
 
 }  // namespace
 
-std::string RenderTable(const Sheet& sheet, std::size_t width)
+std::string RenderTable(const Sheet& sheet, std::size_t width, Headings headings)
 {
     const std::unique_ptr<libscols_table, Unref> table(Check(scols_new_table()));
     // The cells have been made printable; a second encoding would escape the escapes.
     Check(scols_table_enable_noencoding(table.get(), 1));
+    Check(scols_table_enable_noheadings(table.get(), headings == Headings::Left ? 1 : 0));
     Check(scols_table_set_termforce(table.get(), width > 0 ? SCOLS_TERMFORCE_ALWAYS : SCOLS_TERMFORCE_NEVER));
     if (width > 0) {
         Check(scols_table_set_termwidth(table.get(), width));

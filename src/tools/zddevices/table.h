@@ -37,6 +37,9 @@ struct Sheet {
     std::vector<std::vector<std::string>> rows;
 };
 
+/** Whether a table begins with a line of headings. */
+enum class Headings { Shown, Left };
+
 /**
  * @brief The table as lines of text, headings first, without trailing blanks, each line ended.
  *
@@ -44,7 +47,7 @@ struct Sheet {
  *              line and whole. Below some 50 columns the lines may be wider than the terminal.
  * @throws std::bad_alloc, std::runtime_error.
  */
-std::string RenderTable(const Sheet& sheet, std::size_t width);
+std::string RenderTable(const Sheet& sheet, std::size_t width, Headings headings = Headings::Shown);
 
 }  // namespace ZDDevices
 }  // namespace Zendra
