@@ -336,7 +336,7 @@ class JsonTest(Case):
                 validate(bad)
 
     def test_the_schemas_are_schemas(self):
-        self.assertEqual(sorted(SCHEMAS), ["zddevices-firmware/1", "zddevices-optical/1", "zddevices/1"])
+        self.assertEqual(sorted(SCHEMAS), ["zddevices-doctor/1", "zddevices-firmware/1", "zddevices-optical/1", "zddevices/1"])
         for schema in SCHEMAS.values():
             jsonschema.Draft202012Validator.check_schema(schema)
 
@@ -849,7 +849,7 @@ class TimeoutTest(Case):
             self.assertIn(self.run_program("--timeout", text)[0], (0, 3), text)
 
 
-class PrivilegeTest(Case):
+class PrivateDevices(Case):
     """Each test has its own mount namespace with a /dev of plain files."""
 
     NOBODY = "setpriv --reuid=65534 --regid=65534 --clear-groups"
@@ -889,6 +889,8 @@ class PrivilegeTest(Case):
               ("sda", "sda1", "sdab", "sg0", "sg10", "sg2", "st0", "st0a", "nst0", "sr0", "nvme0", "nvme0n1",
                "nvme0n1p1", "hda", "hda1", "stdin2x", "null0", "ttyS0")}
 
+
+class PrivilegeTest(PrivateDevices):
     def test_closed_device_files_give_code_3_and_one_line(self):
         # Their group is not named: it may not open them either.
         self.assertEqual(self.inside({"sda": ("0600", "disk"), "sg0": ("0600", "disk")}), (
@@ -970,6 +972,118 @@ class PrivilegeTest(Case):
 
     def test_an_output_error_is_reported_before_lack_of_privilege(self):
         code, _, err = self.inside({"sda": ("0600", "root")}, prepare="exec 1>&-")
+        self.assertEqual((code, err), (1, "zddevices: standard output cannot be written: Bad file descriptor\n"))
+
+
+class DoctorTest(PrivateDevices):
+    MEMBER = "setpriv --reuid=65534 --regid=65534 --groups=$(getent group disk | cut -d: -f3)"
+
+    def document(self, nodes, *arguments, **options):
+        code, out, err = self.inside(nodes, "doctor", "--format", "json", *arguments, **options)
+        self.assertEqual(err, "")
+        self.assertEqual([char for char in out if not " " <= char <= "~" and char != "\n"], [])
+        document = json.loads(out)
+        validate(document, "zddevices-doctor/1")
+        self.assertEqual(code, 0 if document["all_visible"] else 3)
+        return document
+
+    @staticmethod
+    def files(document, word):
+        return {file["path"]: file for one in document["classes"] if one["type"] == word
+                for file in one["device_files"]}
+
+    def test_a_host_without_device_files_is_told_so(self):
+        code, out, err = self.inside({"null0": ("0600", "root")}, "doctor", user="")
+        self.assertEqual((code, err), (0, ""))
+        self.assertIn("\nTape drives: no device file (/dev/st*, /dev/nst*)\n", out)
+        self.assertIn("\n- There is no device file to look at.", out)
+
+    def test_plain_files_answer_nothing_and_the_failing_requests_are_named(self):
+        nodes = {name: ("0660", "disk") for name in ("sda", "hda", "nvme0n1", "sr0", "st0")}
+        document = self.document(nodes, user="")
+        self.assertEqual([one["type"] for one in document["classes"]], ["tape", "scsi", "disk", "optical"])
+        error = {"number": 25, "name": "ENOTTY", "text": "Inappropriate ioctl for device"}
+        for word, path, requests in (("disk", "/dev/sda", ["SG_GET_VERSION_NUM", "HDIO_DRIVE_CMD"]),
+                                     ("disk", "/dev/hda", ["HDIO_DRIVE_CMD"]),
+                                     ("disk", "/dev/nvme0n1", ["NVME_IOCTL_ADMIN_CMD"]),
+                                     ("optical", "/dev/sr0", ["SG_GET_VERSION_NUM", "HDIO_DRIVE_CMD"]),
+                                     ("tape", "/dev/st0", ["SG_GET_VERSION_NUM", "HDIO_DRIVE_CMD"])):
+            file = self.files(document, word)[path]
+            self.assertEqual(file["visibility"], "no_usable_answer")
+            self.assertEqual([(one["request"], one["error"]) for one in file["questions"]],
+                             [(request, error) for request in requests])
+        code, out, _ = self.inside(nodes, "doctor", user="")
+        self.assertEqual(code, 3)
+        self.assertIn("      NVME_IOCTL_ADMIN_CMD (NVMe Identify Controller): Inappropriate ioctl for device (ENOTTY)\n",
+                      out)
+
+    def test_closed_files_are_denied_and_their_group_is_named(self):
+        nodes = {"sda": ("0660", "disk"), "sdb": ("0660", "disk")}
+        document = self.document(nodes)
+        for file in self.files(document, "disk").values():
+            self.assertEqual((file["visibility"], file["open_error"]["name"]), ("denied", "EACCES"))
+        self.assertIn("2 device files could not be opened for lack of privilege (/dev/sda, /dev/sdb); "
+                      "run zddevices as root, or join the group disk.", document["advice"])
+        opened = self.files(self.document(nodes, user=self.MEMBER), "disk")
+        self.assertEqual({file["visibility"] for file in opened.values()}, {"no_usable_answer"})
+
+    def test_files_that_cannot_be_opened_have_the_error(self):
+        document = self.document({}, user="", prepare="ln -s /nowhere /dev/sda; ln -s /dev/sdb /dev/sdb")
+        files = self.files(document, "disk")
+        self.assertEqual({path: file["open_error"]["name"] for path, file in files.items()},
+                         {"/dev/sda": "ENOENT", "/dev/sdb": "ELOOP"})
+        self.assertEqual({file["visibility"] for file in files.values()}, {"cannot_be_opened"})
+
+    def test_the_files_are_those_that_the_library_opens(self):
+        for nodes in (self.CLOSED, {name: self.CLOSED[name] for name in ("nst0", "sda", "sda1", "sr0")}):
+            document = self.document(nodes, user="")
+            for word in ("tape", "disk", "optical", "scsi"):
+                _, _, trace = self.inside(nodes, "--type", word, "--log-level", "4", user="")
+                found = re.findall(r"ScanDeviceFiles\(\) detect file : (.*)", trace)
+                self.assertEqual(sorted(self.files(document, word)), sorted("/dev/" + name for name in found), word)
+
+    def test_a_directory_that_cannot_be_listed_is_said_to_be_so(self):
+        document = self.document({"sda": ("0666", "root")}, prepare="chmod 711 /dev")
+        self.assertEqual(document["directory_error"]["name"], "EACCES")
+        self.assertEqual(document["advice"], ["The device files cannot be listed (/dev): Permission denied (EACCES); "
+                                              "run zddevices as root."])
+
+    def test_disks_of_other_drivers_are_named(self):
+        document = self.document({"vda": ("0666", "root"), "vda1": ("0666", "root")}, user="")
+        self.assertEqual(document["not_looked_at"], ["/dev/vda"])
+
+    def test_control_characters_in_file_names_stay_away_from_the_terminal(self):
+        name = "sd\x1b[2Jx"
+        _, out, _ = self.inside({name: ("0600", "root")}, "doctor")
+        self.assertNotIn("\x1b", out)
+        self.assertIn("  /dev/sd\\x1b[2Jx  NOT VISIBLE: open: Permission denied (EACCES)\n", out)
+        self.assertEqual(list(self.files(self.document({name: ("0600", "root")}), "disk")), ["/dev/" + name])
+
+    def test_the_time_for_each_device_is_that_of_timeout(self):
+        self.assertEqual(self.document({}, user="")["seconds_per_device"], 10)
+        self.assertEqual(self.document({}, "--timeout", "2.5", user="")["seconds_per_device"], 2.5)
+
+    def test_modprobe_decides_about_the_generic_class(self):
+        """A modprobe of our own comes first in the PATH."""
+        nodes = {"sda": ("0666", "root"), "sg0": ("0666", "root")}
+        for status, path in ((0, "/dev/sg0"), (1, "/dev/sda")):
+            prepare = (f"printf '#!/bin/sh\\nexit {status}\\n' >{self.directory}/modprobe; "
+                       f"chmod 755 {self.directory}/modprobe; export PATH={self.directory}:$PATH")
+            document = self.document(nodes, user="", prepare=prepare)
+            self.assertEqual(document["sg_driver"]["modprobe_finds_it"], status == 0)
+            if document["sg_driver"]["loaded"] or document["sg_driver"]["may_be_loaded"]:
+                self.assertEqual(list(self.files(document, "scsi")), [path])
+            _, _, trace = self.inside(nodes, "--type", "scsi", "--log-level", "4", user="", prepare=prepare)
+            self.assertIn(f"detect file : {path[len('/dev/'):]}\n", trace)
+
+    def test_options_without_meaning_are_refused(self):
+        for arguments in (["--columns", "serial"], ["--no-headings"], ["--log-level", "0"], ["--type", "disk"]):
+            code, out, err = self.run_program("doctor", *arguments)
+            self.assertEqual((code, out), (2, ""), arguments)
+            self.assertRegex(err, rf"\Azddevices: {arguments[0]} makes no sense with ")
+
+    def test_an_output_error_is_a_failure(self):
+        code, _, err = self.inside({}, "doctor", user="", prepare="exec 1>&-")
         self.assertEqual((code, err), (1, "zddevices: standard output cannot be written: Bad file descriptor\n"))
 
 

@@ -67,6 +67,8 @@ bool IsDirectory(const std::string& path)
     return stat(path.c_str(), &state) == 0 && S_ISDIR(state.st_mode);
 }
 
+}  // namespace
+
 bool MayNotRead(const std::string& path)
 {
     // The effective ids and capabilities count, as they do for open(2): a service may run with CAP_DAC_OVERRIDE.
@@ -82,7 +84,6 @@ bool MayNotRead(const std::string& path)
     return errno == EACCES || errno == EPERM;
 }
 
-/** The group that may open the file; none for root's own, whose members hardly exist. */
 std::string OpeningGroup(const std::string& path)
 {
     struct stat state {};
@@ -92,8 +93,6 @@ std::string OpeningGroup(const std::string& path)
     const group* entry = getgrgid(state.st_gid);
     return entry != nullptr ? entry->gr_name : std::to_string(state.st_gid);
 }
-
-}  // namespace
 
 std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names, std::optional<SysDeviceType> type)
 {

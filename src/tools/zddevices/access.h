@@ -27,6 +27,12 @@ namespace ZDDevices {
 std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names,
                                          std::optional<ZDSystemDevice::SysDeviceType> type);
 
+/** Whether this process may not read the file, for lack of privilege. Opens nothing. */
+bool MayNotRead(const std::string& path);
+
+/** The group whose members may open the file; none for root's own, whose members hardly exist. */
+std::string OpeningGroup(const std::string& path);
+
 /** A device file that exists and may not be opened by this process. */
 struct DeniedFile {
     std::string path;

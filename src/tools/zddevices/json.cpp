@@ -47,12 +47,25 @@ Occasion HereAndNow()
     return {name, text};
 }
 
-std::string RenderJson(const Report& report, const Occasion& occasion)
+nlohmann::ordered_json BeginDocument(const std::string& schema, const Occasion& occasion)
 {
     nlohmann::ordered_json document;
-    document["schema"] = report.schema;
+    document["schema"] = schema;
     document["host"] = ValidUtf8(occasion.host);
     document["collected_at"] = occasion.collectedAt;
+    return document;
+}
+
+std::string WriteDocument(const nlohmann::ordered_json& document)
+{
+    constexpr int indentation = 2;
+    constexpr bool asciiOnly = true;
+    return document.dump(indentation, ' ', asciiOnly) + "\n";
+}
+
+std::string RenderJson(const Report& report, const Occasion& occasion)
+{
+    nlohmann::ordered_json document = BeginDocument(report.schema, occasion);
     document["status"] = {{"code", report.status}, {"name", StatusName(report.status)}};
     document["complete"] = report.unanswered.empty();
     if (!report.unanswered.empty()) {
@@ -62,9 +75,7 @@ std::string RenderJson(const Report& report, const Occasion& occasion)
         }
     }
     document[report.recordsKey] = report.records();
-    constexpr int indentation = 2;
-    constexpr bool asciiOnly = true;
-    return document.dump(indentation, ' ', asciiOnly) + "\n";
+    return WriteDocument(document);
 }
 
 }  // namespace ZDDevices

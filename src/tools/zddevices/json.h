@@ -29,6 +29,12 @@ struct Occasion {
 /** This host's name and the present time. */
 Occasion HereAndNow();
 
+/** What every document begins with: schema, host and time. */
+nlohmann::ordered_json BeginDocument(const std::string& schema, const Occasion& occasion);
+
+/** The document as ASCII text, ended by a line end. */
+std::string WriteDocument(const nlohmann::ordered_json& document);
+
 /** The document, ended by a line end. It is ASCII whatever the records hold, so no terminal is at risk. */
 std::string RenderJson(const Report& report, const Occasion& occasion);
 

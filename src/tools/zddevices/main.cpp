@@ -15,6 +15,8 @@
 
 #include "tools/zddevices/access.h"
 #include "tools/zddevices/console.h"
+#include "tools/zddevices/doctor.h"
+#include "tools/zddevices/doctorReport.h"
 #include "tools/zddevices/exitCode.h"
 #include "tools/zddevices/inventory.h"
 #include "tools/zddevices/json.h"
@@ -61,6 +63,7 @@ Report Collect(const Options& options)
         return CollectOptical(collection);
     case Command::Firmware:
         return CollectFirmware(collection);
+    case Command::Doctor:
     case Command::Devices:
         break;
     }
@@ -75,6 +78,7 @@ std::optional<ZDSystemDevice::SysDeviceType> AskedClass(const Options& options)
         return ZDSystemDevice::SYS_DEVICE_CDDVD;
     case Command::Firmware:
         return ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
+    case Command::Doctor:
     case Command::Devices:
         break;
     }
@@ -149,6 +153,23 @@ int Show(const Options& options)
     return ShowWhatIsMissing(report.unanswered, denied);
 }
 
+int ShowDiagnosis(const Options& options)
+{
+    const Occasion occasion = HereAndNow();
+    const std::chrono::nanoseconds patience = options.timeLimit.value_or(usualPatience);
+    std::optional<Progress> progress;
+    if (Progress::IsOfUse()) {
+        progress.emplace();
+    }
+    const Diagnosis diagnosis = Diagnose(LookAtHost(), patience, [&](const std::vector<Patient>& patients) {
+        return AskApart(patients, patience, progress ? &*progress : nullptr);
+    });
+    progress.reset();
+    WriteOutput(options.format == Format::Json ? RenderDiagnosisJson(diagnosis, occasion)
+                                               : RenderDiagnosis(diagnosis, OutputWidth()));
+    return diagnosis.AllVisible() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
+}
+
 int Run(int argc, const char* const* argv)
 {
     const CommandLine commandLine = ParseCommandLine(argc, argv);
@@ -159,7 +180,8 @@ int Run(int argc, const char* const* argv)
     if (const auto* error = std::get_if<UsageError>(&commandLine)) {
         return FailUsage(error->message);
     }
-    return Show(std::get<Options>(commandLine));
+    const auto& options = std::get<Options>(commandLine);
+    return options.command == Command::Doctor ? ShowDiagnosis(options) : Show(options);
 }
 
 }  // namespace

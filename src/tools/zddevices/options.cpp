@@ -30,6 +30,7 @@ const char* const footer = "Examples:\n"
                            "  zddevices optical                 what the optical drive can read and write\n"
                            "  zddevices firmware --format json  disk firmware as CIM software identities\n"
                            "  zddevices --timeout 10            what answers within ten seconds\n"
+                           "  zddevices doctor                  why a device is missing, and what to do\n"
                            "  zddevices --log-level 4 2>trace   what was asked of each device, in a file\n"
                            "\n"
                            "In tables \"-\" means: not known. Blanks around a text and control characters\n"
@@ -71,6 +72,7 @@ std::vector<std::string> KnownColumns(Command command)
         return OpticalColumnNames();
     case Command::Firmware:
         return FirmwareColumnNames();
+    case Command::Doctor:
     case Command::Devices:
         break;
     }
@@ -180,10 +182,10 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         ->type_name("FORMAT")
         ->check(OneOf(Formats()));
     std::string columns;
-    const CLI::Option* const columnsOption = app.add_option("--columns", columns,
-                                                            "The table's columns, separated by commas, in\n"
-                                                            "this order. A wrong name lists the right ones")
-                                                 ->type_name("LIST");
+    app.add_option("--columns", columns,
+                   "The table's columns, separated by commas, in\n"
+                   "this order. A wrong name lists the right ones")
+        ->type_name("LIST");
     bool noHeadings = false;
     app.add_flag("--no-headings", noHeadings, "Leave out the table's first line");
     std::string logLevel;
@@ -205,6 +207,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
     const CLI::App* firmware = AddSubcommand(app, "firmware",
                                              "The disks' firmware as CIM software identities,\n"
                                              "without RAID volumes and M.2 disks");
+    const CLI::App* doctor = AddSubcommand(app, "doctor",
+                                           "What this host lets the library see, and what\n"
+                                           "to do where that is not everything");
     app.require_subcommand(0, 1);
 
     try {
@@ -230,6 +235,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         options.command = Command::Optical;
     } else if (firmware->parsed()) {
         options.command = Command::Firmware;
+    } else if (doctor->parsed()) {
+        options.command = Command::Doctor;
     }
     if (!type.empty()) {
         if (options.command != Command::Devices) {
@@ -241,10 +248,18 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
     if (!timeLimit.empty()) {
         options.timeLimit = ParseSeconds(timeLimit);
     }
-    if (options.format != Format::Table && (columnsOption->count() > 0 || noHeadings)) {
+    if (options.command == Command::Doctor) {
+        // It writes no table, and asks the devices by itself, without the library that would log.
+        for (const char* option : {"--columns", "--no-headings", "--log-level"}) {
+            if (app.count(option) > 0) {
+                return UsageError{std::string(option) + " makes no sense with doctor"};
+            }
+        }
+    }
+    if (options.format != Format::Table && (app.count("--columns") > 0 || noHeadings)) {
         return UsageError{std::string(noHeadings ? "--no-headings" : "--columns") + " makes sense for a table only"};
     }
-    if (columnsOption->count() > 0) {
+    if (app.count("--columns") > 0) {
         const ColumnChoice choice = ParseColumns(columns, KnownColumns(options.command));
         if (!choice.problem.empty()) {
             return UsageError{"--columns: " + choice.problem};

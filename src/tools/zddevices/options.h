@@ -18,7 +18,7 @@ namespace Zendra {
 namespace ZDDevices {
 
 /** The subcommands; Devices is what runs without one. */
-enum class Command { Devices, Optical, Firmware };
+enum class Command { Devices, Optical, Firmware, Doctor };
 
 enum class Format { Table, Json, Prometheus };
 

@@ -106,6 +106,19 @@ class Topology(unittest.TestCase):
             self.fail(f"step '{step}' wrote no JSON ({error}):\n{result.stdout!r}\n{result.stderr!r}")
         return inventory
 
+    def Diagnosis(self, step, exitStatus=0):
+        """The document of 'zddevices doctor', and its device files as class -> path -> file."""
+        document = self.Inventory(step, exitStatus)
+        self.assertEqual("zddevices-doctor/1", document["schema"])
+        self.assertEqual(exitStatus == 0, document["all_visible"])
+        return document, {one["type"]: {file["path"]: file for file in one["device_files"]}
+                          for one in document["classes"]}
+
+    def AssertFailures(self, file, expected):
+        """The requests that failed or drew a remark, as (name, error or remark)."""
+        self.assertEqual(expected, [(one["request"], one["error"]["name"] if one["error"] else one["remark"])
+                                    for one in file["questions"] if one["error"] or one["remark"]], file["path"])
+
     def OpticalTable(self, step="cdrom"):
         """The guest's own /proc/sys/dev/cdrom/info: name of the row -> its columns."""
         rows = {}

@@ -17,6 +17,10 @@ SLOW_SECONDS = 3
 ATTEMPTS, PAUSE, COMMAND_LIMIT = 5, 5, 20
 
 
+# More than two answers of the slow disk take, less than the kernel waits for the silent one.
+DOCTORS_PATIENCE = 10
+
+
 def Disk(name):
     if name == "SILENT":
         # scsi_debug numbers its units 2000 * (host + 1) + 1000 * target + LUN.
@@ -100,6 +104,10 @@ class Errors(Topology):
         "scsi-times": "cat /tmp/times",
         "disk": Timed("zddevices --type disk --format json --log-level 4"),
         "disk-times": "cat /tmp/times",
+        "doctor": Timed(f"zddevices doctor --format json --timeout {DOCTORS_PATIENCE}"),
+        "doctor-times": "cat /tmp/times",
+        # Those that it left behind are with the silent disk until the kernel gives up.
+        "doctor-gone": "while pidof zddevices; do sleep 1; done",
         "recovery": RECOVERY,
         "after": "zddevices --format json",
         "user": "start-stop-daemon -S -c guest:guest -x /usr/bin/zddevices -- --format json",
@@ -212,6 +220,31 @@ class Errors(Topology):
     def testUnitAttentionIsWaitedOutFiveTimesAndSilenceForTheTimeOfOneCommand(self):
         self.AssertSeconds("scsi-times")
         self.AssertSeconds("disk-times")
+
+    def testDoctorTellsWhichDiskIsIllInWhichWay(self):
+        document, files = self.Diagnosis("doctor", exitStatus=3)
+        self.assertEqual(DOCTORS_PATIENCE, document["seconds_per_device"])
+        for word, prefix in (("scsi", "sg"), ("disk", "sd")):
+            found = {name: files[word]["/dev/" + file] for file, name in self.Files(prefix)}
+            self.assertEqual({"WELL": "visible", "SLOW": "visible", "ATTENTION": "no_usable_answer",
+                              "ERROR": "no_usable_answer", "SILENT": "no_answer_in_time"},
+                             {name: file["visibility"] for name, file in found.items()})
+            for name, sense in (("ATTENTION", "sense key 0x6, additional sense 0x29/0x00"),
+                                ("ERROR", "sense key 0x4, additional sense 0x44/0x00")):
+                self.AssertFailures(found[name], [
+                    ("SG_IO", f"the device answered with SCSI status 0x02, {sense}"),
+                    # The sg driver's answer to what it does not know.
+                    ("HDIO_DRIVE_CMD", "EPERM" if prefix == "sg" else "EINVAL")])
+            self.AssertFailures(found["WELL"], [])
+        advice = "\n".join(document["advice"])
+        self.assertRegex(advice, r"2 device files \(/dev/sg\d, /dev/sd\w\) have not answered in time")
+        self.assertRegex(advice, r"4 device files \([^)]*\) can be opened, but nothing there answers")
+
+    def testDoctorWaitsForASilentDiskNoLongerThanAllowed(self):
+        begin, end = map(float, self.Stdout("doctor-times").split())
+        # Once in each of two classes; the disks of a class are asked side by side.
+        self.assertGreaterEqual(end - begin, 2 * DOCTORS_PATIENCE)
+        self.assertLess(end - begin, 2 * COMMAND_LIMIT)
 
     def testDisksThatRecoveredAreListedAgain(self):
         self.AssertInventory("after", OK, [Disk(name) for name in ADAPTERS])

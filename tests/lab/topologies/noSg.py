@@ -31,6 +31,7 @@ class NoSg(Topology):
         "nvme-revision": "cat /sys/class/nvme/nvme0/firmware_rev",
         "trace": "zddevices --type scsi --format json --log-level 4",
         "failures": "zddevices --type scsi --format json --log-level 1",
+        "doctor": "zddevices doctor --format json",
     }
 
     @classmethod
@@ -120,6 +121,19 @@ class NoSg(Topology):
         expected += [(4, "Entry SCSIProxy::~SCSIProxy()"), (4, "Entry destructure ~DataProxy() ")]
         self.AssertLogs("trace", expected)
         self.assertIn((4, f"{'SEAVIEW ST4000X':40}"), self.Messages("trace"))
+
+    def testDoctorSaysThatTheDriverIsMissingAndWhatFollows(self):
+        document, files = self.Diagnosis("doctor")
+        self.assertEqual({"loaded": False, "modprobe_finds_it": False, "may_be_loaded": True, "used": False},
+                         document["sg_driver"])
+        advice, = document["advice"]
+        self.assertIn('"modprobe sg" finds none', advice)
+        for address, file in self.Disks():
+            isAta = address in ("1:0:0:0", "4:0:0:0")
+            generic = files["scsi"]["/dev/" + file]
+            self.assertEqual("visible" if isAta else "no_usable_answer", generic["visibility"])
+            self.AssertFailures(generic, [] if isAta else [("HDIO_DRIVE_CMD", "EINVAL")])
+            self.assertEqual("visible", files["disk"]["/dev/" + file]["visibility"])
 
     def testEveryDiskLacksTheRevisionFileThatIsLookedForFirst(self):
         self.AssertWholeLog("failures", [

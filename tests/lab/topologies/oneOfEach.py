@@ -69,6 +69,23 @@ class OneOfEach(Topology):
         "scsi-trace": "zddevices --type scsi --format json --log-level 4",
         "disk-trace": "zddevices --type disk --format json --log-level 4",
         "tape-trace": "zddevices --type tape --format json --log-level 4",
+        "doctor": "zddevices doctor --format json",
+        "doctor-words": "zddevices doctor",
+        "doctor-user": """
+            chmod 644 /dev/sda /dev/sdb /dev/nvme0n1
+            start-stop-daemon -S -c guest:guest -x /usr/bin/zddevices -- doctor --format json
+            status=$?
+            chmod 600 /dev/sda /dev/sdb /dev/nvme0n1
+            exit "$status"
+        """,
+        "doctor-without-sg": """
+            rmmod sg
+            zddevices doctor --format json
+            status=$?
+            [ ! -e /sys/module/sg ] || status=99
+            modprobe sg; appear /dev/sg4
+            exit "$status"
+        """,
         "ordinary-user": "start-stop-daemon -S -c guest:guest -x /usr/bin/zddevices -- --format json",
     }
 
@@ -137,6 +154,53 @@ class OneOfEach(Topology):
         self.assertEqual(["ADDRESS", "1:0:0:0", "-", "2:0:0:0", "6:0:0:0", "6:0:3:0", "7:0:0:0"],
                          [line.split()[0] for line in lines])
         self.assertNotIn("\x06", self.Stdout("table"))
+
+    def testDoctorSeesEveryDeviceAndRewindsNoTape(self):
+        document, files = self.Diagnosis("doctor")
+        self.assertEqual({"loaded": True, "modprobe_finds_it": True, "may_be_loaded": True, "used": True},
+                         document["sg_driver"])
+        self.assertEqual([], document["advice"])
+        self.assertEqual({"tape": ["/dev/st0"], "scsi": [f"/dev/sg{number}" for number in range(5)],
+                          "disk": ["/dev/nvme0n1", "/dev/sda", "/dev/sdb", "/dev/sdc"], "optical": ["/dev/sr0"]},
+                         {word: list(found) for word, found in files.items()})
+        for found in files.values():
+            for file in found.values():
+                self.assertEqual("visible", file["visibility"], file)
+                self.AssertFailures(file, [])
+                self.assertEqual("/dev/nst0" if file["path"] == "/dev/st0" else None, file["asked_through"])
+        self.assertEqual(("LABTAPE", "Streamer 6"),
+                         (files["tape"]["/dev/st0"]["vendor"], files["tape"]["/dev/st0"]["product"]))
+        ataDisk, = (file for file in files["disk"].values() if (file["vendor"] or "").startswith("ATA"))
+        self.assertEqual("HDIO_DRIVE_CMD", ataDisk["questions"][-1]["request"])
+
+    def testDoctorSaysInWordsThatAllIsWell(self):
+        self.assertEqual(0, self.results["doctor-words"].status)
+        words = self.Stdout("doctor-words")
+        self.assertIn("  /dev/sr0  visible: QEMU QEMU DVD-ROM\n", words)
+        self.assertTrue(words.endswith("\nThe library sees everything that has a device file.\n"), words)
+
+    def testDoctorTellsAnOrdinaryUserWhatTheKernelKeepsFromHim(self):
+        document, files = self.Diagnosis("doctor-user", exitStatus=3)
+        # Even where the files may be read: SCSI INQUIRY is free for all, the others are for root.
+        self.assertEqual("no_usable_answer", files["disk"]["/dev/nvme0n1"]["visibility"])
+        self.AssertFailures(files["disk"]["/dev/nvme0n1"], [("NVME_IOCTL_ADMIN_CMD", "EACCES")])
+        for path in ("/dev/sda", "/dev/sdb"):
+            file = files["disk"][path]
+            isAta = file["vendor"] == "ATA     "
+            self.AssertFailures(file, [("HDIO_DRIVE_CMD", "EACCES")] if isAta else [])
+            self.assertEqual("no_usable_answer" if isAta else "visible", file["visibility"])
+        self.assertEqual(["denied"], [files["optical"]["/dev/sr0"]["visibility"]])
+        self.assertEqual("EACCES", files["optical"]["/dev/sr0"]["open_error"]["name"])
+        self.assertFalse(document["sg_driver"]["may_be_loaded"])
+        advice = "\n".join(document["advice"])
+        self.assertRegex(advice, r"8 device files could not be opened .*; run zddevices as root\.")
+        self.assertIn("Membership of the group is not enough", advice)
+
+    def testDoctorLoadsNoDriver(self):
+        document, files = self.Diagnosis("doctor-without-sg")
+        self.assertEqual({"loaded": False, "modprobe_finds_it": True, "may_be_loaded": True, "used": True},
+                         document["sg_driver"])
+        self.assertEqual({}, files["scsi"])
 
     def testOpticalScanLogsEveryStep(self):
         inputOutput = ["Enter DataOperator::ExecIoCtl().",

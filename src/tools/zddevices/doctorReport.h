@@ -1,0 +1,37 @@
+/**
+ * @file
+ * @brief A diagnosis in words and as a JSON document.
+ */
+#ifndef ZENDRA_ZDDEVICES_DOCTORREPORT_H
+#define ZENDRA_ZDDEVICES_DOCTORREPORT_H
+
+#include <string>
+
+#include "tools/zddevices/deviceProbe.h"
+#include "tools/zddevices/doctor.h"
+#include "tools/zddevices/json.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+/** "Permission denied (EACCES)". */
+std::string DescribeError(int error);
+
+/**
+ * @brief For people; fit for a terminal.
+ * @param width the columns of the terminal, at which advice goes on in the next line; 0 for no limit.
+ */
+std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width = 0);
+
+/** For programs; ASCII, ended by a line end. */
+std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const Occasion& occasion);
+
+/** A finding on its way between two processes: bytes that UnpackFinding() understands. */
+std::string PackFinding(const Finding& finding);
+/** @throws nlohmann::json::exception for bytes that PackFinding() did not make. */
+Finding UnpackFinding(const std::string& bytes);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif
