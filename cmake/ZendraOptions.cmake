@@ -13,6 +13,17 @@ target_compile_options(
     # Source paths in log messages and in debug information are relative to the repository.
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
+# Nor does anything tell where it was built; only counting needs to find its files again.
+if(NOT ZENDRA_COVERAGE)
+  target_compile_options(zendra_warnings INTERFACE -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
+endif()
+
+if(ZENDRA_LTO)
+  include(CheckIPOSupported)
+  check_ipo_supported(LANGUAGES CXX)
+  set(CMAKE_INTERPROCEDURAL_OPTIMIZATION ON)
+endif()
+
 if(ZENDRA_WARNINGS_AS_ERRORS)
   target_compile_options(zendra_warnings INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Werror>)
 endif()
