@@ -59,7 +59,7 @@ if(NOT ZENDRA_EXTERNAL_LOGGER)
   set(CPACK_DEBIAN_LOGGER_PACKAGE_SECTION libs)
   set(CPACK_DEBIAN_LOGGER_PACKAGE_MULTIARCH same)
   set(CPACK_COMPONENT_LOGGER_DESCRIPTION
-      "log messages of the device inventory - shared library\nZendra::Log: levels, source positions, and a sink that a program may choose.")
+      "log messages of the device inventory - shared library\nZendra::Log: messages with a level and a source position. Silent until a\nprogram sets a level; written to standard error or to a sink of its own.")
   # dpkg-shlibdeps finds the library in the build tree, where no package is known for it.
   string(APPEND CPACK_DEBIAN_COLLECTOR_PACKAGE_DEPENDS ", liblogger2 (>= ${PROJECT_VERSION})")
   string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ", liblogger2 ${ofThisBuild}")
