@@ -71,7 +71,7 @@ if(ZENDRA_BUILD_TOOLS)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zddevices)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
   set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-      "inventory of storage-class devices - program\n${aboutTheLibrary}\n.\nThis program shows it as a table or as JSON.")
+      "inventory of storage-class devices - program\n${aboutTheLibrary}\n.\nThis program shows it, to people as a table and to programs as JSON.")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libdevicecollector1 (>= ${PROJECT_VERSION})${loggerOfTools}")
 endif()
 

@@ -36,9 +36,9 @@ struct DeviceWatch::Page {
     }
 };
 
-void DeviceWatch::Unmap::operator()(Page* page) const
+void DeviceWatch::Unmap::operator()(Page* mapped) const
 {
-    munmap(page, sizeof(Page));
+    munmap(mapped, sizeof(Page));
 }
 
 DeviceWatch::DeviceWatch()

@@ -38,7 +38,7 @@ public:
 private:
     struct Page;
     struct Unmap {
-        void operator()(Page* page) const;
+        void operator()(Page* mapped) const;
     };
     std::unique_ptr<Page, Unmap> page;
 };
