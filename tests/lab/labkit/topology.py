@@ -55,6 +55,17 @@ def EmptyDisk(name, size=16 << 20, readOnly=False):
                          f"read-only={'on' if readOnly else 'off'}"]
 
 
+def Timed(command):
+    """Runs a command; the seconds that it took by the guest's clock go to a file of its own."""
+    return f"""
+        begin=$(cut -d ' ' -f 1 /proc/uptime)
+        {command}
+        status=$?
+        echo "$begin $(cut -d ' ' -f 1 /proc/uptime)" >/tmp/times
+        exit "$status"
+    """
+
+
 def _Quoted(value):
     return str(value).replace(",", ",,")
 

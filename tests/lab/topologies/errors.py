@@ -5,7 +5,7 @@ import os
 from labkit import build as builds
 from labkit import machine
 from labkit.problem import Problem
-from labkit.topology import DISK, OK, Record, Topology
+from labkit.topology import DISK, OK, Record, Timed, Topology
 
 # Four disks whose answers come from labTarget, each on an adapter of its own, and one of scsi_debug. Target 1, because
 # that is the number of the portal group.
@@ -63,17 +63,6 @@ RECOVERY = """
     echo 0 >/sys/bus/pseudo/drivers/scsi_debug/opts
     for name in ATTENTION ERROR SLOW; do echo well >/tmp/$name; done
 """
-
-
-def Timed(command):
-    """Runs a command; the seconds that it took by the guest's clock go to a file of its own."""
-    return f"""
-        begin=$(cut -d ' ' -f 1 /proc/uptime)
-        {command}
-        status=$?
-        echo "$begin $(cut -d ' ' -f 1 /proc/uptime)" >/tmp/times
-        exit "$status"
-    """
 
 
 class Errors(Topology):

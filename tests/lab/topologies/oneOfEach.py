@@ -60,6 +60,7 @@ class OneOfEach(Topology):
     steps = {
         **INVENTORY_STEPS,
         "nvme-revision": "cat /sys/class/nvme/nvme0/firmware_rev",
+        "limited": "zddevices --timeout 300 --format json",
         "table": "zddevices",
         "cdrom": "cat /proc/sys/dev/cdrom/info",
         "optical-record": "zddevices optical --format json",
@@ -118,6 +119,12 @@ class OneOfEach(Topology):
         # The NVMe disk has no address; its place is that of Port:1|Target:1|Bus:1|Lun:1. The ATA disk is the one of
         # the generic scan, which came first.
         self.AssertInventory("merged", OK, [ATA_GENERIC, self.Flash(NO_ADDRESS), DVD, PLAIN, RAID, STREAMER])
+
+    def testClassesThatAreAskedSideBySideAnswerTheSame(self):
+        merged, limited = self.Inventory("merged"), self.Inventory("limited")
+        for document in merged, limited:
+            del document["collected_at"]
+        self.assertEqual(merged, limited)
 
     def testOpticalRecordFollowsTheKernelsTable(self):
         table = self.OpticalTable()
