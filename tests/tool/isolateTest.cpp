@@ -220,6 +220,25 @@ TEST(Isolated, WhatIsNotWholeIsNoAnswer)
     }
 }
 
+TEST(Isolated, WhatHasTheFormOfAnAnswerMustBeWhatWasSent)
+{
+    // What stands before an answer: a word, a checksum of the answer's bytes, and their number.
+    const std::string word = "ZNDA";
+    const std::string checksum("\x43\xbe\xb7\xe8", 4);  // CRC-32 of "a"
+    const std::string one("\x01\0\0\0\0\0\0\0", 8);
+    const auto sent = [](const std::string& bytes) {
+        return RunOne([&]() -> std::string {
+            WriteToPipes(bytes);
+            _exit(0);
+        });
+    };
+    EXPECT_EQ(sent(word + checksum + one + "a").answer, "a");
+    EXPECT_EQ(sent(word + checksum + one + "b").failure, improper);
+    EXPECT_EQ(sent(word + checksum + one).failure, improper);
+    EXPECT_EQ(sent(word + checksum + one + "aa").failure, improper);
+    EXPECT_EQ(sent("zNDA" + checksum + one + "a").failure, improper);
+}
+
 TEST(Isolated, AnswersWithoutEndAreCutOff)
 {
     const Outcome outcome = RunOne([]() -> std::string {

@@ -791,11 +791,10 @@ class TimeoutTest(Case):
         process = subprocess.Popen([SCRIPTED, "--timeout", "0.5"], env=environment, stdin=subprocess.PIPE,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=[inherited])
         os.close(inherited)
-        # Both would wait for a child that held on to the pipes.
-        out, err = process.communicate(timeout=120)
-        with open(pid, encoding="ascii") as file:
-            child = int(file.read())
+        child = int(wait_for(lambda: read_line(pid)))
         try:
+            # Both would wait for a child that held on to the pipes.
+            out, err = process.communicate(timeout=120)
             self.assertEqual((process.returncode, err), (3, b"zddevices: class disk: no answer within 0.5 s\n"))
             self.assertIn(b"DVD", out)
             os.set_blocking(leaked, False)
