@@ -35,6 +35,15 @@ if(ZENDRA_SANITIZERS)
 endif()
 
 if(ZENDRA_COVERAGE)
-  target_compile_options(zendra_warnings INTERFACE --coverage)
+  # Several threads count the same lines.
+  target_compile_options(zendra_warnings INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(zendra_warnings INTERFACE --coverage)
 endif()
+
+# For what runs code of src/ in child processes; childCounts.c says why.
+function(zendra_count_in_children target)
+  if(ZENDRA_COVERAGE)
+    target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/cmake/childCounts.c)
+    target_link_options(${target} PRIVATE LINKER:--wrap=_exit,--wrap=execve,--wrap=execvp)
+  endif()
+endfunction()
