@@ -36,7 +36,7 @@ std::vector<std::filesystem::path> HostFiles()
 /** Everything that the program would print of a report. */
 std::string Everything(const Report& report)
 {
-    const Sheet sheet = report.sheet();
+    const Sheet sheet = report.sheet({});
     std::string text = RenderJson(report, {"host", "2024-02-29T12:00:00Z"});
     text += sheet.rows.empty() ? report.nothingFound : RenderTable(sheet, 0);
     for (const Unanswered& unanswered : report.unanswered) {
