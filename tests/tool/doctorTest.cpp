@@ -295,8 +295,8 @@ TEST_F(Probe, SenseDataOfBothFormatsAndSilenceAreToldInWords)
     const std::vector<std::pair<std::vector<unsigned char>, std::string>> senses = {
         {{0x70, 0, 0x06, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x29, 0x01},
          "the device answered with SCSI status 0x02, sense key 0x6, additional sense 0x29/0x01"},
-        {{0x72, 0x04, 0x44, 0x00},
-         "the device answered with SCSI status 0x02, sense key 0x4, additional sense 0x44/0x00"},
+        {{0x72, 0x03, 0x11, 0x00},
+         "the device answered with SCSI status 0x02, sense key 0x3, additional sense 0x11/0x00"},
         {{0x70, 0, 0x06}, "the device answered with SCSI status 0x02"},
         {{}, "the device answered with SCSI status 0x02"}};
     for (const auto& [bytes, text] : senses) {
