@@ -56,6 +56,7 @@ TEST(CommandLine, SubcommandsTakeTheOptionsBeforeAndAfterTheirNames)
     EXPECT_EQ(Good({}).command, Command::Devices);
     EXPECT_EQ(Good({"optical"}).command, Command::Optical);
     EXPECT_EQ(Good({"firmware"}).command, Command::Firmware);
+    EXPECT_EQ(Good({"doctor", "-f", "json"}).command, Command::Doctor);
     EXPECT_EQ(Good({"--format", "json", "firmware"}).format, Format::Json);
     EXPECT_EQ(Good({"optical", "--format", "json", "--log-level", "1"}).format, Format::Json);
     EXPECT_EQ(Good({"--type", "optical"}).command, Command::Devices);
@@ -99,6 +100,12 @@ TEST(CommandLine, WhatMakesNoSenseIsRefusedInOneLine)
                                                          {"optical", "--type", "disk"},
                                                          {"--type", "disk", "firmware"},
                                                          {"firmware", "x"},
+                                                         {"doctor", "--format", "prometheus"},
+                                                         {"doctor", "--columns", "serial"},
+                                                         {"doctor", "--no-headings"},
+                                                         {"doctor", "--log-level", "0"},
+                                                         {"doctor", "--type", "disk"},
+                                                         {"--columns", "serial", "--format", "prometheus"},
                                                          {"--columns"},
                                                          {"--columns", ""},
                                                          {"--columns", "serial,"},

@@ -255,6 +255,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                 return UsageError{std::string(option) + " makes no sense with doctor"};
             }
         }
+        if (options.format == Format::Prometheus) {
+            return UsageError{"--format prometheus makes no sense with doctor"};
+        }
     }
     if (options.format != Format::Table && (app.count("--columns") > 0 || noHeadings)) {
         return UsageError{std::string(noHeadings ? "--no-headings" : "--columns") + " makes sense for a table only"};
