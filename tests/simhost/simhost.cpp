@@ -971,10 +971,14 @@ std::string EnterPrivateNamespace()
 // ---------------------------------------------------------------------------------------------------------------
 // The fake
 
-MountedHost::MountedHost(const Host& theHost) : host(theHost)
+MountedHost::MountedHost(const Host& theHost, Directories directories) : host(theHost)
 {
     if (current != nullptr) {
         throw MountError("one host at a time");
+    }
+    if (directories == Directories::AreThere) {
+        current = this;
+        return;
     }
     const auto mountAt = [this](const std::string& point) {
         if (mount("simhost", point.c_str(), "tmpfs", 0, "mode=755") != 0) {

@@ -133,8 +133,11 @@ std::string EnterPrivateNamespace();
 /** Makes a host's directories and answers its requests, until destroyed. EnterPrivateNamespace() comes first. */
 class MountedHost {
 public:
+    /** Whether the host's directories are made, or have been made by another process. */
+    enum class Directories { Make, AreThere };
+
     /** `host` must outlive this. Throws MountError. */
-    explicit MountedHost(const Host& host);
+    explicit MountedHost(const Host& host, Directories directories = Directories::Make);
     ~MountedHost();
     MountedHost(const MountedHost&) = delete;
     MountedHost& operator=(const MountedHost&) = delete;

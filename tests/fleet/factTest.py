@@ -1,0 +1,126 @@
+#!/usr/bin/python3
+"""The custom fact with programs in the place of zddevices that do what it should never do.
+
+    factTest.py TEMPLATE
+"""
+import json
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import jinja2
+
+TEMPLATE = pathlib.Path(sys.argv[1]).read_text(encoding="utf-8")
+
+# Ample for those that answer; those that do not are waited for as long as this.
+SECONDS = 60
+
+GOOD = 'printf \'{"schema":"%s","complete":true}\' "${5-inventory}"'
+
+
+class FactTest(unittest.TestCase):
+    def setUp(self):
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.directory = pathlib.Path(scratch.name)
+
+    def ask(self, script=None, mode=0o755, seconds=SECONDS):
+        """What the fact says when zddevices is this script."""
+        fact = self.directory / "zddevices.fact"
+        content = jinja2.Template(TEMPLATE, keep_trailing_newline=True).render(zddevices_fact_seconds=seconds)
+        fact.write_text(content, encoding="utf-8")
+        if script is not None:
+            program = self.directory / "zddevices"
+            program.write_text("#!/bin/sh\n" + script + "\n", encoding="utf-8")
+            program.chmod(mode)
+        path = "%s:/usr/bin:/bin" % self.directory
+        done = subprocess.run(
+            ["/usr/bin/python3", str(fact)],
+            env={"PATH": path, "LC_ALL": "C"},
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            check=True,
+        )
+        self.assertEqual(done.stderr, b"")
+        return json.loads(done.stdout)
+
+    @staticmethod
+    def reasons(answer):
+        return [(one["reason"], one["document"], one["classes"]) for one in answer["problems"]]
+
+    def all_documents(self, reason, classes=()):
+        return [(reason, document, list(classes)) for document in ("inventory", "firmware", "optical")]
+
+    def test_three_documents_are_asked_for_with_the_limit(self):
+        answer = self.ask('printf \'{"asked":"%s"}\' "$*"')
+        for document, word in (("inventory", ""), ("firmware", " firmware"), ("optical", " optical")):
+            self.assertEqual(answer[document], {"asked": "--timeout 60.0 --format json" + word})
+        self.assertEqual(answer["problems"], [])
+
+    def test_a_program_that_is_not_there_is_not_installed(self):
+        # Where the machine has the program itself, its directories are searched behind PATH.
+        if any(os.path.exists(place + "/zddevices") for place in ("/usr/local/sbin", "/usr/sbin", "/sbin", "/usr/bin")):
+            self.skipTest("zddevices is installed on this machine")
+        answer = self.ask()
+        self.assertEqual(self.reasons(answer), self.all_documents("not_installed"))
+        self.assertEqual([answer[name] for name in ("inventory", "firmware", "optical")], [None] * 3)
+
+    def test_classes_that_did_not_answer_are_named(self):
+        answer = self.ask('printf \'{"complete":false,"unanswered":["disk","tape"]}\'; exit 3')
+        self.assertEqual(self.reasons(answer), self.all_documents("time_limit", ["disk", "tape"]))
+        self.assertEqual(answer["inventory"]["unanswered"], ["disk", "tape"])
+
+    def test_lack_of_privilege_keeps_the_document_and_the_message(self):
+        answer = self.ask("echo 'run as root' >&2; %s; exit 3" % GOOD)
+        self.assertEqual(self.reasons(answer), self.all_documents("not_root"))
+        self.assertEqual(answer["problems"][0]["message"], "run as root")
+        self.assertEqual(answer["optical"], {"schema": "optical", "complete": True})
+
+    def test_a_failed_scan_keeps_the_document(self):
+        answer = self.ask("%s; exit 1" % GOOD)
+        self.assertEqual(self.reasons(answer), self.all_documents("error"))
+        self.assertEqual(answer["firmware"]["schema"], "firmware")
+
+    def test_output_that_is_no_json_is_an_error_with_what_was_said(self):
+        answer = self.ask("echo broken; echo 'cannot: \\377' >&2; exit 1")
+        self.assertEqual(self.reasons(answer), self.all_documents("error"))
+        self.assertIn("cannot: ", answer["problems"][0]["message"])
+        self.assertIsNone(answer["inventory"])
+
+    def test_a_program_that_never_ends_is_given_up(self):
+        answer = self.ask("exec sleep infinity", seconds=0.5)
+        self.assertEqual(self.reasons(answer), self.all_documents("time_limit"))
+
+    def test_one_that_hangs_takes_nothing_from_the_others(self):
+        answer = self.ask('[ "${5-}" != firmware ] || exec sleep infinity; ' + GOOD, seconds=8)
+        self.assertEqual(self.reasons(answer), [("time_limit", "firmware", [])])
+        self.assertEqual(answer["optical"]["schema"], "optical")
+        self.assertEqual(answer["inventory"]["schema"], "inventory")
+
+    def test_a_process_left_behind_with_the_output_open_is_not_waited_for(self):
+        # In a session of its own it is not ended with the rest.
+        numbers = self.directory / "left"
+        answer = self.ask("setsid sleep infinity & echo $! >>%s; %s" % (numbers, GOOD))
+        left = [int(number) for number in numbers.read_text(encoding="ascii").split()]
+        self.assertEqual(len(left), 3)
+        for number in left:
+            # Fails when it is gone already.
+            os.kill(number, signal.SIGKILL)
+        self.assertEqual(answer["problems"], [])
+        self.assertEqual(answer["inventory"]["schema"], "inventory")
+
+    def test_a_program_that_may_not_be_run_is_an_error(self):
+        answer = self.ask(GOOD, mode=0o644)
+        self.assertEqual(self.reasons(answer), self.all_documents("error"))
+
+    def test_an_answer_of_many_megabytes_is_taken(self):
+        answer = self.ask('printf \'{"text":"\'; head -c 20000000 /dev/zero | tr "\\0" x; printf \'"}\'')
+        self.assertEqual(len(answer["inventory"]["text"]), 20000000)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)
