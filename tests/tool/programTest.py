@@ -336,7 +336,8 @@ class JsonTest(Case):
                 validate(bad)
 
     def test_the_schemas_are_schemas(self):
-        self.assertEqual(sorted(SCHEMAS), ["zddevices-doctor/1", "zddevices-firmware/1", "zddevices-optical/1", "zddevices/1"])
+        self.assertEqual(sorted(SCHEMAS), ["zddevices-doctor/1", "zddevices-firmware/1", "zddevices-optical/1",
+                                           "zddevices/1", "zendra-fleet/1"])
         for schema in SCHEMAS.values():
             jsonschema.Draft202012Validator.check_schema(schema)
 
