@@ -441,13 +441,17 @@ TEST(Doctor, TheGenericClassFollowsModprobeAndNotTheFiles)
         Manner manner;
         const char* path;
         const char* advice;
+        const char* state;
     };
     const std::vector<Case> cases = {
-        {true, true, false, Manner::Generic, "/dev/sg0", ""},
-        {false, true, true, Manner::Generic, "/dev/sg0", ""},
-        {true, false, true, Manner::GenericWithoutDriver, "/dev/sda", "The sg driver is loaded, but"},
-        {false, false, true, Manner::GenericWithoutDriver, "/dev/sda", "finds none"},
-        {false, true, false, Manner::GenericWithoutDriver, "/dev/sda", "may not load it"}};
+        {true, true, false, Manner::Generic, "/dev/sg0", "", "loaded"},
+        {false, true, true, Manner::Generic, "/dev/sg0", "", "not loaded; the next scan loads it"},
+        {true, false, true, Manner::GenericWithoutDriver, "/dev/sda", "The sg driver is loaded, but",
+         "loaded, but not used: \"modprobe sg\" fails"},
+        {false, false, true, Manner::GenericWithoutDriver, "/dev/sda", "finds none",
+         "not loaded, and cannot be: \"modprobe sg\" fails"},
+        {false, true, false, Manner::GenericWithoutDriver, "/dev/sda", "may not load it",
+         "not loaded, and this user may not load it"}};
     for (const Case& one : cases) {
         Ward ward({"sg0", "sda"});
         ward.facts.sgLoaded = one.loaded;
@@ -464,6 +468,8 @@ TEST(Doctor, TheGenericClassFollowsModprobeAndNotTheFiles)
             EXPECT_NE(diagnosis.advice[0].find(one.advice), std::string::npos) << diagnosis.advice[0];
             EXPECT_NE(diagnosis.advice[0].find("modprobe"), std::string::npos);
         }
+        EXPECT_NE(RenderDiagnosis(diagnosis).find(std::string("(sg): ") + one.state + "\n"), std::string::npos)
+            << RenderDiagnosis(diagnosis);
     }
 }
 

@@ -633,6 +633,11 @@ class ProgressTest(Case):
             self.assertNotIn("\x1b", screen.everything)
             os.remove(os.path.join(self.directory, "go"))
 
+    def test_the_doctor_leaves_nothing_but_its_findings(self):
+        code, screen, _ = self.watch({}, "doctor", until=None)
+        self.assertIn(code, (0, 3))
+        self.assertTrue(screen.seen().startswith("Driver for generic SCSI devices (sg): "), screen.seen())
+
     def test_every_class_that_is_slow_has_its_device(self):
         script = {"0": self.slow("/dev/st0", NOTHING), "1": self.slow("/dev/sg0", NOTHING), "2": NOTHING, "3": NOTHING}
         code, screen, _ = self.watch(script, "--timeout", LONG, until=r"asking /dev/s[tg]0 \(\d+ s\), /dev/s[tg]0 \(")
