@@ -237,7 +237,7 @@ std::string Seconds(Duration duration)
 /** One child, from its start until it has ended or is left behind. */
 class Child {
 public:
-    explicit Child(const Task& work) : task(&work), started(Clock::now()) {}
+    Child(const Task& work, Clock::time_point start) : task(&work), started(start) {}
 
     void Start(const std::vector<Child>& others, const ChildSignal& childSignal)
     {
@@ -448,7 +448,7 @@ std::vector<Outcome> RunIsolated(const std::vector<Task>& tasks, std::optional<D
     std::vector<Child> children;
     children.reserve(tasks.size());
     for (const Task& task : tasks) {
-        children.emplace_back(task);
+        children.emplace_back(task, started);
         children.back().Start(children, childSignal);
     }
     bool killed = false;
