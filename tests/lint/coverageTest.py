@@ -55,7 +55,9 @@ class Check(unittest.TestCase):
 
     def testAnExplanationOfALineThatIsReachedIsNamed(self):
         self.assertEqual(["coverage.md explains a line that was reached or is not there: src/b.cpp: throw x;"],
-                         self.Complaints(UNREACHED[:-1]))
+                         list(coverage.Remarks(UNREACHED[:-1], coverage.ReadPage(PAGE)[1])))
+        self.assertEqual([], list(coverage.Remarks(UNREACHED, coverage.ReadPage(PAGE)[1])))
+        self.assertEqual([], self.Complaints(UNREACHED[:-1]))
 
     def testFewerLinesThanTheFloorAreAComplaint(self):
         self.assertEqual(["97.49 % of the lines were reached, less than the 97.5 % of coverage.md"],

@@ -638,6 +638,12 @@ class ProgressTest(Case):
         self.assertIn(code, (0, 3))
         self.assertTrue(screen.seen().startswith("Driver for generic SCSI devices (sg): "), screen.seen())
 
+    def test_metrics_stand_alone_too(self):
+        code, screen, _ = self.watch({"2": self.slow("/dev/sdb", found(DISK))}, "-t", "disk", "-f", "prometheus",
+                                     until=r"asking /dev/sdb \(")
+        self.assertEqual(code, 0)
+        self.assertTrue(screen.seen().startswith("# HELP zendra_"), screen.seen())
+
     def test_every_class_that_is_slow_has_its_device(self):
         script = {"0": self.slow("/dev/st0", NOTHING), "1": self.slow("/dev/sg0", NOTHING), "2": NOTHING, "3": NOTHING}
         code, screen, _ = self.watch(script, "--timeout", LONG, until=r"asking /dev/s[tg]0 \(\d+ s\), /dev/s[tg]0 \(")
