@@ -41,6 +41,7 @@ template <typename Record>
 std::vector<std::string> HeadingsOf(const std::vector<RecordColumn<Record>>& columns)
 {
     std::vector<std::string> headings;
+    headings.reserve(columns.size());
     for (const RecordColumn<Record>& column : columns) {
         headings.push_back(column.column.heading);
     }

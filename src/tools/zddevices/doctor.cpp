@@ -181,6 +181,7 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
         PathsWhere(diagnosis, [](const Finding& one) { return one.visibility == Visibility::Denied; });
     if (!deniedPaths.empty()) {
         std::vector<DeniedFile> denied;
+        denied.reserve(deniedPaths.size());
         for (const std::string& path : deniedPaths) {
             denied.push_back({path, OpeningGroup(path)});
         }

@@ -490,6 +490,7 @@ std::vector<Outcome> RunIsolated(const std::vector<Task>& tasks, std::optional<D
         }
     }
     std::vector<Outcome> outcomes;
+    outcomes.reserve(children.size());
     for (Child& child : children) {
         outcomes.push_back(child.TakeOutcome());
     }

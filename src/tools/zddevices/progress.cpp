@@ -97,6 +97,7 @@ void Progress::Erase()
 void Progress::StillRunning(const std::vector<const Task*>& tasks)
 {
     std::vector<Sighting> sightings;
+    sightings.reserve(tasks.size());
     for (const Task* task : tasks) {
         sightings.push_back(task->look ? task->look() : Sighting());
     }

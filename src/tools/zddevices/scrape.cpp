@@ -76,6 +76,7 @@ std::vector<Outcome> AskHere(const std::vector<Question>& questions, Progress* p
 std::vector<Outcome> AskInTime(const std::vector<Question>& questions, const Collection& collection)
 {
     std::vector<Task> tasks;
+    tasks.reserve(questions.size());
     for (const Question& question : questions) {
         tasks.push_back(question.task);
     }
