@@ -112,7 +112,7 @@ TEST(Isolated, AnswersAreAllBytesInTheOrderOfTheTasks)
     for (int i = 0; i < 256; ++i) {
         everyByte += static_cast<char>(i);
     }
-    const std::string large(3 * 1000 * 1000, 'x');
+    std::string large(3000000, 'x');
     const std::vector<Outcome> outcomes = RunIsolated({{"first",
                                                         [] {
                                                             usleep(50000);
@@ -145,7 +145,7 @@ TEST(Isolated, NothingIsLeftBehindWhenAllAreThroughOrCouldBeEnded)
     RunIsolated({{"good", [] { return std::string("a"); }},
                  {"dead",
                   []() -> std::string {
-                      raise(SIGKILL);
+                      static_cast<void>(raise(SIGKILL));
                       return {};
                   }},
                  {"late", []() -> std::string { Hang(); }}},
@@ -231,7 +231,7 @@ TEST(Isolated, WhatIsThrownIsTheFailure)
 TEST(Isolated, DeathIsAFailure)
 {
     EXPECT_EQ(RunOne([]() -> std::string {
-                  raise(SIGKILL);
+                  static_cast<void>(raise(SIGKILL));
                   return "a";
               }).failure,
               "its process was ended by signal 9 (Killed)");
@@ -290,7 +290,7 @@ TEST(Isolated, WhatHasTheFormOfAnAnswerMustBeWhatWasSent)
 TEST(Isolated, AnswersWithoutEndAreCutOff)
 {
     const Outcome outcome = RunOne([]() -> std::string {
-        const std::string chunk(1000 * 1000, 'x');
+        const std::string chunk(1000000, 'x');
         for (;;) {
             WriteToPipes(chunk);
         }
