@@ -766,7 +766,7 @@ class TimeoutTest(Case):
         self.check_unanswered(HANGS, "no answer within {} s")
 
     def test_a_class_that_dies_is_named(self):
-        self.check_unanswered({"signal": 11}, "its process was ended by signal 11 (Segmentation fault)")
+        self.check_unanswered({"signal": 15}, "its process was ended by signal 15 (Terminated)")
         self.check_unanswered({"signal": 9}, "its process was ended by signal 9 (Killed)")
         self.check_unanswered({"exit": 0}, IMPROPER)
         self.check_unanswered({"exit": 1}, IMPROPER)
@@ -807,8 +807,8 @@ class TimeoutTest(Case):
         self.check_unanswered({"log": opening("/dev/sda"), **HANGS}, "no answer within {} s (/dev/sda)")
         self.check_unanswered({"log": opening("/dev/sd\x1b[2J"), **HANGS},
                               "no answer within {} s (/dev/sd\\x1b[2J)")
-        self.check_unanswered({"log": opening("/dev/sdb"), "signal": 11},
-                              "its process was ended by signal 11 (Segmentation fault) (/dev/sdb)")
+        self.check_unanswered({"log": opening("/dev/sdb"), "signal": 15},
+                              "its process was ended by signal 15 (Terminated) (/dev/sdb)")
 
     def test_a_child_that_cannot_be_ended_is_left_behind_and_holds_nothing(self):
         pid = os.path.join(self.directory, "pid")

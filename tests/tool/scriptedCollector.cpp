@@ -91,7 +91,7 @@ void Misbehave(const nlohmann::json& answer)
         std::cout << text << std::flush;
     }
     if (answer.contains("signal")) {
-        std::raise(answer.at("signal"));
+        static_cast<void>(std::raise(answer.at("signal")));
     }
     if (answer.contains("exit")) {
         _exit(answer.at("exit"));
