@@ -540,7 +540,8 @@ TEST(Doctor, ADiskThatIsVisibleInOneClassIsNoTroubleInAnother)
 
 TEST(Doctor, DisksThatTheLibraryNeverLooksAtAreNamed)
 {
-    Ward ward({"vdb", "vda", "vda1", "xvda", "mmcblk0", "mmcblk0p1", "nvme0n1", "nvme10n1", "loop0"});
+    Ward ward({"vdb", "vda", "vda1", "xvda", "mmcblk0", "mmcblk0p1", "nvme0n1", "nvme10n1", "loop0", "vd", "vdA",
+               "mmcblk", "nvmen1", "nvme10n", "nvme10n1p1", "n1", "null", "nvme-fabrics"});
     const Diagnosis diagnosis = ward.Examine();
     EXPECT_EQ(diagnosis.notLookedAt,
               std::vector<std::string>({"/dev/mmcblk0", "/dev/nvme10n1", "/dev/vda", "/dev/vdb", "/dev/xvda"}));

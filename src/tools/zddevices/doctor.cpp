@@ -6,10 +6,11 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <system_error>
 
@@ -86,14 +87,32 @@ Manner MannerOf(SysDeviceType type, const std::string& name)
     return StartsWith(name, "hd") ? Manner::IdeDisk : Manner::ScsiDisk;
 }
 
+/** Whether a name is one of the prefix and behind it letters, or digits, and nothing else. */
+bool IsNumbered(const std::string& name, const char* prefix, bool byLetters)
+{
+    if (!StartsWith(name, prefix) || name == prefix) {
+        return false;
+    }
+    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(std::strlen(prefix)), name.end(),
+                       [&](char c) { return byLetters ? c >= 'a' && c <= 'z' : c >= '0' && c <= '9'; });
+}
+
+/** A whole disk of whatever driver, SCSI and IDE left aside: vda, xvda, mmcblk0, nvme0n1. */
+bool IsDiskName(const std::string& name)
+{
+    const std::size_t nameSpace = name.rfind('n');
+    return IsNumbered(name, "vd", true) || IsNumbered(name, "xvd", true) || IsNumbered(name, "mmcblk", false) ||
+           (nameSpace != std::string::npos && IsNumbered(name.substr(0, nameSpace), "nvme", false) &&
+            IsNumbered(name.substr(nameSpace), "n", false));
+}
+
 /** Whole disks of drivers that speak no SCSI or ATA, and NVMe disks beyond the tenth controller. */
 std::vector<std::string> NotLookedAt(const HostFacts& facts)
 {
-    static const std::regex diskName("(vd[a-z]+|xvd[a-z]+|mmcblk[0-9]+|nvme[0-9]+n[0-9]+)");
     const std::vector<std::string> lookedAt = DeviceFileNames(facts.names, std::nullopt);
     std::vector<std::string> found;
     for (const std::string& name : facts.names) {
-        if (std::regex_match(name, diskName) && std::find(lookedAt.begin(), lookedAt.end(), name) == lookedAt.end()) {
+        if (IsDiskName(name) && std::find(lookedAt.begin(), lookedAt.end(), name) == lookedAt.end()) {
             found.push_back(deviceDirectory + name);
         }
     }
