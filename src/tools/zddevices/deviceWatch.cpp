@@ -26,7 +26,7 @@ struct DeviceWatch::Page {
     {
         std::string text;
         for (const std::atomic<char>& character : device) {
-            const char value = character.load(std::memory_order_relaxed);
+            const char value = character.load();
             if (value == '\0') {
                 break;
             }
@@ -60,33 +60,30 @@ void DeviceWatch::Note(const std::string& message) noexcept
     }
     const std::size_t length = std::min(message.size() - startLength, Page::longestName);
     std::size_t same = 0;
-    while (same < length && page->device[same].load(std::memory_order_relaxed) == message[startLength + same]) {
+    while (same < length && page->device[same].load() == message[startLength + same]) {
         ++same;
     }
-    if (same == length && page->device[length].load(std::memory_order_relaxed) == '\0') {
+    if (same == length && page->device[length].load() == '\0') {
         return;
     }
-    page->version.fetch_add(1, std::memory_order_acq_rel);
-    std::atomic_thread_fence(std::memory_order_release);
+    page->version.fetch_add(1);
     for (std::size_t i = 0; i < length; ++i) {
-        page->device[i].store(message[startLength + i], std::memory_order_relaxed);
+        page->device[i].store(message[startLength + i]);
     }
-    page->device[length].store('\0', std::memory_order_relaxed);
-    page->since.store(std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_relaxed);
-    page->version.fetch_add(1, std::memory_order_release);
+    page->device[length].store('\0');
+    page->since.store(std::chrono::steady_clock::now().time_since_epoch().count());
+    page->version.fetch_add(1);
 }
 
 Sighting DeviceWatch::Look() const
 {
     constexpr int attempts = 10;
     for (int i = 0; i < attempts; ++i) {
-        const std::uint32_t before = page->version.load(std::memory_order_acquire);
+        const std::uint32_t before = page->version.load();
         Sighting sighting;
         sighting.device = page->Device();
-        sighting.since = std::chrono::steady_clock::time_point(
-            std::chrono::steady_clock::duration(page->since.load(std::memory_order_relaxed)));
-        std::atomic_thread_fence(std::memory_order_acquire);
-        if (before % 2 == 0 && page->version.load(std::memory_order_relaxed) == before) {
+        sighting.since = std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(page->since.load()));
+        if (before % 2 == 0 && page->version.load() == before) {
             return sighting;
         }
     }
