@@ -342,7 +342,7 @@ const std::vector<SweptHost>& Hosts()
           {Call::ReadDir, 12},
           {Call::Read, 2},
           {Call::System, 1},
-          {Call::New, 20}}},
+          {Call::New, 15}}},
         // disk and tape: 5 requests, disc: 3, too old a driver: 2; sg1's two revision files, sg2's one.
         {"genericWithSg",
          {{Call::Open, 18},
@@ -352,7 +352,7 @@ const std::vector<SweptHost>& Hosts()
           {Call::ReadDir, 14},
           {Call::Read, 4},
           {Call::System, 1},
-          {Call::New, 20}}},
+          {Call::New, 15}}},
         // a request each, sda's revision file, both of sdb.
         {"genericWithoutSg",
          {{Call::Open, 6},
@@ -391,7 +391,7 @@ const std::vector<SweptHost>& Hosts()
           {Call::ReadDir, 11},
           {Call::Read, 4},
           {Call::System, 1},
-          {Call::New, 20}}},
+          {Call::New, 15}}},
         // 4 requests, sr0's two files, a child and its output.
         {"opticalCapabilities",
          {{Call::Open, 6},

@@ -191,10 +191,7 @@ int DataOperator::ExecPassThruCmd(ReqPassThruParam& request)
     ZENDRA_LOG(4, "Enter DataOperator::ExecPassThruCmd()");
     SenseBuffer sense{};
     int version = 0;
-    ReqIoCtlParam ioctlRequest;
-    ioctlRequest.driveName = request.driveName;
-    ioctlRequest.ioctlCode = SG_GET_VERSION_NUM;
-    ioctlRequest.ioctlData = &version;
+    ReqIoCtlParam ioctlRequest{request.driveName, SG_GET_VERSION_NUM, &version};
     int status = ExecIoCtl(ioctlRequest);
     // A driver that is too old counts as success with nothing sent; required.
     if (status != DEV_SUCCESS || version < firstVersionWithSgIo) {

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bitset>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/finder.hpp>
 #include <boost/algorithm/string/iter_find.hpp>
@@ -20,7 +21,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
+#include <limits>
 #include <locale>
 #include <map>
 #include <memory>
@@ -31,7 +32,9 @@
 #include <unordered_map>
 #include <utility>
 
+#include "common/composeText.h"
 #include "common/logger/logLine.h"
+#include "common/makeRoom.h"
 #include "common/osspecific/osspecific_lin.h"
 
 namespace Zendra {
@@ -123,27 +126,23 @@ constexpr std::array<OpticalCapability, 8> opticalCapabilities = {{
     {"Can write RAM", &OpticalProperty::ram_w_},
 }};
 
-/** Room for a data-in phase; the operator lets the kernel use the first 255 bytes. */
+/** Room for a data-in phase, of which the operator lets the kernel use the first bytes. */
 using DataInBuffer = std::array<unsigned char, 4096>;
+constexpr std::size_t largestDataIn = 255;
 
 constexpr int sixByteCommand = 6;
-
-/** Room for what StoreBusDev tells of most devices. */
-constexpr std::size_t usualTraceLength = 256;
-
-/** Room for an address in words: "Port:10|Target:15|Bus:0|Lun:0". */
-constexpr std::size_t usualAddressLength = 48;
 
 static_assert(sizeof(sg_scsi_id) == 32, "SG_GET_SCSI_ID answers in 32 bytes");
 static_assert(sizeof(nvme_admin_cmd) == 72, "NVME_IOCTL_ADMIN_CMD takes 72 bytes");
 
 /** The bytes up to the first NUL, at most `length`. */
-std::string TextUpToNul(const unsigned char* bytes, std::size_t length)
+std::string_view TextUpToNul(const unsigned char* bytes, std::size_t length)
 {
-    return std::string(bytes, std::find(bytes, bytes + length, '\0'));
+    const char* const text = reinterpret_cast<const char*>(bytes);
+    return {text, strnlen(text, length)};
 }
 
-std::string TextField(const unsigned char* data, Field field)
+std::string_view TextField(const unsigned char* data, Field field)
 {
     return TextUpToNul(data + field.offset, field.length);
 }
@@ -164,13 +163,13 @@ std::string AtaTextField(const unsigned char* answer, Field field)
 /** Leaves a text of blanks and tabs alone as it is; required. */
 void CutBlanksAndTabs(std::string& text)
 {
-    const char* const blanks = " \t";
-    const std::size_t last = text.find_last_not_of(blanks);
-    if (last == std::string::npos) {
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+    const auto end = std::find_if_not(text.rbegin(), text.rend(), isBlank).base();
+    if (end == text.begin()) {
         return;
     }
-    text.erase(last + 1);
-    text.erase(0, text.find_first_not_of(blanks));
+    text.erase(end, text.end());
+    text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), isBlank));
 }
 
 bool BothNamesEmpty(const BusDevice& bus)
@@ -178,15 +177,34 @@ bool BothNamesEmpty(const BusDevice& bus)
     return bus.vendorId.empty() && bus.productId.empty();
 }
 
-std::string IdentityText(const BusDevice& bus)
+const char* DeviceTypeText(unsigned char code)
 {
-    std::string text;
-    text.reserve(usualAddressLength);
-    text.append("Port:").append(std::to_string(bus.hostAdapter));
-    text.append("|Target:").append(std::to_string(bus.targetId));
-    text.append("|Bus:").append(std::to_string(bus.bus));
-    text.append("|Lun:").append(std::to_string(bus.lun));
-    return text;
+    // 10 and 11 share a text and 16 has none; required.
+    static const std::array<const char*, 18> texts = {"Direct Access Device",
+                                                      "Sequential Access Device",
+                                                      "Printer Device",
+                                                      "Processor Device",
+                                                      "Write-Once Device",
+                                                      "CD-ROM Device",
+                                                      "Scanner Device",
+                                                      "Optical Memory Device",
+                                                      "Medium Changer Device",
+                                                      "Communications Device",
+                                                      "Graphic Arts Device",
+                                                      "Graphic Arts Device",
+                                                      "Storage Array Controller",
+                                                      "Enclosure Device",
+                                                      "Simple Direct Access Device",
+                                                      "Optical Card Reader Device",
+                                                      "",
+                                                      "Optical Based Storage Device"};
+    return code < texts.size() ? texts[code] : "";
+}
+
+void StoreIdentity(BusDevice& bus)
+{
+    ComposeText(bus.otherIdentInfo, "Port:", bus.hostAdapter, "|Target:", bus.targetId, "|Bus:", bus.bus,
+                "|Lun:", bus.lun);
 }
 
 AtaIdentify::Buffer MakeAtaIdentifyRequest()
@@ -199,11 +217,7 @@ AtaIdentify::Buffer MakeAtaIdentifyRequest()
 
 ReqIoCtlParam MakeIoCtlRequest(const std::string& driveName, unsigned int ioctlCode, void* data)
 {
-    ReqIoCtlParam request;
-    request.driveName = driveName;
-    request.ioctlCode = static_cast<int>(ioctlCode);
-    request.ioctlData = data;
-    return request;
+    return {driveName, static_cast<int>(ioctlCode), data};
 }
 
 struct DirectoryCloser {
@@ -224,9 +238,10 @@ public:
         BlockEntries entries;
         errno = 0;
         while (const dirent* entry = readdir(directory.get())) {
-            const std::string& name = entries.names.emplace_back(entry->d_name);
-            entries.positionByName.emplace(name, entries.names.size() - 1);
-            entries.longestName = std::max(entries.longestName, name.size());
+            const std::string_view name = entry->d_name;
+            entries.positionByName.try_emplace(std::string(name), entries.positionByName.size());
+            entries.lengths.set(name.size());
+            entries.firstBytes.set(static_cast<unsigned char>(name.front()));
             errno = 0;
         }
         entries.complete = errno == 0;
@@ -241,28 +256,38 @@ public:
      * does. Containment, not equality: sdab may be answered by sda. Required.
      *
      * Device names are short and there may be thousands of entries, so what is looked up is each part of the
-     * device's name.
+     * device's name that may be an entry's by its first byte and its length.
      */
     std::string FirstWithin(std::string_view deviceName) const
     {
-        std::size_t first = names.size();
+        const Position* first = nullptr;
         for (std::size_t begin = 0; begin < deviceName.size(); ++begin) {
-            const std::size_t longest = std::min(longestName, deviceName.size() - begin);
+            if (!firstBytes[static_cast<unsigned char>(deviceName[begin])]) {
+                continue;
+            }
+            const std::size_t longest = std::min(lengths.size() - 1, deviceName.size() - begin);
             for (std::size_t length = 1; length <= longest; ++length) {
-                const auto found = positionByName.find(deviceName.substr(begin, length));
-                if (found != positionByName.end()) {
-                    first = std::min(first, found->second);
+                if (!lengths[length]) {
+                    continue;
+                }
+                const auto found = positionByName.find(std::string(deviceName.substr(begin, length)));
+                if (found != positionByName.end() && (first == nullptr || found->second < first->second)) {
+                    first = &*found;
                 }
             }
         }
-        return first < names.size() ? names[first] : std::string();
+        return first != nullptr ? first->first : std::string();
     }
 
 private:
-    /** In the directory's order. A deque: its texts stay where they are when it grows or is moved. */
-    std::deque<std::string> names;
-    std::unordered_map<std::string_view, std::size_t> positionByName;
-    std::size_t longestName = 0;
+    using Positions = std::unordered_map<std::string, std::size_t>;
+    using Position = Positions::value_type;
+
+    /** Where in the directory's order each name stands. */
+    Positions positionByName;
+    /** Of the names: lengths, and bytes that any begins with. */
+    std::bitset<sizeof(dirent::d_name)> lengths;
+    std::bitset<std::numeric_limits<unsigned char>::max() + 1> firstBytes;
     bool complete = false;
 };
 
@@ -305,9 +330,16 @@ private:
 
 thread_local BlockDirectoryMemory* BlockDirectoryMemory::current = nullptr;
 
-bool StartsWith(std::string_view text, std::string_view prefix)
+/** Looks at no more of `text` than it must: most names in /dev differ in their first byte. */
+bool BeginsWith(const char* text, std::string_view prefix)
 {
-    return text.compare(0, prefix.size(), prefix) == 0;
+    for (const char byte : prefix) {
+        if (*text == '\0' || *text != byte) {
+            return false;
+        }
+        ++text;
+    }
+    return true;
 }
 
 /** Names that a scan for `prefix` passes over although they may begin with it. Others pass nothing over: nst0a and
@@ -364,11 +396,32 @@ private:
     int descriptor;
 };
 
+/** Converts to the record of a device. */
+struct RecordOf {
+    const BusDevice& bus;
+
+    operator SystemDevice() const
+    {
+        // sysfs ends its texts with a line feed.
+        const bool endsLine = !bus.revision.empty() && bus.revision.back() == '\n';
+        return {bus.vendorId,
+                bus.productId,
+                bus.deviceType,
+                bus.serialNum,
+                bus.revision.substr(0, bus.revision.size() - (endsLine ? 1 : 0)),
+                DecimalText(bus.hostAdapter),
+                DecimalText(bus.targetId),
+                DecimalText(bus.bus),
+                DecimalText(bus.lun)};
+    }
+};
+
 /** Probes the files one after the other into `bus` and stores each device that answers. */
 template <typename Probe>
 void ProbeEach(DataProxy& proxy, std::vector<std::string>& files, BusDevice& bus, std::vector<SystemDevice>& devices,
                Probe probe)
 {
+    MakeRoom(devices, files.size());
     for (std::string& path : files) {
         proxy.InitBusDev(bus);
         if (probe(path) == DEV_SUCCESS) {
@@ -413,7 +466,7 @@ void DecodeAtaIdentify(const unsigned char* answer, BusDevice& bus)
     bus.shortIdent = model.substr(0, AtaIdentify::shortModelLength);
     bus.revision = AtaTextField(answer, AtaIdentify::firmwareRevision);
     bus.serialNum = AtaTextField(answer, AtaIdentify::serialNumber);
-    bus.otherIdentInfo = IdentityText(bus);
+    StoreIdentity(bus);
 }
 
 /** The lines of the table, with one empty line for the end of the text; a longer line is cut and ends it. */
@@ -491,31 +544,19 @@ unsigned int DataProxy::GetCDDVDOptList(std::vector<OpticalProperty>& /*options*
 
 void DataProxy::InitBusDev(BusDevice& bus)
 {
-    bus = BusDevice();
+    for (std::uint16_t* number : {&bus.hostAdapter, &bus.bus, &bus.spareNumber, &bus.targetId, &bus.lun}) {
+        *number = 0;
+    }
+    // Not by assigning a new record: the texts keep their room for the next device.
+    for (std::string* text : {&bus.devId, &bus.spareText, &bus.productId, &bus.vendorId, &bus.revision, &bus.serialNum,
+                              &bus.otherIdentInfo, &bus.shortIdent, &bus.deviceType, &bus.inquiryString}) {
+        text->clear();
+    }
 }
 
 std::string DataProxy::GetDeviceTypeString(unsigned char code)
 {
-    // 10 and 11 share a text and 16 has none; required.
-    static const std::array<const char*, 18> texts = {"Direct Access Device",
-                                                      "Sequential Access Device",
-                                                      "Printer Device",
-                                                      "Processor Device",
-                                                      "Write-Once Device",
-                                                      "CD-ROM Device",
-                                                      "Scanner Device",
-                                                      "Optical Memory Device",
-                                                      "Medium Changer Device",
-                                                      "Communications Device",
-                                                      "Graphic Arts Device",
-                                                      "Graphic Arts Device",
-                                                      "Storage Array Controller",
-                                                      "Enclosure Device",
-                                                      "Simple Direct Access Device",
-                                                      "Optical Card Reader Device",
-                                                      "",
-                                                      "Optical Based Storage Device"};
-    return code < texts.size() ? texts[code] : "";
+    return DeviceTypeText(code);
 }
 
 unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::string>& files)
@@ -526,12 +567,15 @@ unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::st
         return 0xFFFFFFFFU;
     }
     while (const dirent* entry = readdir(directory.get())) {
+        if (!BeginsWith(entry->d_name, prefix)) {
+            continue;
+        }
         const std::string_view name = entry->d_name;
-        if (!StartsWith(name, prefix) || IsPassedOver(prefix, name)) {
+        if (IsPassedOver(prefix, name)) {
             continue;
         }
         ZENDRA_LOG(4, "DataProxy::ScanDeviceFiles() detect file : " << name);
-        files.push_back(std::string(deviceDirectory).append(name));
+        files.emplace_back(deviceDirectory).append(name);
     }
     ZENDRA_LOG(4, "Exit  DataProxy::ScanDeviceFiles() ");
     return 0;
@@ -539,34 +583,15 @@ unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::st
 
 void DataProxy::StoreBusDev(BusDevice& bus, std::vector<SystemDevice>& devices)
 {
-    const std::string port = std::to_string(bus.hostAdapter);
-    const std::string target = std::to_string(bus.targetId);
-    const std::string channel = std::to_string(bus.bus);
-    const std::string lun = std::to_string(bus.lun);
+    // Made where it stays: moving nine short texts costs as much as making them.
+    const SystemDevice& record = devices.emplace_back(RecordOf{bus});
     // Composed on every call, whatever the log level; required.
     std::string trace;
-    trace.reserve(usualTraceLength);
-    trace.append("vendor id: ").append(bus.vendorId).append(" productId: ").append(bus.productId);
-    trace.append(" deviceType: ").append(bus.deviceType).append(" serialNum: ").append(bus.serialNum);
-    trace.append(" rev: ").append(bus.revision).append(" host adapter: ").append(port);
-    trace.append(" target ID: ").append(target).append(" bus ").append(channel).append(" lun ").append(lun);
-    trace.append(" devId: ").append(bus.devId).append("  otherIdentInfo: ").append(bus.otherIdentInfo).append("\n");
+    ComposeText(trace, "vendor id: ", bus.vendorId, " productId: ", bus.productId, " deviceType: ", bus.deviceType,
+                " serialNum: ", bus.serialNum, " rev: ", bus.revision, " host adapter: ", record.port,
+                " target ID: ", record.target, " bus ", record.bus, " lun ", record.lun, " devId: ", bus.devId,
+                "  otherIdentInfo: ", bus.otherIdentInfo, "\n");
     ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << trace);
-
-    SystemDevice device;
-    device.port = port;
-    device.target = target;
-    device.bus = channel;
-    device.lun = lun;
-    device.vendor = bus.vendorId;
-    device.product = bus.productId;
-    device.device_type = bus.deviceType;
-    device.firmware_revision = bus.revision;
-    if (!device.firmware_revision.empty() && device.firmware_revision.back() == '\n') {
-        device.firmware_revision.pop_back();
-    }
-    device.serial_number = bus.serialNum;
-    devices.push_back(std::move(device));
 }
 
 std::string DataProxy::GetFirmwareVersionFilePath(const std::string& path)
@@ -644,7 +669,7 @@ int DataProxy::ProcessInquiryData(unsigned char* data, BusDevice* bus)
     CutBlanksAndTabs(bus->productId);
     bus->revision = TextField(data, Inquiry::revision);
     // Only four of the five bits of the type: an unknown type (0x1F) reads as 15. Required.
-    bus->deviceType = GetDeviceTypeString(data[Inquiry::typeByte] & Inquiry::typeMask);
+    bus->deviceType = DeviceTypeText(data[Inquiry::typeByte] & Inquiry::typeMask);
     return 0;
 }
 
@@ -684,7 +709,7 @@ int DataProxy::SendRcvIOCTLCMD(ReqIoCtlParam& param, BusDevice& bus)
         answer[NvmeIdentify::serialNumberLastByte] = 0;
         bus.serialNum = TextUpToNul(answer + NvmeIdentify::serialNumberOffset,
                                     NvmeIdentify::serialNumberLastByte - NvmeIdentify::serialNumberOffset);
-        bus.deviceType = GetDeviceTypeString(Inquiry::typeDisk);
+        bus.deviceType = DeviceTypeText(Inquiry::typeDisk);
         break;
     }
     default:
@@ -697,11 +722,7 @@ int DataProxy::GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool
 {
     ZENDRA_LOG(4, "Entry  GetGenericDeviceData() is_sg = " << (is_sg ? 1 : 0));
     DataInBuffer data{};
-    ReqPassThruParam passThru;
-    passThru.driveName = driveName;
-    passThru.cdb = inquiry_cmd;
-    passThru.cdbLength = sixByteCommand;
-    passThru.dataBuffer = data.data();
+    ReqPassThruParam passThru{driveName, inquiry_cmd, sixByteCommand, data.data()};
     if (SendRcvPassthroughCMD(passThru, bus, PT_STD_INQUIRY) != DEV_SUCCESS) {
         ZENDRA_LOG(1, "Exit  GetGenericDeviceData()");
         return DEV_FAILURE;
@@ -721,7 +742,7 @@ int DataProxy::GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool
             ZENDRA_LOG(4, "GetGenericDeviceData() SG_GET_SCSI_ID failed ret = " << status);
             bus.otherIdentInfo.clear();
         } else {
-            bus.otherIdentInfo = IdentityText(bus);
+            StoreIdentity(bus);
             ZENDRA_LOG(4, "Get SCSI ID passed... otherIdentInfo = " << bus.otherIdentInfo);
         }
     } else {
@@ -732,14 +753,15 @@ int DataProxy::GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool
         request.ioctlCode = SCSI_IOCTL_GET_BUS_NUMBER;
         request.ioctlData = &hostNumber;
         SendRcvIOCTLCMD(request, bus);
-        bus.otherIdentInfo = IdentityText(bus);
+        StoreIdentity(bus);
         ZENDRA_LOG(4, "Get SCSI_IOCTL_GET_IDLUN passed.. otherIdentInfo = " << bus.otherIdentInfo);
     }
 
     // The whole byte counts, qualifier included: only connected disks and tapes are asked for a serial number.
     const unsigned char qualifierAndType = data[Inquiry::typeByte];
     if (qualifierAndType == Inquiry::typeDisk || qualifierAndType == Inquiry::typeTape) {
-        data.fill(0);
+        // All that a command may have written.
+        std::fill_n(data.begin(), largestDataIn, '\0');
         passThru.cdb = serialinquiry_cmd;
         SendRcvPassthroughCMD(passThru, bus, PT_SERIAL_INQUIRY);
     }
@@ -978,7 +1000,7 @@ unsigned int PhysicalDriveProxy::GetDeviceInfo(BusDevice& bus, std::string& path
     if (bus.vendorId.find("ATA") == std::string::npos) {
         return static_cast<unsigned int>(status);
     }
-    if (StartsWith(path, "/dev/sd")) {
+    if (BeginsWith(path.c_str(), "/dev/sd")) {
         // A failure here drops a disk that has answered already; required.
         return UpdateFirmwareVersionForSdDisk(path, bus);
     }

@@ -6,7 +6,6 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <string>
 #include <utility>
 
@@ -63,18 +62,17 @@ unsigned int DeviceCollector::GetIndividualDevice(std::vector<SystemDevice>& dev
 unsigned int DeviceCollector::GetAllDevice(std::vector<SystemDevice>& devices)
 {
     ZENDRA_LOG(4, "Enter DeviceCollector::GetAllDevice()");
-    std::vector<SystemDevice> scratch;
     std::vector<SystemDevice> accumulated;
+    std::size_t taken = 0;
     for (const DeviceClass& deviceClass : deviceClasses) {
-        if (GetIndividualDevice(scratch, deviceClass.type) == DEVICE_RESULT_NONE) {
-            // The scratch list stays as it is; required.
+        if (GetIndividualDevice(accumulated, deviceClass.type) == DEVICE_RESULT_NONE) {
+            // Records that it left all the same would count with those of the next class; required.
             ZENDRA_LOG(4, deviceClass.noneFound);
             continue;
         }
-        accumulated.insert(accumulated.end(), std::make_move_iterator(scratch.begin()),
-                           std::make_move_iterator(scratch.end()));
-        scratch.clear();
+        taken = accumulated.size();
     }
+    accumulated.resize(taken);
 
     MergeByAddress(std::move(accumulated), devices);
     ZENDRA_LOG(4, "Leave DeviceCollector::GetAllDevice()");

@@ -1,0 +1,80 @@
+/**
+ * @file
+ * @brief Texts made of many parts: measured first, so that they are written once and into room that was asked for once.
+ */
+#ifndef ZENDRA_COMMON_COMPOSETEXT_H
+#define ZENDRA_COMMON_COMPOSETEXT_H
+
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+
+namespace Zendra {
+
+namespace Internal {
+
+constexpr std::size_t longestNumber = std::numeric_limits<std::uint16_t>::digits10 + 1;
+
+/** Room for a part of a text, and how it is written there: both for each kind of part. */
+template <std::size_t size>
+constexpr std::size_t RoomFor(const char (&/*literal*/)[size])
+{
+    return size - 1;
+}
+
+inline std::size_t RoomFor(std::string_view text)
+{
+    return text.size();
+}
+
+constexpr std::size_t RoomFor(std::uint16_t /*number*/)
+{
+    return longestNumber;
+}
+
+/** The end of what was written. */
+template <std::size_t size>
+char* Write(char* out, const char (&literal)[size])
+{
+    std::memcpy(out, literal, size - 1);
+    return out + (size - 1);
+}
+
+inline char* Write(char* out, std::string_view text)
+{
+    return out + text.copy(out, text.size());
+}
+
+inline char* Write(char* out, std::uint16_t number)
+{
+    return std::to_chars(out, out + longestNumber, number).ptr;
+}
+
+}  // namespace Internal
+
+inline std::string DecimalText(std::uint16_t number)
+{
+    char digits[Internal::longestNumber];
+    return std::string(digits, Internal::Write(digits, number));
+}
+
+/**
+ * Makes `text` the parts one behind the other: literals, texts, and numbers in decimal digits. No part may lie in
+ * `text`, of which only the room is used.
+ */
+template <typename... Parts>
+void ComposeText(std::string& text, const Parts&... parts)
+{
+    text.resize((Internal::RoomFor(parts) + ...));
+    char* out = text.data();
+    ((out = Internal::Write(out, parts)), ...);
+    text.resize(static_cast<std::size_t>(out - text.data()));
+}
+
+}  // namespace Zendra
+
+#endif
