@@ -1,17 +1,17 @@
 #include "tools/zddevices/access.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/join.hpp>
-#include <boost/algorithm/string/predicate.hpp>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <iterator>
+#include <memory>
 #include <set>
 #include <system_error>
 
@@ -30,17 +30,31 @@ constexpr const char* deviceDirectory = "/dev";
 constexpr std::size_t nvmeControllerLength = 5;
 constexpr std::size_t nvmeDiskLength = 7;
 
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
+
+bool IsLetter(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+
+bool IsDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
 bool IsDeviceFileName(const std::string& name, const std::string& prefix)
 {
-    if (!boost::algorithm::starts_with(name, prefix)) {
+    if (name.compare(0, prefix.size(), prefix) != 0) {
         return false;
     }
-    const auto& classic = std::locale::classic();
     if (prefix == "st") {
-        return !boost::algorithm::is_alpha(classic)(name.back());  // mode variants; stdin and its like
+        return !IsLetter(name.back());  // mode variants; stdin and its like
     }
     if (prefix == "sd") {
-        return !boost::algorithm::is_digit(classic)(name.back());  // partitions
+        return !IsDigit(name.back());  // partitions
     }
     if (prefix == "nvme") {
         return name.size() != nvmeControllerLength && name.size() <= nvmeDiskLength;
@@ -49,16 +63,61 @@ bool IsDeviceFileName(const std::string& name, const std::string& prefix)
 }
 
 /** Adds the names with the prefix; false when there is none. */
-bool AddNames(const std::vector<std::string>& names, const std::string& prefix, std::set<std::string>& found)
+bool AddNames(const std::vector<std::string>& names, const std::string& prefix, std::vector<std::string>& found)
 {
-    bool any = false;
-    for (const std::string& name : names) {
-        if (IsDeviceFileName(name, prefix)) {
-            found.insert(name);
-            any = true;
+    const std::size_t before = found.size();
+    std::copy_if(names.begin(), names.end(), std::back_inserter(found),
+                 [&](const std::string& name) { return IsDeviceFileName(name, prefix); });
+    return found.size() > before;
+}
+
+/** The names that the library opens for a class, or for all, each once, in no order. */
+std::vector<std::string> SelectDeviceFiles(const std::vector<std::string>& names, std::optional<SysDeviceType> type)
+{
+    const auto wanted = [&](SysDeviceType one) { return !type || *type == one; };
+    std::vector<std::string> found;
+    if (wanted(ZDSystemDevice::SYS_DEVICE_TAPE) && !AddNames(names, "st", found)) {
+        AddNames(names, "nst", found);
+    }
+    // Without sg files the generic class takes the disks' files, which all classes together have already.
+    if (wanted(ZDSystemDevice::SYS_DEVICE_SCSI) && !AddNames(names, "sg", found) && type) {
+        AddNames(names, "sd", found);
+    }
+    if (wanted(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE)) {
+        for (const char* prefix : {"hd", "sd", "nvme"}) {
+            AddNames(names, prefix, found);
         }
     }
-    return any;
+    if (wanted(ZDSystemDevice::SYS_DEVICE_CDDVD)) {
+        AddNames(names, "sr", found);
+    }
+    return found;
+}
+
+bool IsInNaturalOrder(const std::string& left, const std::string& right)
+{
+    return strverscmp(left.c_str(), right.c_str()) < 0;
+}
+
+bool IsPrivilegeLacking(int error)
+{
+    return error == EACCES || error == EPERM;
+}
+
+/** @param path relative to the open directory. */
+bool MayNotReadIn(int directory, const char* path)
+{
+    // The effective ids and capabilities count, as they do for open(2): a service may run with CAP_DAC_OVERRIDE.
+    if (faccessat(directory, path, R_OK, AT_EACCESS) == 0) {
+        return false;
+    }
+    if (errno == EPERM) {
+        // Older container filters answer so to the newer of the two system calls, whatever the file is.
+        if (faccessat(directory, path, R_OK, 0) == 0) {
+            return false;
+        }
+    }
+    return IsPrivilegeLacking(errno);
 }
 
 bool IsDirectory(const std::string& path)
@@ -71,17 +130,7 @@ bool IsDirectory(const std::string& path)
 
 bool MayNotRead(const std::string& path)
 {
-    // The effective ids and capabilities count, as they do for open(2): a service may run with CAP_DAC_OVERRIDE.
-    if (faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0) {
-        return false;
-    }
-    if (errno == EPERM) {
-        // Older container filters answer so to the newer of the two system calls, whatever the file is.
-        if (access(path.c_str(), R_OK) == 0) {
-            return false;
-        }
-    }
-    return errno == EACCES || errno == EPERM;
+    return MayNotReadIn(AT_FDCWD, path.c_str());
 }
 
 std::string OpeningGroup(const std::string& path)
@@ -96,46 +145,38 @@ std::string OpeningGroup(const std::string& path)
 
 std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names, std::optional<SysDeviceType> type)
 {
-    const auto wanted = [&](SysDeviceType one) { return !type || *type == one; };
-    std::set<std::string> found;
-    if (wanted(ZDSystemDevice::SYS_DEVICE_TAPE) && !AddNames(names, "st", found)) {
-        AddNames(names, "nst", found);
-    }
-    if (wanted(ZDSystemDevice::SYS_DEVICE_SCSI) && !AddNames(names, "sg", found)) {
-        AddNames(names, "sd", found);
-    }
-    if (wanted(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE)) {
-        for (const char* prefix : {"hd", "sd", "nvme"}) {
-            AddNames(names, prefix, found);
-        }
-    }
-    if (wanted(ZDSystemDevice::SYS_DEVICE_CDDVD)) {
-        AddNames(names, "sr", found);
-    }
-    std::vector<std::string> sorted(found.begin(), found.end());
-    std::sort(sorted.begin(), sorted.end(), [](const std::string& left, const std::string& right) {
-        return strverscmp(left.c_str(), right.c_str()) < 0;
-    });
-    return sorted;
+    std::vector<std::string> found = SelectDeviceFiles(names, type);
+    std::sort(found.begin(), found.end(), IsInNaturalOrder);
+    return found;
 }
 
 std::vector<DeniedFile> FindDeniedFiles(std::optional<SysDeviceType> type)
 {
+    const DirectoryStream directory(opendir(deviceDirectory));
     std::vector<std::string> names;
-    try {
-        for (const auto& entry : std::filesystem::directory_iterator(deviceDirectory)) {
-            names.push_back(entry.path().filename().string());
-        }
-    } catch (const std::filesystem::filesystem_error& error) {
-        if (error.code() == std::errc::permission_denied || error.code() == std::errc::operation_not_permitted) {
+    errno = directory ? 0 : errno;
+    while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
+        names.emplace_back(entry->d_name);
+        errno = 0;
+    }
+    if (errno != 0) {
+        if (IsPrivilegeLacking(errno)) {
             return {{deviceDirectory, OpeningGroup(deviceDirectory)}};
         }
-        throw;
+        throw std::system_error(errno, std::generic_category(), std::string(deviceDirectory) + " cannot be listed");
     }
+    std::vector<std::string> deniedNames;
+    for (std::string& name : SelectDeviceFiles(names, type)) {
+        // By the name alone: there may be a thousand of them, none of which needs its directory looked up.
+        if (MayNotReadIn(dirfd(directory.get()), name.c_str())) {
+            deniedNames.push_back(std::move(name));
+        }
+    }
+    std::sort(deniedNames.begin(), deniedNames.end(), IsInNaturalOrder);
     std::vector<DeniedFile> denied;
-    for (const std::string& name : DeviceFileNames(names, type)) {
+    for (const std::string& name : deniedNames) {
         const std::string path = std::string(deviceDirectory) + "/" + name;
-        if (MayNotRead(path) && !IsDirectory(path)) {
+        if (!IsDirectory(path)) {
             denied.push_back({path, OpeningGroup(path)});
         }
     }
