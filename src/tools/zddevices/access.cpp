@@ -13,6 +13,7 @@
 #include <iterator>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <system_error>
 
 #include "tools/zddevices/text.h"
@@ -45,9 +46,15 @@ bool IsDigit(char c)
     return c >= '0' && c <= '9';
 }
 
-bool IsDeviceFileName(const std::string& name, const std::string& prefix)
+/** Looks at no more of `text` than it must: most names in /dev differ in their first byte. */
+bool BeginsWith(const std::string& text, std::string_view prefix)
 {
-    if (name.compare(0, prefix.size(), prefix) != 0) {
+    return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin());
+}
+
+bool IsDeviceFileName(const std::string& name, std::string_view prefix)
+{
+    if (!BeginsWith(name, prefix)) {
         return false;
     }
     if (prefix == "st") {
@@ -63,7 +70,7 @@ bool IsDeviceFileName(const std::string& name, const std::string& prefix)
 }
 
 /** Adds the names with the prefix; false when there is none. */
-bool AddNames(const std::vector<std::string>& names, const std::string& prefix, std::vector<std::string>& found)
+bool AddNames(const std::vector<std::string>& names, std::string_view prefix, std::vector<std::string>& found)
 {
     const std::size_t before = found.size();
     std::copy_if(names.begin(), names.end(), std::back_inserter(found),
