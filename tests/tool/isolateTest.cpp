@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <boost/algorithm/string/replace.hpp>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -554,25 +556,129 @@ TEST(Answer, OfAnotherKindIsNone)
     EXPECT_TRUE(Decode<ZDSystemDevice::SystemDevice>(devices));
 }
 
+TEST(Answer, KeepsEveryByteOfEveryText)
+{
+    std::mt19937 generator(11);
+    std::uniform_int_distribution<int> byte(0, 255);
+    std::uniform_int_distribution<std::size_t> size(0, 40);
+    std::array<bool, 256> seen{};
+    for (int round = 0; round < 2000; ++round) {
+        DeviceAnswer answer;
+        answer.status = static_cast<unsigned int>(generator());
+        for (int records = round % 4; records > 0; --records) {
+            for (std::string* text : Texts(answer.records.emplace_back())) {
+                text->resize(size(generator));
+                for (char& c : *text) {
+                    c = static_cast<char>(byte(generator));
+                    seen[static_cast<unsigned char>(c)] = true;
+                }
+            }
+        }
+        std::optional<DeviceAnswer> decoded = Decode<ZDSystemDevice::SystemDevice>(Encode(answer));
+        ASSERT_TRUE(decoded);
+        EXPECT_EQ(decoded->status, answer.status);
+        ASSERT_EQ(decoded->records.size(), answer.records.size());
+        for (std::size_t i = 0; i < answer.records.size(); ++i) {
+            const std::vector<std::string*> expected = Texts(answer.records[i]);
+            const std::vector<std::string*> actual = Texts(decoded->records[i]);
+            for (std::size_t field = 0; field < expected.size(); ++field) {
+                ASSERT_EQ(*actual[field], *expected[field]) << "field " << field;
+            }
+        }
+    }
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), true), 256);
+}
+
 TEST(Answer, HostileBytesAreNone)
 {
     HostileTexts texts(7);
-    std::string bytes = Encode<ZDSystemDevice::SystemDevice>({0, {Distinct<ZDSystemDevice::SystemDevice>()}});
+    const std::string bytes = Encode<ZDSystemDevice::SystemDevice>({12, {Distinct<ZDSystemDevice::SystemDevice>()}});
+    const std::string pieces = "[]{},:\"\\u0-+.eE9 \n";
     std::mt19937 generator(7);
     std::uniform_int_distribution<int> byte(0, 255);
     int good = 0;
     for (int round = 0; round < 20000; ++round) {
         std::string changed = bytes;
-        changed[static_cast<std::size_t>(generator()) % changed.size()] = static_cast<char>(byte(generator));
+        const std::size_t place = generator() % changed.size();
+        const char c = round % 2 == 0 ? static_cast<char>(byte(generator)) : pieces[generator() % pieces.size()];
+        switch (round % 3) {
+        case 0:
+            changed[place] = c;
+            break;
+        case 1:
+            changed.insert(place, 1, c);
+            break;
+        default:
+            changed.erase(place, 1);
+            break;
+        }
         const auto answer = Decode<ZDSystemDevice::SystemDevice>(changed);
         if (answer) {
-            EXPECT_EQ(answer->records.size(), 1U);
+            // A byte inside of a text may change, and a digit of the status; that is another answer then.
+            EXPECT_EQ(Encode(*answer), changed);
             ++good;
         }
-        static_cast<void>(Decode<ZDSystemDevice::SystemDevice>(texts.Next()));
+        EXPECT_FALSE(Decode<ZDSystemDevice::SystemDevice>(texts.Next()));
     }
-    // A byte inside a text may change without making the encoding wrong; the bytes around them may not.
+    EXPECT_GT(good, 0);
     EXPECT_LT(good, 20000);
+}
+
+TEST(Answer, WhatSaysTheSameInAnotherWayIsNone)
+{
+    ASSERT_EQ(Encode(DeviceAnswer{12, {}}), "[12,[]]");
+    for (const char* bytes : {" [12,[]]", "[12,[]] ", "[12, []]", "[012,[]]", "[+12,[]]", "[12.0,[]]", "[1.2e1,[]]",
+                              "[\"12\",[]]", "[12,[],[]]", "[12,[]][]", "[[],12]", "[12,{}]", "{\"12\":[]}", "[12]",
+                              "[12,[[]]]", "[12,null]", "[true,[]]", "12", "[]"}) {
+        EXPECT_FALSE(Decode<ZDSystemDevice::SystemDevice>(bytes)) << bytes;
+    }
+    const std::string record = R"([12,[["a","","","","","","","",""]]])";
+    EXPECT_TRUE(Decode<ZDSystemDevice::SystemDevice>(record));
+    for (const char* text : {R"("\u0061")", R"("\ud800")", R"("\x")", "null", "1", "[]", "{}"}) {
+        EXPECT_FALSE(Decode<ZDSystemDevice::SystemDevice>(boost::algorithm::replace_first_copy(record, R"("a")", text)))
+            << text;
+    }
+}
+
+TEST(Answer, NumbersBeyondAStatusAreNone)
+{
+    EXPECT_TRUE(Decode<ZDSystemDevice::SystemDevice>("[4294967295,[]]"));
+    const std::vector<std::string> numbers = {
+        "4294967296",
+        "18446744073709551616",
+        "-1",
+        "-0",
+        "-2147483649",
+        "0.5",
+        "1e999",
+        "1e-2147483648",
+        "0.00000000000000000000000000000000000000001e-2147483639",
+        "0." + std::string(100000, '0') + "1e-2147483639",
+        "1e" + std::string(100000, '9'),
+        "1" + std::string(100000, '0'),
+        std::string(100000, '9') + ".5",
+        "NaN",
+        "Infinity",
+        "-Infinity",
+    };
+    for (const std::string& number : numbers) {
+        EXPECT_FALSE(Decode<ZDSystemDevice::SystemDevice>("[" + number + ",[]]")) << number.substr(0, 80);
+        EXPECT_FALSE(Decode<ZDSystemDevice::SystemDevice>(number)) << number.substr(0, 80);
+        EXPECT_FALSE(Decode<ZDSystemDevice::SystemDevice>("[12,[" + number + "]]")) << number.substr(0, 80);
+    }
+}
+
+TEST(Answer, BytesNestedHoweverDeeplyAreNone)
+{
+    constexpr std::size_t depth = 10000000;
+    for (const char* piece : {"[", "{", "[[12,", "{\"a\":", "[12,[[", "]", "\"\\"}) {
+        std::string bytes;
+        while (bytes.size() < depth) {
+            bytes += piece;
+        }
+        EXPECT_FALSE(Decode<ZDSystemDevice::SystemDevice>(bytes)) << piece;
+        EXPECT_FALSE(Decode<ZDSystemDevice::SystemDevice>("[12,[" + bytes)) << piece;
+    }
 }
 
 }  // namespace

@@ -1,30 +1,39 @@
 #include "tools/zddevices/answer.h"
 
-#include <nlohmann/json.hpp>
+#include <cstdint>
 #include <utility>
+
+#include "tools/zddevices/parcel.h"
 
 namespace Zendra {
 namespace ZDDevices {
 
 namespace {
 
-using nlohmann::json;
-
 template <typename Record>
-bool Fill(Record& record, json& texts)
+bool Fill(Record& record, std::vector<std::string>& texts)
 {
     const std::vector<std::string*> fields = Texts(record);
-    if (!texts.is_array() || texts.size() != fields.size()) {
+    if (texts.size() != fields.size()) {
         return false;
     }
     for (std::size_t i = 0; i < fields.size(); ++i) {
-        auto* text = texts[i].get_ptr<std::string*>();
-        if (text == nullptr) {
-            return false;
-        }
-        *fields[i] = std::move(*text);
+        *fields[i] = std::move(texts[i]);
     }
     return true;
+}
+
+template <typename Record>
+std::string Pack(Answer<Record>& answer)
+{
+    Parcel parcel(answer.status);
+    for (Record& record : answer.records) {
+        parcel.BeginRow();
+        for (const std::string* text : Texts(record)) {
+            parcel.Add(*text);
+        }
+    }
+    return parcel.Bytes();
 }
 
 }  // namespace
@@ -78,42 +87,23 @@ std::vector<std::string*> Texts(ZDOptions::SoftwareIdentity_& identity)
 template <typename Record>
 std::string Encode(Answer<Record> answer)
 {
-    json records = json::array();
-    for (Record& record : answer.records) {
-        json texts = json::array();
-        for (std::string* text : Texts(record)) {
-            texts.push_back(std::move(*text));
-        }
-        records.push_back(std::move(texts));
-    }
-    json document = json::array();
-    document.push_back(answer.status);
-    document.push_back(std::move(records));
-    std::string bytes;
-    json::to_cbor(document, bytes);
-    return bytes;
+    return Pack(answer);
 }
 
 template <typename Record>
 std::optional<Answer<Record>> Decode(const std::string& bytes)
 {
-    json document;
-    try {
-        document = json::from_cbor(bytes);
-    } catch (const json::exception&) {
-        return std::nullopt;
-    }
-    constexpr std::size_t parts = 2;
-    if (!document.is_array() || document.size() != parts || !document[0].is_number_unsigned() ||
-        !document[1].is_array()) {
-        return std::nullopt;
-    }
     Answer<Record> answer;
-    answer.status = document[0].template get<unsigned int>();
-    for (json& texts : document[1]) {
-        if (!Fill(answer.records.emplace_back(), texts)) {
-            return std::nullopt;
-        }
+    Record any;
+    const std::optional<std::uint32_t> status =
+        Unpack(bytes, Texts(any).size(),
+               [&answer](std::vector<std::string>& texts) { return Fill(answer.records.emplace_back(), texts); });
+    if (!status) {
+        return std::nullopt;
+    }
+    answer.status = *status;
+    if (Pack(answer) != bytes) {
+        return std::nullopt;
     }
     return answer;
 }
