@@ -14,8 +14,8 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <sstream>
+#include <stdexcept>
 
 #include "toolTests.h"
 #include "tools/zddevices/doctorReport.h"
@@ -644,8 +644,32 @@ TEST(Doctor, AFindingComesThroughBetweenProcessesWhole)
     EXPECT_EQ(copy.product, "P\xEF\xBF\xBD");
     EXPECT_EQ(Complaints(copy), "SG_IO: Input/output error (EIO)\nX: odd\n");
     EXPECT_EQ(UnpackFinding(PackFinding(Found(Visibility::CannotBeOpened, ENXIO))).openError, ENXIO);
-    for (const char* bytes : {"", "{}", "[1]", "{\"path\":"}) {
-        EXPECT_THROW(UnpackFinding(bytes), nlohmann::json::exception) << bytes;
+}
+
+TEST(Doctor, AFindingOutOfOtherBytesIsAnError)
+{
+    Finding finding = Found(Visibility::NotAsked, ENXIO, {{"SG_IO", "INQUIRY", EIO, "odd"}});
+    finding.path = "/dev/st0";
+    const std::string bytes = PackFinding(finding);
+    EXPECT_EQ(bytes, R"([5,[["/dev/st0","","6","",""],["SG_IO","INQUIRY","5","odd"]]])");
+    for (const std::string& wrong : std::vector<std::string>{
+             "",
+             "{}",
+             "[1]",
+             "[6,[[\"/dev/st0\",\"\",\"6\",\"\",\"\"]]]",
+             "[5,[]]",
+             "[5,[[\"/dev/st0\",\"\",\"6\",\"\"]]]",
+             "[5,[[\"/dev/st0\",\"\",\"6\",\"\",\"\",\"\"]]]",
+             "[5,[[\"/dev/st0\",\"\",\"x\",\"\",\"\"]]]",
+             "[5,[[\"/dev/st0\",\"\",\"06\",\"\",\"\"]]]",
+             "[5,[[\"/dev/st0\",\"\",\"2147483648\",\"\",\"\"]]]",
+             "[5,[[\"/dev/st0\",\"\",\"6\",\"\",\"\"],[\"SG_IO\",\"INQUIRY\",\"\",\"odd\"]]]",
+             "[5,[[\"/dev/st0\",\"\",\"6\",\"\",\"\"],[\"SG_IO\",\"INQUIRY\",\"5\"]]]",
+             "[5,[[\"/dev/st0\",\"\",\"6\",\"\",\"\xff\"]]]",
+             bytes + " ",
+             bytes + '\0',
+         }) {
+        EXPECT_THROW(UnpackFinding(wrong), std::runtime_error) << wrong;
     }
 }
 

@@ -100,8 +100,8 @@ TEST(Limit, ThatIsNotReachedChangesNothingOnAnySimulatedHost)
             mounted.BeginCall();
             const Report limited = collect({limit});
             EXPECT_EQ(Everything(limited), Everything(unlimited)) << file.stem() << ", " << name;
-            withDevices += unlimited.records().empty() ? 0 : 1;
-            mergedDirectly += name == "all" && !ClassesShareFiles(host) && !unlimited.records().empty() ? 1 : 0;
+            withDevices += unlimited.sheet({}).rows.empty() ? 0 : 1;
+            mergedDirectly += name == "all" && !ClassesShareFiles(host) && !unlimited.sheet({}).rows.empty() ? 1 : 0;
         }
         ++hosts;
     }

@@ -1,6 +1,10 @@
 #include <cwchar>
+#include <functional>
+#include <limits>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <stdexcept>
 #include <tuple>
 
 #include "toolTests.h"
@@ -11,6 +15,16 @@
 #include "tools/zddevices/status.h"
 #include "tools/zddevices/table.h"
 #include "tools/zddevices/text.h"
+
+// Sanitizers end a program that asks for more memory than there can be.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define MALLOC_MAY_FAIL
+#endif
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#undef MALLOC_MAY_FAIL
+#endif
+#endif
 
 namespace Zendra {
 namespace ZDDevices {
@@ -36,6 +50,30 @@ SystemDevice Disk()
 Report Describe(const std::vector<SystemDevice>& devices)
 {
     return DescribeDevices(ZDSystemDevice::DEVICE_RESULT_OK, devices, std::nullopt);
+}
+
+/** What that writes, as another library than the program's reads it. */
+nlohmann::ordered_json Parsed(const std::function<void(JsonWriter& json)>& write)
+{
+    JsonWriter json;
+    write(json);
+    return nlohmann::ordered_json::parse(json.Document());
+}
+
+nlohmann::ordered_json RecordsOf(const Report& report)
+{
+    return Parsed(report.records);
+}
+
+/** What stands for a record's text. */
+nlohmann::ordered_json ExpectedText(const std::string& text)
+{
+    return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(ValidUtf8(text));
+}
+
+nlohmann::ordered_json AddressNumber(const std::string& field)
+{
+    return Parsed([&field](JsonWriter& json) { json.AddressNumber(field); });
 }
 
 std::vector<std::string> Lines(const std::string& text)
@@ -233,7 +271,7 @@ TEST(Table, HostileTextsNeverLeaveTheirLines)
 TEST(DeviceJson, HoldsTheFieldsInTheOrderOfTheRecordAndUntrimmed)
 {
     const Report report = Describe({Disk()});
-    EXPECT_EQ(report.records().dump(),
+    EXPECT_EQ(RecordsOf(report).dump(),
               R"([{"vendor":"QEMU    ","product":" QEMU HARDDISK ","device_type":"Direct Access Device",)"
               R"("serial_number":"drive-scsi0-0-0-0-serial","firmware_revision":"2.5+","port":10,"target":3,"bus":1,)"
               R"("lun":16384}])");
@@ -241,28 +279,118 @@ TEST(DeviceJson, HoldsTheFieldsInTheOrderOfTheRecordAndUntrimmed)
 
 TEST(DeviceJson, EmptyTextsAndAddressFieldsAreNull)
 {
-    EXPECT_EQ(Describe({SystemDevice()}).records().dump(),
+    EXPECT_EQ(RecordsOf(Describe({SystemDevice()})).dump(),
               R"([{"vendor":null,"product":null,"device_type":null,"serial_number":null,"firmware_revision":null,)"
               R"("port":null,"target":null,"bus":null,"lun":null}])");
 }
 
 TEST(DeviceJson, ZerosAndTheLargestNumberAreNumbers)
 {
-    EXPECT_EQ(JsonNumber("0"), 0);
-    EXPECT_EQ(JsonNumber("65535"), 65535);
+    EXPECT_EQ(AddressNumber("0"), 0);
+    EXPECT_EQ(AddressNumber("65535"), 65535);
 }
 
 TEST(DeviceJson, WhatIsNoAddressNumberIsNull)
 {
     for (const char* field : {"", "x", "1x", " 1", "-1", "65536", "0x1"}) {
-        EXPECT_TRUE(JsonNumber(field).is_null()) << field;
+        EXPECT_TRUE(AddressNumber(field).is_null()) << field;
     }
 }
 
 TEST(DeviceJson, BlankTextIsNotAnEmptyText)
 {
-    EXPECT_EQ(JsonText("  "), "  ");
+    EXPECT_EQ(Parsed([](JsonWriter& json) { json.RecordText("  "); }), "  ");
 }
+
+TEST(JsonWriter, EveryByteAtEveryPlaceIsReadBackAsItWas)
+{
+    constexpr int bytes = 256;
+    constexpr std::size_t longest = 19;
+    for (int byte = 0; byte < bytes; ++byte) {
+        for (std::size_t size = 1; size <= longest; ++size) {
+            for (std::size_t place = 0; place < size; ++place) {
+                std::string text(size, 'x');
+                text[place] = static_cast<char>(byte);
+                JsonWriter json;
+                json.Text(text);
+                const std::string document = json.Document();
+                for (const char c : document.substr(0, document.size() - 1)) {
+                    ASSERT_TRUE(c >= 0x20 && c < 0x7f) << document;
+                }
+                ASSERT_EQ(nlohmann::json::parse(document), ValidUtf8(text)) << document;
+            }
+        }
+    }
+}
+
+TEST(JsonWriter, EscapesWhatIsNotPrintableAscii)
+{
+    JsonWriter json;
+    json.Text("\"\\/\b\f\n\r\t\x01\x7f\u00e9\u2028\U0001f4be\xff");
+    EXPECT_EQ(json.Document(), R"("\"\\/\b\f\n\r\t\u0001\u007F\u00E9\u2028\uD83D\uDCBE\uFFFD")"
+                               "\n");
+}
+
+TEST(JsonWriter, IndentsByTwoBlanks)
+{
+    JsonWriter json;
+    json.BeginObject();
+    json.Key("list");
+    json.BeginArray();
+    json.Number(-1);
+    json.Number(4294967295U);
+    json.Number(1.5);
+    json.Number(10.0);
+    json.Boolean(true);
+    json.Boolean(false);
+    json.Null();
+    json.Text("");
+    json.RecordText("");
+    json.EndArray();
+    json.Key("empty list");
+    json.BeginArray();
+    json.EndArray();
+    json.Key("empty object");
+    json.BeginObject();
+    json.EndObject();
+    json.EndObject();
+    EXPECT_EQ(json.Document(), "{\n"
+                               "  \"list\": [\n"
+                               "    -1,\n"
+                               "    4294967295,\n"
+                               "    1.5,\n"
+                               "    10.0,\n"
+                               "    true,\n"
+                               "    false,\n"
+                               "    null,\n"
+                               "    \"\",\n"
+                               "    null\n"
+                               "  ],\n"
+                               "  \"empty list\": [],\n"
+                               "  \"empty object\": {}\n"
+                               "}\n");
+}
+
+TEST(JsonWriter, ATextTooLongToBeCountedIsRefused)
+{
+    EXPECT_EQ(JsonSize(268435456), 268435456U);
+    EXPECT_THROW(JsonSize(268435457), std::length_error);
+}
+
+#ifdef MALLOC_MAY_FAIL
+TEST(JsonMemory, ThatRunsOutIsNoticed)
+{
+    constexpr std::size_t moreThanThereIs = std::numeric_limits<std::size_t>::max() / 2;
+    // Volatile, or a compiler may leave out the allocation that nothing uses.
+    void* volatile block = nullptr;
+    EXPECT_THROW(block = JsonMemory::Malloc(moreThanThereIs), std::bad_alloc);
+    block = JsonMemory::Malloc(1);
+    *static_cast<char*>(block) = 'x';
+    EXPECT_THROW(block = JsonMemory::Realloc(block, 1, moreThanThereIs), std::bad_alloc);
+    EXPECT_EQ(*static_cast<char*>(block), 'x');
+    EXPECT_EQ(JsonMemory::Realloc(block, 1, 0), nullptr);
+}
+#endif
 
 TEST(JsonDocument, IsCompleteWithoutDevices)
 {
@@ -285,14 +413,14 @@ TEST(JsonDocument, IsAsciiWithoutControlCharactersAndParsesWhateverTheDevicesSay
                 ASSERT_TRUE((c >= 0x20 && c < 0x7f) || c == '\n') << text;
             }
             const auto document = nlohmann::ordered_json::parse(text);
-            EXPECT_EQ(document.at(report.recordsKey), report.records());
+            EXPECT_EQ(document.at(report.recordsKey), RecordsOf(report));
             for (const char c : report.remark) {
                 EXPECT_TRUE(c >= 0x20 && c < 0x7f) << report.remark;
             }
         }
-        EXPECT_EQ(Describe({device}).records().at(0).at("serial_number"), JsonText(device.serial_number));
-        EXPECT_EQ(DescribeFirmware(0, {identity}).records().at(0).at("VersionString"),
-                  JsonText(identity.VersionString));
+        EXPECT_EQ(RecordsOf(Describe({device})).at(0).at("serial_number"), ExpectedText(device.serial_number));
+        EXPECT_EQ(RecordsOf(DescribeFirmware(0, {identity})).at(0).at("VersionString"),
+                  ExpectedText(identity.VersionString));
     }
 }
 
@@ -345,7 +473,7 @@ TEST(Optical, EachCapabilityHasItsOwnWordAndKey)
         const Report report = DescribeOptical(0, {drive});
         EXPECT_EQ(report.sheet({}).rows.at(0).at(column), word);
         EXPECT_EQ(report.sheet({}).rows.at(0).at(column == 3 ? 4 : 3), "-");
-        nlohmann::ordered_json object = report.records().at(0);
+        nlohmann::ordered_json object = RecordsOf(report).at(0);
         EXPECT_EQ(object.at(key), "Yes") << key;
         object[key] = "No";
         EXPECT_EQ(object.dump(), R"({"drive_name_":"/dev/sr0","vendor_":"QEMU    ","product_":"QEMU DVD-ROM    ",)"
@@ -376,7 +504,7 @@ TEST(Firmware, TableHoldsIdVersionAndSerial)
 
 TEST(Firmware, KeysAreThePropertyNamesInOrder)
 {
-    const auto object = DescribeFirmware(0, {ZDOptions::SoftwareIdentity_()}).records().at(0);
+    const auto object = RecordsOf(DescribeFirmware(0, {ZDOptions::SoftwareIdentity_()})).at(0);
     std::vector<std::string> keys;
     for (const auto& item : object.items()) {
         keys.push_back(item.key());

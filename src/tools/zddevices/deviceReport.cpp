@@ -45,22 +45,26 @@ const std::vector<DeviceColumn>& Columns()
     return columns;
 }
 
-nlohmann::ordered_json Object(const SystemDevice& device)
+void WriteObject(const SystemDevice& device, JsonWriter& json)
 {
-    // Not by a list of pairs, out of which every text would be copied once more; and with room for all of them at once.
-    nlohmann::ordered_json object = nlohmann::ordered_json::object();
-    constexpr std::size_t fieldCount = 9;
-    object.get_ref<nlohmann::ordered_json::object_t&>().reserve(fieldCount);
-    object["vendor"] = JsonText(device.vendor);
-    object["product"] = JsonText(device.product);
-    object["device_type"] = JsonText(device.device_type);
-    object["serial_number"] = JsonText(device.serial_number);
-    object["firmware_revision"] = JsonText(device.firmware_revision);
-    object["port"] = JsonNumber(device.port);
-    object["target"] = JsonNumber(device.target);
-    object["bus"] = JsonNumber(device.bus);
-    object["lun"] = JsonNumber(device.lun);
-    return object;
+    json.Key("vendor");
+    json.RecordText(device.vendor);
+    json.Key("product");
+    json.RecordText(device.product);
+    json.Key("device_type");
+    json.RecordText(device.device_type);
+    json.Key("serial_number");
+    json.RecordText(device.serial_number);
+    json.Key("firmware_revision");
+    json.RecordText(device.firmware_revision);
+    json.Key("port");
+    json.AddressNumber(device.port);
+    json.Key("target");
+    json.AddressNumber(device.target);
+    json.Key("bus");
+    json.AddressNumber(device.bus);
+    json.Key("lun");
+    json.AddressNumber(device.lun);
 }
 
 }  // namespace
@@ -86,7 +90,7 @@ Report DescribeDevices(unsigned int status, std::vector<SystemDevice> devices,
     report.recordsKey = "devices";
     report.status = status;
     report.nothingFound = NothingFound(type);
-    ComposeFrom(std::move(devices), Columns(), Object, report);
+    ComposeFrom(std::move(devices), Columns(), WriteObject, report);
     return report;
 }
 

@@ -1,11 +1,16 @@
 #include "tools/zddevices/doctorReport.h"
 
 #include <boost/format.hpp>
+#include <charconv>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "tools/zddevices/parcel.h"
 #include "tools/zddevices/text.h"
 
 namespace Zendra {
@@ -13,7 +18,6 @@ namespace ZDDevices {
 
 namespace {
 
-using nlohmann::ordered_json;
 using ZDSystemDevice::SysDeviceType;
 
 struct ClassWords {
@@ -56,43 +60,115 @@ const char* WordOf(Visibility visibility)
     return "";
 }
 
-ordered_json ErrorObject(int error)
+void WriteError(int error, JsonWriter& json)
 {
     if (error == 0) {
-        return nullptr;
+        json.Null();
+        return;
     }
+    json.BeginObject();
+    json.Key("number");
+    json.Number(error);
+    json.Key("name");
     const char* name = strerrorname_np(error);
-    return {{"number", error},
-            {"name", name != nullptr ? ordered_json(name) : ordered_json()},
-            {"text", std::generic_category().message(error)}};
-}
-
-ordered_json FindingObject(const Finding& finding)
-{
-    ordered_json questions = ordered_json::array();
-    for (const Question& question : finding.questions) {
-        questions.push_back({{"request", question.request},
-                             {"asks", question.asks},
-                             {"error", ErrorObject(question.error)},
-                             {"remark", JsonText(question.remark)}});
+    if (name != nullptr) {
+        json.Text(name);
+    } else {
+        json.Null();
     }
-    return {{"path", ValidUtf8(finding.path)},
-            {"visibility", WordOf(finding.visibility)},
-            {"asked_through", JsonText(finding.askedThrough)},
-            {"open_error", ErrorObject(finding.openError)},
-            {"vendor", JsonText(finding.vendor)},
-            {"product", JsonText(finding.product)},
-            {"questions", questions}};
+    json.Key("text");
+    json.Text(std::generic_category().message(error));
+    json.EndObject();
 }
 
-int ErrorOf(const ordered_json& object)
+void WriteQuestion(const Question& question, JsonWriter& json)
 {
-    return object.is_null() ? 0 : object.at("number").get<int>();
+    json.BeginObject();
+    json.Key("request");
+    json.Text(question.request);
+    json.Key("asks");
+    json.Text(question.asks);
+    json.Key("error");
+    WriteError(question.error, json);
+    json.Key("remark");
+    json.RecordText(question.remark);
+    json.EndObject();
 }
 
-std::string TextOf(const ordered_json& text)
+void WriteFinding(const Finding& finding, JsonWriter& json)
 {
-    return text.is_null() ? std::string() : text.get<std::string>();
+    json.BeginObject();
+    json.Key("path");
+    json.Text(finding.path);
+    json.Key("visibility");
+    json.Text(WordOf(finding.visibility));
+    json.Key("asked_through");
+    json.RecordText(finding.askedThrough);
+    json.Key("open_error");
+    WriteError(finding.openError, json);
+    json.Key("vendor");
+    json.RecordText(finding.vendor);
+    json.Key("product");
+    json.RecordText(finding.product);
+    json.Key("questions");
+    json.BeginArray();
+    for (const Question& question : finding.questions) {
+        WriteQuestion(question, json);
+    }
+    json.EndArray();
+    json.EndObject();
+}
+
+void WriteTexts(const std::vector<std::string>& texts, JsonWriter& json)
+{
+    json.BeginArray();
+    for (const std::string& text : texts) {
+        json.Text(text);
+    }
+    json.EndArray();
+}
+
+/** An error number out of its decimal digits. */
+bool ReadError(const std::string& digits, int& error)
+{
+    const char* end = digits.data() + digits.size();
+    const std::from_chars_result result = std::from_chars(digits.data(), end, error);
+    return result.ec == std::errc() && result.ptr == end;
+}
+
+/** The first row of a packed finding. */
+bool ReadFile(std::vector<std::string>& texts, Finding& finding)
+{
+    constexpr std::size_t textCount = 5;
+    if (texts.size() != textCount || !ReadError(texts[2], finding.openError)) {
+        return false;
+    }
+    finding.path = std::move(texts[0]);
+    finding.askedThrough = std::move(texts[1]);
+    finding.vendor = std::move(texts[3]);
+    finding.product = std::move(texts[4]);
+    return true;
+}
+
+/** Each other row. */
+bool ReadQuestion(std::vector<std::string>& texts, Question& question)
+{
+    constexpr std::size_t textCount = 4;
+    if (texts.size() != textCount || !ReadError(texts[2], question.error)) {
+        return false;
+    }
+    question.request = std::move(texts[0]);
+    question.asks = std::move(texts[1]);
+    question.remark = std::move(texts[3]);
+    return true;
+}
+
+void AddRow(const std::vector<std::string>& texts, Parcel& parcel)
+{
+    parcel.BeginRow();
+    for (const std::string& text : texts) {
+        parcel.Add(ValidUtf8(text));
+    }
 }
 
 std::string DescribeSg(const Diagnosis& diagnosis)
@@ -215,57 +291,79 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width)
 
 std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const Occasion& occasion)
 {
-    ordered_json classes = ordered_json::array();
+    JsonWriter json;
+    BeginDocument(json, "zddevices-doctor/1", occasion);
+    json.Key("all_visible");
+    json.Boolean(diagnosis.AllVisible());
+    json.Key("sg_driver");
+    json.BeginObject();
+    json.Key("loaded");
+    json.Boolean(diagnosis.facts.sgLoaded);
+    json.Key("modprobe_finds_it");
+    json.Boolean(diagnosis.facts.modprobeFindsSg);
+    json.Key("may_be_loaded");
+    json.Boolean(diagnosis.facts.mayLoadModules);
+    json.Key("used");
+    json.Boolean(diagnosis.sgUsed);
+    json.EndObject();
+    json.Key("directory_error");
+    WriteError(diagnosis.facts.directoryError, json);
+    json.Key("seconds_per_device");
+    json.Number(diagnosis.patienceSeconds);
+    json.Key("classes");
+    json.BeginArray();
     for (const ClassFindings& one : diagnosis.classes) {
-        ordered_json files = ordered_json::array();
+        json.BeginObject();
+        json.Key("type");
+        json.Text(WordsOf(one.type).word);
+        json.Key("device_files");
+        json.BeginArray();
         for (const Finding& finding : one.findings) {
-            files.push_back(FindingObject(finding));
+            WriteFinding(finding, json);
         }
-        classes.push_back({{"type", WordsOf(one.type).word}, {"device_files", files}});
+        json.EndArray();
+        json.EndObject();
     }
-    ordered_json notLookedAt = ordered_json::array();
-    for (const std::string& path : diagnosis.notLookedAt) {
-        notLookedAt.push_back(ValidUtf8(path));
-    }
-    ordered_json document = BeginDocument("zddevices-doctor/1", occasion);
-    document["all_visible"] = diagnosis.AllVisible();
-    document["sg_driver"] = {{"loaded", diagnosis.facts.sgLoaded},
-                             {"modprobe_finds_it", diagnosis.facts.modprobeFindsSg},
-                             {"may_be_loaded", diagnosis.facts.mayLoadModules},
-                             {"used", diagnosis.sgUsed}};
-    document["directory_error"] = ErrorObject(diagnosis.facts.directoryError);
-    document["seconds_per_device"] = diagnosis.patienceSeconds;
-    document["classes"] = classes;
-    document["not_looked_at"] = notLookedAt;
-    document["advice"] = diagnosis.advice;
-    return WriteDocument(document);
+    json.EndArray();
+    json.Key("not_looked_at");
+    WriteTexts(diagnosis.notLookedAt, json);
+    json.Key("advice");
+    WriteTexts(diagnosis.advice, json);
+    json.EndObject();
+    return json.Document();
 }
 
 std::string PackFinding(const Finding& finding)
 {
-    return FindingObject(finding).dump();
+    Parcel parcel(static_cast<std::uint32_t>(finding.visibility));
+    AddRow({finding.path, finding.askedThrough, std::to_string(finding.openError), finding.vendor, finding.product},
+           parcel);
+    for (const Question& question : finding.questions) {
+        AddRow({question.request, question.asks, std::to_string(question.error), question.remark}, parcel);
+    }
+    return parcel.Bytes();
 }
 
 Finding UnpackFinding(const std::string& bytes)
 {
-    const ordered_json object = ordered_json::parse(bytes);
+    constexpr std::size_t widestRow = 5;
     Finding finding;
-    finding.path = object.at("path");
-    const std::string word = object.at("visibility");
-    for (const auto& [value, known] : visibilityWords) {
-        if (word == known) {
-            finding.visibility = value;
+    bool fileIsRead = false;
+    const std::optional<std::uint32_t> visibility =
+        Unpack(bytes, widestRow, [&finding, &fileIsRead](std::vector<std::string>& texts) {
+            if (fileIsRead) {
+                return ReadQuestion(texts, finding.questions.emplace_back());
+            }
+            fileIsRead = true;
+            return ReadFile(texts, finding);
+        });
+    if (visibility && *visibility <= static_cast<std::uint32_t>(Visibility::NotAsked)) {
+        finding.visibility = static_cast<Visibility>(*visibility);
+        if (PackFinding(finding) == bytes) {
+            return finding;
         }
     }
-    finding.askedThrough = TextOf(object.at("asked_through"));
-    finding.openError = ErrorOf(object.at("open_error"));
-    finding.vendor = TextOf(object.at("vendor"));
-    finding.product = TextOf(object.at("product"));
-    for (const ordered_json& question : object.at("questions")) {
-        finding.questions.push_back({question.at("request"), question.at("asks"), ErrorOf(question.at("error")),
-                                     TextOf(question.at("remark"))});
-    }
-    return finding;
+    throw std::runtime_error("a process gave no proper finding");
 }
 
 }  // namespace ZDDevices

@@ -26,9 +26,9 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width = 0);
 /** For programs; ASCII, ended by a line end. */
 std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const Occasion& occasion);
 
-/** A finding on its way between two processes: bytes that UnpackFinding() understands. */
+/** A finding on its way between two processes: bytes that UnpackFinding() understands. Its texts become UTF-8. */
 std::string PackFinding(const Finding& finding);
-/** @throws nlohmann::json::exception for bytes that PackFinding() did not make. */
+/** @throws std::runtime_error for bytes that PackFinding() did not make. */
 Finding UnpackFinding(const std::string& bytes);
 
 }  // namespace ZDDevices

@@ -47,28 +47,48 @@ const std::vector<RecordColumn<SoftwareIdentity_>>& Columns()
 }
 
 /** The CIM properties; the record's last three fields are none. */
-nlohmann::ordered_json Object(const SoftwareIdentity_& identity)
+void WriteObject(const SoftwareIdentity_& identity, JsonWriter& json)
 {
-    return {{"Description", JsonText(identity.Description)},
-            {"ElementName", JsonText(identity.ElementName)},
-            {"ProductName", JsonText(identity.ProductName)},
-            {"Manufacturer", JsonText(identity.Manufacturer)},
-            {"Name", JsonText(identity.Name)},
-            {"VersionString", JsonText(identity.VersionString)},
-            {"Classifications", JsonText(identity.Classifications)},
-            {"ClassificationDescriptions", JsonText(identity.ClassificationDescriptions)},
-            {"IdentityInfoValue", JsonText(identity.IdentityInfoValue)},
-            {"SoftwareID", JsonText(identity.SoftwareID)},
-            {"SubDeviceID", JsonText(identity.SubDeviceID)},
-            {"ReleaseDate", JsonText(identity.ReleaseDate)},
-            {"SoftwareStatus", JsonText(identity.SoftwareStatus)},
-            {"SoftwareRole", JsonText(identity.SoftwareRole)},
-            {"IdentityInfoType", JsonText(identity.IdentityInfoType)},
-            {"IsPLDMUpdateSupported", JsonText(identity.IsPLDMUpdateSupported)},
-            {"InstanceID", JsonText(identity.InstanceID)},
-            {"AssociatedAdapterSlot", JsonText(identity.AssociatedAdapterSlot)},
-            {"LastUpdateError", JsonText(identity.LastUpdateError)},
-            {"LastUpdateErrorString", JsonText(identity.LastUpdateErrorString)}};
+    json.Key("Description");
+    json.RecordText(identity.Description);
+    json.Key("ElementName");
+    json.RecordText(identity.ElementName);
+    json.Key("ProductName");
+    json.RecordText(identity.ProductName);
+    json.Key("Manufacturer");
+    json.RecordText(identity.Manufacturer);
+    json.Key("Name");
+    json.RecordText(identity.Name);
+    json.Key("VersionString");
+    json.RecordText(identity.VersionString);
+    json.Key("Classifications");
+    json.RecordText(identity.Classifications);
+    json.Key("ClassificationDescriptions");
+    json.RecordText(identity.ClassificationDescriptions);
+    json.Key("IdentityInfoValue");
+    json.RecordText(identity.IdentityInfoValue);
+    json.Key("SoftwareID");
+    json.RecordText(identity.SoftwareID);
+    json.Key("SubDeviceID");
+    json.RecordText(identity.SubDeviceID);
+    json.Key("ReleaseDate");
+    json.RecordText(identity.ReleaseDate);
+    json.Key("SoftwareStatus");
+    json.RecordText(identity.SoftwareStatus);
+    json.Key("SoftwareRole");
+    json.RecordText(identity.SoftwareRole);
+    json.Key("IdentityInfoType");
+    json.RecordText(identity.IdentityInfoType);
+    json.Key("IsPLDMUpdateSupported");
+    json.RecordText(identity.IsPLDMUpdateSupported);
+    json.Key("InstanceID");
+    json.RecordText(identity.InstanceID);
+    json.Key("AssociatedAdapterSlot");
+    json.RecordText(identity.AssociatedAdapterSlot);
+    json.Key("LastUpdateError");
+    json.RecordText(identity.LastUpdateError);
+    json.Key("LastUpdateErrorString");
+    json.RecordText(identity.LastUpdateErrorString);
 }
 
 }  // namespace
@@ -80,7 +100,7 @@ Report DescribeFirmware(unsigned int status, std::vector<SoftwareIdentity_> iden
     report.recordsKey = "identities";
     report.status = status;
     report.nothingFound = "No disk firmware found.";
-    ComposeFrom(std::move(identities), Columns(), Object, report);
+    ComposeFrom(std::move(identities), Columns(), WriteObject, report);
     return report;
 }
 

@@ -70,19 +70,30 @@ const std::vector<RecordColumn<OpticalProperty>>& Columns()
     return columns;
 }
 
-nlohmann::ordered_json Object(const OpticalProperty& drive)
+void WriteObject(const OpticalProperty& drive, JsonWriter& json)
 {
-    return {{"drive_name_", JsonText(drive.drive_name_)},
-            {"vendor_", JsonText(drive.vendor_)},
-            {"product_", JsonText(drive.product_)},
-            {"dvd_ram_write_", JsonText(drive.dvd_ram_write_)},
-            {"cd_rw_write_", JsonText(drive.cd_rw_write_)},
-            {"cd_r_write_", JsonText(drive.cd_r_write_)},
-            {"dvd_read_", JsonText(drive.dvd_read_)},
-            {"dvd_r_write_", JsonText(drive.dvd_r_write_)},
-            {"mrw_r_", JsonText(drive.mrw_r_)},
-            {"mrw_w_", JsonText(drive.mrw_w_)},
-            {"ram_w_", JsonText(drive.ram_w_)}};
+    json.Key("drive_name_");
+    json.RecordText(drive.drive_name_);
+    json.Key("vendor_");
+    json.RecordText(drive.vendor_);
+    json.Key("product_");
+    json.RecordText(drive.product_);
+    json.Key("dvd_ram_write_");
+    json.RecordText(drive.dvd_ram_write_);
+    json.Key("cd_rw_write_");
+    json.RecordText(drive.cd_rw_write_);
+    json.Key("cd_r_write_");
+    json.RecordText(drive.cd_r_write_);
+    json.Key("dvd_read_");
+    json.RecordText(drive.dvd_read_);
+    json.Key("dvd_r_write_");
+    json.RecordText(drive.dvd_r_write_);
+    json.Key("mrw_r_");
+    json.RecordText(drive.mrw_r_);
+    json.Key("mrw_w_");
+    json.RecordText(drive.mrw_w_);
+    json.Key("ram_w_");
+    json.RecordText(drive.ram_w_);
 }
 
 }  // namespace
@@ -104,7 +115,7 @@ Report DescribeOptical(unsigned int status, std::vector<OpticalProperty> drives)
         report.remark = "this host has several optical drives; the library describes one only, so what these can read "
                         "and write is not known";
     }
-    ComposeFrom(std::move(drives), Columns(), Object, report);
+    ComposeFrom(std::move(drives), Columns(), WriteObject, report);
     return report;
 }
 

@@ -10,12 +10,12 @@
 
 #include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tools/zddevices/columns.h"
+#include "tools/zddevices/json.h"
 #include "tools/zddevices/table.h"
 
 namespace Zendra {
@@ -46,16 +46,18 @@ struct Report {
     std::string nothingFound;
     /** What must be known to read the records rightly; for standard error, empty when there is nothing. */
     std::string remark;
-    /** Composes the records for programs: an array of objects. */
-    std::function<nlohmann::ordered_json()> records;
+    /** Writes the records for programs: an array of objects. */
+    std::function<void(JsonWriter& json)> records;
 };
 
 /**
- * @brief Has `report` compose its table from `records` by `columns`, and its objects by the function for one record.
+ * @brief Has `report` compose its table from `records` by `columns`, and write their array by the function for one
+ * record.
  * @param columns must live as long as the report.
+ * @param writeObject writes keys and values into the object, which is open.
  */
-template <typename Record, typename MakeObject>
-void ComposeFrom(std::vector<Record> records, const std::vector<RecordColumn<Record>>& columns, MakeObject makeObject,
+template <typename Record, typename WriteObject>
+void ComposeFrom(std::vector<Record> records, const std::vector<RecordColumn<Record>>& columns, WriteObject writeObject,
                  Report& report)
 {
     const auto kept = std::make_shared<const std::vector<Record>>(std::move(records));
@@ -75,13 +77,14 @@ void ComposeFrom(std::vector<Record> records, const std::vector<RecordColumn<Rec
         }
         return sheet;
     };
-    report.records = [kept, makeObject] {
-        nlohmann::ordered_json objects = nlohmann::ordered_json::array();
-        objects.get_ref<nlohmann::ordered_json::array_t&>().reserve(kept->size());
+    report.records = [kept, writeObject](JsonWriter& json) {
+        json.BeginArray();
         for (const Record& record : *kept) {
-            objects.push_back(makeObject(record));
+            json.BeginObject();
+            writeObject(record, json);
+            json.EndObject();
         }
-        return objects;
+        json.EndArray();
     };
 }
 
