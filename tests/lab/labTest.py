@@ -75,6 +75,12 @@ class GuestTest(unittest.TestCase):
 
 
 class CommandLineTest(unittest.TestCase):
+    def testATestTakesNothingIntoTheGuestThatItsTopologyDoesNotName(self):
+        done = subprocess.run([HERE / "lab", "test", "one-of-each", "--add", "/bin/true"], capture_output=True, text=True,
+                              check=False)
+        self.assertEqual(2, done.returncode)
+        self.assertIn("unrecognized arguments: --add /bin/true", done.stderr)
+
     def testAnUnknownTopologyIsAFailureOfTheLab(self):
         done = subprocess.run([HERE / "lab", "run", "nowhere"], capture_output=True, text=True, check=False)
         self.assertEqual(125, done.returncode)
