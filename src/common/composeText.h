@@ -15,28 +15,32 @@
 
 namespace Zendra {
 
+/** Not for callers. */
 namespace Internal {
 
+/** Digits of the largest number. */
 constexpr std::size_t longestNumber = std::numeric_limits<std::uint16_t>::digits10 + 1;
 
-/** Room for a part of a text, and how it is written there: both for each kind of part. */
+/** Bytes that a literal takes at most, as a part of a text. */
 template <std::size_t size>
 constexpr std::size_t RoomFor(const char (&/*literal*/)[size])
 {
     return size - 1;
 }
 
+/** Bytes that a text takes at most. */
 inline std::size_t RoomFor(std::string_view text)
 {
     return text.size();
 }
 
+/** Bytes that a number takes at most. */
 constexpr std::size_t RoomFor(std::uint16_t /*number*/)
 {
     return longestNumber;
 }
 
-/** The end of what was written. */
+/** Writes a literal to `out`; the end of what was written. */
 template <std::size_t size>
 char* Write(char* out, const char (&literal)[size])
 {
@@ -44,11 +48,13 @@ char* Write(char* out, const char (&literal)[size])
     return out + (size - 1);
 }
 
+/** Writes a text to `out`; the end of what was written. */
 inline char* Write(char* out, std::string_view text)
 {
     return out + text.copy(out, text.size());
 }
 
+/** Writes a number to `out` in decimal digits; the end of what was written. */
 inline char* Write(char* out, std::uint16_t number)
 {
     return std::to_chars(out, out + longestNumber, number).ptr;
@@ -56,6 +62,7 @@ inline char* Write(char* out, std::uint16_t number)
 
 }  // namespace Internal
 
+/** The number in decimal digits. */
 inline std::string DecimalText(std::uint16_t number)
 {
     char digits[Internal::longestNumber];

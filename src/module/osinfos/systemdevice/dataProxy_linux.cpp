@@ -177,28 +177,31 @@ bool BothNamesEmpty(const BusDevice& bus)
     return bus.vendorId.empty() && bus.productId.empty();
 }
 
-const char* DeviceTypeText(unsigned char code)
+std::string_view DeviceTypeText(unsigned char code)
 {
     // 10 and 11 share a text and 16 has none; required.
-    static const std::array<const char*, 18> texts = {"Direct Access Device",
-                                                      "Sequential Access Device",
-                                                      "Printer Device",
-                                                      "Processor Device",
-                                                      "Write-Once Device",
-                                                      "CD-ROM Device",
-                                                      "Scanner Device",
-                                                      "Optical Memory Device",
-                                                      "Medium Changer Device",
-                                                      "Communications Device",
-                                                      "Graphic Arts Device",
-                                                      "Graphic Arts Device",
-                                                      "Storage Array Controller",
-                                                      "Enclosure Device",
-                                                      "Simple Direct Access Device",
-                                                      "Optical Card Reader Device",
-                                                      "",
-                                                      "Optical Based Storage Device"};
-    return code < texts.size() ? texts[code] : "";
+    static constexpr std::array<std::string_view, 18> texts = {"Direct Access Device",
+                                                               "Sequential Access Device",
+                                                               "Printer Device",
+                                                               "Processor Device",
+                                                               "Write-Once Device",
+                                                               "CD-ROM Device",
+                                                               "Scanner Device",
+                                                               "Optical Memory Device",
+                                                               "Medium Changer Device",
+                                                               "Communications Device",
+                                                               "Graphic Arts Device",
+                                                               "Graphic Arts Device",
+                                                               "Storage Array Controller",
+                                                               "Enclosure Device",
+                                                               "Simple Direct Access Device",
+                                                               "Optical Card Reader Device",
+                                                               "",
+                                                               "Optical Based Storage Device"};
+    if (code >= texts.size()) {
+        return {};
+    }
+    return texts[code];
 }
 
 void StoreIdentity(BusDevice& bus)
@@ -556,7 +559,7 @@ void DataProxy::InitBusDev(BusDevice& bus)
 
 std::string DataProxy::GetDeviceTypeString(unsigned char code)
 {
-    return DeviceTypeText(code);
+    return std::string(DeviceTypeText(code));
 }
 
 unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::string>& files)
