@@ -5,6 +5,7 @@
 #ifndef ZENDRA_COMMON_COMPOSETEXT_H
 #define ZENDRA_COMMON_COMPOSETEXT_H
 
+#include <boost/container/small_vector.hpp>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -60,6 +61,19 @@ inline char* Write(char* out, std::uint16_t number)
     return std::to_chars(out, out + longestNumber, number).ptr;
 }
 
+/** Makes a text so long, whatever it holds then. */
+inline void Resize(std::string& text, std::size_t size)
+{
+    text.resize(size);
+}
+
+/** Makes a text so long, whatever it holds then. */
+template <std::size_t usualLength>
+void Resize(boost::container::small_vector<char, usualLength>& text, std::size_t size)
+{
+    text.resize(size, boost::container::default_init);
+}
+
 }  // namespace Internal
 
 /** The number in decimal digits. */
@@ -70,16 +84,19 @@ inline std::string DecimalText(std::uint16_t number)
 }
 
 /**
- * Makes `text` the parts one behind the other: literals, texts, and numbers in decimal digits. No part may lie in
- * `text`, of which only the room is used.
+ * Makes a text of parts, one behind the other.
+ *
+ * @param text  a std::string, or a small_vector of characters for one that is short-lived and needs no memory then.
+ * What it holds is replaced, in the room that it has.
+ * @param parts literals, texts, and numbers, which are written in decimal digits. None may lie in `text`.
  */
-template <typename... Parts>
-void ComposeText(std::string& text, const Parts&... parts)
+template <typename Text, typename... Parts>
+void ComposeText(Text& text, const Parts&... parts)
 {
-    text.resize((Internal::RoomFor(parts) + ...));
+    Internal::Resize(text, (Internal::RoomFor(parts) + ...));
     char* out = text.data();
     ((out = Internal::Write(out, parts)), ...);
-    text.resize(static_cast<std::size_t>(out - text.data()));
+    Internal::Resize(text, static_cast<std::size_t>(out - text.data()));
 }
 
 }  // namespace Zendra

@@ -78,7 +78,7 @@ bool AddNames(const std::vector<std::string>& names, std::string_view prefix, st
     return found.size() > before;
 }
 
-/** The names that the library opens for a class, or for all, each once, in no order. */
+/** Those of the names that the library opens for a class, or for all, in no order. */
 std::vector<std::string> SelectDeviceFiles(const std::vector<std::string>& names, std::optional<SysDeviceType> type)
 {
     const auto wanted = [&](SysDeviceType one) { return !type || *type == one; };
@@ -101,9 +101,14 @@ std::vector<std::string> SelectDeviceFiles(const std::vector<std::string>& names
     return found;
 }
 
-bool IsInNaturalOrder(const std::string& left, const std::string& right)
+/** The names, each once: a directory that changes while it is read may give one twice. */
+std::vector<std::string> InNaturalOrder(std::vector<std::string> names)
 {
-    return strverscmp(left.c_str(), right.c_str()) < 0;
+    std::sort(names.begin(), names.end(), [](const std::string& left, const std::string& right) {
+        return strverscmp(left.c_str(), right.c_str()) < 0;
+    });
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
 }
 
 bool IsPrivilegeLacking(int error)
@@ -152,9 +157,7 @@ std::string OpeningGroup(const std::string& path)
 
 std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names, std::optional<SysDeviceType> type)
 {
-    std::vector<std::string> found = SelectDeviceFiles(names, type);
-    std::sort(found.begin(), found.end(), IsInNaturalOrder);
-    return found;
+    return InNaturalOrder(SelectDeviceFiles(names, type));
 }
 
 std::vector<DeniedFile> FindDeniedFiles(std::optional<SysDeviceType> type)
@@ -179,9 +182,9 @@ std::vector<DeniedFile> FindDeniedFiles(std::optional<SysDeviceType> type)
             deniedNames.push_back(std::move(name));
         }
     }
-    std::sort(deniedNames.begin(), deniedNames.end(), IsInNaturalOrder);
+    const std::vector<std::string> sorted = InNaturalOrder(std::move(deniedNames));
     std::vector<DeniedFile> denied;
-    for (const std::string& name : deniedNames) {
+    for (const std::string& name : sorted) {
         const std::string path = std::string(deviceDirectory) + "/" + name;
         if (!IsDirectory(path)) {
             denied.push_back({path, OpeningGroup(path)});

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/makeRoom.h"
+#include "support/allocations.h"
 
 namespace Zendra {
 namespace {
@@ -57,6 +58,15 @@ TEST(ComposeText, WhatTheTextHeldIsReplacedAndItsRoomUsed)
     EXPECT_EQ(room, text.data());
 }
 
+TEST(ComposeText, ShortLivedTextsGrowBeyondTheirUsualLength)
+{
+    boost::container::small_vector<char, 8> text;
+    for (const std::string& part : {std::string("ab"), std::string(100, 'y'), std::string("c")}) {
+        ComposeText(text, "<", part, std::uint16_t(12), ">");
+        EXPECT_EQ("<" + part + "12>", std::string(text.data(), text.size()));
+    }
+}
+
 TEST(MakeRoom, ThereIsRoomForSoManyMore)
 {
     std::vector<int> list = {1, 2, 3};
@@ -74,6 +84,17 @@ TEST(MakeRoom, RoomThatIsThereIsKept)
     const std::size_t room = list.capacity();
     MakeRoom(list, 50);
     EXPECT_EQ(room, list.capacity());
+}
+
+TEST(MakeRoom, WithoutMemoryForItTheListStays)
+{
+    std::vector<int> list = {1, 2, 3};
+    const int* const elements = list.data();
+    ZendraTest::Allocations::FailAfter(0);
+    MakeRoom(list, 1000);
+    EXPECT_TRUE(ZendraTest::Allocations::StopFailing());
+    EXPECT_EQ(elements, list.data());
+    EXPECT_EQ(std::vector<int>({1, 2, 3}), list);
 }
 
 TEST(MakeRoom, ManySmallStepsMoveTheElementsSeldom)

@@ -16,6 +16,7 @@
 #include <boost/algorithm/string/finder.hpp>
 #include <boost/algorithm/string/iter_find.hpp>
 #include <boost/algorithm/string/trim.hpp>
+#include <boost/container/small_vector.hpp>
 #include <cctype>
 #include <cerrno>
 #include <cstddef>
@@ -28,6 +29,7 @@
 #include <new>
 #include <optional>
 #include <sstream>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -126,11 +128,13 @@ constexpr std::array<OpticalCapability, 8> opticalCapabilities = {{
     {"Can write RAM", &OpticalProperty::ram_w_},
 }};
 
-/** Room for a data-in phase, of which the operator lets the kernel use the first bytes. */
+/** Room for a data-in phase; the operator lets the kernel use the first 255 bytes. */
 using DataInBuffer = std::array<unsigned char, 4096>;
-constexpr std::size_t largestDataIn = 255;
 
 constexpr int sixByteCommand = 6;
+
+/** Room for what StoreBusDev tells of most devices. */
+constexpr std::size_t usualTraceLength = 512;
 
 static_assert(sizeof(sg_scsi_id) == 32, "SG_GET_SCSI_ID answers in 32 bytes");
 static_assert(sizeof(nvme_admin_cmd) == 72, "NVME_IOCTL_ADMIN_CMD takes 72 bytes");
@@ -424,12 +428,14 @@ template <typename Probe>
 void ProbeEach(DataProxy& proxy, std::vector<std::string>& files, BusDevice& bus, std::vector<SystemDevice>& devices,
                Probe probe)
 {
-    MakeRoom(devices, files.size());
+    std::size_t filesLeft = files.size();
     for (std::string& path : files) {
         proxy.InitBusDev(bus);
         if (probe(path) == DEV_SUCCESS) {
+            MakeRoom(devices, filesLeft);
             proxy.StoreBusDev(bus, devices);
         }
+        --filesLeft;
     }
 }
 
@@ -578,7 +584,9 @@ unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::st
             continue;
         }
         ZENDRA_LOG(4, "DataProxy::ScanDeviceFiles() detect file : " << name);
-        files.emplace_back(deviceDirectory).append(name);
+        std::string path(deviceDirectory);
+        path.append(name);
+        files.push_back(std::move(path));
     }
     ZENDRA_LOG(4, "Exit  DataProxy::ScanDeviceFiles() ");
     return 0;
@@ -589,12 +597,12 @@ void DataProxy::StoreBusDev(BusDevice& bus, std::vector<SystemDevice>& devices)
     // Made where it stays: moving nine short texts costs as much as making them.
     const SystemDevice& record = devices.emplace_back(RecordOf{bus});
     // Composed on every call, whatever the log level; required.
-    std::string trace;
+    boost::container::small_vector<char, usualTraceLength> trace;
     ComposeText(trace, "vendor id: ", bus.vendorId, " productId: ", bus.productId, " deviceType: ", bus.deviceType,
                 " serialNum: ", bus.serialNum, " rev: ", bus.revision, " host adapter: ", record.port,
                 " target ID: ", record.target, " bus ", record.bus, " lun ", record.lun, " devId: ", bus.devId,
                 "  otherIdentInfo: ", bus.otherIdentInfo, "\n");
-    ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << trace);
+    ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << std::string_view(trace.data(), trace.size()));
 }
 
 std::string DataProxy::GetFirmwareVersionFilePath(const std::string& path)
@@ -763,8 +771,7 @@ int DataProxy::GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool
     // The whole byte counts, qualifier included: only connected disks and tapes are asked for a serial number.
     const unsigned char qualifierAndType = data[Inquiry::typeByte];
     if (qualifierAndType == Inquiry::typeDisk || qualifierAndType == Inquiry::typeTape) {
-        // All that a command may have written.
-        std::fill_n(data.begin(), largestDataIn, '\0');
+        data.fill(0);
         passThru.cdb = serialinquiry_cmd;
         SendRcvPassthroughCMD(passThru, bus, PT_SERIAL_INQUIRY);
     }

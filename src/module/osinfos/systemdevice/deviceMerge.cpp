@@ -106,13 +106,11 @@ void MergeByAddress(std::vector<SystemDevice> accumulated, std::vector<SystemDev
     }
     std::sort(sorted.begin(), sorted.end(),
               [](const KeyedDevice* left, const KeyedDevice* right) { return left->Precedes(*right); });
+    const auto sameKey = [](const KeyedDevice* left, const KeyedDevice* right) { return left->HasKeyOf(*right); };
+    sorted.erase(std::unique(sorted.begin(), sorted.end(), sameKey), sorted.end());
     MakeRoom(devices, sorted.size());
-    const KeyedDevice* last = nullptr;
     for (const KeyedDevice* one : sorted) {
-        if (last == nullptr || !one->HasKeyOf(*last)) {
-            devices.push_back(std::move(one->Device()));
-        }
-        last = one;
+        devices.push_back(std::move(one->Device()));
     }
 }
 
