@@ -142,6 +142,31 @@ TEST_F(DeviceFileScan, DirectoryStreamIsClosedAfterEveryScan)
     }
 }
 
+TEST_F(DeviceFileScan, WhenMemoryRunsOutTheListHoldsWholePathsOnly)
+{
+    const std::string name = "-with-a-name-that-needs-memory-of-its-own";
+    ListDev({"sg0" + name, "sg1", "sg2" + name});
+    const Lines all = {"kept", "/dev/sg0" + name, "/dev/sg1", "/dev/sg2" + name};
+    Scripted<SCSIProxy> proxy;
+    bool failed = true;
+    std::size_t failures = 0;
+    for (std::size_t succeeding = 0; failed; ++succeeding) {
+        std::string prefix = "sg";
+        Lines files = {"kept"};
+        Allocations::FailAfter(succeeding);
+        try {
+            proxy.ScanDeviceFiles(prefix, files);
+            failed = Allocations::StopFailing();
+        } catch (const std::bad_alloc&) {
+            Allocations::StopFailing();
+            ++failures;
+        }
+        ASSERT_LE(files.size(), all.size());
+        EXPECT_TRUE(std::equal(files.begin(), files.end(), all.begin())) << succeeding;
+    }
+    EXPECT_GE(failures, 4U);
+}
+
 TEST_F(DeviceFileScan, DirectoryStreamIsClosedWhenMemoryRunsOut)
 {
     ListDev({"sg0-with-a-name-that-needs-memory-of-its-own", "sg1-with-a-name-that-needs-memory-of-its-own"});
@@ -618,6 +643,18 @@ TEST_F(DeviceListTest, UnreadableDevAnswersNone)
     Expect<TapeProxy>({}, Join({scan, scan}), 6, {});
     Expect<PhysicalDriveProxy>({}, Join({scan, scan, scan}), 6, {});
     Expect<SCSIProxy>({}, scan, 6, {});
+}
+
+TEST_F(DeviceListTest, DevicesThatDoNotAnswerLeaveTheRecordsWhereTheyAre)
+{
+    ListDev({"sr0", "sr1"});
+    Scripted<CDDVDProxy> proxy({Inquiry("/dev/sr0", {}, 3), AtaIdentify("/dev/sr0", {}, 3), Inquiry("/dev/sr1", {}, 3),
+                                AtaIdentify("/dev/sr1", {}, 3)});
+    std::vector<SystemDevice> devices(1);
+    const SystemDevice* const before = devices.data();
+    EXPECT_EQ(0U, proxy.GetDeviceList(devices));
+    EXPECT_EQ(before, devices.data());
+    EXPECT_EQ(1U, devices.capacity());
 }
 
 TEST_F(DeviceListTest, DevicesThatDoNotAnswerGiveOkAndNoRecord)
