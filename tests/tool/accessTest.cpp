@@ -1,5 +1,10 @@
 #include "tools/zddevices/access.h"
 
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <system_error>
+
 #include "toolTests.h"
 
 namespace Zendra {
@@ -48,6 +53,46 @@ TEST(DeviceFileNames, WithoutAClassEachFileCountsOnce)
 {
     EXPECT_EQ(DeviceFileNames({"sda", "sr0", "st0", "nst0"}, std::nullopt), Names({"sda", "sr0", "st0"}));
     EXPECT_EQ(DeviceFileNames({}, std::nullopt), Names());
+}
+
+/** Without any descriptor left to open. */
+class NoDescriptorLeft {
+public:
+    NoDescriptorLeft()
+    {
+        EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &former));
+        rlimit none = former;
+        none.rlim_cur = 0;
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+    }
+    ~NoDescriptorLeft() { EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &former)); }
+    NoDescriptorLeft(const NoDescriptorLeft&) = delete;
+    NoDescriptorLeft& operator=(const NoDescriptorLeft&) = delete;
+
+private:
+    rlimit former{};
+};
+
+TEST(FindDeniedFiles, DirectoryThatCannotBeListedForAnotherReasonIsAFailure)
+{
+    std::error_code code;
+    std::string message;
+    {
+        const NoDescriptorLeft limit;
+        try {
+            FindDeniedFiles(std::nullopt);
+        } catch (const std::system_error& error) {
+            code = error.code();
+            message = error.what();
+        }
+    }
+    EXPECT_EQ(std::error_code(EMFILE, std::generic_category()), code);
+    EXPECT_EQ("/dev cannot be listed: Too many open files", message);
+}
+
+TEST(DeviceFileNames, NameThatTheDirectoryGaveTwiceCountsOnce)
+{
+    EXPECT_EQ(DeviceFileNames({"sdb", "sda", "sda"}, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE), Names({"sda", "sdb"}));
 }
 
 TEST(DescribeDenied, SaysHowManyWhichAndHowToMendIt)

@@ -9,11 +9,13 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
 
@@ -627,6 +629,24 @@ TEST(Doctor, EndsWithASentenceWhenAllIsWell)
     const std::string text = RenderDiagnosis(Ward({"sda"}).Examine());
     EXPECT_NE(text.find("\nThe library sees everything that has a device file.\n"), std::string::npos);
     EXPECT_EQ(text.find("What to know"), std::string::npos);
+}
+
+TEST(Doctor, AnErrorWithoutANameIsNumberAndText)
+{
+    Ward ward({"sda"});
+    ward.findings["/dev/sda"] = Found(Visibility::CannotBeOpened, 4242);
+    const std::string json = RenderDiagnosisJson(ward.Examine(), {"host", "2024-02-29T12:00:00Z"});
+    std::vector<std::string> found;
+    const std::function<void(const nlohmann::json&)> look = [&](const nlohmann::json& value) {
+        if (value.is_object() && value.contains("number") && value.at("number") == 4242) {
+            found.push_back(value.dump());
+        }
+        if (value.is_structured()) {
+            std::for_each(value.begin(), value.end(), look);
+        }
+    };
+    look(nlohmann::json::parse(json));
+    EXPECT_EQ(found, std::vector<std::string>({R"({"name":null,"number":4242,"text":"Unknown error 4242"})"}));
 }
 
 TEST(Doctor, AFindingComesThroughBetweenProcessesWhole)
