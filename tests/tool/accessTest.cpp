@@ -1,4 +1,4 @@
-#include "tools/zddevices/access.h"
+#include "tools/zddevices/scan/access.h"
 
 #include <sys/resource.h>
 

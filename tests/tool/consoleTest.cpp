@@ -1,4 +1,4 @@
-#include "tools/zddevices/console.h"
+#include "tools/zddevices/output/console.h"
 
 #include <dlfcn.h>
 #include <unistd.h>

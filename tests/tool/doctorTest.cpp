@@ -1,4 +1,4 @@
-#include "tools/zddevices/doctor.h"
+#include "tools/zddevices/doctor/doctor.h"
 
 #include <fcntl.h>
 #include <linux/hdreg.h>
@@ -20,7 +20,7 @@
 #include <stdexcept>
 
 #include "toolTests.h"
-#include "tools/zddevices/doctorReport.h"
+#include "tools/zddevices/doctor/doctorReport.h"
 
 namespace Zendra {
 namespace ZDDevices {

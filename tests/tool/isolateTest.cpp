@@ -15,10 +15,10 @@
 #include <stdexcept>
 
 #include "toolTests.h"
-#include "tools/zddevices/answer.h"
-#include "tools/zddevices/deviceWatch.h"
-#include "tools/zddevices/isolate.h"
-#include "tools/zddevices/progress.h"
+#include "tools/zddevices/scan/answer.h"
+#include "tools/zddevices/scan/deviceWatch.h"
+#include "tools/zddevices/scan/isolate.h"
+#include "tools/zddevices/scan/progress.h"
 
 /** In place of the C library's: what is more than a child and its group is a failure, and stays alive. */
 extern "C" int kill(pid_t process, int signal) noexcept

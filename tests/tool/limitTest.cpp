@@ -9,10 +9,10 @@
 #include "simhost.h"
 #include "simhostTest.h"
 #include "toolTests.h"
-#include "tools/zddevices/deviceReport.h"
-#include "tools/zddevices/inventory.h"
-#include "tools/zddevices/json.h"
-#include "tools/zddevices/table.h"
+#include "tools/zddevices/output/json.h"
+#include "tools/zddevices/output/table.h"
+#include "tools/zddevices/records/deviceReport.h"
+#include "tools/zddevices/scan/inventory.h"
 
 namespace Zendra {
 namespace ZDDevices {

@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "toolTests.h"
-#include "tools/zddevices/isolate.h"
-#include "tools/zddevices/progress.h"
+#include "tools/zddevices/scan/isolate.h"
+#include "tools/zddevices/scan/progress.h"
 
 namespace Zendra {
 namespace ZDDevices {

@@ -3,7 +3,7 @@
 #include <sstream>
 
 #include "toolTests.h"
-#include "tools/zddevices/logControl.h"
+#include "tools/zddevices/scan/logControl.h"
 
 namespace Zendra {
 namespace ZDDevices {

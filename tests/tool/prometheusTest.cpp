@@ -1,11 +1,11 @@
-#include "tools/zddevices/prometheus.h"
+#include "tools/zddevices/output/prometheus.h"
 
 #include <algorithm>
 #include <set>
 #include <sstream>
 
 #include "toolTests.h"
-#include "tools/zddevices/text.h"
+#include "tools/zddevices/output/text.h"
 
 namespace Zendra {
 namespace ZDDevices {

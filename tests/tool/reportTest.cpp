@@ -8,13 +8,13 @@
 #include <tuple>
 
 #include "toolTests.h"
-#include "tools/zddevices/deviceReport.h"
-#include "tools/zddevices/firmwareReport.h"
-#include "tools/zddevices/json.h"
-#include "tools/zddevices/opticalReport.h"
-#include "tools/zddevices/status.h"
-#include "tools/zddevices/table.h"
-#include "tools/zddevices/text.h"
+#include "tools/zddevices/output/json.h"
+#include "tools/zddevices/output/table.h"
+#include "tools/zddevices/output/text.h"
+#include "tools/zddevices/records/deviceReport.h"
+#include "tools/zddevices/records/firmwareReport.h"
+#include "tools/zddevices/records/opticalReport.h"
+#include "tools/zddevices/records/status.h"
 
 // Sanitizers end a program that asks for more memory than there can be.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

@@ -24,7 +24,7 @@
 
 #include "common/logger/logLine.h"
 #include "module/osinfos/systemdevice/deviceCollector.h"
-#include "tools/zddevices/answer.h"
+#include "tools/zddevices/scan/answer.h"
 
 /** Makes the program's children immortal where ZDDEVICES_IMMORTAL is set, as those are whom a device holds. */
 extern "C" int kill(pid_t process, int signal) noexcept

@@ -1,4 +1,4 @@
-#include "tools/zddevices/text.h"
+#include "tools/zddevices/output/text.h"
 
 #include <langinfo.h>
 

@@ -13,21 +13,21 @@
 #include <variant>
 #include <vector>
 
-#include "tools/zddevices/access.h"
-#include "tools/zddevices/console.h"
-#include "tools/zddevices/doctor.h"
-#include "tools/zddevices/doctorReport.h"
+#include "tools/zddevices/doctor/doctor.h"
+#include "tools/zddevices/doctor/doctorReport.h"
 #include "tools/zddevices/exitCode.h"
-#include "tools/zddevices/inventory.h"
-#include "tools/zddevices/json.h"
-#include "tools/zddevices/logging.h"
 #include "tools/zddevices/options.h"
-#include "tools/zddevices/progress.h"
-#include "tools/zddevices/prometheus.h"
-#include "tools/zddevices/scrape.h"
-#include "tools/zddevices/status.h"
-#include "tools/zddevices/table.h"
-#include "tools/zddevices/text.h"
+#include "tools/zddevices/output/console.h"
+#include "tools/zddevices/output/json.h"
+#include "tools/zddevices/output/prometheus.h"
+#include "tools/zddevices/output/table.h"
+#include "tools/zddevices/output/text.h"
+#include "tools/zddevices/records/status.h"
+#include "tools/zddevices/scan/access.h"
+#include "tools/zddevices/scan/inventory.h"
+#include "tools/zddevices/scan/logging.h"
+#include "tools/zddevices/scan/progress.h"
+#include "tools/zddevices/scan/scrape.h"
 
 namespace Zendra {
 namespace ZDDevices {

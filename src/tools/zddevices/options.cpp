@@ -6,10 +6,10 @@
 #include <cmath>
 #include <map>
 
-#include "tools/zddevices/columns.h"
-#include "tools/zddevices/deviceReport.h"
-#include "tools/zddevices/firmwareReport.h"
-#include "tools/zddevices/opticalReport.h"
+#include "tools/zddevices/records/columns.h"
+#include "tools/zddevices/records/deviceReport.h"
+#include "tools/zddevices/records/firmwareReport.h"
+#include "tools/zddevices/records/opticalReport.h"
 
 namespace Zendra {
 namespace ZDDevices {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
-#include "tools/zddevices/table.h"
+#include "tools/zddevices/output/table.h"
 
 namespace Zendra {
 namespace ZDDevices {

@@ -12,8 +12,8 @@
 
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "simulatedHost.h"
-#include "tools/zddevices/deviceReport.h"
-#include "tools/zddevices/json.h"
+#include "tools/zddevices/output/json.h"
+#include "tools/zddevices/records/deviceReport.h"
 
 using namespace Zendra::ZDDevices;
 

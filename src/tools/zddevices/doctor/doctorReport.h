@@ -1,0 +1,37 @@
+/**
+ * @file
+ * @brief A diagnosis in words and as a JSON document.
+ */
+#ifndef ZENDRA_ZDDEVICES_DOCTORREPORT_H
+#define ZENDRA_ZDDEVICES_DOCTORREPORT_H
+
+#include <string>
+
+#include "tools/zddevices/doctor/deviceProbe.h"
+#include "tools/zddevices/doctor/doctor.h"
+#include "tools/zddevices/output/json.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+/** "Permission denied (EACCES)". */
+std::string DescribeError(int error);
+
+/**
+ * @brief For people; fit for a terminal.
+ * @param width the columns of the terminal, at which advice goes on in the next line; 0 for no limit.
+ */
+std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width = 0);
+
+/** For programs; ASCII, ended by a line end. */
+std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const Occasion& occasion);
+
+/** A finding on its way between two processes: bytes that UnpackFinding() understands. Its texts become UTF-8. */
+std::string PackFinding(const Finding& finding);
+/** @throws std::runtime_error for bytes that PackFinding() did not make. */
+Finding UnpackFinding(const std::string& bytes);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

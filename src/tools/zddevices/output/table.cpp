@@ -1,0 +1,100 @@
+#include "tools/zddevices/output/table.h"
+
+#include <libsmartcols/libsmartcols.h>
+
+#include <boost/algorithm/string/trim.hpp>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <stdexcept>
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+struct Unref {
+    void operator()(libscols_table* table) const { scols_unref_table(table); }
+};
+
+struct Free {
+    void operator()(char* text) const { std::free(text); }
+};
+
+/** libsmartcols answers 0 or a negative error number. */
+void Check(int result)
+{
+    if (result == -ENOMEM) {
+        throw std::bad_alloc();
+    }
+    if (result < 0) {
+        throw std::runtime_error("the table could not be laid out");
+    }
+}
+
+template <typename T>
+T* Check(T* made)
+{
+    if (made == nullptr) {
+        throw std::bad_alloc();
+    }
+    return made;
+}
+
+int Flags(Overflow overflow)
+{
+    switch (overflow) {
+    case Overflow::Wrap:
+        return SCOLS_FL_WRAP;
+    case Overflow::Cut:
+        return SCOLS_FL_TRUNC;
+    case Overflow::Keep:
+        break;
+    }
+    return 0;
+}
+
+/** The blanks that pad the last column of a wrapped row are of no use to anybody. */
+std::string WithoutTrailingBlanks(const std::string& text)
+{
+    std::string out;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        boost::algorithm::trim_right_if(line, [](char c) { return c == ' '; });
+        out += line + '\n';
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string RenderTable(const Sheet& sheet, std::size_t width, Headings headings)
+{
+    const std::unique_ptr<libscols_table, Unref> table(Check(scols_new_table()));
+    // The cells have been made printable; a second encoding would escape the escapes.
+    Check(scols_table_enable_noencoding(table.get(), 1));
+    Check(scols_table_enable_noheadings(table.get(), headings == Headings::Left ? 1 : 0));
+    Check(scols_table_set_termforce(table.get(), width > 0 ? SCOLS_TERMFORCE_ALWAYS : SCOLS_TERMFORCE_NEVER));
+    if (width > 0) {
+        Check(scols_table_set_termwidth(table.get(), width));
+    }
+    for (const Column& column : sheet.columns) {
+        Check(scols_table_new_column(table.get(), column.heading.c_str(), column.share, Flags(column.overflow)));
+    }
+    for (const std::vector<std::string>& row : sheet.rows) {
+        libscols_line* line = Check(scols_table_new_line(table.get(), nullptr));
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            Check(scols_line_set_data(line, i, row[i].c_str()));
+        }
+    }
+    char* lines = nullptr;
+    const int result = scols_print_table_to_string(table.get(), &lines);
+    const std::unique_ptr<char, Free> owner(lines);
+    Check(result);
+    return WithoutTrailingBlanks(Check(lines));
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra

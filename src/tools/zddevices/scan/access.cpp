@@ -1,0 +1,223 @@
+#include "tools/zddevices/scan/access.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/algorithm/string/join.hpp>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <memory>
+#include <set>
+#include <string_view>
+#include <system_error>
+
+#include "tools/zddevices/output/text.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+using ZDSystemDevice::SysDeviceType;
+
+constexpr const char* deviceDirectory = "/dev";
+
+/** nvme0n1 at most: the library takes controller nodes and partitions by the length of their names. */
+constexpr std::size_t nvmeControllerLength = 5;
+constexpr std::size_t nvmeDiskLength = 7;
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
+
+bool IsLetter(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+
+bool IsDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+/** Looks at no more of `text` than it must: most names in /dev differ in their first byte. */
+bool BeginsWith(const std::string& text, std::string_view prefix)
+{
+    return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin());
+}
+
+bool IsDeviceFileName(const std::string& name, std::string_view prefix)
+{
+    if (!BeginsWith(name, prefix)) {
+        return false;
+    }
+    if (prefix == "st") {
+        return !IsLetter(name.back());  // mode variants; stdin and its like
+    }
+    if (prefix == "sd") {
+        return !IsDigit(name.back());  // partitions
+    }
+    if (prefix == "nvme") {
+        return name.size() != nvmeControllerLength && name.size() <= nvmeDiskLength;
+    }
+    return true;
+}
+
+/** Adds the names with the prefix; false when there is none. */
+bool AddNames(const std::vector<std::string>& names, std::string_view prefix, std::vector<std::string>& found)
+{
+    const std::size_t before = found.size();
+    std::copy_if(names.begin(), names.end(), std::back_inserter(found),
+                 [&](const std::string& name) { return IsDeviceFileName(name, prefix); });
+    return found.size() > before;
+}
+
+/** Those of the names that the library opens for a class, or for all, in no order. */
+std::vector<std::string> SelectDeviceFiles(const std::vector<std::string>& names, std::optional<SysDeviceType> type)
+{
+    const auto wanted = [&](SysDeviceType one) { return !type || *type == one; };
+    std::vector<std::string> found;
+    if (wanted(ZDSystemDevice::SYS_DEVICE_TAPE) && !AddNames(names, "st", found)) {
+        AddNames(names, "nst", found);
+    }
+    // Without sg files the generic class takes the disks' files, which all classes together have already.
+    if (wanted(ZDSystemDevice::SYS_DEVICE_SCSI) && !AddNames(names, "sg", found) && type) {
+        AddNames(names, "sd", found);
+    }
+    if (wanted(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE)) {
+        for (const char* prefix : {"hd", "sd", "nvme"}) {
+            AddNames(names, prefix, found);
+        }
+    }
+    if (wanted(ZDSystemDevice::SYS_DEVICE_CDDVD)) {
+        AddNames(names, "sr", found);
+    }
+    return found;
+}
+
+/** The names, each once: a directory that changes while it is read may give one twice. */
+std::vector<std::string> InNaturalOrder(std::vector<std::string> names)
+{
+    std::sort(names.begin(), names.end(), [](const std::string& left, const std::string& right) {
+        return strverscmp(left.c_str(), right.c_str()) < 0;
+    });
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+bool IsPrivilegeLacking(int error)
+{
+    return error == EACCES || error == EPERM;
+}
+
+/** @param path relative to the open directory. */
+bool MayNotReadIn(int directory, const char* path)
+{
+    // The effective ids and capabilities count, as they do for open(2): a service may run with CAP_DAC_OVERRIDE.
+    if (faccessat(directory, path, R_OK, AT_EACCESS) == 0) {
+        return false;
+    }
+    if (errno == EPERM) {
+        // Older container filters answer so to the newer of the two system calls, whatever the file is.
+        if (faccessat(directory, path, R_OK, 0) == 0) {
+            return false;
+        }
+    }
+    return IsPrivilegeLacking(errno);
+}
+
+bool IsDirectory(const std::string& path)
+{
+    struct stat state {};
+    return stat(path.c_str(), &state) == 0 && S_ISDIR(state.st_mode);
+}
+
+}  // namespace
+
+bool MayNotRead(const std::string& path)
+{
+    return MayNotReadIn(AT_FDCWD, path.c_str());
+}
+
+std::string OpeningGroup(const std::string& path)
+{
+    struct stat state {};
+    if (stat(path.c_str(), &state) != 0 || state.st_gid == 0 || (state.st_mode & S_IRGRP) == 0) {
+        return {};
+    }
+    const group* entry = getgrgid(state.st_gid);
+    return entry != nullptr ? entry->gr_name : std::to_string(state.st_gid);
+}
+
+std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names, std::optional<SysDeviceType> type)
+{
+    return InNaturalOrder(SelectDeviceFiles(names, type));
+}
+
+std::vector<DeniedFile> FindDeniedFiles(std::optional<SysDeviceType> type)
+{
+    const DirectoryStream directory(opendir(deviceDirectory));
+    std::vector<std::string> names;
+    errno = directory ? 0 : errno;
+    while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
+        names.emplace_back(entry->d_name);
+        errno = 0;
+    }
+    if (errno != 0) {
+        if (IsPrivilegeLacking(errno)) {
+            return {{deviceDirectory, OpeningGroup(deviceDirectory)}};
+        }
+        throw std::system_error(errno, std::generic_category(), std::string(deviceDirectory) + " cannot be listed");
+    }
+    std::vector<std::string> deniedNames;
+    for (std::string& name : SelectDeviceFiles(names, type)) {
+        // By the name alone: there may be a thousand of them, none of which needs its directory looked up.
+        if (MayNotReadIn(dirfd(directory.get()), name.c_str())) {
+            deniedNames.push_back(std::move(name));
+        }
+    }
+    const std::vector<std::string> sorted = InNaturalOrder(std::move(deniedNames));
+    std::vector<DeniedFile> denied;
+    for (const std::string& name : sorted) {
+        const std::string path = std::string(deviceDirectory) + "/" + name;
+        if (!IsDirectory(path)) {
+            denied.push_back({path, OpeningGroup(path)});
+        }
+    }
+    return denied;
+}
+
+std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot)
+{
+    std::vector<std::string> paths;
+    std::set<std::string> groups;
+    for (const DeniedFile& file : files) {
+        paths.push_back(Printable(file.path));
+        if (!file.group.empty()) {
+            groups.insert(Printable(file.group));
+        }
+    }
+    std::string text = std::to_string(files.size()) + (files.size() == 1 ? " device file" : " device files") +
+                       " could not be opened for lack of privilege (" + boost::algorithm::join(paths, ", ") + "); ";
+    if (files.size() == 1 && files.front().path == deviceDirectory) {
+        text = "the device files could not be listed for lack of privilege (/dev); ";
+    }
+    if (userIsRoot) {
+        return text + "even root may not here: grant this container or service access to the devices";
+    }
+    text += "run zddevices as root";
+    if (!groups.empty()) {
+        text += std::string(", or join the ") + (groups.size() == 1 ? "group " : "groups ") +
+                boost::algorithm::join(groups, ", ");
+    }
+    return text;
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra

@@ -1,0 +1,71 @@
+#include "tools/zddevices/scan/logging.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+
+#include "common/logger/log.h"
+#include "tools/zddevices/output/text.h"
+#include "tools/zddevices/scan/logControl.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+/**
+ * A descriptor of our own, closed in children that exec: a forked child logs too, after its standard error has
+ * been led into a pipe.
+ */
+std::atomic<int> logDescriptor{-1};
+
+/** What EnableLog() was told. */
+std::atomic<unsigned int> writtenLevel{0};
+
+std::atomic<DeviceWatch*> followed{nullptr};
+
+constexpr unsigned int levelOfDevices = 4;
+
+void WriteLogLine(unsigned level, const char* file, int line, const std::string& message)
+{
+    if (DeviceWatch* const watch = followed) {
+        watch->Note(message);
+    }
+    if (level > writtenLevel) {
+        return;
+    }
+    const int callersErrno = errno;
+    std::string text = "[" + std::to_string(level) + "] " + (file != nullptr ? file : "?") + ":" +
+                       std::to_string(line) + " " + PrintableLines(message);
+    if (text.back() != '\n') {
+        text += '\n';
+    }
+    while (write(logDescriptor, text.data(), text.size()) < 0 && errno == EINTR) {
+    }
+    errno = callersErrno;
+}
+
+}  // namespace
+
+bool EnableLog(unsigned int level)
+{
+    if (logDescriptor < 0) {
+        logDescriptor = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    }
+    writtenLevel = level;
+    return DirectLog<Log>(level, WriteLogLine);
+}
+
+void FollowDevices(DeviceWatch* watch)
+{
+    if (HandsOverMessages<Log>()) {
+        followed = watch;
+        DirectLog<Log>(watch != nullptr ? levelOfDevices : writtenLevel.load(), WriteLogLine);
+    }
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra
