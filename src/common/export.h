@@ -8,6 +8,12 @@
 #ifndef ZENDRA_COMMON_EXPORT_H
 #define ZENDRA_COMMON_EXPORT_H
 
+// The records hold std::string. The one from before C++11 has another size, so that a program with it would crash
+// on the first record.
+#if defined(_GLIBCXX_USE_CXX11_ABI) && _GLIBCXX_USE_CXX11_ABI == 0
+#error "libdeviceCollector and liblogger use the std::string of C++11: compile without -D_GLIBCXX_USE_CXX11_ABI=0"
+#endif
+
 /** Marks a class, function or record that callers of a shared library of this tree may use. */
 #define ZENDRA_EXPORT __attribute__((visibility("default")))
 
