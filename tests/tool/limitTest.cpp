@@ -54,7 +54,7 @@ std::map<std::string, std::function<Report(const Collection&)>> Reports()
         {"firmware", CollectFirmware},
     };
     for (const DeviceClass& one : deviceClasses) {
-        reports[one.name] = [type = one.type](const Collection& how) { return CollectDevices(type, how); };
+        reports[one.word] = [type = one.type](const Collection& how) { return CollectDevices(type, how); };
     }
     return reports;
 }

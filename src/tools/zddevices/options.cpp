@@ -5,7 +5,9 @@
 #include <charconv>
 #include <cmath>
 #include <map>
+#include <utility>
 
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/records/columns.h"
 #include "tools/zddevices/records/deviceReport.h"
 #include "tools/zddevices/records/firmwareReport.h"
@@ -47,14 +49,12 @@ const char* const footer = "Examples:\n"
                            "     of privilege, or classes that did not answer in time; standard error says\n"
                            "     which and what to do";
 
-const std::map<std::string, ZDSystemDevice::SysDeviceType>& Types()
+std::map<std::string, ZDSystemDevice::SysDeviceType> Types()
 {
-    static const std::map<std::string, ZDSystemDevice::SysDeviceType> types = {
-        {"tape", ZDSystemDevice::SYS_DEVICE_TAPE},
-        {"scsi", ZDSystemDevice::SYS_DEVICE_SCSI},
-        {"disk", ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE},
-        {"optical", ZDSystemDevice::SYS_DEVICE_CDDVD},
-    };
+    std::map<std::string, ZDSystemDevice::SysDeviceType> types;
+    for (const DeviceClass& one : deviceClasses) {
+        types.emplace(one.word, one.type);
+    }
     return types;
 }
 
@@ -81,10 +81,10 @@ std::vector<std::string> KnownColumns(Command command)
 
 /** Accepts the keys of a map, and names them all when it is given something else. */
 template <typename T>
-CLI::Validator OneOf(const std::map<std::string, T>& values)
+CLI::Validator OneOf(std::map<std::string, T> values)
 {
     return CLI::Validator(
-        [&values](const std::string& value) {
+        [values = std::move(values)](const std::string& value) {
             if (values.count(value) > 0) {
                 return std::string();
             }

@@ -14,6 +14,7 @@
 #include <set>
 #include <system_error>
 
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/doctor/doctorReport.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/scan/access.h"
@@ -326,8 +327,8 @@ Diagnosis Diagnose(const HostFacts& facts, std::chrono::nanoseconds patience, co
     diagnosis.facts = facts;
     diagnosis.sgUsed = facts.modprobeFindsSg && (facts.sgLoaded || facts.mayLoadModules);
     diagnosis.patienceSeconds = std::chrono::duration<double>(patience).count();
-    for (const SysDeviceType type : {ZDSystemDevice::SYS_DEVICE_TAPE, ZDSystemDevice::SYS_DEVICE_SCSI,
-                                     ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, ZDSystemDevice::SYS_DEVICE_CDDVD}) {
+    for (const DeviceClass& deviceClass : deviceClasses) {
+        const SysDeviceType type = deviceClass.type;
         std::vector<Patient> patients;
         for (const std::string& name : FilesOf(type, facts, diagnosis.sgUsed)) {
             patients.push_back({deviceDirectory + name, MannerOf(type, name)});

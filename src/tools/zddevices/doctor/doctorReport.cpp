@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/scan/parcel.h"
 
@@ -17,29 +18,6 @@ namespace Zendra {
 namespace ZDDevices {
 
 namespace {
-
-using ZDSystemDevice::SysDeviceType;
-
-struct ClassWords {
-    const char* word;
-    const char* title;
-    const char* files;
-};
-
-ClassWords WordsOf(SysDeviceType type)
-{
-    switch (type) {
-    case ZDSystemDevice::SYS_DEVICE_TAPE:
-        return {"tape", "Tape drives", "/dev/st*, /dev/nst*"};
-    case ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE:
-        return {"disk", "Disks", "/dev/sd*, /dev/hd*, /dev/nvme*"};
-    case ZDSystemDevice::SYS_DEVICE_CDDVD:
-        return {"optical", "Optical drives", "/dev/sr*"};
-    case ZDSystemDevice::SYS_DEVICE_SCSI:
-        break;
-    }
-    return {"scsi", "Generic SCSI devices", "/dev/sg*"};
-}
 
 const std::vector<std::pair<Visibility, const char*>> visibilityWords = {
     {Visibility::Visible, "visible"},
@@ -246,7 +224,7 @@ std::string Item(const std::string& item, std::size_t width)
 
 std::string DescribeClass(const ClassFindings& one, const Diagnosis& diagnosis)
 {
-    const ClassWords words = WordsOf(one.type);
+    const DeviceClass& words = ClassOf(one.type);
     std::string text = std::string(words.title) + ": ";
     const bool inPlaceOfSg = one.type == ZDSystemDevice::SYS_DEVICE_SCSI && !diagnosis.sgUsed;
     if (one.findings.empty()) {
@@ -315,7 +293,7 @@ std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const Occasion& occa
     for (const ClassFindings& one : diagnosis.classes) {
         json.BeginObject();
         json.Key("type");
-        json.Text(WordsOf(one.type).word);
+        json.Text(ClassOf(one.type).word);
         json.Key("device_files");
         json.BeginArray();
         for (const Finding& finding : one.findings) {

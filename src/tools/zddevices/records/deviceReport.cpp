@@ -1,5 +1,6 @@
 #include "tools/zddevices/records/deviceReport.h"
 
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/output/json.h"
 #include "tools/zddevices/output/text.h"
 
@@ -9,23 +10,6 @@ namespace ZDDevices {
 namespace {
 
 using ZDSystemDevice::SystemDevice;
-
-std::string NothingFound(std::optional<ZDSystemDevice::SysDeviceType> type)
-{
-    if (type == ZDSystemDevice::SYS_DEVICE_TAPE) {
-        return "No tape drives found.";
-    }
-    if (type == ZDSystemDevice::SYS_DEVICE_SCSI) {
-        return "No generic SCSI devices found.";
-    }
-    if (type == ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE) {
-        return "No disks found.";
-    }
-    if (type == ZDSystemDevice::SYS_DEVICE_CDDVD) {
-        return "No optical drives found.";
-    }
-    return "No storage devices found.";
-}
 
 using DeviceColumn = RecordColumn<SystemDevice>;
 
@@ -89,7 +73,7 @@ Report DescribeDevices(unsigned int status, std::vector<SystemDevice> devices,
     report.schema = "zddevices/1";
     report.recordsKey = "devices";
     report.status = status;
-    report.nothingFound = NothingFound(type);
+    report.nothingFound = type ? ClassOf(*type).nothingFound : "No storage devices found.";
     ComposeFrom(std::move(devices), Columns(), WriteObject, report);
     return report;
 }

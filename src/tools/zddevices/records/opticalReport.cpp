@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/output/json.h"
 #include "tools/zddevices/output/text.h"
 
@@ -110,7 +111,7 @@ Report DescribeOptical(unsigned int status, std::vector<OpticalProperty> drives)
     report.schema = "zddevices-optical/1";
     report.recordsKey = "drives";
     report.status = status;
-    report.nothingFound = "No optical drives found.";
+    report.nothingFound = ClassOf(ZDSystemDevice::SYS_DEVICE_CDDVD).nothingFound;
     if (std::any_of(drives.begin(), drives.end(), NamesSeveral)) {
         report.remark = "this host has several optical drives; the library describes one only, so what these can read "
                         "and write is not known";

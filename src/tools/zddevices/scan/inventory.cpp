@@ -12,17 +12,7 @@
 namespace Zendra {
 namespace ZDDevices {
 
-const std::array<DeviceClass, 4> deviceClasses = {{
-    {ZDSystemDevice::SYS_DEVICE_TAPE, "tape"},
-    {ZDSystemDevice::SYS_DEVICE_SCSI, "scsi"},
-    {ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, "disk"},
-    {ZDSystemDevice::SYS_DEVICE_CDDVD, "optical"},
-}};
-
 namespace {
-
-constexpr const char* diskClass = "disk";
-constexpr const char* opticalClass = "optical";
 
 /** The answers to the tasks that got one, as one; each record list behind the other. */
 template <typename Record>
@@ -105,7 +95,7 @@ FirmwareAnswer AskForFirmware()
 
 Task MakeDeviceTask(const DeviceClass& deviceClass)
 {
-    return MakeTask<ZDSystemDevice::SystemDevice>(deviceClass.name,
+    return MakeTask<ZDSystemDevice::SystemDevice>(deviceClass.word,
                                                   [type = deviceClass.type] { return AskForDevices(type); });
 }
 
@@ -148,14 +138,16 @@ Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const C
 Report CollectOptical(const Collection& collection)
 {
     std::vector<Unanswered> unanswered;
-    OpticalAnswer answer = Ask<ZDSystemDevice::OpticalProperty>(opticalClass, AskForOptical, collection, unanswered);
+    OpticalAnswer answer = Ask<ZDSystemDevice::OpticalProperty>(ClassOf(ZDSystemDevice::SYS_DEVICE_CDDVD).word,
+                                                                AskForOptical, collection, unanswered);
     return Complete(DescribeOptical(answer.status, std::move(answer.records)), std::move(unanswered));
 }
 
 Report CollectFirmware(const Collection& collection)
 {
     std::vector<Unanswered> unanswered;
-    FirmwareAnswer answer = Ask<ZDOptions::SoftwareIdentity_>(diskClass, AskForFirmware, collection, unanswered);
+    FirmwareAnswer answer = Ask<ZDOptions::SoftwareIdentity_>(ClassOf(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE).word,
+                                                              AskForFirmware, collection, unanswered);
     return Complete(DescribeFirmware(answer.status, std::move(answer.records)), std::move(unanswered));
 }
 

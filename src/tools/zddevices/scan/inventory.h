@@ -5,7 +5,6 @@
 #ifndef ZENDRA_ZDDEVICES_INVENTORY_H
 #define ZENDRA_ZDDEVICES_INVENTORY_H
 
-#include <array>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/records/report.h"
 #include "tools/zddevices/scan/answer.h"
 #include "tools/zddevices/scan/deviceWatch.h"
@@ -23,15 +23,6 @@
 
 namespace Zendra {
 namespace ZDDevices {
-
-/** A class of devices, and the word for it on the command line and in every output. */
-struct DeviceClass {
-    ZDSystemDevice::SysDeviceType type;
-    const char* name;
-};
-
-/** All classes, in the order in which the library's merged list prefers their records. */
-extern const std::array<DeviceClass, 4> deviceClasses;
 
 /**
  * @name Single calls of the facade, in this process. They block.

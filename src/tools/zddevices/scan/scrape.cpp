@@ -43,15 +43,17 @@ std::vector<Question> Questions(const Options& options)
     std::vector<Question> questions;
     for (const DeviceClass& deviceClass : deviceClasses) {
         if (options.command == Command::Devices && (everything || *options.type == deviceClass.type)) {
-            questions.push_back(Ask<SystemDevice>(deviceClass.name, devicesAsked,
+            questions.push_back(Ask<SystemDevice>(deviceClass.word, devicesAsked,
                                                   [type = deviceClass.type] { return AskForDevices(type); }));
         }
     }
     if (everything || options.command == Command::Firmware) {
-        questions.push_back(Ask<SoftwareIdentity_>("disk", firmwareAsked, AskForFirmware));
+        questions.push_back(Ask<SoftwareIdentity_>(ClassOf(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE).word,
+                                                   firmwareAsked, AskForFirmware));
     }
     if (everything || options.command == Command::Optical) {
-        questions.push_back(Ask<OpticalProperty>("optical", capabilitiesAsked, AskForOptical));
+        questions.push_back(
+            Ask<OpticalProperty>(ClassOf(ZDSystemDevice::SYS_DEVICE_CDDVD).word, capabilitiesAsked, AskForOptical));
     }
     return questions;
 }
