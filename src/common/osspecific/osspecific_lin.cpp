@@ -23,6 +23,7 @@
 #include <ctime>
 #include <memory>
 
+#include "common/descriptor.h"
 #include "common/logger/logLine.h"
 
 namespace Zendra {
@@ -41,33 +42,6 @@ constexpr std::uint16_t preferredPort = 5988;
 constexpr std::uint16_t highestPort = 65535;
 constexpr std::uint16_t lowestPort = 1024;
 constexpr std::uint16_t noPort = 65535;
-
-/** A descriptor that is closed exactly once. */
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor = -1) : number(descriptor) {}
-    ~Descriptor() { Close(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int Get() const { return number; }
-    void Close()
-    {
-        if (number >= 0) {
-            close(number);
-        }
-        number = -1;
-    }
-    void Reset(int descriptor)
-    {
-        Close();
-        number = descriptor;
-    }
-    void LeaveOpen() { number = -1; }
-
-private:
-    int number;
-};
 
 /** Descriptor 0 in single-key mode for the life of the object; nothing at all where it is no terminal. */
 class SingleKeyMode {
@@ -148,8 +122,8 @@ struct OutputPipe {
         if (pipe2(ends, O_CLOEXEC) != 0) {
             return false;
         }
-        readEnd.Reset(ends[0]);
-        writeEnd.Reset(ends[1]);
+        readEnd = Descriptor(ends[0]);
+        writeEnd = Descriptor(ends[1]);
         return true;
     }
 
@@ -419,7 +393,7 @@ std::string GetFileContents(int fd, const std::string& path, bool logResult)
 std::string CaptureFile(std::string path)
 {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.Get() < 0) {
+    if (!file.IsOpen()) {
         ZENDRA_LOG(1, "CaptureFile failed to open:");
         return openFailed;
     }
@@ -455,8 +429,8 @@ int SpawnProcess(const std::string& exePath, const std::vector<std::string>& par
     if (child == -1) {
         ZENDRA_LOG(1, "Fork failed \n");
         // The pipe and the argument copies stay behind, as required.
-        pipe.readEnd.LeaveOpen();
-        pipe.writeEnd.LeaveOpen();
+        pipe.readEnd.Release();
+        pipe.writeEnd.Release();
         arguments.Abandon();
         return -1;
     }

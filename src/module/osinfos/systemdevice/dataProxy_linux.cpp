@@ -17,7 +17,6 @@
 #include <boost/algorithm/string/iter_find.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/container/small_vector.hpp>
-#include <cctype>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -35,9 +34,11 @@
 #include <utility>
 
 #include "common/composeText.h"
+#include "common/descriptor.h"
 #include "common/logger/logLine.h"
 #include "common/makeRoom.h"
 #include "common/osspecific/osspecific_lin.h"
+#include "module/osinfos/systemdevice/deviceNames.h"
 
 namespace Zendra {
 namespace ZDSystemDevice {
@@ -337,71 +338,19 @@ private:
 
 thread_local BlockDirectoryMemory* BlockDirectoryMemory::current = nullptr;
 
-/** Looks at no more of `text` than it must: most names in /dev differ in their first byte. */
-bool BeginsWith(const char* text, std::string_view prefix)
+/** All bytes that can be read. */
+std::string ReadAll(const Descriptor& file)
 {
-    for (const char byte : prefix) {
-        if (*text == '\0' || *text != byte) {
-            return false;
+    std::string contents;
+    std::array<char, 4096> chunk;
+    ssize_t count = 0;
+    while ((count = read(file.Get(), chunk.data(), chunk.size())) > 0 || (count < 0 && errno == EINTR)) {
+        if (count > 0) {
+            contents.append(chunk.data(), static_cast<std::size_t>(count));
         }
-        ++text;
     }
-    return true;
+    return contents;
 }
-
-/** Names that a scan for `prefix` passes over although they may begin with it. Others pass nothing over: nst0a and
- *  hda1 are listed, as required. */
-bool IsPassedOver(std::string_view prefix, std::string_view name)
-{
-    const unsigned char last = static_cast<unsigned char>(name.empty() ? '\0' : name.back());
-    if (prefix == "st") {
-        // The last letter excludes the mode variants (st0a, st0l, st0m) and stdout; "sdtout" is required so.
-        return name == "stderr" || name == "stdin" || name == "sdtout" || std::isalpha(last) != 0;
-    }
-    if (prefix == "sd") {
-        return last >= '0' && last <= '9';
-    }
-    if (prefix == "nvme") {
-        // nvme10 gets through and nvme10n1 does not; required.
-        constexpr std::size_t controllerLength = sizeof("nvme0") - 1;
-        constexpr std::size_t diskLength = sizeof("nvme0n1") - 1;
-        return name.size() == controllerLength || name.size() > diskLength;
-    }
-    return false;
-}
-
-/** A file opened for reading, or nothing. */
-class ReadableFile {
-public:
-    explicit ReadableFile(const std::string& path) : descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-    ~ReadableFile()
-    {
-        if (IsOpen()) {
-            close(descriptor);
-        }
-    }
-    ReadableFile(const ReadableFile&) = delete;
-    ReadableFile& operator=(const ReadableFile&) = delete;
-
-    bool IsOpen() const { return descriptor >= 0; }
-
-    /** All bytes that can be read. */
-    std::string ReadAll() const
-    {
-        std::string contents;
-        std::array<char, 4096> chunk;
-        ssize_t count = 0;
-        while ((count = read(descriptor, chunk.data(), chunk.size())) > 0 || (count < 0 && errno == EINTR)) {
-            if (count > 0) {
-                contents.append(chunk.data(), static_cast<std::size_t>(count));
-            }
-        }
-        return contents;
-    }
-
-private:
-    int descriptor;
-};
 
 /** Converts to the record of a device. */
 struct RecordOf {
@@ -576,11 +525,8 @@ unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::st
         return 0xFFFFFFFFU;
     }
     while (const dirent* entry = readdir(directory.get())) {
-        if (!BeginsWith(entry->d_name, prefix)) {
-            continue;
-        }
         const std::string_view name = entry->d_name;
-        if (IsPassedOver(prefix, name)) {
+        if (!IsDeviceFileName(prefix, name)) {
             continue;
         }
         ZENDRA_LOG(4, "DataProxy::ScanDeviceFiles() detect file : " << name);
@@ -633,9 +579,9 @@ std::string DataProxy::GetFirmwareVersionFromFile(const std::string& path)
     // NVMe and others publish firmware_rev, SCSI disks and drives rev.
     for (const char* name : {"device/firmware_rev", "device/rev"}) {
         const std::string fileName = base + name;
-        const ReadableFile file(fileName);
+        const Descriptor file(open(fileName.c_str(), O_RDONLY | O_CLOEXEC));
         if (file.IsOpen()) {
-            return file.ReadAll();
+            return ReadAll(file);
         }
         ZENDRA_LOG(1, "Fail in get firmware version from " << fileName << ".");
     }
@@ -816,7 +762,7 @@ CDDVDProxy::~CDDVDProxy()
 unsigned int CDDVDProxy::GetDeviceList(std::vector<SystemDevice>& devices)
 {
     ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
-    std::string prefix = "sr";
+    std::string prefix = DevicePrefix::optical;
     std::vector<std::string> files;
     ScanDeviceFiles(prefix, files);
     if (files.empty()) {
@@ -849,7 +795,7 @@ void CDDVDProxy::InitOpticalPropertyStruct(OpticalProperty& prop)
 unsigned int CDDVDProxy::GetCDDVDOptList(std::vector<OpticalProperty>& options)
 {
     ZENDRA_LOG(4, "Entry CDDVDProxy::GetCDDVDOptList()");
-    std::string prefix = "sr";
+    std::string prefix = DevicePrefix::optical;
     std::vector<std::string> files;
     ScanDeviceFiles(prefix, files);
     if (files.empty()) {
@@ -920,11 +866,11 @@ TapeProxy::~TapeProxy()
 unsigned int TapeProxy::GetDeviceList(std::vector<SystemDevice>& devices)
 {
     ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
-    std::string prefix = "st";
+    std::string prefix = DevicePrefix::tape;
     std::vector<std::string> files;
     ScanDeviceFiles(prefix, files);
     if (files.empty()) {
-        prefix = "nst";
+        prefix = DevicePrefix::nonRewindingTape;
         ScanDeviceFiles(prefix, files);
     }
     if (files.empty()) {
@@ -974,11 +920,11 @@ unsigned int PhysicalDriveProxy::GetDeviceList(std::vector<SystemDevice>& device
     std::vector<std::string> ideFiles;
     std::vector<std::string> scsiFiles;
     std::vector<std::string> nvmeFiles;
-    std::string prefix = "hd";
+    std::string prefix = DevicePrefix::ideDisk;
     ScanDeviceFiles(prefix, ideFiles);
-    prefix = "sd";
+    prefix = DevicePrefix::scsiDisk;
     ScanDeviceFiles(prefix, scsiFiles);
-    prefix = "nvme";
+    prefix = DevicePrefix::nvmeDisk;
     ScanDeviceFiles(prefix, nvmeFiles);
     if (ideFiles.empty() && scsiFiles.empty() && nvmeFiles.empty()) {
         return DEVICE_RESULT_NONE;
@@ -1010,7 +956,7 @@ unsigned int PhysicalDriveProxy::GetDeviceInfo(BusDevice& bus, std::string& path
     if (bus.vendorId.find("ATA") == std::string::npos) {
         return static_cast<unsigned int>(status);
     }
-    if (BeginsWith(path.c_str(), "/dev/sd")) {
+    if (path.rfind("/dev/sd", 0) == 0) {
         // A failure here drops a disk that has answered already; required.
         return UpdateFirmwareVersionForSdDisk(path, bus);
     }
@@ -1068,7 +1014,7 @@ SCSIProxy::~SCSIProxy()
 unsigned int SCSIProxy::GetDeviceList(std::vector<SystemDevice>& devices)
 {
     ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
-    std::string prefix = sg_ko_loaded ? "sg" : "sd";
+    std::string prefix = sg_ko_loaded ? DevicePrefix::genericScsi : DevicePrefix::scsiDisk;
     std::vector<std::string> files;
     ScanDeviceFiles(prefix, files);
     if (files.empty()) {
