@@ -267,17 +267,17 @@ IDENTITY_FIELDS = (
 
 class BusDevice:
     def __init__(self):
-        self.hostAdapter = self.bus = self.targetId = self.lun = 0
-        self.devId = ""
-        self.productId = self.vendorId = self.revision = self.serialNum = ""
-        self.otherIdentInfo = ""
-        self.deviceType = ""
+        self.host_adapter = self.bus = self.target_id = self.lun = 0
+        self.dev_id = ""
+        self.product_id = self.vendor_id = self.revision = self.serial_num = ""
+        self.other_ident_info = ""
+        self.device_type = ""
 
     def names_empty(self) -> bool:
-        return self.vendorId == "" and self.productId == ""
+        return self.vendor_id == "" and self.product_id == ""
 
     def identity_text(self) -> str:
-        return "Port:%d|Target:%d|Bus:%d|Lun:%d" % (self.hostAdapter, self.targetId, self.bus, self.lun)
+        return "Port:%d|Target:%d|Bus:%d|Lun:%d" % (self.host_adapter, self.target_id, self.bus, self.lun)
 
 
 def cut_blanks(text: str) -> str:
@@ -381,13 +381,13 @@ class Library:
     # --- identity queries -----------------------------------------------------------------------------------
 
     def process_inquiry(self, data: bytes, bus: BusDevice):
-        bus.vendorId = cut_blanks(text_of(bytes(data[8:16])))
+        bus.vendor_id = cut_blanks(text_of(bytes(data[8:16])))
         product = text_of(bytes(data[16:32]))
         if product == "":
-            product = bus.vendorId
-        bus.productId = cut_blanks(product)
+            product = bus.vendor_id
+        bus.product_id = cut_blanks(product)
         bus.revision = text_of(bytes(data[32:36]))
-        bus.deviceType = DEVICE_TYPES.get(data[0] & 0x0F, "")
+        bus.device_type = DEVICE_TYPES.get(data[0] & 0x0F, "")
 
     def pass_through_serial(self, path: str, bus: BusDevice):
         buffer = bytearray(4096)
@@ -398,11 +398,11 @@ class Library:
         if length > 32:
             self.trace("Size pointer is too large.")
         elif length <= 1:
-            bus.serialNum = ""
+            bus.serial_num = ""
             self.trace("Size pointer is too small, size<=1")
         else:
-            bus.serialNum = text_of(bytes(buffer[4 : 4 + length]))
-            self.trace("Serial Number: " + bus.serialNum)
+            bus.serial_num = text_of(bytes(buffer[4 : 4 + length]))
+            self.trace("Serial Number: " + bus.serial_num)
 
     def decode_drive_cmd(self, identify: bytes, bus: BusDevice):
         identify = identify[:512].ljust(512, b"\0")
@@ -410,22 +410,22 @@ class Library:
         self.trace(model)
         words = [word for word in re.split("[" + WHITE + "]+", model) if word]
         if len(words) > 0:
-            bus.vendorId = words[0]
+            bus.vendor_id = words[0]
         if len(words) > 1:
-            bus.productId = words[1]
+            bus.product_id = words[1]
         bus.revision = text_of(swapped(identify, 46, 8))
-        bus.serialNum = text_of(swapped(identify, 20, 20))
-        bus.otherIdentInfo = bus.identity_text()
+        bus.serial_num = text_of(swapped(identify, 20, 20))
+        bus.other_ident_info = bus.identity_text()
 
     def decode_nvme(self, data: bytes, bus: BusDevice):
         answer = bytearray(data[:4096].ljust(4096, b"\0"))
-        bus.vendorId = "NVMe"
+        bus.vendor_id = "NVMe"
         answer[63] = 0
-        bus.productId = text_of(bytes(answer[24:64]))
+        bus.product_id = text_of(bytes(answer[24:64]))
         bus.revision = text_of(bytes(answer[64:]))
         answer[23] = 0
-        bus.serialNum = text_of(bytes(answer[4:24]))
-        bus.deviceType = DEVICE_TYPES[0]
+        bus.serial_num = text_of(bytes(answer[4:24]))
+        bus.device_type = DEVICE_TYPES[0]
 
     def generic_device_data(self, path: str, bus: BusDevice, is_sg: bool) -> int:
         self.trace("Entry  GetGenericDeviceData() is_sg = %d" % is_sg)
@@ -435,7 +435,7 @@ class Library:
             self.log(1, "Exit  GetGenericDeviceData()")
             return FAILURE
         self.process_inquiry(buffer, bus)
-        if bus.vendorId == "" or bus.productId == "":
+        if bus.vendor_id == "" or bus.product_id == "":
             self.trace("Exit  GetGenericDeviceData() due to vendorId and productId is empty")
             return SUCCESS
         self.trace("GetGenericDeviceData() dataOper->ExecPassThruCmd vendorID and productID is not empty ")
@@ -443,28 +443,28 @@ class Library:
             status, reply = self.exec_ioctl(path, SG_GET_SCSI_ID)
             if status == SUCCESS:
                 host_no, channel, scsi_id, lun = reply.address
-                bus.hostAdapter = host_no & 0xFFFF
+                bus.host_adapter = host_no & 0xFFFF
                 bus.bus = channel & 0xFFFF
-                bus.targetId = scsi_id & 0xFFFF
+                bus.target_id = scsi_id & 0xFFFF
                 bus.lun = lun & 0xFFFF
             self.trace("GetGenericDeviceData() dataOper->ExecPassThruCmdSG_GET_SCSI_ID ret = %d" % status)
             if status != SUCCESS:
                 self.trace("GetGenericDeviceData() SG_GET_SCSI_ID failed ret = %d" % status)
-                bus.otherIdentInfo = ""
+                bus.other_ident_info = ""
             else:
-                bus.otherIdentInfo = bus.identity_text()
-                self.trace("Get SCSI ID passed... otherIdentInfo = " + bus.otherIdentInfo)
+                bus.other_ident_info = bus.identity_text()
+                self.trace("Get SCSI ID passed... otherIdentInfo = " + bus.other_ident_info)
         else:
             status, reply = self.exec_ioctl(path, SCSI_IOCTL_GET_IDLUN)
             if status == SUCCESS:
-                bus.targetId = reply.number & 0xFF
+                bus.target_id = reply.number & 0xFF
                 bus.lun = reply.number >> 8 & 0xFF
                 bus.bus = reply.number >> 16 & 0xFF
             status, reply = self.exec_ioctl(path, SCSI_IOCTL_GET_BUS_NUMBER)
             if status == SUCCESS:
-                bus.hostAdapter = reply.number & 0xFFFF
-            bus.otherIdentInfo = bus.identity_text()
-            self.trace("Get SCSI_IOCTL_GET_IDLUN passed.. otherIdentInfo = " + bus.otherIdentInfo)
+                bus.host_adapter = reply.number & 0xFFFF
+            bus.other_ident_info = bus.identity_text()
+            self.trace("Get SCSI_IOCTL_GET_IDLUN passed.. otherIdentInfo = " + bus.other_ident_info)
         if buffer[0] in (0, 1):
             self.pass_through_serial(path, bus)
         self.trace("Exit normally GetGenericDeviceData() ")
@@ -475,7 +475,7 @@ class Library:
         status, reply = self.exec_ioctl(path, HDIO_DRIVE_CMD)
         if status == SUCCESS:
             self.decode_drive_cmd(reply.data, bus)
-        self.trace("Get HDIO_DRIVE_CMD|HDIO_DRIVE_TASK Inquiry passed.. otherIdentInfo = " + bus.otherIdentInfo)
+        self.trace("Get HDIO_DRIVE_CMD|HDIO_DRIVE_TASK Inquiry passed.. otherIdentInfo = " + bus.other_ident_info)
         self.trace("Entry  GetDriverData() ")
         return status
 
@@ -524,7 +524,7 @@ class Library:
             return status
         identify = reply.data[:512].ljust(512, b"\0")
         bus.revision = text_of(swapped(identify, 46, 8)).replace(" ", "")
-        bus.productId = text_of(swapped(identify, 54, 40)).split(" ", 1)[0]
+        bus.product_id = text_of(swapped(identify, 54, 40)).split(" ", 1)[0]
         return SUCCESS
 
     # --- scan -----------------------------------------------------------------------------------------------
@@ -592,7 +592,7 @@ class Library:
             status = self.generic_device_data(path, bus, False)
         if not use_generic or status != SUCCESS or bus.names_empty():
             status = self.driver_data(path, bus)
-        if "ATA" not in bus.vendorId:
+        if "ATA" not in bus.vendor_id:
             return status
         if path.startswith("/dev/sd"):
             return self.firmware_of_sd_disk(path, bus)
@@ -605,22 +605,22 @@ class Library:
         self.trace(
             "DataProxy::StoreBusDev   "
             + "vendor id: %s productId: %s deviceType: %s serialNum: %s rev: %s "
-            % (bus.vendorId, bus.productId, bus.deviceType, bus.serialNum, bus.revision)
-            + "host adapter: %d target ID: %d bus %d lun %d " % (bus.hostAdapter, bus.targetId, bus.bus, bus.lun)
-            + "devId: %s  otherIdentInfo: %s\n" % (bus.devId, bus.otherIdentInfo)
+            % (bus.vendor_id, bus.product_id, bus.device_type, bus.serial_num, bus.revision)
+            + "host adapter: %d target ID: %d bus %d lun %d " % (bus.host_adapter, bus.target_id, bus.bus, bus.lun)
+            + "devId: %s  otherIdentInfo: %s\n" % (bus.dev_id, bus.other_ident_info)
         )
         revision = bus.revision
         if revision.endswith("\n"):
             revision = revision[:-1]
         devices.append(
             {
-                "vendor": bus.vendorId,
-                "product": bus.productId,
-                "device_type": bus.deviceType,
-                "serial_number": bus.serialNum,
+                "vendor": bus.vendor_id,
+                "product": bus.product_id,
+                "device_type": bus.device_type,
+                "serial_number": bus.serial_num,
                 "firmware_revision": revision,
-                "port": unsigned16(bus.hostAdapter),
-                "target": unsigned16(bus.targetId),
+                "port": unsigned16(bus.host_adapter),
+                "target": unsigned16(bus.target_id),
                 "bus": unsigned16(bus.bus),
                 "lun": unsigned16(bus.lun),
             }
@@ -746,8 +746,8 @@ class Library:
             prop["drive_name_"] = "/dev/" + rows["drive name"]
             for path, bus in kept:
                 if path == prop["drive_name_"]:
-                    prop["vendor_"] = bus.vendorId
-                    prop["product_"] = bus.productId
+                    prop["vendor_"] = bus.vendor_id
+                    prop["product_"] = bus.product_id
         for row, field in (
             ("Can write CD-R", "cd_r_write_"),
             ("Can write CD-RW", "cd_rw_write_"),

@@ -14,24 +14,24 @@ class Build:
     programs: tuple  # their shared libraries come along
 
 
-def Find(directory=None):
+def find(directory=None):
     """The build in `directory` (a build tree or an installation), or the best one below the repository."""
     if directory is not None:
-        program = _Program(Path(directory))
+        program = _program(Path(directory))
         if program is None:
             raise Problem(f"{directory} holds no {PROGRAM}")
         return Build((program,))
-    release = _Program(ROOT / "build" / "release")
+    release = _program(ROOT / "build" / "release")
     if release is not None:
         return Build((release,))
-    others = [_Program(path) for path in (ROOT / "build", *ROOT.glob("build/*"), *ROOT.glob("build-*"))]
+    others = [_program(path) for path in (ROOT / "build", *ROOT.glob("build/*"), *ROOT.glob("build-*"))]
     found = [program for program in others if program is not None]
     if not found:
         raise Problem(f"no build of {PROGRAM} below {ROOT}: build one, or name it with --build")
     return Build((max(found, key=lambda program: program.stat().st_mtime),))
 
 
-def _Program(directory):
+def _program(directory):
     for place in ("src/tools/zddevices", "sbin", "usr/sbin", "."):
         candidate = directory / place / PROGRAM
         if candidate.is_file():

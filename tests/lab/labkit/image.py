@@ -18,7 +18,7 @@ GUEST_FILES = Path(__file__).resolve().parent.parent / "guest"
 
 
 class Image:
-    """Gathers the files below `root`; Write() makes the archive that the kernel unpacks."""
+    """Gathers the files below `root`; write() makes the archive that the kernel unpacks."""
 
     def __init__(self, root):
         self.root = Path(root)
@@ -26,49 +26,49 @@ class Image:
                           "tmp", "root", "lab/steps"):
             (self.root / directory).mkdir(parents=True, exist_ok=True)
         busybox = shutil.which("busybox")
-        if busybox is None or _Interpreter(busybox) is not None:
+        if busybox is None or _interpreter(busybox) is not None:
             raise Problem("a static busybox is needed: install busybox-static")
         shutil.copy2(busybox, self.root / "bin" / "busybox")
         os.symlink("busybox", self.root / "bin" / "sh")
         for name in ("init", "functions"):
-            self.AddFile(GUEST_FILES / name, f"lab/{name}")
+            self.add_file(GUEST_FILES / name, f"lab/{name}")
         os.symlink("lab/init", self.root / "init")
-        self.AddText("etc/passwd", "root:x:0:0:root:/root:/bin/sh\nguest:x:1000:1000:guest:/tmp:/bin/sh\n")
-        self.AddText("etc/group", "root:x:0:\nguest:x:1000:\n")
+        self.add_text("etc/passwd", "root:x:0:0:root:/root:/bin/sh\nguest:x:1000:1000:guest:/tmp:/bin/sh\n")
+        self.add_text("etc/group", "root:x:0:\nguest:x:1000:\n")
         # The kernel asks for its modules through /sbin/modprobe, as the library does through the shell.
         kmod = shutil.which("kmod") or "/bin/kmod"
-        self.AddProgram(kmod, "sbin/modprobe")
+        self.add_program(kmod, "sbin/modprobe")
 
-    def AddFile(self, source, guestPath):
-        target = self.root / guestPath
+    def add_file(self, source, guest_path):
+        target = self.root / guest_path
         target.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy2(source, target)
 
-    def AddText(self, guestPath, text, mode=0o644):
-        target = self.root / guestPath
+    def add_text(self, guest_path, text, mode=0o644):
+        target = self.root / guest_path
         target.parent.mkdir(parents=True, exist_ok=True)
         target.write_text(text, encoding="utf-8")
         target.chmod(mode)
 
-    def AddProgram(self, source, guestPath=None):
+    def add_program(self, source, guest_path=None):
         """Adds a program with every shared library that it loads, and the dynamic loader."""
         source = Path(source)
         if not source.is_file():
             raise Problem(f"{source} does not exist")
-        self.AddFile(source, guestPath or f"usr/bin/{source.name}")
-        interpreter = _Interpreter(source)
+        self.add_file(source, guest_path or f"usr/bin/{source.name}")
+        interpreter = _interpreter(source)
         if interpreter is None:
             return
-        self.AddFile(interpreter, interpreter.lstrip("/"))
-        for name, path in _Libraries(source):
-            self.AddFile(path, f"usr/lib/{name}")
+        self.add_file(interpreter, interpreter.lstrip("/"))
+        for name, path in _libraries(source):
+            self.add_file(path, f"usr/lib/{name}")
 
-    def AddModules(self, kernel, extra=(), without=()):
+    def add_modules(self, kernel, extra=(), without=()):
         """Adds the lab's modules; those of `without` are on no disk of the guest, as if the kernel had none."""
         dependencies = {}
         for line in (kernel.modules / "modules.dep").read_text(encoding="ascii").splitlines():
             path, _, needed = line.partition(":")
-            dependencies[_ModuleName(path)] = [path, *needed.split()]
+            dependencies[_module_name(path)] = [path, *needed.split()]
         target = Path("lib/modules") / kernel.release
         for module in (*MODULES, *extra):
             if module in without:
@@ -76,16 +76,16 @@ class Image:
             if module not in dependencies:
                 raise Problem(f"{kernel.package} has no module {module}")
             for path in dependencies[module]:
-                if _ModuleName(path) not in without:
-                    self.AddFile(kernel.modules / path, target / path)
+                if _module_name(path) not in without:
+                    self.add_file(kernel.modules / path, target / path)
         for name in ("modules.builtin", "modules.builtin.modinfo", "modules.order"):
-            self.AddFile(kernel.modules / name, target / name)
+            self.add_file(kernel.modules / name, target / name)
         done = subprocess.run(["depmod", "-b", str(self.root), kernel.release], capture_output=True, text=True,
                               check=False)
         if done.returncode != 0:
             raise Problem(f"depmod failed:\n{done.stderr}")
 
-    def Write(self, archive):
+    def write(self, archive):
         names = sorted(str(path.relative_to(self.root)) for path in self.root.rglob("*"))
         with open(archive, "wb") as output:
             done = subprocess.run(["cpio", "--quiet", "-o", "-H", "newc", "-R", "0:0"], cwd=self.root,
@@ -94,11 +94,11 @@ class Image:
             raise Problem(f"cpio failed:\n{done.stderr.decode(errors='replace')}")
 
 
-def _ModuleName(path):
+def _module_name(path):
     return Path(path).name.partition(".")[0].replace("-", "_")
 
 
-def _Interpreter(program):
+def _interpreter(program):
     """The path of the dynamic loader that a program names, or None for a static program or a script."""
     with open(program, "rb") as stream:
         if stream.read(4) != b"\x7fELF":
@@ -110,7 +110,7 @@ def _Interpreter(program):
     return found.group(1) if found else None
 
 
-def _Libraries(program):
+def _libraries(program):
     listed = subprocess.run(["ldd", str(program)], capture_output=True, text=True, check=False)
     for line in listed.stdout.splitlines():
         if "not found" in line:

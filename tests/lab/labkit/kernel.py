@@ -33,56 +33,56 @@ class Kernel:
         return self.root / "lib" / "modules" / self.release
 
 
-def CacheDirectory():
+def cache_directory():
     base = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
     return Path(base) / "zendra-lab"
 
 
-def Cached():
+def cached():
     """The kernel of the newest complete cache entry, or None."""
-    cache = CacheDirectory()
+    cache = cache_directory()
     entries = [entry for entry in cache.glob("linux-image-*") if (entry / "complete").exists()]
     if not entries:
         return None
     newest = max(entries, key=lambda entry: (entry / "complete").stat().st_mtime)
-    return _Load(newest)
+    return _load(newest)
 
 
-def Get():
+def get():
     """The cached kernel; downloads one first where there is none."""
-    return Cached() or Prepare()
+    return cached() or prepare()
 
 
-def Prepare():
+def prepare():
     """Makes sure that the kernel that apt offers now is in the cache, and returns it."""
-    cache = CacheDirectory()
+    cache = cache_directory()
     cache.mkdir(parents=True, exist_ok=True)
     with open(cache / "lock", "w", encoding="ascii") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         for abandoned in cache.glob("preparing-*"):
             shutil.rmtree(abandoned, ignore_errors=True)
-        package, version = _Candidate()
+        package, version = _candidate()
         entry = cache / f"{package}_{version.replace(':', '%3a')}"
         if not (entry / "complete").exists():
-            _Unpack(package, version, cache, entry)
-        return _Load(entry)
+            _unpack(package, version, cache, entry)
+        return _load(entry)
 
 
-def _Candidate():
-    package = _RealPackage()
+def _candidate():
+    package = _real_package()
     if package is None:
-        _UpdateLists()
-        package = _RealPackage()
+        _update_lists()
+        package = _real_package()
     if package is None:
         raise Problem(f"apt knows no {METAPACKAGE}: are Debian's package lists configured?")
-    shown = _Run("apt-cache", "show", "--no-all-versions", package)
+    shown = _run("apt-cache", "show", "--no-all-versions", package)
     version = re.search(r"^Version: (\S+)$", shown, re.MULTILINE)
     if version is None:
         raise Problem(f"apt-cache shows no version of {package}")
     return package, version.group(1)
 
 
-def _RealPackage():
+def _real_package():
     # The metapackage is empty; it depends on the package that holds the kernel.
     known = subprocess.run(["apt-cache", "depends", "--important", METAPACKAGE], capture_output=True, text=True,
                            check=False)
@@ -90,13 +90,13 @@ def _RealPackage():
     return found.group(1) if found else None
 
 
-def _UpdateLists():
+def _update_lists():
     if os.geteuid() != 0:
         return
     subprocess.run(["apt-get", "-q", "-o", "DPkg::Lock::Timeout=300", "update"], stdout=subprocess.DEVNULL, check=False)
 
 
-def _Unpack(package, version, cache, entry):
+def _unpack(package, version, cache, entry):
     with tempfile.TemporaryDirectory(dir=cache, prefix="preparing-") as scratch:
         scratch = Path(scratch)
         # apt hands the download to its own user, who must be able to write here.
@@ -113,11 +113,11 @@ def _Unpack(package, version, cache, entry):
             if attempt == 2:
                 raise Problem(f"apt-get download {package}={version} failed:\n{got.stdout}{got.stderr}")
             # The lists may be older than what the mirror still holds.
-            _UpdateLists()
-            package, version = _Candidate()
+            _update_lists()
+            package, version = _candidate()
         unpacked = scratch / "unpacked"
         unpacked.mkdir()
-        _Run("dpkg-deb", "-x", str(archives[0]), str(unpacked))
+        _run("dpkg-deb", "-x", str(archives[0]), str(unpacked))
         releases = [path.name for path in (unpacked / "lib" / "modules").iterdir()]
         if len(releases) != 1:
             raise Problem(f"{package} holds modules of {releases}, not of one kernel")
@@ -125,7 +125,7 @@ def _Unpack(package, version, cache, entry):
         for part in LEFT_OUT:
             shutil.rmtree(modules / "kernel" / part, ignore_errors=True)
         shutil.rmtree(unpacked / "usr", ignore_errors=True)
-        _Run("depmod", "-b", str(unpacked), releases[0])
+        _run("depmod", "-b", str(unpacked), releases[0])
         (unpacked / "package").write_text(f"{package} {version}\n", encoding="ascii")
         (unpacked / "complete").touch()
         if entry.exists():
@@ -133,7 +133,7 @@ def _Unpack(package, version, cache, entry):
         os.rename(unpacked, entry)
 
 
-def _Load(entry):
+def _load(entry):
     images = list((entry / "boot").glob("vmlinuz-*"))
     if len(images) != 1:
         raise Problem(f"{entry} holds {len(images)} kernel images; remove it and run 'lab prepare'")
@@ -141,7 +141,7 @@ def _Load(entry):
     return Kernel(package=package, release=images[0].name[len("vmlinuz-"):], image=images[0], root=entry)
 
 
-def _Run(*command):
+def _run(*command):
     try:
         done = subprocess.run(command, capture_output=True, text=True, check=False)
     except FileNotFoundError as missing:

@@ -33,27 +33,27 @@ class GuestFailure(Exception):
     """The guest did not come to its end. The text holds the reason, qemu's messages and the console's last lines."""
 
 
-def Boot(topology, build, steps, *, additions=(), timeLimit=None):
+def boot(topology, build, steps, *, additions=(), time_limit=None):
     """Runs the steps (name -> shell text) in a guest of the topology, in order; returns name -> StepResult."""
     with tempfile.TemporaryDirectory(prefix="zendra-lab-") as scratch:
         scratch = Path(scratch)
-        image = _Image(topology, build, scratch, additions)
-        image.AddText("lab/environment", _Environment(topology, "run"))
-        image.AddText("lab/steps/000-setup", f"set -e\n. /lab/functions\n{topology.setup}\n")
+        image = _image(topology, build, scratch, additions)
+        image.add_text("lab/environment", _environment(topology, "run"))
+        image.add_text("lab/steps/000-setup", f"set -e\n. /lab/functions\n{topology.setup}\n")
         files = {}
         for number, (name, text) in enumerate(steps.items(), start=1):
             files[name] = f"{number:03d}-{name}"
-            image.AddText(f"lab/steps/{files[name]}", f". /lab/functions\n{text}\n")
-        image.Write(scratch / "initrd")
+            image.add_text(f"lab/steps/{files[name]}", f". /lab/functions\n{text}\n")
+        image.write(scratch / "initrd")
 
         console, results = scratch / "console", scratch / "results"
-        command = _Command(topology, scratch / "initrd", "console=ttyS0 loglevel=5") + [
+        command = _command(topology, scratch / "initrd", "console=ttyS0 loglevel=5") + [
             "-chardev", f"file,id=console,path={console}", "-serial", "chardev:console",
             "-device", "virtio-serial-pci,id=lab,addr=1f.0",
             "-chardev", f"file,id=results,path={results}",
             "-device", "virtserialport,bus=lab.0,nr=1,chardev=results,name=lab.results",
         ]
-        limit = timeLimit or topology.timeLimit
+        limit = time_limit or topology.time_limit
         reason = None
         with open(scratch / "qemu", "wb") as messages:
             with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=messages, stderr=messages) as qemu:
@@ -64,81 +64,81 @@ def Boot(topology, build, steps, *, additions=(), timeLimit=None):
                     reason = f"the guest was still running after {limit} seconds and was ended"
                 finally:
                     qemu.kill()
-        received = _Received(results)
+        received = _received(results)
         if reason is None and "end" not in received:
             reason = "the guest went down before its last step"
         if reason is not None:
             wanted = ["000-setup", *files.values(), "end"]
-            raise GuestFailure(_Report(reason, command, wanted, received, console, scratch / "qemu"))
+            raise GuestFailure(_report(reason, command, wanted, received, console, scratch / "qemu"))
         return {name: received[file] for name, file in files.items()}
 
 
-def Shell(topology, build, *, additions=()):
+def shell(topology, build, *, additions=()):
     """Boots the topology with this terminal as its console; returns when the guest is down."""
     with tempfile.TemporaryDirectory(prefix="zendra-lab-") as scratch:
         scratch = Path(scratch)
-        image = _Image(topology, build, scratch, additions)
+        image = _image(topology, build, scratch, additions)
         size = shutil.get_terminal_size()
-        image.AddText("lab/environment",
-                      _Environment(topology, "shell") + f"labColumns={size.columns} labRows={size.lines}\n")
-        image.AddText("lab/setup", topology.setup)
-        image.Write(scratch / "initrd")
-        command = _Command(topology, scratch / "initrd", "console=ttyS0 quiet loglevel=3") + ["-serial", "mon:stdio"]
+        image.add_text("lab/environment",
+                       _environment(topology, "shell") + f"labColumns={size.columns} labRows={size.lines}\n")
+        image.add_text("lab/setup", topology.setup)
+        image.write(scratch / "initrd")
+        command = _command(topology, scratch / "initrd", "console=ttyS0 quiet loglevel=3") + ["-serial", "mon:stdio"]
         return subprocess.run(command, check=False).returncode
 
 
-def _Image(topology, build, scratch, additions):
+def _image(topology, build, scratch, additions):
     image = Image(scratch / "root")
-    image.AddModules(kernels.Get(), extra=topology.modules, without=topology.withoutModules)
+    image.add_modules(kernels.get(), extra=topology.modules, without=topology.without_modules)
     for program in build.programs:
-        image.AddProgram(program)
+        image.add_program(program)
     for name in topology.programs:
         found = shutil.which(name)
         if found is None:
             raise Problem(f"topology {topology.name} needs the program {name} on this host")
-        image.AddProgram(found)
-    for source, guestPath in additions:
-        image.AddProgram(source, guestPath)
+        image.add_program(found)
+    for source, guest_path in additions:
+        image.add_program(source, guest_path)
     return image
 
 
-def _Environment(topology, mode):
+def _environment(topology, mode):
     values = {"labMode": mode, "labTopology": topology.name, "labHost": f"lab-{topology.name}"}
     return "".join(f"{name}={shlex.quote(value)}\n" for name, value in values.items())
 
 
-def _Command(topology, initrd, parameters):
+def _command(topology, initrd, parameters):
     qemu = shutil.which(QEMU)
     if qemu is None:
         raise Problem(f"{QEMU} is not installed: install qemu-system-x86")
     guard = shutil.which("setpriv")
     # Whatever ends us, the test runner's time limit included, ends the guest too.
     prefix = [guard, "--pdeathsig", "KILL"] if guard else []
-    return [*prefix, qemu, *MACHINE, *Accelerator(), "-m", str(topology.memory), "-kernel", str(kernels.Get().image),
-            "-initrd", str(initrd), "-append", f"{parameters} panic=-1 {topology.kernelParameters}".strip(),
-            *topology.Hardware()]
+    return [*prefix, qemu, *MACHINE, *accelerator(), "-m", str(topology.memory), "-kernel", str(kernels.get().image),
+            "-initrd", str(initrd), "-append", f"{parameters} panic=-1 {topology.kernel_parameters}".strip(),
+            *topology.qemu_arguments()]
 
 
-def Accelerator():
+def accelerator():
     """KVM where it really runs a guest, software emulation everywhere else. ZENDRA_LAB_ACCEL=tcg|kvm overrides."""
     choice = os.environ.get("ZENDRA_LAB_ACCEL", "")
     if choice not in ("", "tcg", "kvm"):
         raise Problem("ZENDRA_LAB_ACCEL is tcg or kvm")
-    if choice == "kvm" or (choice == "" and _KvmWorks()):
+    if choice == "kvm" or (choice == "" and _kvm_works()):
         return ["-accel", "kvm"]
     return ["-accel", "tcg"]
 
 
-def _KvmWorks():
+def _kvm_works():
     if not os.access("/dev/kvm", os.R_OK | os.W_OK):
         return False
     if not re.search(r"\b(vmx|svm)\b", Path("/proc/cpuinfo").read_text(encoding="ascii", errors="replace")):
         return False
     # Some hosts show /dev/kvm, create a machine and then never run it. So ask for a real boot: without a root file
     # system Debian's kernel panics within a second or two, and a panic ends qemu. Asked once per boot of this host.
-    bootId = Path("/proc/sys/kernel/random/boot_id").read_text(encoding="ascii").strip()
-    kernel = kernels.Get()
-    remembered = kernels.CacheDirectory() / f"kvm-{bootId}"
+    boot_id = Path("/proc/sys/kernel/random/boot_id").read_text(encoding="ascii").strip()
+    kernel = kernels.get()
+    remembered = kernels.cache_directory() / f"kvm-{boot_id}"
     try:
         return remembered.read_text(encoding="ascii") == "works"
     except FileNotFoundError:
@@ -149,13 +149,13 @@ def _KvmWorks():
                                timeout=15, check=False).returncode == 0
     except subprocess.TimeoutExpired:
         works = False
-    for old in kernels.CacheDirectory().glob("kvm-*"):
+    for old in kernels.cache_directory().glob("kvm-*"):
         old.unlink(missing_ok=True)
     remembered.write_text("works" if works else "does not work", encoding="ascii")
     return works
 
 
-def _Received(path):
+def _received(path):
     """The steps that arrived whole."""
     steps = {}
     if not path.exists():
@@ -174,7 +174,7 @@ def _Received(path):
     return steps
 
 
-def _Report(reason, command, steps, received, console, messages):
+def _report(reason, command, steps, received, console, messages):
     arrived = [step for step in steps if step in received]
     missing = [step for step in steps if step not in received]
     lines = [reason,

@@ -36,26 +36,26 @@ ZEROS = (0, 0, 0, 0)
 NO_ADDRESS = (None, None, None, None)
 
 
-def Record(vendor, product, type, serial, firmware, address):
+def device_record(vendor, product, type, serial, firmware, address):
     """One device as zddevices shows it in JSON. The address is the kernel's order: host, channel, target, LUN."""
     host, channel, target, lun = address
     return {"vendor": vendor, "product": product, "device_type": type, "serial_number": serial,
             "firmware_revision": firmware, "port": host, "target": target, "bus": channel, "lun": lun}
 
 
-def Device(driver, **properties):
+def qemu_device(driver, **properties):
     """One `-device` of qemu. Underscores in a name stand for dashes."""
-    return ["-device", ",".join([driver, *(f"{name.replace('_', '-')}={_Quoted(value)}"
+    return ["-device", ",".join([driver, *(f"{name.replace('_', '-')}={_quoted(value)}"
                                            for name, value in properties.items())])]
 
 
-def EmptyDisk(name, size=16 << 20, readOnly=False):
+def empty_disk(name, size=16 << 20, read_only=False):
     """A backend of so many bytes that reads as zeros and costs no file."""
     return ["-blockdev", f"driver=null-co,node-name={name},size={size},read-zeroes=on,"
-                         f"read-only={'on' if readOnly else 'off'}"]
+                         f"read-only={'on' if read_only else 'off'}"]
 
 
-def Timed(command):
+def timed(command):
     """Runs a command; the seconds that it took by the guest's clock go to a file of its own."""
     return f"""
         begin=$(cut -d ' ' -f 1 /proc/uptime)
@@ -66,7 +66,7 @@ def Timed(command):
     """
 
 
-def _Quoted(value):
+def _quoted(value):
     return str(value).replace(",", ",,")
 
 
@@ -79,10 +79,10 @@ class Topology(unittest.TestCase):
     name = ""
     about = ""
     memory = 512  # MiB
-    timeLimit = 240  # seconds; a guest under software emulation needs about 15
-    kernelParameters = ""
+    time_limit = 240  # seconds; a guest under software emulation needs about 15
+    kernel_parameters = ""
     modules = ()  # beyond those of image.MODULES
-    withoutModules = ()  # the guest has no file of these
+    without_modules = ()  # the guest has no file of these
     programs = ()  # of this host, for the guest's /usr/bin
     setup = ""  # shell text; guest/functions is at hand
     steps = {}  # name -> shell text
@@ -91,25 +91,25 @@ class Topology(unittest.TestCase):
     maxDiff = None
 
     @classmethod
-    def Hardware(cls):
+    def qemu_arguments(cls):
         """Arguments for qemu."""
         return []
 
     @classmethod
     def setUpClass(cls):
-        cls.results = machine.Boot(cls, cls.build or builds.Find(), cls.steps)
+        cls.results = machine.boot(cls, cls.build or builds.find(), cls.steps)
 
     # What a step wrote.
 
-    def Stdout(self, step):
+    def stdout(self, step):
         return self.results[step].stdout.decode()
 
-    def Stderr(self, step):
+    def stderr(self, step):
         return self.results[step].stderr.decode()
 
-    def Inventory(self, step, exitStatus=0):
+    def inventory(self, step, exit_status=0):
         result = self.results[step]
-        self.assertEqual(exitStatus, result.status,
+        self.assertEqual(exit_status, result.status,
                          f"exit status of step '{step}', which said:\n{result.stderr.decode(errors='replace')}")
         try:
             inventory = json.loads(result.stdout)
@@ -117,23 +117,23 @@ class Topology(unittest.TestCase):
             self.fail(f"step '{step}' wrote no JSON ({error}):\n{result.stdout!r}\n{result.stderr!r}")
         return inventory
 
-    def Diagnosis(self, step, exitStatus=0):
+    def diagnosis(self, step, exit_status=0):
         """The document of 'zddevices doctor', and its device files as class -> path -> file."""
-        document = self.Inventory(step, exitStatus)
+        document = self.inventory(step, exit_status)
         self.assertEqual("zddevices-doctor/1", document["schema"])
-        self.assertEqual(exitStatus == 0, document["all_visible"])
+        self.assertEqual(exit_status == 0, document["all_visible"])
         return document, {one["type"]: {file["path"]: file for file in one["device_files"]}
                           for one in document["classes"]}
 
-    def AssertFailures(self, file, expected):
+    def assert_failures(self, file, expected):
         """The requests that failed or drew a remark, as (name, error or remark)."""
         self.assertEqual(expected, [(one["request"], one["error"]["name"] if one["error"] else one["remark"])
                                     for one in file["questions"] if one["error"] or one["remark"]], file["path"])
 
-    def OpticalTable(self, step="cdrom"):
+    def optical_table(self, step="cdrom"):
         """The guest's own /proc/sys/dev/cdrom/info: name of the row -> its columns."""
         rows = {}
-        for line in self.Stdout(step).splitlines():
+        for line in self.stdout(step).splitlines():
             name, colon, columns = line.partition(":")
             if colon:
                 rows[name] = columns.split()
@@ -141,40 +141,40 @@ class Topology(unittest.TestCase):
 
     # Assertions.
 
-    def AssertInventory(self, step, status, devices, exitStatus=0):
+    def assert_inventory(self, step, status, devices, exit_status=0):
         """The whole document: status and every record, field by field and in order."""
-        inventory = self.Inventory(step, exitStatus)
+        inventory = self.inventory(step, exit_status)
         self.assertEqual("zddevices/1", inventory["schema"])
         self.assertEqual(f"lab-{self.name}", inventory["host"])
         self.assertEqual(status, inventory["status"], f"status in step '{step}'")
         for record in inventory["devices"]:
             self.assertEqual(sorted(RECORD_FIELDS), sorted(record), f"names of the fields in step '{step}'")
-        self.assertMultiLineEqual(_Lines(devices), _Lines(inventory["devices"]),
+        self.assertMultiLineEqual(_lines(devices), _lines(inventory["devices"]),
                                   f"devices in step '{step}' (-: required, +: seen)")
         # The lines above are for the reader; the values themselves decide (1 is not "1").
         self.assertEqual(devices, inventory["devices"], f"devices in step '{step}'")
 
-    def DeviceFiles(self, prefix, listing="dev"):
-        return [node for node in self.Stdout(listing).split() if node.startswith(prefix)]
+    def device_files(self, prefix, listing="dev"):
+        return [node for node in self.stdout(listing).split() if node.startswith(prefix)]
 
-    def InDirectoryOrder(self, prefix, recordsByAddress, listing="dev", addresses="addresses"):
+    def in_directory_order(self, prefix, records_by_address, listing="dev", addresses="addresses"):
         """The records in the order in which the guest's /dev yields the files of that prefix.
 
-        `recordsByAddress` names every device that must be there, by host, channel, target and LUN; the step
+        `records_by_address` names every device that must be there, by host, channel, target and LUN; the step
         `listing` holds the directory, the step `addresses` which file the kernel gave to which address.
         """
-        address = dict(line.split() for line in self.Stdout(addresses).splitlines())
+        address = dict(line.split() for line in self.stdout(addresses).splitlines())
         # A partition has no address of its own and is nobody's device file.
-        nodes = [node for node in self.DeviceFiles(prefix, listing) if node in address]
-        byText = {":".join(map(str, key)): record for key, record in recordsByAddress.items()}
-        self.assertEqual(sorted(byText), sorted(address[node] for node in nodes),
+        nodes = [node for node in self.device_files(prefix, listing) if node in address]
+        by_text = {":".join(map(str, key)): record for key, record in records_by_address.items()}
+        self.assertEqual(sorted(by_text), sorted(address[node] for node in nodes),
                          f"the guest's devices with a file /dev/{prefix}*")
-        return [byText[address[node]] for node in nodes]
+        return [by_text[address[node]] for node in nodes]
 
-    def Messages(self, step):
+    def messages(self, step):
         """What the step logged: (level, message) per entry, without the place in the source."""
         entries = []
-        for line in self.Stderr(step).splitlines():
+        for line in self.stderr(step).splitlines():
             head, _, rest = line.partition(" ")
             if len(head) == 3 and head[0] == "[" and head[2] == "]":
                 entries.append((int(head[1]), rest.partition(" ")[2]))
@@ -185,13 +185,13 @@ class Topology(unittest.TestCase):
                 self.fail(f"step '{step}' wrote '{line}' before its first log line")
         return entries
 
-    def AssertWholeLog(self, step, expected):
+    def assert_whole_log(self, step, expected):
         """Exactly these (level, message), and nothing else on standard error."""
-        self.assertEqual(expected, self.Messages(step), f"log of step '{step}'")
+        self.assertEqual(expected, self.messages(step), f"log of step '{step}'")
 
-    def AssertLogs(self, step, expected):
+    def assert_logs(self, step, expected):
         """Every expected (level, message) is there, in this order; others may stand between them."""
-        messages = self.Messages(step)
+        messages = self.messages(step)
         position = 0
         for entry in expected:
             try:
@@ -199,7 +199,6 @@ class Topology(unittest.TestCase):
             except ValueError:
                 seen = "\n".join(f"{level} '{message}'" for level, message in messages)
                 self.fail(f"step '{step}' did not log {entry} after its {position}. message. It logged:\n{seen}")
-
 
 
 # Which row of the kernel's table decides which field of an optical record.
@@ -223,12 +222,12 @@ IDENTITY_PROPERTIES = [
 ]
 
 
-def Identity(softwareId, version):
+def identity_record(software_id, version):
     """A firmware identity as JSON holds it."""
-    return {**dict.fromkeys(IDENTITY_PROPERTIES), "Name": softwareId, "SoftwareID": softwareId,
+    return {**dict.fromkeys(IDENTITY_PROPERTIES), "Name": software_id, "SoftwareID": software_id,
             "VersionString": version, "Classifications": "10", "IsPLDMUpdateSupported": "0"}
 
 
-def _Lines(records):
+def _lines(records):
     return "".join(f"{number}. " + " ".join(f"{field}={record.get(field)!r}" for field in RECORD_FIELDS) + "\n"
                    for number, record in enumerate(records, start=1))

@@ -5,7 +5,7 @@ import os
 from labkit import build as builds
 from labkit import machine
 from labkit.problem import Problem
-from labkit.topology import DISK, OK, Record, Timed, Topology
+from labkit.topology import DISK, OK, Topology, device_record, timed
 
 # Four disks whose answers come from labTarget, each on an adapter of its own, and one of scsi_debug. Target 1, because
 # that is the number of the portal group.
@@ -21,19 +21,19 @@ ATTEMPTS, PAUSE, COMMAND_LIMIT = 5, 5, 20
 DOCTORS_PATIENCE = 10
 
 
-def Disk(name):
+def disk_record(name):
     if name == "SILENT":
         # scsi_debug numbers its units 2000 * (host + 1) + 1000 * target + LUN.
-        return Record("Linux", "scsi_debug", DISK, "10000", "0191", (ADAPTERS[name], 0, 0, 0))
-    return Record("LABUSER", f"HX {name}", DISK, f"SN-{name}", "0007", (ADAPTERS[name], 0, 1, 0))
+        return device_record("Linux", "scsi_debug", DISK, "10000", "0191", (ADAPTERS[name], 0, 0, 0))
+    return device_record("LABUSER", f"HX {name}", DISK, f"SN-{name}", "0007", (ADAPTERS[name], 0, 1, 0))
 
 
-def Address(name):
-    record = Disk(name)
+def address_of(name):
+    record = disk_record(name)
     return record["port"], record["bus"], record["target"], record["lun"]
 
 
-def Serve(name):
+def serve(name):
     """Shell text that makes a disk of the kernel's user-space backstore and starts the program behind it."""
     number = f"{ADAPTERS[name]:02d}"
     return f"""
@@ -69,7 +69,7 @@ class Errors(Topology):
     name = "errors"
     about = "disks that answer with errors, slowly, or not at all"
     modules = ("target_core_user", "tcm_loop", "configfs")
-    timeLimit = 390
+    time_limit = 390
 
     setup = f"""
         modprobe sg; modprobe sd_mod
@@ -79,7 +79,7 @@ class Errors(Topology):
         core=/sys/kernel/config/target/core
         loopback=/sys/kernel/config/target/loopback
         mkdir -p $loopback
-        {"".join(Serve(name) for name in SERVED)}
+        {"".join(serve(name) for name in SERVED)}
         modprobe scsi_debug
         appear /sys/class/scsi_device/{ADAPTERS["SILENT"]}:0:0:0/device/block /dev/sg4
     """
@@ -89,11 +89,11 @@ class Errors(Topology):
         "addresses": "addresses",
         "before": "zddevices --format json",
         "trouble": TROUBLE,
-        "scsi": Timed("zddevices --type scsi --format json --log-level 4"),
+        "scsi": timed("zddevices --type scsi --format json --log-level 4"),
         "scsi-times": "cat /tmp/times",
-        "disk": Timed("zddevices --type disk --format json --log-level 4"),
+        "disk": timed("zddevices --type disk --format json --log-level 4"),
         "disk-times": "cat /tmp/times",
-        "doctor": Timed(f"zddevices doctor --format json --timeout {DOCTORS_PATIENCE}"),
+        "doctor": timed(f"zddevices doctor --format json --timeout {DOCTORS_PATIENCE}"),
         "doctor-times": "cat /tmp/times",
         # Those that it left behind are with the silent disk until the kernel gives up.
         "doctor-gone": "while pidof zddevices; do sleep 1; done",
@@ -105,7 +105,7 @@ class Errors(Topology):
     }
 
     @classmethod
-    def Hardware(cls):
+    def qemu_arguments(cls):
         # The guest's clock counts instructions and jumps over waits: minutes of pauses pass in seconds, and how long
         # something takes does not depend on this host.
         return ["-icount", "shift=0,sleep=off"]
@@ -113,34 +113,34 @@ class Errors(Topology):
     @classmethod
     def setUpClass(cls):
         os.environ["ZENDRA_LAB_ACCEL"] = "tcg"
-        build = cls.build or builds.Find()
+        build = cls.build or builds.find()
         target = build.programs[0].parents[3] / "tests" / "lab" / "programs" / "labTarget"
         if not target.is_file():
             raise Problem(f"{target} is not there: build the tests")
-        cls.results = machine.Boot(cls, build, cls.steps, additions=[(target, None)])
+        cls.results = machine.boot(cls, build, cls.steps, additions=[(target, None)])
 
-    def Files(self, prefix):
+    def files(self, prefix):
         """The device files of that prefix in directory order, with the name of the disk behind each."""
-        address = dict(line.split() for line in self.Stdout("addresses").splitlines())
-        disks = {":".join(map(str, Address(name))): name for name in ADAPTERS}
-        return [(file, disks[address[file]]) for file in self.DeviceFiles(prefix) if file in address]
+        address = dict(line.split() for line in self.stdout("addresses").splitlines())
+        disks = {":".join(map(str, address_of(name))): name for name in ADAPTERS}
+        return [(file, disks[address[file]]) for file in self.device_files(prefix) if file in address]
 
-    def Section(self, step, prefix, entry, disk):
+    def section(self, step, prefix, entry, disk):
         """What was logged while one disk was probed."""
         sections = []
-        for level, message in self.Messages(step):
+        for level, message in self.messages(step):
             if message == entry:
                 sections.append([])
             elif sections:
                 sections[-1].append((level, message))
-        files = self.Files(prefix)
+        files = self.files(prefix)
         self.assertEqual(len(ADAPTERS), len(files))
         self.assertEqual(len(files), len(sections), f"probes in step '{step}'")
         place = [name for _, name in files].index(disk)
         return "/dev/" + files[place][0], sections[place]
 
     @staticmethod
-    def Command(path, attempts):
+    def command(path, attempts):
         """The log of one SCSI command; `attempts` are what each logs about its status."""
         call = [(4, "Enter DataOperator::ExecIoCtl()."),
                 (4, f"Enter DataOperator::OpenDriveFile() driveName = {path}"),
@@ -150,15 +150,15 @@ class Errors(Topology):
             lines += [*call, *((4, text) for text in attempt)]
         return [*lines, (4, "Exit scsiPassThrough::execSCSICommand().")]
 
-    def AssertRefused(self, step, prefix, entry, disk, attempts):
+    def assert_refused(self, step, prefix, entry, disk, attempts):
         """The disk answered INQUIRY with nothing, and ATA IDENTIFY neither."""
-        path, section = self.Section(step, prefix, entry, disk)
-        isSg = 1 if prefix == "sg" else 0
+        path, section = self.section(step, prefix, entry, disk)
+        is_sg = 1 if prefix == "sg" else 0
         expected = [
-            (4, f"Entry  GetGenericDeviceData() is_sg = {isSg}"),
-            *self.Command(path, attempts),
+            (4, f"Entry  GetGenericDeviceData() is_sg = {is_sg}"),
+            *self.command(path, attempts),
             (4, "Exit  GetGenericDeviceData() due to vendorId and productId is empty"),
-            *([(4, "GetGenericDeviceData() ret = 4")] if isSg else []),
+            *([(4, "GetGenericDeviceData() ret = 4")] if is_sg else []),
             (4, "Entry  GetDriverData() "),
             (4, "Enter DataOperator::ExecIoCtl()."),
             (4, f"Enter DataOperator::OpenDriveFile() driveName = {path}"),
@@ -169,82 +169,82 @@ class Errors(Topology):
         self.assertEqual(expected, section[:len(expected)], f"{disk} in step '{step}'")
         self.assertEqual([], [message for _, message in section if message.startswith("DataProxy::StoreBusDev")])
 
-    def AssertStatuses(self, step, prefix, entry):
-        def Sense(key, code):
+    def assert_statuses(self, step, prefix, entry):
+        def sense_lines(key, code):
             # The 18 bytes that labTarget sends. The status is a character, the numbers behind the data are hexadecimal.
             data = [0x70, 0, key, 0, 0, 0, 0, 10, 0, 0, 0, 0, code, 0, 0, 0, 0, 0]
             return ["SCSI sense data: " + "".join(f"{byte:x}" for byte in data), "SG SCSI status=\\x02",
                     "SG Driver status=8"]
 
-        self.AssertRefused(step, prefix, entry, "ATTENTION",
-                           [["Retry condition...", *Sense(0x06, 0x29)]] * ATTEMPTS)
-        self.AssertRefused(step, prefix, entry, "ERROR", [Sense(0x04, 0x44)])
+        self.assert_refused(step, prefix, entry, "ATTENTION",
+                            [["Retry condition...", *sense_lines(0x06, 0x29)]] * ATTEMPTS)
+        self.assert_refused(step, prefix, entry, "ERROR", [sense_lines(0x04, 0x44)])
         # DID_TIME_OUT: nothing came back.
-        self.AssertRefused(step, prefix, entry, "SILENT", [["SG Host status=3"]])
+        self.assert_refused(step, prefix, entry, "SILENT", [["SG Host status=3"]])
 
-    def AssertSeconds(self, step):
-        begin, end = map(float, self.Stdout(step).split())
+    def assert_seconds(self, step):
+        begin, end = map(float, self.stdout(step).split())
         # INQUIRY and serial number of the slow disk.
         required = ATTEMPTS * PAUSE + COMMAND_LIMIT + 2 * SLOW_SECONDS
         self.assertGreaterEqual(end - begin, required)
         self.assertLess(end - begin, required + PAUSE)
 
-    def testWhileAllIsWellEveryDiskIsListed(self):
-        self.AssertInventory("before", OK, [Disk(name) for name in ADAPTERS])
+    def test_while_all_is_well_every_disk_is_listed(self):
+        self.assert_inventory("before", OK, [disk_record(name) for name in ADAPTERS])
 
-    def testGenericClassListsTheDisksThatAnswer(self):
-        answering = [Disk(name) for _, name in self.Files("sg") if name in ("WELL", "SLOW")]
-        self.AssertInventory("scsi", OK, answering)
+    def test_generic_class_lists_the_disks_that_answer(self):
+        answering = [disk_record(name) for _, name in self.files("sg") if name in ("WELL", "SLOW")]
+        self.assert_inventory("scsi", OK, answering)
 
-    def testDiskClassListsTheDisksThatAnswer(self):
-        answering = [Disk(name) for _, name in self.Files("sd") if name in ("WELL", "SLOW")]
-        self.AssertInventory("disk", OK, answering)
+    def test_disk_class_lists_the_disks_that_answer(self):
+        answering = [disk_record(name) for _, name in self.files("sd") if name in ("WELL", "SLOW")]
+        self.assert_inventory("disk", OK, answering)
 
-    def testGenericClassLogsWhatTheDisksAnswered(self):
-        self.AssertStatuses("scsi", "sg", "Entry SCSIProxy::GetDeviceInfo()")
+    def test_generic_class_logs_what_the_disks_answered(self):
+        self.assert_statuses("scsi", "sg", "Entry SCSIProxy::GetDeviceInfo()")
 
-    def testDiskClassLogsWhatTheDisksAnswered(self):
-        self.AssertStatuses("disk", "sd", "Entry PhysicalDriveProxy::GetDeviceInfo()")
+    def test_disk_class_logs_what_the_disks_answered(self):
+        self.assert_statuses("disk", "sd", "Entry PhysicalDriveProxy::GetDeviceInfo()")
 
-    def testUnitAttentionIsWaitedOutFiveTimesAndSilenceForTheTimeOfOneCommand(self):
-        self.AssertSeconds("scsi-times")
-        self.AssertSeconds("disk-times")
+    def test_unit_attention_is_waited_out_five_times_and_silence_for_the_time_of_one_command(self):
+        self.assert_seconds("scsi-times")
+        self.assert_seconds("disk-times")
 
-    def testDoctorTellsWhichDiskIsIllInWhichWay(self):
-        document, files = self.Diagnosis("doctor", exitStatus=3)
+    def test_doctor_tells_which_disk_is_ill_in_which_way(self):
+        document, files = self.diagnosis("doctor", exit_status=3)
         self.assertEqual(DOCTORS_PATIENCE, document["seconds_per_device"])
         for word, prefix in (("scsi", "sg"), ("disk", "sd")):
-            found = {name: files[word]["/dev/" + file] for file, name in self.Files(prefix)}
+            found = {name: files[word]["/dev/" + file] for file, name in self.files(prefix)}
             self.assertEqual({"WELL": "visible", "SLOW": "visible", "ATTENTION": "no_usable_answer",
                               "ERROR": "no_usable_answer", "SILENT": "no_answer_in_time"},
                              {name: file["visibility"] for name, file in found.items()})
             for name, sense in (("ATTENTION", "sense key 0x6, additional sense 0x29/0x00"),
                                 ("ERROR", "sense key 0x4, additional sense 0x44/0x00")):
-                self.AssertFailures(found[name], [
+                self.assert_failures(found[name], [
                     ("SG_IO", f"the device answered with SCSI status 0x02, {sense}"),
                     # The sg driver's answer to what it does not know.
                     ("HDIO_DRIVE_CMD", "EPERM" if prefix == "sg" else "EINVAL")])
-            self.AssertFailures(found["WELL"], [])
+            self.assert_failures(found["WELL"], [])
         advice = "\n".join(document["advice"])
         self.assertRegex(advice, r"2 device files \(/dev/sg\d, /dev/sd\w\) have not answered in time")
         self.assertRegex(advice, r"4 device files \([^)]*\) can be opened, but nothing there answers")
 
-    def testDoctorWaitsForASilentDiskNoLongerThanAllowed(self):
-        begin, end = map(float, self.Stdout("doctor-times").split())
+    def test_doctor_waits_for_a_silent_disk_no_longer_than_allowed(self):
+        begin, end = map(float, self.stdout("doctor-times").split())
         # Once in each of two classes; the disks of a class are asked side by side.
         self.assertGreaterEqual(end - begin, 2 * DOCTORS_PATIENCE)
         self.assertLess(end - begin, 2 * COMMAND_LIMIT)
 
-    def testDisksThatRecoveredAreListedAgain(self):
-        self.AssertInventory("after", OK, [Disk(name) for name in ADAPTERS])
+    def test_disks_that_recovered_are_listed_again(self):
+        self.assert_inventory("after", OK, [disk_record(name) for name in ADAPTERS])
 
-    def testAnOrdinaryUserFindsNothingIsToldWhyAndGetsExitCodeThree(self):
-        self.AssertInventory("user", OK, [], exitStatus=3)
+    def test_an_ordinary_user_finds_nothing_is_told_why_and_gets_exit_code_three(self):
+        self.assert_inventory("user", OK, [], exit_status=3)
         self.assertEqual(3, self.results["user-table"].status)
-        self.assertEqual("No storage devices found.\n", self.Stdout("user-table"))
+        self.assertEqual("No storage devices found.\n", self.stdout("user-table"))
         for step in ("user", "user-table"):
-            message, = self.Stderr(step).splitlines()
+            message, = self.stderr(step).splitlines()
             self.assertIn("10 device files could not be opened for lack of privilege", message)
 
-    def testTheKernelReportsNoCrash(self):
-        self.assertNotRegex(self.Stdout("kernel"), r"segfault|general protection|BUG:|Oops")
+    def test_the_kernel_reports_no_crash(self):
+        self.assertNotRegex(self.stdout("kernel"), r"segfault|general protection|BUG:|Oops")

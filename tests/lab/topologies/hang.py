@@ -1,14 +1,17 @@
-"""A disk that swallows every command: who asks it cannot be ended before the kernel gives up, and must not be waited for."""
+"""A disk that swallows every command.
+
+Who asks it cannot be ended before the kernel gives up, and must not be waited for.
+"""
 
 import os
 import re
 
-from labkit.topology import DISK, OK, OPTICAL, Device, EmptyDisk, Record, Timed, Topology
+from labkit.topology import DISK, OK, OPTICAL, Topology, device_record, empty_disk, qemu_device, timed
 
 # The adapters: 0 virtio-scsi, 1 scsi_debug, which numbers its units 2000 * (host + 1) + 1000 * target + LUN.
-DVD = Record("QEMU", "QEMU CD-ROM", OPTICAL, None, "1.07", (0, 0, 1, 0))
-PLAIN = Record("HALVARD", "HX 900", DISK, "HX-00017", "0102", (0, 0, 2, 0))
-SILENT = Record("Linux", "scsi_debug", DISK, "4000", "0191", (1, 0, 0, 0))
+DVD = device_record("QEMU", "QEMU CD-ROM", OPTICAL, None, "1.07", (0, 0, 1, 0))
+PLAIN = device_record("HALVARD", "HX 900", DISK, "HX-00017", "0102", (0, 0, 2, 0))
+SILENT = device_record("Linux", "scsi_debug", DISK, "4000", "0191", (1, 0, 0, 0))
 
 LIMIT = 3
 # What the library grants a command; the kernel's attempts to bring the disk back come on top.
@@ -18,7 +21,7 @@ COMMAND_LIMIT = 20
 class Hang(Topology):
     name = "hang"
     about = "a disk that swallows every command, beside a disk and an optical drive that answer"
-    timeLimit = 390
+    time_limit = 390
 
     setup = """
         modprobe sg; modprobe sd_mod; modprobe sr_mod
@@ -36,7 +39,7 @@ class Hang(Topology):
             echo 4 >/sys/bus/pseudo/drivers/scsi_debug/opts
             echo 1 >/sys/bus/pseudo/drivers/scsi_debug/every_nth
         """,
-        "limited": Timed(f"zddevices --timeout {LIMIT} --format json"),
+        "limited": timed(f"zddevices --timeout {LIMIT} --format json"),
         "left-behind": """
             for process in /proc/[0-9]*; do
                 [ "$(cat $process/comm 2>/dev/null)" != zddevices ] || cut -d ' ' -f 3 $process/stat
@@ -44,7 +47,7 @@ class Hang(Topology):
         """,
         "limited-times": "cat /tmp/times",
         # cat ends when nobody holds the pipe any more.
-        "piped": Timed(f"zddevices --timeout {LIMIT} --type disk 2>&1 | cat"),
+        "piped": timed(f"zddevices --timeout {LIMIT} --type disk 2>&1 | cat"),
         "piped-times": "cat /tmp/times",
         "firmware": f"zddevices firmware --timeout {LIMIT} --format json",
         "optical": f"zddevices optical --timeout {LIMIT} --format json",
@@ -64,17 +67,17 @@ class Hang(Topology):
     }
 
     @classmethod
-    def Hardware(cls):
+    def qemu_arguments(cls):
         return [
             # The guest's clock counts instructions and jumps over waits: how long something takes does not depend on
             # this host.
             "-icount", "shift=0,sleep=off",
-            *Device("virtio-scsi-pci", id="scsi"),
-            *EmptyDisk("disc", readOnly=True),
-            *Device("scsi-cd", bus="scsi.0", drive="disc", channel=0, scsi_id=1, lun=0, ver="1.07"),
-            *EmptyDisk("plain"),
-            *Device("scsi-hd", bus="scsi.0", drive="plain", channel=0, scsi_id=2, lun=0,
-                    vendor="HALVARD", product="HX 900", ver="0102", serial="HX-00017"),
+            *qemu_device("virtio-scsi-pci", id="scsi"),
+            *empty_disk("disc", read_only=True),
+            *qemu_device("scsi-cd", bus="scsi.0", drive="disc", channel=0, scsi_id=1, lun=0, ver="1.07"),
+            *empty_disk("plain"),
+            *qemu_device("scsi-hd", bus="scsi.0", drive="plain", channel=0, scsi_id=2, lun=0,
+                         vendor="HALVARD", product="HX 900", ver="0102", serial="HX-00017"),
         ]
 
     @classmethod
@@ -82,45 +85,45 @@ class Hang(Topology):
         os.environ["ZENDRA_LAB_ACCEL"] = "tcg"
         super().setUpClass()
 
-    def AssertSeconds(self, step):
-        begin, end = map(float, self.Stdout(step).split())
+    def assert_seconds(self, step):
+        begin, end = map(float, self.stdout(step).split())
         self.assertGreaterEqual(end - begin, LIMIT)
         self.assertLess(end - begin, COMMAND_LIMIT)
 
-    def testALimitThatIsNotReachedChangesNothing(self):
-        self.AssertInventory("well", OK, [DVD, PLAIN, SILENT])
-        self.AssertInventory("well-limited", OK, [DVD, PLAIN, SILENT])
-        self.assertIs(True, self.Inventory("well-limited")["complete"])
-        self.assertEqual(self.Stdout("well-table"), self.Stdout("well-limited-table"))
+    def test_a_limit_that_is_not_reached_changes_nothing(self):
+        self.assert_inventory("well", OK, [DVD, PLAIN, SILENT])
+        self.assert_inventory("well-limited", OK, [DVD, PLAIN, SILENT])
+        self.assertIs(True, self.inventory("well-limited")["complete"])
+        self.assertEqual(self.stdout("well-table"), self.stdout("well-limited-table"))
 
-    def testTheClassesThatAnswerAreReportedWithinTheLimitAndTheOthersNamed(self):
-        self.AssertInventory("limited", OK, [DVD], exitStatus=3)
-        document = self.Inventory("limited", exitStatus=3)
+    def test_the_classes_that_answer_are_reported_within_the_limit_and_the_others_named(self):
+        self.assert_inventory("limited", OK, [DVD], exit_status=3)
+        document = self.inventory("limited", exit_status=3)
         self.assertEqual((False, ["scsi", "disk"]), (document["complete"], document["unanswered"]))
-        self.AssertSeconds("limited-times")
+        self.assert_seconds("limited-times")
 
-    def testTheDeviceFilesThatHangAreNamed(self):
+    def test_the_device_files_that_hang_are_named(self):
         self.assertEqual(f"zddevices: class scsi: no answer within {LIMIT} s (/dev/sg2)\n"
-                         f"zddevices: class disk: no answer within {LIMIT} s (/dev/sdb)\n", self.Stderr("limited"))
+                         f"zddevices: class disk: no answer within {LIMIT} s (/dev/sdb)\n", self.stderr("limited"))
 
-    def testWhoCannotBeEndedIsLeftBehind(self):
+    def test_who_cannot_be_ended_is_left_behind(self):
         # The generic driver lets go of who is killed, the disk driver does not.
-        self.assertEqual(["D"], self.Stdout("left-behind").split())
+        self.assertEqual(["D"], self.stdout("left-behind").split())
 
-    def testWhoReadsFromAPipeDoesNotWaitForThoseLeftBehind(self):
+    def test_who_reads_from_a_pipe_does_not_wait_for_those_left_behind(self):
         # The two streams are one pipe here.
         self.assertEqual("Nothing was found in time.\n"
-                         f"zddevices: class disk: no answer within {LIMIT} s (/dev/sdb)\n", self.Stdout("piped"))
-        self.AssertSeconds("piped-times")
+                         f"zddevices: class disk: no answer within {LIMIT} s (/dev/sdb)\n", self.stdout("piped"))
+        self.assert_seconds("piped-times")
 
-    def testSubcommandsKeepTheLimitToo(self):
-        document = self.Inventory("firmware", exitStatus=3)
+    def test_subcommands_keep_the_limit_too(self):
+        document = self.inventory("firmware", exit_status=3)
         self.assertEqual(([], False, ["disk"]), (document["identities"], document["complete"], document["unanswered"]))
-        self.assertIs(True, self.Inventory("optical")["complete"])
+        self.assertIs(True, self.inventory("optical")["complete"])
 
-    def testThoseLeftBehindGoWhenTheKernelGivesUp(self):
-        self.assertEqual(["running"], self.Stdout("recovery").split())
-        self.AssertInventory("after", OK, [DVD, PLAIN, SILENT])
+    def test_those_left_behind_go_when_the_kernel_gives_up(self):
+        self.assertEqual(["running"], self.stdout("recovery").split())
+        self.assert_inventory("after", OK, [DVD, PLAIN, SILENT])
 
-    def testTheKernelReportsNoCrash(self):
-        self.assertFalse(re.search(r"segfault|general protection|BUG:|Oops", self.Stdout("kernel")))
+    def test_the_kernel_reports_no_crash(self):
+        self.assertFalse(re.search(r"segfault|general protection|BUG:|Oops", self.stdout("kernel")))

@@ -1,7 +1,7 @@
 """Devices with unusual texts, a range of targets beyond ten, a medium changer, and a disk that goes away."""
 
-from labkit.topology import (CHANGER, DISK, ENCLOSURE, INVENTORY_STEPS, NO_ADDRESS, NONE, OK, ZEROS, Device, EmptyDisk,
-                             Record, Topology)
+from labkit.topology import (CHANGER, DISK, ENCLOSURE, INVENTORY_STEPS, NONE, OK, ZEROS, Topology, device_record,
+                             empty_disk, qemu_device)
 
 HOST = 6  # of the virtio-scsi controller, behind the six of the AHCI controller
 
@@ -24,26 +24,26 @@ TOLD = {
 }
 
 
-def Disk(target, vendor, product, firmware, serial):
-    return Record(vendor, product, DISK, serial, firmware, (HOST, 0, target, 0))
+def disk_record(target, vendor, product, firmware, serial):
+    return device_record(vendor, product, DISK, serial, firmware, (HOST, 0, target, 0))
 
 
 # Vendor and product lose their blanks at both ends, revision and serial number keep theirs. A serial number of more
 # than 32 characters is not taken, one of a single character is taken for none.
 DISKS = {
-    0: Disk(0, "VENDOR 8", "SIXTEEN  LETTERS", "V  4", "32 characters with  inner blanks"),
-    1: Disk(1, "HALVARD", "HX 33", "0001", None),
-    2: Disk(2, "HALVARD", "HX 36", "0002", None),
-    3: Disk(3, "HALVARD", "HX 1", "0003", None),
-    4: Disk(4, "HALVARD", "HX 2", "0004", "42"),
-    5: Disk(5, "LEAD", "LEADING BLANKS", " 5 ", "  A  B  "),
+    0: disk_record(0, "VENDOR 8", "SIXTEEN  LETTERS", "V  4", "32 characters with  inner blanks"),
+    1: disk_record(1, "HALVARD", "HX 33", "0001", None),
+    2: disk_record(2, "HALVARD", "HX 36", "0002", None),
+    3: disk_record(3, "HALVARD", "HX 1", "0003", None),
+    4: disk_record(4, "HALVARD", "HX 2", "0004", "42"),
+    5: disk_record(5, "LEAD", "LEADING BLANKS", " 5 ", "  A  B  "),
     # Nothing but blanks has no end to cut at.
-    6: Disk(6, "HALVARD", f"{'':16}", "0006", "BLANK-PRODUCT"),
-    7: Disk(7, "HALVARD", "HX NONE", "0007", None),
-    8: Disk(8, "CAF\ufffd", "HX LATIN", "0008", "LATIN-1"),
-    9: Disk(9, "HALVARD", "HX 9", "0009", "HX-00009"),
-    10: Disk(10, "HALVARD", "HX 10", "0010", "HX-00010"),
-    11: Disk(11, "HALVARD", "HX ATA 11", "0011", "HX-00011"),
+    6: disk_record(6, "HALVARD", f"{'':16}", "0006", "BLANK-PRODUCT"),
+    7: disk_record(7, "HALVARD", "HX NONE", "0007", None),
+    8: disk_record(8, "CAF\ufffd", "HX LATIN", "0008", "LATIN-1"),
+    9: disk_record(9, "HALVARD", "HX 9", "0009", "HX-00009"),
+    10: disk_record(10, "HALVARD", "HX 10", "0010", "HX-00010"),
+    11: disk_record(11, "HALVARD", "HX ATA 11", "0011", "HX-00011"),
 }
 
 # In the order of the keys' bytes: a digit stands before the bar that ends a shorter number.
@@ -53,17 +53,17 @@ KEY_ORDER = (0, 10, 11, 1, 2, 3, 4, 5, 6, 7, 8, 9)
 # serial number begins with a blank.
 MODEL = "M40-" + "".join(str(digit % 10) for digit in range(36))
 SERIAL = " 20 chars w/ blanks!"
-ATA_GENERIC = Record("ATA", MODEL[:16], DISK, SERIAL, "2 C3", ZEROS)
-ATA_DISK = Record("ATA", MODEL, DISK, SERIAL, "A1B2C3", ZEROS)
+ATA_GENERIC = device_record("ATA", MODEL[:16], DISK, SERIAL, "2 C3", ZEROS)
+ATA_DISK = device_record("ATA", MODEL, DISK, SERIAL, "A1B2C3", ZEROS)
 
 
-def WithoutAddress(record):
+def without_address(record):
     return {**record, "port": None, "target": None, "bus": None, "lun": None}
 
 
-def Library(type):
+def library_record(type):
     # Neither changers nor enclosures are asked for a serial number.
-    return Record("LABROBOT", "Arm", type, None, "0191", (7, 0, 0, 0))
+    return device_record("LABROBOT", "Arm", type, None, "0191", (7, 0, 0, 0))
 
 
 class Odd(Topology):
@@ -99,77 +99,77 @@ class Odd(Topology):
     }
 
     @classmethod
-    def Hardware(cls):
+    def qemu_arguments(cls):
         hardware = [
-            *Device("ahci", id="ahci", addr="05.0"),
-            *EmptyDisk("ata"),
-            *Device("ide-hd", bus="ahci.0", drive="ata", model=MODEL, serial=SERIAL, ver="A1 B2 C3"),
-            *Device("virtio-scsi-pci", id="scsi", addr="06.0"),
+            *qemu_device("ahci", id="ahci", addr="05.0"),
+            *empty_disk("ata"),
+            *qemu_device("ide-hd", bus="ahci.0", drive="ata", model=MODEL, serial=SERIAL, ver="A1 B2 C3"),
+            *qemu_device("virtio-scsi-pci", id="scsi", addr="06.0"),
         ]
         for target, (vendor, product, revision, serial) in TOLD.items():
-            hardware += EmptyDisk(f"disk{target}")
-            hardware += Device("scsi-hd", bus="scsi.0", drive=f"disk{target}", channel=0, scsi_id=target, lun=0,
-                               vendor=vendor, product=product, ver=revision,
-                               **({} if serial is None else {"serial": serial}))
+            hardware += empty_disk(f"disk{target}")
+            hardware += qemu_device("scsi-hd", bus="scsi.0", drive=f"disk{target}", channel=0, scsi_id=target, lun=0,
+                                    vendor=vendor, product=product, ver=revision,
+                                    **({} if serial is None else {"serial": serial}))
         return hardware
 
-    def GenericRecords(self, but=()):
-        return {(0, 0, 0, 0): ATA_GENERIC, (7, 0, 0, 0): Library(CHANGER),
+    def generic_records(self, but=()):
+        return {(0, 0, 0, 0): ATA_GENERIC, (7, 0, 0, 0): library_record(CHANGER),
                 **{(HOST, 0, target, 0): record for target, record in DISKS.items() if target not in but}}
 
-    def DiskRecords(self, but=()):
+    def disk_records(self, but=()):
         return {(0, 0, 0, 0): ATA_DISK,
                 **{(HOST, 0, target, 0): record for target, record in DISKS.items() if target not in but}}
 
-    def Merged(self, library, but=()):
+    def merged(self, library, but=()):
         # The ATA disk has no address that counts, so its two records do not meet: Port:1|... and Port:2|...
-        return [WithoutAddress(ATA_GENERIC), WithoutAddress(ATA_DISK),
+        return [without_address(ATA_GENERIC), without_address(ATA_DISK),
                 *(DISKS[target] for target in KEY_ORDER if target not in but), library]
 
-    def FileAt(self, address, prefix):
-        for file, where in (line.split() for line in self.Stdout("addresses").splitlines()):
+    def file_at(self, address, prefix):
+        for file, where in (line.split() for line in self.stdout("addresses").splitlines()):
             if where == address and file.startswith(prefix):
                 return file
         return self.fail(f"the guest has no /dev/{prefix}* at {address}")
 
-    def testScsiScanListsDisksAndTheChangerInDirectoryOrder(self):
-        self.AssertInventory("scsi", OK, self.InDirectoryOrder("sg", self.GenericRecords()))
+    def test_scsi_scan_lists_disks_and_the_changer_in_directory_order(self):
+        self.assert_inventory("scsi", OK, self.in_directory_order("sg", self.generic_records()))
 
-    def testDiskScanListsDisksAndNoChanger(self):
-        self.AssertInventory("disk", OK, self.InDirectoryOrder("sd", self.DiskRecords()))
+    def test_disk_scan_lists_disks_and_no_changer(self):
+        self.assert_inventory("disk", OK, self.in_directory_order("sd", self.disk_records()))
 
-    def testAMediumChangerIsNoTape(self):
-        self.AssertInventory("tape", NONE, [])
+    def test_a_medium_changer_is_no_tape(self):
+        self.assert_inventory("tape", NONE, [])
 
-    def testMergedListStandsInTheOrderOfTheKeysBytes(self):
-        self.AssertInventory("merged", OK, self.Merged(Library(CHANGER)))
+    def test_merged_list_stands_in_the_order_of_the_keys_bytes(self):
+        self.assert_inventory("merged", OK, self.merged(library_record(CHANGER)))
 
-    def testAnUnpluggedDiskIsGoneFromTheNextScan(self):
-        self.assertEqual(0, self.results["unplug"].status, self.Stderr("unplug"))
-        self.AssertInventory("merged-without-9", OK, self.Merged(Library(CHANGER), but=(9,)))
-        self.AssertInventory("scsi-without-9", OK, self.InDirectoryOrder(
-            "sg", self.GenericRecords(but=(9,)), "dev-without-9", "addresses-without-9"))
-        self.AssertInventory("disk-without-9", OK, self.InDirectoryOrder(
-            "sd", self.DiskRecords(but=(9,)), "dev-without-9", "addresses-without-9"))
+    def test_an_unplugged_disk_is_gone_from_the_next_scan(self):
+        self.assertEqual(0, self.results["unplug"].status, self.stderr("unplug"))
+        self.assert_inventory("merged-without-9", OK, self.merged(library_record(CHANGER), but=(9,)))
+        self.assert_inventory("scsi-without-9", OK, self.in_directory_order(
+            "sg", self.generic_records(but=(9,)), "dev-without-9", "addresses-without-9"))
+        self.assert_inventory("disk-without-9", OK, self.in_directory_order(
+            "sd", self.disk_records(but=(9,)), "dev-without-9", "addresses-without-9"))
 
-    def testADiskPluggedInAgainTakesItsOldPlace(self):
-        self.assertEqual(0, self.results["plug-again"].status, self.Stderr("plug-again"))
-        self.AssertInventory("merged-again", OK, self.Merged(Library(CHANGER)))
+    def test_a_disk_plugged_in_again_takes_its_old_place(self):
+        self.assertEqual(0, self.results["plug-again"].status, self.stderr("plug-again"))
+        self.assert_inventory("merged-again", OK, self.merged(library_record(CHANGER)))
 
-    def testEveryScanAsksTheDeviceAnewForItsType(self):
-        self.AssertInventory("merged-enclosure", OK, self.Merged(Library(ENCLOSURE)))
+    def test_every_scan_asks_the_device_anew_for_its_type(self):
+        self.assert_inventory("merged-enclosure", OK, self.merged(library_record(ENCLOSURE)))
 
-    def testSerialNumbersOfAnUnusableLengthAreLogged(self):
+    def test_serial_numbers_of_an_unusable_length_are_logged(self):
         for address, prefix, message in ((f"{HOST}:0:1:0", "sg", "Size pointer is too large."),
                                          (f"{HOST}:0:3:0", "sg", "Size pointer is too small, size<=1"),
                                          (f"{HOST}:0:0:0", "sg", "Serial Number: 32 characters with  inner blanks")):
             with self.subTest(message):
-                self.assertIn((4, message), self.MessagesAbout("scsi-trace", self.FileAt(address, prefix)))
+                self.assertIn((4, message), self.messages_about("scsi-trace", self.file_at(address, prefix)))
 
-    def testTheSenseOfADiskWithoutSerialPageIsReported(self):
+    def test_the_sense_of_a_disk_without_serial_page_is_reported(self):
         # Fixed format: 70h, ILLEGAL REQUEST, 10 more bytes, INVALID FIELD IN CDB (24h 00h); then CHECK CONDITION as
         # one raw character, which the program shows as an escape, and the sense flag in the base left behind.
-        messages = self.MessagesAbout("scsi-trace", self.FileAt(f"{HOST}:0:7:0", "sg"))
+        messages = self.messages_about("scsi-trace", self.file_at(f"{HOST}:0:7:0", "sg"))
         report = (4, "SCSI sense data: 70050000a00002400000")
         self.assertIn(report, messages)
         sense = messages.index(report)
@@ -180,15 +180,15 @@ class Odd(Topology):
             (4, "Size pointer is too small, size<=1"),
         ], messages[sense + 1:sense + 5])
 
-    def testADanglingNodeIsPassedOver(self):
-        messages = self.MessagesAbout("disk-trace", "sdzz")
+    def test_a_dangling_node_is_passed_over(self):
+        messages = self.messages_about("disk-trace", "sdzz")
         self.assertEqual(2, messages.count((4, "DataOperator::ExecIoCtl(/dev/sdzz)  invalid")), messages)
         self.assertIn((4, "Device do not compat with SCSI"), messages)
         self.assertIn((1, "Exit  GetGenericDeviceData()"), messages)
 
-    def MessagesAbout(self, step, file):
+    def messages_about(self, step, file):
         """What the step logged from the first opening of a device file to the end of that device's probe."""
-        messages = self.Messages(step)
+        messages = self.messages(step)
         first = messages.index((4, f"Enter DataOperator::OpenDriveFile() driveName = /dev/{file}"))
         opening = "Enter DataOperator::OpenDriveFile() driveName = /dev/"
         last = first

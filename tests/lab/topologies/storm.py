@@ -5,7 +5,7 @@ import shlex
 from labkit import build as builds
 from labkit import machine
 from labkit.problem import Problem
-from labkit.topology import DISK, OK, Device, EmptyDisk, Record, Topology
+from labkit.topology import DISK, OK, Topology, device_record, empty_disk, qemu_device
 
 # Hosts: 0 virtio-scsi, 1 the adapter of scsi_debug that stays, 2 to 5 those that come and go. A new adapter takes the
 # lowest number that is free.
@@ -14,21 +14,21 @@ PASSING_ADAPTERS = (2, 3, 4, 5)
 LUNS = 5
 ROUNDS = 12
 
-PLAIN = Record("HALVARD", "HX 900", DISK, "HX-00017", "0102", (0, 0, 1, 0))
-LARGE = Record("HALVARD", "HX 9000", DISK, "HX-00018", "0103", (0, 0, 2, 0))
+PLAIN = device_record("HALVARD", "HX 900", DISK, "HX-00017", "0102", (0, 0, 1, 0))
+LARGE = device_record("HALVARD", "HX 9000", DISK, "HX-00018", "0103", (0, 0, 2, 0))
 
 
-def Debug(adapter, lun):
+def debug(adapter, lun):
     """A disk of the kernel's scsi_debug driver. It numbers its units 2000 * (host + 1) + 1000 * target + LUN."""
-    return Record("Linux", "scsi_debug", DISK, str(2000 * (adapter + 1) + lun), "0191", (adapter, 0, 0, lun))
+    return device_record("Linux", "scsi_debug", DISK, str(2000 * (adapter + 1) + lun), "0191", (adapter, 0, 0, lun))
 
 
-STEADY = [PLAIN, LARGE, *(Debug(STEADY_ADAPTER, lun) for lun in range(LUNS))]
-PASSING = [Debug(adapter, lun) for adapter in PASSING_ADAPTERS for lun in range(LUNS)]
+STEADY = [PLAIN, LARGE, *(debug(STEADY_ADAPTER, lun) for lun in range(LUNS))]
+PASSING = [debug(adapter, lun) for adapter in PASSING_ADAPTERS for lun in range(LUNS)]
 FIELDS = ("vendor", "product", "device_type", "serial_number", "firmware_revision", "port", "target", "bus", "lun")
 
 
-def KnownDevices():
+def known_devices():
     """What labWatch is told, a line per device."""
     lines = ["\t".join([kind, *(str(record[field]) for field in FIELDS)])
              for kind, records in (("steady", STEADY), ("passing", PASSING)) for record in records]
@@ -38,7 +38,7 @@ def KnownDevices():
 class Storm(Topology):
     name = "storm"
     about = "disks plugged in and out while the inventory is taken"
-    timeLimit = 800
+    time_limit = 800
 
     setup = f"""
         modprobe sg; modprobe sd_mod
@@ -51,7 +51,7 @@ class Storm(Topology):
     # after: a device file's name goes to whatever comes next.
     steps = {
         "storm": f"""
-            printf %s {shlex.quote(KnownDevices())} >/tmp/known
+            printf %s {shlex.quote(known_devices())} >/tmp/known
             rm -f /tmp/over
             GLIBC_TUNABLES=glibc.malloc.tcache_count=0 labWatch /tmp/known /tmp/over >/tmp/seen 2>/tmp/complaints &
             watch=$!
@@ -101,49 +101,49 @@ class Storm(Topology):
     }
 
     @classmethod
-    def Hardware(cls):
+    def qemu_arguments(cls):
         return [
-            *Device("virtio-scsi-pci", id="scsi"),
-            *EmptyDisk("plain"),
-            *Device("scsi-hd", bus="scsi.0", drive="plain", channel=0, scsi_id=1, lun=0,
-                    vendor="HALVARD", product="HX 900", ver="0102", serial="HX-00017"),
-            *EmptyDisk("large"),
-            *Device("scsi-hd", bus="scsi.0", drive="large", channel=0, scsi_id=2, lun=0,
-                    vendor="HALVARD", product="HX 9000", ver="0103", serial="HX-00018"),
+            *qemu_device("virtio-scsi-pci", id="scsi"),
+            *empty_disk("plain"),
+            *qemu_device("scsi-hd", bus="scsi.0", drive="plain", channel=0, scsi_id=1, lun=0,
+                         vendor="HALVARD", product="HX 900", ver="0102", serial="HX-00017"),
+            *empty_disk("large"),
+            *qemu_device("scsi-hd", bus="scsi.0", drive="large", channel=0, scsi_id=2, lun=0,
+                         vendor="HALVARD", product="HX 9000", ver="0103", serial="HX-00018"),
         ]
 
     @classmethod
     def setUpClass(cls):
-        build = cls.build or builds.Find()
+        build = cls.build or builds.find()
         watch = build.programs[0].parents[3] / "tests" / "lab" / "programs" / "labWatch"
         if not watch.is_file():
             raise Problem(f"{watch} is not there: build the tests")
-        cls.results = machine.Boot(cls, build, cls.steps, additions=[(watch, None)])
+        cls.results = machine.boot(cls, build, cls.steps, additions=[(watch, None)])
 
-    def Seen(self):
+    def seen(self):
         return {name: int(value) for name, _, value in
-                (line.partition("=") for line in self.Stdout("storm").splitlines())}
+                (line.partition("=") for line in self.stdout("storm").splitlines())}
 
-    def testEveryRecordIsOfOneDeviceAndNoSteadyDeviceIsEverMissing(self):
-        self.assertEqual("", self.Stderr("storm"))
+    def test_every_record_is_of_one_device_and_no_steady_device_is_ever_missing(self):
+        self.assertEqual("", self.stderr("storm"))
         self.assertEqual(0, self.results["storm"].status, "labWatch")
-        self.assertEqual(0, self.Seen()["complaints"])
+        self.assertEqual(0, self.seen()["complaints"])
 
-    def testTheStormWasOne(self):
-        seen = self.Seen()
+    def test_the_storm_was_one(self):
+        seen = self.seen()
         self.assertGreaterEqual(seen["events"], 500, "removals and additions")
         self.assertGreaterEqual(seen["inventories"], 20)
         # Inventories that all find as many devices were not taken while devices came and went.
         self.assertGreaterEqual(seen["sizes"], 4, "different numbers of devices seen")
         self.assertGreater(seen["whole"], seen["inventories"] * len(STEADY), "records")
 
-    def testNothingLeaks(self):
-        seen = self.Seen()
+    def test_nothing_leaks(self):
+        seen = self.seen()
         self.assertEqual(seen["descriptors_before"], seen["descriptors_after"])
         self.assertEqual(seen["heap_before"], seen["heap_after"], "bytes in use on the heap")
 
-    def testTheInventoryAfterTheStormIsThatOfTheSteadyDevices(self):
-        self.AssertInventory("merged", OK, STEADY)
+    def test_the_inventory_after_the_storm_is_that_of_the_steady_devices(self):
+        self.assert_inventory("merged", OK, STEADY)
 
-    def testTheKernelReportsNoCrash(self):
-        self.assertNotRegex(self.Stdout("kernel"), r"segfault|general protection|BUG:|Oops")
+    def test_the_kernel_reports_no_crash(self):
+        self.assertNotRegex(self.stdout("kernel"), r"segfault|general protection|BUG:|Oops")

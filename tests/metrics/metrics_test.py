@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Metrics of zddevices, read by Prometheus' own programs and by an independent parser.
 
-Usage: metricsTest.py GROUP, where GROUP is the name of a test class without "Test". Programs and directories are named
+Usage: metrics_test.py GROUP, where GROUP is the name of a test class without "Test". Programs and directories are named
 by environment variables (see CMakeLists.txt).
 """
 import json

@@ -1,6 +1,6 @@
 """Two optical drives, for which the kernel's table has a column each."""
 
-from labkit.topology import OK, OPTICAL_ROWS, Device, EmptyDisk, Topology
+from labkit.topology import OK, OPTICAL_ROWS, Topology, empty_disk, qemu_device
 
 
 class TwoDrives(Topology):
@@ -17,37 +17,37 @@ class TwoDrives(Topology):
     }
 
     @classmethod
-    def Hardware(cls):
+    def qemu_arguments(cls):
         return [
-            *Device("ahci", id="ahci", addr="05.0"),
-            *EmptyDisk("first", readOnly=True),
-            *Device("ide-cd", bus="ahci.0", drive="first", ver="1.07", serial="DVD-0001"),
-            *EmptyDisk("second", readOnly=True),
-            *Device("ide-cd", bus="ahci.1", drive="second", ver="2.11", serial="DVD-0002"),
+            *qemu_device("ahci", id="ahci", addr="05.0"),
+            *empty_disk("first", read_only=True),
+            *qemu_device("ide-cd", bus="ahci.0", drive="first", ver="1.07", serial="DVD-0001"),
+            *empty_disk("second", read_only=True),
+            *qemu_device("ide-cd", bus="ahci.1", drive="second", ver="2.11", serial="DVD-0002"),
         ]
 
-    def testBothDrivesCanReadDvd(self):
+    def test_both_drives_can_read_dvd(self):
         # What makes the denials below mean something.
-        self.assertEqual(["1", "1"], self.OpticalTable()["Can read DVD"])
+        self.assertEqual(["1", "1"], self.optical_table()["Can read DVD"])
 
-    def testOneRecordNamesBothDrivesAndDeniesEveryCapability(self):
-        document = self.Inventory("optical-record")
+    def test_one_record_names_both_drives_and_denies_every_capability(self):
+        document = self.inventory("optical-record")
         self.assertEqual(OK, document["status"])
-        first, second = self.OpticalTable()["drive name"]
+        first, second = self.optical_table()["drive name"]
         self.assertEqual([{
             "drive_name_": f"/dev/{first}\t{second}", "vendor_": None, "product_": None,
             **dict.fromkeys(OPTICAL_ROWS, "No"),
         }], document["drives"])
 
-    def testTheTableTellsThePersonThatTheCapabilitiesAreNotKnown(self):
+    def test_the_table_tells_the_person_that_the_capabilities_are_not_known(self):
         self.assertEqual(0, self.results["table"].status)
-        self.assertIn("not known", self.Stderr("table"))
+        self.assertIn("not known", self.stderr("table"))
 
-    def testTheLogHoldsTheWholeTableAndTheEightCapabilities(self):
-        table = self.Stdout("cdrom")
+    def test_the_log_holds_the_whole_table_and_the_eight_capabilities(self):
+        table = self.stdout("cdrom")
         # One line more than the text has: the empty one at its end.
         lines = table.count("\n") + 1
-        self.AssertLogs("trace", [
+        self.assert_logs("trace", [
             (4, "Enter DeviceCollector::GetOpticalProperties()"),
             (4, "Entry CDDVDProxy::GetCDDVDOptList()"),
             (3, "SpawnProcess: process cat"),
@@ -57,5 +57,5 @@ class TwoDrives(Topology):
             (4, "Exit CDDVDProxy::GetCDDVDOptList()"),
         ])
         # The program's own line to the person follows the last line of the library.
-        self.assertIn(" Leave DeviceCollector::GetOpticalProperties()\nzddevices: ", self.Stderr("trace"))
-        self.assertIn("cat cdrom info result =      " + table.rstrip("\n"), self.Stderr("trace"))
+        self.assertIn(" Leave DeviceCollector::GetOpticalProperties()\nzddevices: ", self.stderr("trace"))
+        self.assertIn("cat cdrom info result =      " + table.rstrip("\n"), self.stderr("trace"))

@@ -18,7 +18,7 @@ import model  # noqa: E402
 from labkit import build, machine  # noqa: E402
 from labkit.topology import IDENTITY_PROPERTIES, OPTICAL_ROWS, RECORD_FIELDS  # noqa: E402
 from topologies.odd import Odd  # noqa: E402
-from topologies.oneOfEach import OneOfEach  # noqa: E402
+from topologies.one_of_each import OneOfEach  # noqa: E402
 
 RECORDER = HERE.parents[1] / "scripts" / "record-host"
 PYTHON = "/usr/bin/python3"
@@ -38,7 +38,7 @@ CALLS = {
 OPTICAL_FIELDS = ["drive_name_", "vendor_", "product_", *OPTICAL_ROWS]
 
 
-def RecorderFiles():
+def recorder_files():
     """The recorder, Debian's interpreter and the modules that it loads: (file of this host, path in the guest)."""
     script = f"import json, runpy, sys; runpy.run_path({str(RECORDER)!r}); " \
              "print(json.dumps([m.__file__ for m in sys.modules.values() if getattr(m, '__file__', None)]))"
@@ -80,7 +80,7 @@ class Recording(unittest.TestCase):
     def setUpClass(cls):
         steps = {call.replace(" ", "-"): command for call, command in CALLS.items()}
         steps["record"] = "python3 -I -S /root/record-host"
-        cls.results = machine.Boot(cls.topology, cls.build, steps, additions=RecorderFiles())
+        cls.results = machine.boot(cls.topology, cls.build, steps, additions=recorder_files())
         cls.text = cls.results["record"].stdout
         if not cls.text:
             raise AssertionError(f"nothing was recorded: {cls.results['record'].stderr.decode(errors='replace')}")
@@ -89,33 +89,33 @@ class Recording(unittest.TestCase):
             file.flush()
             cls.shown = subprocess.run([cls.show, file.name], capture_output=True, check=False)
 
-    def Guest(self, call):
+    def guest_answer(self, call):
         """What zddevices said in the guest; absent values are empty texts, as in the records."""
         document = json.loads(self.results[call.replace(" ", "-")].stdout)
         records = document.get("devices", document.get("drives", document.get("identities")))
         return document["status"]["code"], [
             {key: "" if value is None else str(value) for key, value in record.items()} for record in records]
 
-    def Simulated(self, call):
+    def simulated_answer(self, call):
         golden = Golden(self.shown.stdout.decode("latin-1"))
         fields = {"optical": OPTICAL_FIELDS, "firmware": IDENTITY_PROPERTIES}.get(call, RECORD_FIELDS)
         return golden.status[call], [{field: record[field] for field in fields if field in record}
                                      for record in golden.records[call]]
 
-    def testTheRecorderHadNothingToComplainOf(self):
+    def test_the_recorder_had_nothing_to_complain_of(self):
         result = self.results["record"]
         self.assertEqual((0, ""), (result.status, result.stderr.decode()))
 
-    def testTheLibraryAsksEverythingThatWasRecordedAndNothingElse(self):
+    def test_the_library_asks_everything_that_was_recorded_and_nothing_else(self):
         self.assertEqual((0, b""), (self.shown.returncode, self.shown.stderr), self.text.decode())
 
-    def testRecordsAreTheGuestsButForSerialNumbers(self):
+    def test_records_are_the_guests_but_for_serial_numbers(self):
         compared = 0
         for call in CALLS:
             with self.subTest(call):
-                status, records = self.Guest(call)
-                simulatedStatus, simulated = self.Simulated(call)
-                self.assertEqual(status, simulatedStatus)
+                status, records = self.guest_answer(call)
+                simulated_status, simulated = self.simulated_answer(call)
+                self.assertEqual(status, simulated_status)
                 self.assertEqual(len(records), len(simulated))
                 for record, other in zip(records, simulated):
                     record, other = dict(record), dict(other)
@@ -126,21 +126,21 @@ class Recording(unittest.TestCase):
                     compared += 1
         self.assertGreater(compared, 10)
 
-    def Serials(self):
+    def serials(self):
         """(serial number in the guest, serial number of the recording) of every record."""
         for call in list(CALLS)[:5]:
-            for record, other in zip(self.Guest(call)[1], self.Simulated(call)[1]):
+            for record, other in zip(self.guest_answer(call)[1], self.simulated_answer(call)[1]):
                 yield record["serial_number"], other["serial_number"]
 
-    def testSerialNumbersAreReplacedByOthersOfTheSameLength(self):
-        for serial, other in self.Serials():
+    def test_serial_numbers_are_replaced_by_others_of_the_same_length(self):
+        for serial, other in self.serials():
             self.assertEqual(len(serial), len(other))
             if serial.strip():
                 self.assertNotEqual(serial, other)
                 self.assertNotIn(serial.strip().encode(), self.text)
 
-    def testADeviceHasOneSerialNumberWhateverFileItIsSeenThrough(self):
-        pairs = {(serial.strip(), other.strip()) for serial, other in self.Serials()}
+    def test_a_device_has_one_serial_number_whatever_file_it_is_seen_through(self):
+        pairs = {(serial.strip(), other.strip()) for serial, other in self.serials()}
         self.assertGreater(len(pairs), 3)
         self.assertEqual(len(pairs), len({serial for serial, _ in pairs}))
         self.assertEqual(len(pairs), len({other for _, other in pairs}))
@@ -149,17 +149,17 @@ class Recording(unittest.TestCase):
 class RecordingOfOneOfEach(Recording):
     topology = OneOfEach
 
-    def testTheOpticalTableIsRecorded(self):
+    def test_the_optical_table_is_recorded(self):
         self.assertIn(b'cdrom_info "drive name:\\t\\tsr0\\n"\n', self.text)
 
 
 class RecordingOfOdd(Recording):
     topology = Odd
 
-    def testADanglingNodeIsRecordedAsOneThatCannotBeOpened(self):
+    def test_a_dangling_node_is_recorded_as_one_that_cannot_be_opened(self):
         self.assertIn(b"dev unopenable sdzz\n", self.text)
 
-    def testTheSenseOfADiskWithoutSerialPageIsRecorded(self):
+    def test_the_sense_of_a_disk_without_serial_page_is_recorded(self):
         self.assertRegex(self.text, rb"\n  serial sense=70000500000000[0-9a-f]* .*info=1 .*masked_status=1 ")
 
 
@@ -176,7 +176,7 @@ def main():
     if tried.returncode != 0:
         print(f"cannot show a simulated host here: {tried.stderr}")
         return SKIPPED
-    Recording.build = build.Find(arguments.build)
+    Recording.build = build.find(arguments.build)
     Recording.show = arguments.show
     suite = unittest.TestSuite()
     for case in (RecordingOfOneOfEach, RecordingOfOdd):

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Runs the program zddevices as its users do: exit codes, output, terminals, privileges.
 
-Usage: programTest.py GROUP, where GROUP is the name of a test class without "Test". The programs and the
+Usage: program_test.py GROUP, where GROUP is the name of a test class without "Test". The programs and the
 schema are named by environment variables (see CMakeLists.txt). Exit code 77: every test was skipped.
 """
 import datetime

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The report of a fleet, rendered by Ansible and used in a browser.
 
-Usage: reportTest.py GROUP, where GROUP is the name of a test class without "Test". REPORT_ROLE names the Ansible role's
+Usage: report_test.py GROUP, where GROUP is the name of a test class without "Test". REPORT_ROLE names the Ansible role's
 directory; pictures of the page are left in REPORT_SCREENSHOTS.
 """
 import base64
@@ -175,7 +175,7 @@ class Counter(http.server.BaseHTTPRequestHandler):
     """A server on the loopback interface that counts who asks it."""
     asked = []
 
-    def do_GET(self):  # pylint: disable=invalid-name
+    def do_GET(self):  # pylint: disable=invalid-name  # noqa: N802
         Counter.asked.append(self.path)
         self.send_error(404)
 

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """One run of the playbooks over many hosts, of all kinds; then what the collection holds against what the hosts hold.
 
-    fleetTest.py --source TREE --packages DIR --devices LIBRARY --make-devices PROGRAM [unittest's arguments]
+    fleet_test.py --source TREE --packages DIR --devices LIBRARY --make-devices PROGRAM [unittest's arguments]
 
-Takes root. The hosts are namespaces of this machine (network.py, testHosts.py); what is installed on them are the real
+Takes root. The hosts are namespaces of this machine (network.py, test_hosts.py); what is installed on them are the real
 packages, what reaches them is the real ssh and the real Ansible.
 """
 import argparse
@@ -17,7 +17,7 @@ import jsonschema
 
 import controller
 import network
-import testHosts
+import test_hosts
 
 SKIP = 77
 
@@ -87,7 +87,7 @@ class FleetTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.hosts = testHosts.all_hosts()
+        cls.hosts = test_hosts.all_hosts()
         cls.network = network.Network(OPTIONS.devices, OPTIONS.make_devices)
         cls.enterClassContext(cls.network)
         cls.network.start(cls.hosts)

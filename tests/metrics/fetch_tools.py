@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Unpacks Debian's Prometheus and node exporter below a directory, for their programs.
 
-Usage: fetchTools.py DIRECTORY. They are not installed: their packages would start services on this machine, and start
+Usage: fetch_tools.py DIRECTORY. They are not installed: their packages would start services on this machine, and start
 them again with every boot. Does nothing when the programs are there already.
 """
 import os

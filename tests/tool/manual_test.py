@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The manual page: it is well-formed, says what the program takes, and its examples do what it shows.
 
-Usage: manualTest.py. Environment: ZDDEVICES and ZDDEVICES_SCRIPTED, the program with and without the library;
+Usage: manual_test.py. Environment: ZDDEVICES and ZDDEVICES_SCRIPTED, the program with and without the library;
 ZDDEVICES_MANUAL, the page.
 """
 import json

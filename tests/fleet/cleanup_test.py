@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Test hosts leave nothing behind, however the test that has them ends.
 
-    cleanupTest.py --devices LIBRARY --make-devices PROGRAM
+    cleanup_test.py --devices LIBRARY --make-devices PROGRAM
 """
 import os
 import pathlib
@@ -13,7 +13,7 @@ import time
 import unittest
 
 import network
-import testHosts
+import test_hosts
 
 SKIP = 77
 
@@ -23,7 +23,7 @@ def hold():
     network.enter()
     ending, devices, make_devices = sys.argv[2:5]
     with network.Network(devices, make_devices) as hosts:
-        hosts.start([testHosts.TestHost("one"), testHosts.TestHost("two")])
+        hosts.start([test_hosts.TestHost("one"), test_hosts.TestHost("two")])
         print(os.environ[network.INSIDE], flush=True)
         sys.stdin.read()
         if ending == "fails":

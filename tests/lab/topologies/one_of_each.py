@@ -1,46 +1,48 @@
 """One device of every kind that a plain server has."""
 
 from labkit.topology import (DISK, IDENTITY_PROPERTIES, INVENTORY_STEPS, NO_ADDRESS, OK, OPTICAL, OPTICAL_ROWS, TAPE,
-                             ZEROS, Device, EmptyDisk, Identity, Record, Topology)
+                             ZEROS, Topology, device_record, empty_disk, identity_record, qemu_device)
 
 
-def Hardware():
+def qemu_arguments():
     return [
         # A port of an AHCI controller is a SCSI host of its own: ports 0 to 5 are hosts 0 to 5.
-        *Device("ahci", id="ahci", addr="05.0"),
-        *EmptyDisk("ata"),
-        *Device("ide-hd", bus="ahci.1", drive="ata", model="SEAVIEW ST4000X", serial="ZC1 8LQ 0042", ver="AB12CD34"),
-        *EmptyDisk("disc", readOnly=True),
-        *Device("ide-cd", bus="ahci.2", drive="disc", ver="1.07", serial="DVD-0001"),
-        *Device("virtio-scsi-pci", id="scsi", addr="06.0"),
-        *EmptyDisk("plain"),
-        *Device("scsi-hd", bus="scsi.0", drive="plain", channel=0, scsi_id=0, lun=0,
-                vendor="HALVARD", product="HX 900", ver="0102", serial="HX-00017"),
-        *EmptyDisk("raid"),
-        *Device("scsi-hd", bus="scsi.0", drive="raid", channel=0, scsi_id=3, lun=0,
-                vendor="HALVARD", product="RAID 5 Volume", ver="7.20", serial="VOL000000003"),
-        *EmptyDisk("flash"),
-        *Device("nvme", id="nvme0", drive="flash", serial="NV-5510-A", addr="07.0"),
+        *qemu_device("ahci", id="ahci", addr="05.0"),
+        *empty_disk("ata"),
+        *qemu_device("ide-hd", bus="ahci.1", drive="ata", model="SEAVIEW ST4000X", serial="ZC1 8LQ 0042",
+                     ver="AB12CD34"),
+        *empty_disk("disc", read_only=True),
+        *qemu_device("ide-cd", bus="ahci.2", drive="disc", ver="1.07", serial="DVD-0001"),
+        *qemu_device("virtio-scsi-pci", id="scsi", addr="06.0"),
+        *empty_disk("plain"),
+        *qemu_device("scsi-hd", bus="scsi.0", drive="plain", channel=0, scsi_id=0, lun=0,
+                     vendor="HALVARD", product="HX 900", ver="0102", serial="HX-00017"),
+        *empty_disk("raid"),
+        *qemu_device("scsi-hd", bus="scsi.0", drive="raid", channel=0, scsi_id=3, lun=0,
+                     vendor="HALVARD", product="RAID 5 Volume", ver="7.20", serial="VOL000000003"),
+        *empty_disk("flash"),
+        *qemu_device("nvme", id="nvme0", drive="flash", serial="NV-5510-A", addr="07.0"),
     ]
 
 
 # Through the generic driver an ATA disk shows 16 characters of its model and the last 4 of its revision, which is
 # what the kernel's translation has room for. An ATA serial number is 20 characters, filled with blanks.
-ATA_GENERIC = Record("ATA", "SEAVIEW ST4000X", DISK, "ZC1 8LQ 0042        ", "CD34", (1, 0, 0, 0))
+ATA_GENERIC = device_record("ATA", "SEAVIEW ST4000X", DISK, "ZC1 8LQ 0042        ", "CD34", (1, 0, 0, 0))
 # The disk scan asks the drive itself: whole revision, and the first word of the model.
-ATA_DISK = Record("ATA", "SEAVIEW", DISK, "ZC1 8LQ 0042        ", "AB12CD34", (1, 0, 0, 0))
+ATA_DISK = device_record("ATA", "SEAVIEW", DISK, "ZC1 8LQ 0042        ", "AB12CD34", (1, 0, 0, 0))
 # qemu's ATAPI drive calls itself this; serial numbers are asked of disks and tapes only.
-DVD = Record("QEMU", "QEMU DVD-ROM", OPTICAL, None, "1.07", (2, 0, 0, 0))
-PLAIN = Record("HALVARD", "HX 900", DISK, "HX-00017", "0102", (6, 0, 0, 0))
-RAID = Record("HALVARD", "RAID 5 Volume", DISK, "VOL000000003", "7.20", (6, 0, 3, 0))
+DVD = device_record("QEMU", "QEMU DVD-ROM", OPTICAL, None, "1.07", (2, 0, 0, 0))
+PLAIN = device_record("HALVARD", "HX 900", DISK, "HX-00017", "0102", (6, 0, 0, 0))
+RAID = device_record("HALVARD", "RAID 5 Volume", DISK, "VOL000000003", "7.20", (6, 0, 3, 0))
 # scsi_debug numbers its units 2000 * (host + 1) + 1000 * target + LUN.
-STREAMER = Record("LABTAPE", "Streamer 6", TAPE, "16000", "T104", (7, 0, 0, 0))
+STREAMER = device_record("LABTAPE", "Streamer 6", TAPE, "16000", "T104", (7, 0, 0, 0))
 
 
-def Flash(kernelsRevision, address):
+def flash_record(kernels_revision, address):
     # Model and serial number fill 40 and 20 characters, of which all but the last are taken. The revision has eight
     # and runs on into the next byte: qemu recommends an arbitration burst of 6, and a zero stands behind that.
-    return Record("NVMe", f"{'QEMU NVMe Ctrl':39}", DISK, f"{'NV-5510-A':19}", f"{kernelsRevision:8}\x06", address)
+    return device_record("NVMe", f"{'QEMU NVMe Ctrl':39}", DISK, f"{'NV-5510-A':19}", f"{kernels_revision:8}\x06",
+                         address)
 
 
 class OneOfEach(Topology):
@@ -91,79 +93,79 @@ class OneOfEach(Topology):
     }
 
     @classmethod
-    def Hardware(cls):
-        return Hardware()
+    def qemu_arguments(cls):
+        return qemu_arguments()
 
-    def Flash(self, address):
-        return Flash(self.Stdout("nvme-revision").rstrip(), address)
+    def flash_record(self, address):
+        return flash_record(self.stdout("nvme-revision").rstrip(), address)
 
-    def testTapeScanListsTheRewindingDeviceOnce(self):
-        self.assertIn("nst0a", self.DeviceFiles("nst"))
-        self.assertIn("st0a", self.DeviceFiles("st"))
-        self.AssertInventory("tape", OK, [STREAMER])
+    def test_tape_scan_lists_the_rewinding_device_once(self):
+        self.assertIn("nst0a", self.device_files("nst"))
+        self.assertIn("st0a", self.device_files("st"))
+        self.assert_inventory("tape", OK, [STREAMER])
 
-    def testScsiScanListsEveryGenericDeviceInDirectoryOrder(self):
-        self.AssertInventory("scsi", OK, self.InDirectoryOrder("sg", {
+    def test_scsi_scan_lists_every_generic_device_in_directory_order(self):
+        self.assert_inventory("scsi", OK, self.in_directory_order("sg", {
             (1, 0, 0, 0): ATA_GENERIC, (2, 0, 0, 0): DVD, (6, 0, 0, 0): PLAIN, (6, 0, 3, 0): RAID,
             (7, 0, 0, 0): STREAMER}))
 
-    def testDiskScanListsScsiDisksInDirectoryOrderAndThenNvme(self):
-        self.AssertInventory("disk", OK, [
-            *self.InDirectoryOrder("sd", {(1, 0, 0, 0): ATA_DISK, (6, 0, 0, 0): PLAIN, (6, 0, 3, 0): RAID}),
-            self.Flash(ZEROS)])
+    def test_disk_scan_lists_scsi_disks_in_directory_order_and_then_nvme(self):
+        self.assert_inventory("disk", OK, [
+            *self.in_directory_order("sd", {(1, 0, 0, 0): ATA_DISK, (6, 0, 0, 0): PLAIN, (6, 0, 3, 0): RAID}),
+            self.flash_record(ZEROS)])
 
-    def testOpticalScanListsTheDrive(self):
-        self.AssertInventory("optical", OK, [DVD])
+    def test_optical_scan_lists_the_drive(self):
+        self.assert_inventory("optical", OK, [DVD])
 
-    def testMergedListHoldsEachDeviceOnceInKeyOrder(self):
+    def test_merged_list_holds_each_device_once_in_key_order(self):
         # The NVMe disk has no address; its place is that of Port:1|Target:1|Bus:1|Lun:1. The ATA disk is the one of
         # the generic scan, which came first.
-        self.AssertInventory("merged", OK, [ATA_GENERIC, self.Flash(NO_ADDRESS), DVD, PLAIN, RAID, STREAMER])
+        self.assert_inventory("merged", OK, [ATA_GENERIC, self.flash_record(NO_ADDRESS), DVD, PLAIN, RAID, STREAMER])
 
-    def testClassesThatAreAskedSideBySideAnswerTheSame(self):
-        merged, limited = self.Inventory("merged"), self.Inventory("limited")
+    def test_classes_that_are_asked_side_by_side_answer_the_same(self):
+        merged, limited = self.inventory("merged"), self.inventory("limited")
         for document in merged, limited:
             del document["collected_at"]
         self.assertEqual(merged, limited)
 
-    def testOpticalRecordFollowsTheKernelsTable(self):
-        table = self.OpticalTable()
+    def test_optical_record_follows_the_kernels_table(self):
+        table = self.optical_table()
         self.assertEqual(["sr0"], table["drive name"])
         self.assertEqual(["1"], table["Can read DVD"])
-        document = self.Inventory("optical-record")
+        document = self.inventory("optical-record")
         self.assertEqual(OK, document["status"])
         self.assertEqual([{
             "drive_name_": "/dev/sr0", "vendor_": "QEMU", "product_": "QEMU DVD-ROM",
             **{field: "Yes" if table.get(row) == ["1"] else "No" for field, row in OPTICAL_ROWS.items()},
         }], document["drives"])
 
-    def testFirmwareLeavesOutTheDiskWhoseProductHoldsRaid(self):
+    def test_firmware_leaves_out_the_disk_whose_product_holds_raid(self):
         # In the order of the disk scan; an ATA disk is known by the first word of its model.
-        document = self.Inventory("firmware")
+        document = self.inventory("firmware")
         self.assertEqual(OK, document["status"])
-        disks = self.InDirectoryOrder("sd", {
-            (1, 0, 0, 0): Identity("SEAVIEW", "AB12CD34"), (6, 0, 0, 0): Identity("HX 900", "0102"),
+        disks = self.in_directory_order("sd", {
+            (1, 0, 0, 0): identity_record("SEAVIEW", "AB12CD34"), (6, 0, 0, 0): identity_record("HX 900", "0102"),
             (6, 0, 3, 0): None})
-        flash = self.Flash(ZEROS)
+        flash = self.flash_record(ZEROS)
         self.assertEqual([disk for disk in disks if disk] + [
-            Identity(flash["product"].strip(), flash["firmware_revision"])], document["identities"])
+            identity_record(flash["product"].strip(), flash["firmware_revision"])], document["identities"])
         for identity in document["identities"]:
             self.assertEqual(IDENTITY_PROPERTIES, list(identity))
 
-    def testScansAreSilentWithoutALogLevel(self):
+    def test_scans_are_silent_without_a_log_level(self):
         for step in ("merged", "tape", "scsi", "disk", "optical", "table"):
-            self.assertEqual("", self.Stderr(step), step)
+            self.assertEqual("", self.stderr(step), step)
 
-    def testTableShowsTheMergedList(self):
+    def test_table_shows_the_merged_list(self):
         result = self.results["table"]
         self.assertEqual(0, result.status)
-        lines = self.Stdout("table").splitlines()
+        lines = self.stdout("table").splitlines()
         self.assertEqual(["ADDRESS", "1:0:0:0", "-", "2:0:0:0", "6:0:0:0", "6:0:3:0", "7:0:0:0"],
                          [line.split()[0] for line in lines])
-        self.assertNotIn("\x06", self.Stdout("table"))
+        self.assertNotIn("\x06", self.stdout("table"))
 
-    def testDoctorSeesEveryDeviceAndRewindsNoTape(self):
-        document, files = self.Diagnosis("doctor")
+    def test_doctor_sees_every_device_and_rewinds_no_tape(self):
+        document, files = self.diagnosis("doctor")
         self.assertEqual({"loaded": True, "modprobe_finds_it": True, "may_be_loaded": True, "used": True},
                          document["sg_driver"])
         self.assertEqual([], document["advice"])
@@ -173,29 +175,29 @@ class OneOfEach(Topology):
         for found in files.values():
             for file in found.values():
                 self.assertEqual("visible", file["visibility"], file)
-                self.AssertFailures(file, [])
+                self.assert_failures(file, [])
                 self.assertEqual("/dev/nst0" if file["path"] == "/dev/st0" else None, file["asked_through"])
         self.assertEqual(("LABTAPE", "Streamer 6"),
                          (files["tape"]["/dev/st0"]["vendor"], files["tape"]["/dev/st0"]["product"]))
-        ataDisk, = (file for file in files["disk"].values() if (file["vendor"] or "").startswith("ATA"))
-        self.assertEqual("HDIO_DRIVE_CMD", ataDisk["questions"][-1]["request"])
+        ata_disk, = (file for file in files["disk"].values() if (file["vendor"] or "").startswith("ATA"))
+        self.assertEqual("HDIO_DRIVE_CMD", ata_disk["questions"][-1]["request"])
 
-    def testDoctorSaysInWordsThatAllIsWell(self):
+    def test_doctor_says_in_words_that_all_is_well(self):
         self.assertEqual(0, self.results["doctor-words"].status)
-        words = self.Stdout("doctor-words")
+        words = self.stdout("doctor-words")
         self.assertIn("  /dev/sr0  visible: QEMU QEMU DVD-ROM\n", words)
         self.assertTrue(words.endswith("\nThe library sees everything that has a device file.\n"), words)
 
-    def testDoctorTellsAnOrdinaryUserWhatTheKernelKeepsFromHim(self):
-        document, files = self.Diagnosis("doctor-user", exitStatus=3)
+    def test_doctor_tells_an_ordinary_user_what_the_kernel_keeps_from_him(self):
+        document, files = self.diagnosis("doctor-user", exit_status=3)
         # Even where the files may be read: SCSI INQUIRY is free for all, the others are for root.
         self.assertEqual("no_usable_answer", files["disk"]["/dev/nvme0n1"]["visibility"])
-        self.AssertFailures(files["disk"]["/dev/nvme0n1"], [("NVME_IOCTL_ADMIN_CMD", "EACCES")])
+        self.assert_failures(files["disk"]["/dev/nvme0n1"], [("NVME_IOCTL_ADMIN_CMD", "EACCES")])
         for path in ("/dev/sda", "/dev/sdb"):
             file = files["disk"][path]
-            isAta = file["vendor"] == "ATA     "
-            self.AssertFailures(file, [("HDIO_DRIVE_CMD", "EACCES")] if isAta else [])
-            self.assertEqual("no_usable_answer" if isAta else "visible", file["visibility"])
+            is_ata = file["vendor"] == "ATA     "
+            self.assert_failures(file, [("HDIO_DRIVE_CMD", "EACCES")] if is_ata else [])
+            self.assertEqual("no_usable_answer" if is_ata else "visible", file["visibility"])
         self.assertEqual(["denied"], [files["optical"]["/dev/sr0"]["visibility"]])
         self.assertEqual("EACCES", files["optical"]["/dev/sr0"]["open_error"]["name"])
         self.assertFalse(document["sg_driver"]["may_be_loaded"])
@@ -203,17 +205,17 @@ class OneOfEach(Topology):
         self.assertRegex(advice, r"8 device files could not be opened .*; run zddevices as root\.")
         self.assertIn("Membership of the group is not enough", advice)
 
-    def testDoctorLoadsNoDriver(self):
-        document, files = self.Diagnosis("doctor-without-sg")
+    def test_doctor_loads_no_driver(self):
+        document, files = self.diagnosis("doctor-without-sg")
         self.assertEqual({"loaded": False, "modprobe_finds_it": True, "may_be_loaded": True, "used": True},
                          document["sg_driver"])
         self.assertEqual({}, files["scsi"])
 
-    def testOpticalScanLogsEveryStep(self):
-        inputOutput = ["Enter DataOperator::ExecIoCtl().",
-                       "Enter DataOperator::OpenDriveFile() driveName = /dev/sr0",
-                       "Exit DataOperator::ExecIoCtl(), ret = 0"]
-        self.AssertWholeLog("optical-trace", [(4, text) for text in [
+    def test_optical_scan_logs_every_step(self):
+        input_output = ["Enter DataOperator::ExecIoCtl().",
+                        "Enter DataOperator::OpenDriveFile() driveName = /dev/sr0",
+                        "Exit DataOperator::ExecIoCtl(), ret = 0"]
+        self.assert_whole_log("optical-trace", [(4, text) for text in [
             "Enter construct DeviceCollector ",
             "Enter DeviceCollector::GetIndividualDevice() device type = 3",
             "Enter construct SysDevice device type is 3",
@@ -227,12 +229,12 @@ class OneOfEach(Topology):
             "Entry CDDVDProxy::GetDeviceInfo()",
             "Entry  GetGenericDeviceData() is_sg = 0",
             "Enter DataOperator::ExecPassThruCmd()",
-            *inputOutput,
-            *inputOutput,
+            *input_output,
+            *input_output,
             "Exit scsiPassThrough::execSCSICommand().",
             "GetGenericDeviceData() dataOper->ExecPassThruCmd vendorID and productID is not empty ",
-            *inputOutput,
-            *inputOutput,
+            *input_output,
+            *input_output,
             "Get SCSI_IOCTL_GET_IDLUN passed.. otherIdentInfo = Port:2|Target:0|Bus:0|Lun:0",
             "Exit normally GetGenericDeviceData() ",
             "Entry  DataProxy::GetFirmwareVersionFile() ",
@@ -247,16 +249,16 @@ class OneOfEach(Topology):
             (4, "Entry destructure ~DataProxy() "),
         ])
 
-    def testAMissingRevisionFileIsTheOnlyFailureOfTheOpticalScan(self):
-        self.AssertWholeLog("optical-failures", [
+    def test_a_missing_revision_file_is_the_only_failure_of_the_optical_scan(self):
+        self.assert_whole_log("optical-failures", [
             (1, "Fail in get firmware version from /sys/block/sr0/device/firmware_rev.")])
 
-    def testGenericDevicesAnswerWithTheirAddressAndSerialNumber(self):
+    def test_generic_devices_answer_with_their_address_and_serial_number(self):
         # No block device is called sg0: the search for a revision file ends without one.
-        for file, address in (line.split() for line in self.Stdout("addresses").splitlines()):
+        for file, address in (line.split() for line in self.stdout("addresses").splitlines()):
             if address != "6:0:3:0" or not file.startswith("sg"):
                 continue
-            self.AssertLogs("scsi-trace", [
+            self.assert_logs("scsi-trace", [
                 (4, "Entry SCSIProxy::SCSIProxy()"),
                 (4, f"DataProxy::ScanDeviceFiles() detect file : {file}"),
                 (4, "Entry SCSIProxy::GetDeviceInfo()"),
@@ -278,14 +280,14 @@ class OneOfEach(Topology):
         else:
             self.fail("the guest has no generic device at 6:0:3:0")
         # This class alone ends its list without a line of its own.
-        self.assertNotIn((4, "Exit DataProxy::GetDeviceList()"), self.Messages("scsi-trace"))
+        self.assertNotIn((4, "Exit DataProxy::GetDeviceList()"), self.messages("scsi-trace"))
 
-    def testDiskScanAsksAtaDisksForTheirIdentityAndLeavesTheExitLineOfNvmeAheadOfItsCommand(self):
-        self.AssertLogs("disk-trace", [
+    def test_disk_scan_asks_ata_disks_for_their_identity_and_leaves_the_exit_line_of_nvme_ahead_of_its_command(self):
+        self.assert_logs("disk-trace", [
             (4, "Entry  UpdateFirmwareVersionForSdDisk() "),
             (4, "Exit DataOperator::ExecIoCtl(), ret = 0"),
         ])
-        messages = self.Messages("disk-trace")
+        messages = self.messages("disk-trace")
         self.assertEqual(1, messages.count((4, "Entry  UpdateFirmwareVersionForSdDisk() ")))
         entry = messages.index((4, "Entry PhysicalDriveProxy::GetNVMEInfo()"))
         self.assertEqual([
@@ -295,8 +297,8 @@ class OneOfEach(Topology):
             (4, "Exit DataOperator::ExecIoCtl(), ret = 0"),
         ], messages[entry + 1:entry + 5])
 
-    def testTapeScanLogsItsOneDeviceFileAndNoNonRewindingOne(self):
-        self.AssertLogs("tape-trace", [
+    def test_tape_scan_logs_its_one_device_file_and_no_non_rewinding_one(self):
+        self.assert_logs("tape-trace", [
             (4, "Entry TapeProxy::TapeProxy()"),
             (4, "DataProxy::ScanDeviceFiles() detect file : st0"),
             (4, "Entry TapeProxy::GetDeviceInfo()"),
@@ -307,11 +309,11 @@ class OneOfEach(Topology):
             (4, "Exit DataProxy::GetDeviceList()"),
             (4, "Entry TapeProxy::~TapeProxy()"),
         ])
-        detected = [text for _, text in self.Messages("tape-trace") if "detect file" in text]
+        detected = [text for _, text in self.messages("tape-trace") if "detect file" in text]
         self.assertEqual(["DataProxy::ScanDeviceFiles() detect file : st0"], detected)
 
-    def testAnOrdinaryUserLearnsThatTheDevicesMayNotBeOpened(self):
-        self.AssertInventory("ordinary-user", OK, [], exitStatus=3)
-        lines = self.Stderr("ordinary-user").splitlines()
+    def test_an_ordinary_user_learns_that_the_devices_may_not_be_opened(self):
+        self.assert_inventory("ordinary-user", OK, [], exit_status=3)
+        lines = self.stderr("ordinary-user").splitlines()
         self.assertEqual(1, len(lines), lines)
         self.assertIn("privilege", lines[0])

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The custom fact with programs in the place of zddevices that do what it should never do.
 
-    factTest.py TEMPLATE
+    fact_test.py TEMPLATE
 """
 import json
 import os
