@@ -8,13 +8,14 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import unittest.mock
 from pathlib import Path
 
 sys.dont_write_bytecode = True
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 
-from labkit import build, kernel, machine  # noqa: E402
+from labkit import build, kernel, machine, programs  # noqa: E402
 from labkit.image import Image  # noqa: E402
 from labkit.machine import StepResult  # noqa: E402
 from labkit.problem import Problem  # noqa: E402
@@ -134,6 +135,36 @@ class CacheTest(unittest.TestCase):
         (self.cache / name / "package").write_text(name, encoding="ascii")
         if complete:
             (self.cache / name / "complete").touch()
+
+    def program(self, name, text):
+        path = Path(self.programs.name) / name
+        path.write_text(f"#!/bin/sh\n{text}\n", encoding="ascii")
+        path.chmod(0o755)
+
+    def test_a_try_that_fails_keeps_what_it_has_downloaded(self):
+        self.programs = tempfile.TemporaryDirectory()
+        self.addCleanup(self.programs.cleanup)
+        downloads = Path(self.programs.name) / "downloads"
+        self.program("apt-cache", """case $1 in
+            depends) echo '  Depends: linux-image-9-amd64' ;;
+            show) echo 'Version: 9-1' ;;
+            esac""")
+        self.program("apt-get", f"echo once >>{downloads}; touch linux-image.deb")
+        self.program("depmod", "true")
+        with unittest.mock.patch.dict(os.environ, PATH=f"{self.programs.name}:{os.environ['PATH']}"):
+            self.program("dpkg-deb", "echo 'no space left'; exit 1")
+            with self.assertRaisesRegex(Problem, "no space left"):
+                kernel.prepare()
+            self.assertIsNone(kernel.cached())
+            self.program("dpkg-deb", 'mkdir -p "$3/lib/modules/9-amd64" "$3/boot" && touch "$3/boot/vmlinuz-9-amd64"')
+            self.assertEqual("9-amd64", kernel.prepare().release)
+        self.assertEqual("once\n", downloads.read_text(encoding="ascii"))
+        self.assertEqual({"linux-image-9-amd64_9-1", "lock"}, {path.name for path in self.cache.iterdir()})
+
+    def test_nothing_is_downloaded_for_a_host_that_lacks_a_program(self):
+        with unittest.mock.patch.object(programs, "find", lambda name: None if name == "depmod" else "/bin/false"):
+            with self.assertRaisesRegex(Problem, "depmod is not installed"):
+                kernel.prepare()
 
     def test_an_entry_that_is_not_complete_is_not_used(self):
         self.entry("linux-image-9-amd64_9-1", "9-amd64", complete=False)

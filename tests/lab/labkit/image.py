@@ -6,6 +6,7 @@ import shutil
 import subprocess
 from pathlib import Path
 
+from . import programs
 from .problem import Problem
 
 # What a guest can load. Their dependencies come along.
@@ -25,7 +26,7 @@ class Image:
         for directory in ("bin", "sbin", "usr/bin", "usr/sbin", "usr/lib", "lib64", "etc", "dev", "proc", "sys",
                           "tmp", "root", "lab/steps"):
             (self.root / directory).mkdir(parents=True, exist_ok=True)
-        busybox = shutil.which("busybox")
+        busybox = programs.find("busybox")
         if busybox is None or _interpreter(busybox) is not None:
             raise Problem("a static busybox is needed: install busybox-static")
         shutil.copy2(busybox, self.root / "bin" / "busybox")
@@ -36,8 +37,7 @@ class Image:
         self.add_text("etc/passwd", "root:x:0:0:root:/root:/bin/sh\nguest:x:1000:1000:guest:/tmp:/bin/sh\n")
         self.add_text("etc/group", "root:x:0:\nguest:x:1000:\n")
         # The kernel asks for its modules through /sbin/modprobe, as the library does through the shell.
-        kmod = shutil.which("kmod") or "/bin/kmod"
-        self.add_program(kmod, "sbin/modprobe")
+        self.add_program(programs.need("kmod"), "sbin/modprobe")
 
     def add_file(self, source, guest_path):
         target = self.root / guest_path
@@ -80,15 +80,12 @@ class Image:
                     self.add_file(kernel.modules / path, target / path)
         for name in ("modules.builtin", "modules.builtin.modinfo", "modules.order"):
             self.add_file(kernel.modules / name, target / name)
-        done = subprocess.run(["depmod", "-b", str(self.root), kernel.release], capture_output=True, text=True,
-                              check=False)
-        if done.returncode != 0:
-            raise Problem(f"depmod failed:\n{done.stderr}")
+        programs.run("depmod", "-b", str(self.root), kernel.release)
 
     def write(self, archive):
         names = sorted(str(path.relative_to(self.root)) for path in self.root.rglob("*"))
         with open(archive, "wb") as output:
-            done = subprocess.run(["cpio", "--quiet", "-o", "-H", "newc", "-R", "0:0"], cwd=self.root,
+            done = subprocess.run([programs.need("cpio"), "--quiet", "-o", "-H", "newc", "-R", "0:0"], cwd=self.root,
                                   input="\n".join(names).encode(), stdout=output, stderr=subprocess.PIPE, check=False)
         if done.returncode != 0:
             raise Problem(f"cpio failed:\n{done.stderr.decode(errors='replace')}")
@@ -103,7 +100,7 @@ def _interpreter(program):
     with open(program, "rb") as stream:
         if stream.read(4) != b"\x7fELF":
             return None
-    listed = subprocess.run(["ldd", str(program)], capture_output=True, text=True, check=False)
+    listed = subprocess.run([programs.need("ldd"), str(program)], capture_output=True, text=True, check=False)
     if listed.returncode != 0:
         return None
     found = re.search(r"(/\S*/ld-linux\S*)", listed.stdout)
@@ -111,7 +108,7 @@ def _interpreter(program):
 
 
 def _libraries(program):
-    listed = subprocess.run(["ldd", str(program)], capture_output=True, text=True, check=False)
+    listed = subprocess.run([programs.need("ldd"), str(program)], capture_output=True, text=True, check=False)
     for line in listed.stdout.splitlines():
         if "not found" in line:
             raise Problem(f"{program}: {line.strip()}")

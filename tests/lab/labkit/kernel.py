@@ -1,7 +1,8 @@
 """Debian's kernel, unpacked into a cache directory and never installed on this host.
 
 The cache is ${XDG_CACHE_HOME:-~/.cache}/zendra-lab/PACKAGE_VERSION/ with boot/vmlinuz-* and lib/modules/*. An entry
-is prepared under another name and renamed into place, so whoever finds it finds it whole.
+is prepared under another name and renamed into place, so whoever finds it finds it whole. What was downloaded stays
+until then, for the next try.
 """
 
 import fcntl
@@ -13,6 +14,7 @@ import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
+from . import programs
 from .problem import Problem
 
 METAPACKAGE = "linux-image-amd64"
@@ -55,6 +57,9 @@ def get():
 
 def prepare():
     """Makes sure that the kernel that apt offers now is in the cache, and returns it."""
+    # Before the download, which takes a while.
+    for program in ("apt-cache", "apt-get", "dpkg-deb", "depmod"):
+        programs.need(program)
     cache = cache_directory()
     cache.mkdir(parents=True, exist_ok=True)
     with open(cache / "lock", "w", encoding="ascii") as lock:
@@ -62,10 +67,23 @@ def prepare():
         for abandoned in cache.glob("preparing-*"):
             shutil.rmtree(abandoned, ignore_errors=True)
         package, version = _candidate()
-        entry = cache / f"{package}_{version.replace(':', '%3a')}"
-        if not (entry / "complete").exists():
-            _unpack(package, version, cache, entry)
-        return _load(entry)
+        if not (_entry(package, version) / "complete").exists():
+            archive = _archive(package, version)
+            if not archive.exists():
+                package, version = _download(package, version)
+                archive = _archive(package, version)
+            _unpack(package, version, archive)
+            for done in cache.glob("*.deb"):
+                done.unlink()
+        return _load(_entry(package, version))
+
+
+def _entry(package, version):
+    return cache_directory() / f"{package}_{version.replace(':', '%3a')}"
+
+
+def _archive(package, version):
+    return _entry(package, version + ".deb")
 
 
 def _candidate():
@@ -75,7 +93,7 @@ def _candidate():
         package = _real_package()
     if package is None:
         raise Problem(f"apt knows no {METAPACKAGE}: are Debian's package lists configured?")
-    shown = _run("apt-cache", "show", "--no-all-versions", package)
+    shown = programs.run("apt-cache", "show", "--no-all-versions", package)
     version = re.search(r"^Version: (\S+)$", shown, re.MULTILINE)
     if version is None:
         raise Problem(f"apt-cache shows no version of {package}")
@@ -84,8 +102,8 @@ def _candidate():
 
 def _real_package():
     # The metapackage is empty; it depends on the package that holds the kernel.
-    known = subprocess.run(["apt-cache", "depends", "--important", METAPACKAGE], capture_output=True, text=True,
-                           check=False)
+    known = subprocess.run([programs.need("apt-cache"), "depends", "--important", METAPACKAGE],
+                           capture_output=True, text=True, check=False)
     found = re.search(r"^\s*Depends: (linux-image-\d\S*)$", known.stdout, re.MULTILINE)
     return found.group(1) if found else None
 
@@ -93,31 +111,37 @@ def _real_package():
 def _update_lists():
     if os.geteuid() != 0:
         return
-    subprocess.run(["apt-get", "-q", "-o", "DPkg::Lock::Timeout=300", "update"], stdout=subprocess.DEVNULL, check=False)
+    subprocess.run([programs.need("apt-get"), "-q", "-o", "DPkg::Lock::Timeout=300", "update"],
+                   stdout=subprocess.DEVNULL, check=False)
 
 
-def _unpack(package, version, cache, entry):
-    with tempfile.TemporaryDirectory(dir=cache, prefix="preparing-") as scratch:
-        scratch = Path(scratch)
+def _download(package, version):
+    """Puts the package into the cache; returns its name and version, which may have changed meanwhile."""
+    with tempfile.TemporaryDirectory(dir=cache_directory(), prefix="preparing-") as scratch:
         # apt hands the download to its own user, who must be able to write here.
-        download = scratch / "download"
+        download = Path(scratch) / "download"
         download.mkdir()
         os.chmod(scratch, 0o755)
         os.chmod(download, 0o777)
         for attempt in (1, 2):
-            got = subprocess.run(["apt-get", "-q", "download", f"{package}={version}"], cwd=download,
+            got = subprocess.run([programs.need("apt-get"), "-q", "download", f"{package}={version}"], cwd=download,
                                  capture_output=True, text=True, check=False)
             archives = list(download.glob("*.deb"))
             if got.returncode == 0 and len(archives) == 1:
-                break
-            if attempt == 2:
-                raise Problem(f"apt-get download {package}={version} failed:\n{got.stdout}{got.stderr}")
-            # The lists may be older than what the mirror still holds.
-            _update_lists()
-            package, version = _candidate()
-        unpacked = scratch / "unpacked"
+                os.rename(archives[0], _archive(package, version))
+                return package, version
+            if attempt == 1:
+                # The lists may be older than what the mirror still holds.
+                _update_lists()
+                package, version = _candidate()
+    raise Problem(f"apt-get download {package}={version} failed:\n{got.stdout}{got.stderr}")
+
+
+def _unpack(package, version, archive):
+    with tempfile.TemporaryDirectory(dir=cache_directory(), prefix="preparing-") as scratch:
+        unpacked = Path(scratch) / "unpacked"
         unpacked.mkdir()
-        _run("dpkg-deb", "-x", str(archives[0]), str(unpacked))
+        programs.run("dpkg-deb", "-x", str(archive), str(unpacked))
         releases = [path.name for path in (unpacked / "lib" / "modules").iterdir()]
         if len(releases) != 1:
             raise Problem(f"{package} holds modules of {releases}, not of one kernel")
@@ -125,9 +149,10 @@ def _unpack(package, version, cache, entry):
         for part in LEFT_OUT:
             shutil.rmtree(modules / "kernel" / part, ignore_errors=True)
         shutil.rmtree(unpacked / "usr", ignore_errors=True)
-        _run("depmod", "-b", str(unpacked), releases[0])
+        programs.run("depmod", "-b", str(unpacked), releases[0])
         (unpacked / "package").write_text(f"{package} {version}\n", encoding="ascii")
         (unpacked / "complete").touch()
+        entry = _entry(package, version)
         if entry.exists():
             shutil.rmtree(entry)  # an entry without its "complete" is nobody's
         os.rename(unpacked, entry)
@@ -139,13 +164,3 @@ def _load(entry):
         raise Problem(f"{entry} holds {len(images)} kernel images; remove it and run 'lab prepare'")
     package = (entry / "package").read_text(encoding="ascii").strip()
     return Kernel(package=package, release=images[0].name[len("vmlinuz-"):], image=images[0], root=entry)
-
-
-def _run(*command):
-    try:
-        done = subprocess.run(command, capture_output=True, text=True, check=False)
-    except FileNotFoundError as missing:
-        raise Problem(f"{command[0]} is not installed") from missing
-    if done.returncode != 0:
-        raise Problem(f"{' '.join(command)} failed:\n{done.stdout}{done.stderr}")
-    return done.stdout

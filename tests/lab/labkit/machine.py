@@ -11,6 +11,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from . import kernel as kernels
+from . import programs
 from .image import Image
 from .problem import Problem
 
@@ -93,7 +94,7 @@ def _image(topology, build, scratch, additions):
     for program in build.programs:
         image.add_program(program)
     for name in topology.programs:
-        found = shutil.which(name)
+        found = programs.find(name)
         if found is None:
             raise Problem(f"topology {topology.name} needs the program {name} on this host")
         image.add_program(found)
@@ -108,10 +109,8 @@ def _environment(topology, mode):
 
 
 def _command(topology, initrd, parameters):
-    qemu = shutil.which(QEMU)
-    if qemu is None:
-        raise Problem(f"{QEMU} is not installed: install qemu-system-x86")
-    guard = shutil.which("setpriv")
+    qemu = programs.need(QEMU)
+    guard = programs.find("setpriv")
     # Whatever ends us, the test runner's time limit included, ends the guest too.
     prefix = [guard, "--pdeathsig", "KILL"] if guard else []
     return [*prefix, qemu, *MACHINE, *accelerator(), "-m", str(topology.memory), "-kernel", str(kernels.get().image),
@@ -143,7 +142,7 @@ def _kvm_works():
         return remembered.read_text(encoding="ascii") == "works"
     except FileNotFoundError:
         pass
-    command = [QEMU, *MACHINE, "-accel", "kvm", "-m", "256", "-kernel", str(kernel.image), "-append", "panic=-1"]
+    command = [programs.need(QEMU), *MACHINE, "-accel", "kvm", "-m", "256", "-kernel", str(kernel.image), "-append", "panic=-1"]
     try:
         works = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                timeout=15, check=False).returncode == 0
