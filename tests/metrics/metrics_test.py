@@ -6,6 +6,7 @@ by environment variables (see CMakeLists.txt).
 """
 import json
 import os
+import pathlib
 import random
 import re
 import shutil
@@ -75,11 +76,21 @@ ONE_OF_EACH = script(scsi=answer(DISK, DVD), disk=answer(DISK), optical_class=an
                      optical=answer(drive(b"/dev/sr0", b"QEMU", b"QEMU DVD-ROM", b"Yes")))
 
 
+def is_ours(directory):
+    """Whether nobody but root and this user may write to it and to the directories above."""
+    return all(os.stat(place).st_uid in (0, os.geteuid()) and os.stat(place).st_mode & 0o022 == 0
+               for place in (directory, *pathlib.Path(directory).parents))
+
+
 class Case(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        self.directory = tempfile.mkdtemp()
+        # The writer refuses what stands below /tmp.
+        places = [place for place in (BUILD, os.path.expanduser("~")) if os.access(place, os.W_OK) and is_ours(place)]
+        if not places:
+            self.skipTest("this user has no directory in which nobody else may write")
+        self.directory = tempfile.mkdtemp(dir=places[0])
         self.addCleanup(shutil.rmtree, self.directory)
 
     def path(self, *parts):
@@ -395,6 +406,42 @@ class WriterTest(Case):
             with open(self.path("pid"), encoding="ascii") as file:
                 os.kill(int(file.read()), signal.SIGKILL)
 
+    def refusal(self, place):
+        self.write_old()
+        result = self.run_writer()
+        self.assertEqual((result.returncode, result.stdout), (1, ""))
+        self.assertIn("nothing is written into " + self.path("out"), result.stderr)
+        self.assertIn(f"may write to {place} (owner ", result.stderr)
+        self.assertEqual(self.read(), OLD)
+        self.assertEqual(os.listdir(self.path("out")), ["zddevices.prom"])
+
+    def test_a_directory_that_others_may_write_to_is_refused(self):
+        for place in (self.path("out"), self.directory):
+            before = os.stat(place).st_mode
+            for bit in (stat.S_IWGRP, stat.S_IWOTH, stat.S_IWOTH | stat.S_ISVTX):
+                os.chmod(place, before | bit)
+                self.refusal(place)
+            os.chmod(place, before)
+        self.assertEqual(self.run_writer().returncode, 0)
+
+    def test_a_directory_of_somebody_else_is_refused(self):
+        if os.geteuid() != 0:
+            self.skipTest("only root can give a directory away")
+        for place in (self.path("out"), self.directory):
+            os.chown(place, 65534, -1)
+            self.refusal(place)
+            os.chown(place, 0, -1)
+        self.assertEqual(self.run_writer().returncode, 0)
+
+    def test_a_link_to_a_directory_of_somebody_else_is_refused(self):
+        with tempfile.TemporaryDirectory() as elsewhere:
+            os.symlink(elsewhere, self.path("link"))
+            result = subprocess.run([WRITER, self.path("link")], capture_output=True, text=True, check=False,
+                                    env=self.environment(ZDDEVICES=self.fake))
+            self.assertEqual(result.returncode, 1)
+            self.assertIn("nothing is written into " + elsewhere, result.stderr)
+            self.assertEqual(os.listdir(elsewhere), [])
+
     def test_no_link_is_followed(self):
         secret = self.write("secret", "keep me")
         os.symlink(secret, self.target)
@@ -514,6 +561,9 @@ class UnitsTest(Case):
         self.assertEqual(self.path("root") + re.search(r"^Environment=ZDDEVICES=(\S+)$", unit, re.MULTILINE)[1],
                          self.find("sbin/zddevices"))
         self.assertIn(f"ReadWritePaths=-{EXPORTERS_DIRECTORY}\n", unit)
+
+    def test_modprobe_finds_the_modules(self):
+        self.assertNotIn("\nProtectKernelModules=", self.unit("service"))
 
     def test_nothing_is_enabled(self):
         self.unit("timer")
