@@ -6,6 +6,7 @@
 
 #include <clocale>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <new>
 #include <optional>
@@ -22,6 +23,8 @@
 #include "tools/zddevices/output/prometheus.h"
 #include "tools/zddevices/output/table.h"
 #include "tools/zddevices/output/text.h"
+#include "tools/zddevices/records/field.h"
+#include "tools/zddevices/records/report.h"
 #include "tools/zddevices/records/status.h"
 #include "tools/zddevices/scan/access.h"
 #include "tools/zddevices/scan/inventory.h"
@@ -34,17 +37,17 @@ namespace ZDDevices {
 
 namespace {
 
-std::string Render(const Report& report, const Options& options, const Occasion& occasion)
+template <typename Record>
+std::string Render(const Report<Record>& report, const Options& options, const ReportOrigin& origin)
 {
     if (options.format == Format::Json) {
-        return RenderJson(report, occasion);
+        return RenderJson(report, origin);
     }
-    const Sheet sheet = report.sheet(options.columns);
-    if (sheet.rows.empty()) {
+    if (report.records.empty()) {
         // Without headings the output is for a program that takes each line for a row.
-        return options.headings == Headings::Left ? std::string() : report.nothingFound + "\n";
+        return options.headings == Headings::None ? std::string() : report.nothingFound + "\n";
     }
-    return RenderTable(sheet, OutputWidth(), options.headings);
+    return RenderTable(TableOf(report.records, options.columns), OutputWidth(), options.headings);
 }
 
 /** What shows on a terminal that devices take their time; none where nobody looks. */
@@ -52,22 +55,6 @@ std::unique_ptr<Progress> MakeProgress(const Options& options)
 {
     // A log on the terminal tells more, and would be torn by the line.
     return options.logLevel.value_or(0) == 0 && Progress::IsOfUse() ? std::make_unique<Progress>() : nullptr;
-}
-
-Report Collect(const Options& options)
-{
-    const std::unique_ptr<Progress> progress = MakeProgress(options);
-    const Collection collection{options.timeLimit, progress.get()};
-    switch (options.command) {
-    case Command::Optical:
-        return CollectOptical(collection);
-    case Command::Firmware:
-        return CollectFirmware(collection);
-    case Command::Doctor:
-    case Command::Devices:
-        break;
-    }
-    return CollectDevices(options.type, collection);
 }
 
 /** The class whose device files the answer depends on; none when it is all of them. */
@@ -131,19 +118,16 @@ int ShowMetrics(const Options& options)
     return ShowWhatIsMissing(scrape.unanswered, denied);
 }
 
-int Show(const Options& options)
+template <typename Record>
+int ShowReport(const Options& options, const std::function<Report<Record>(const Collection& collection)>& collect)
 {
-    if (options.logLevel && !EnableLog(*options.logLevel)) {
-        return FailUsage("--log-level: the logging library that zddevices was built with takes no level");
-    }
-    if (options.format == Format::Prometheus) {
-        return ShowMetrics(options);
-    }
-    const Occasion occasion = HereAndNow();
-    const Report report = Collect(options);
+    const ReportOrigin origin = HereAndNow();
+    std::unique_ptr<Progress> progress = MakeProgress(options);
+    const Report<Record> report = collect({options.timeLimit, progress.get()});
+    progress.reset();
     // Asked after the scan: loading the sg driver has made the device files of the generic class.
     const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
-    WriteOutput(Render(report, options, occasion));
+    WriteOutput(Render(report, options, origin));
     if (report.unanswered.empty() && !ScanRan(report.status)) {
         return FailScan(report.status);
     }
@@ -153,9 +137,30 @@ int Show(const Options& options)
     return ShowWhatIsMissing(report.unanswered, denied);
 }
 
+int Show(const Options& options)
+{
+    if (options.logLevel && !EnableLog(*options.logLevel)) {
+        return FailUsage("--log-level: the logging library that zddevices was built with takes no level");
+    }
+    if (options.format == Format::Prometheus) {
+        return ShowMetrics(options);
+    }
+    switch (options.command) {
+    case Command::Optical:
+        return ShowReport<ZDSystemDevice::OpticalProperty>(options, CollectOptical);
+    case Command::Firmware:
+        return ShowReport<ZDOptions::SoftwareIdentity_>(options, CollectFirmware);
+    case Command::Doctor:
+    case Command::Devices:
+        break;
+    }
+    return ShowReport<ZDSystemDevice::SystemDevice>(
+        options, [&options](const Collection& collection) { return CollectDevices(options.type, collection); });
+}
+
 int ShowDiagnosis(const Options& options)
 {
-    const Occasion occasion = HereAndNow();
+    const ReportOrigin origin = HereAndNow();
     const std::chrono::nanoseconds patience = options.timeLimit.value_or(usualPatience);
     std::optional<Progress> progress;
     if (Progress::IsOfUse()) {
@@ -165,7 +170,7 @@ int ShowDiagnosis(const Options& options)
         return AskApart(patients, patience, progress ? &*progress : nullptr);
     });
     progress.reset();
-    WriteOutput(options.format == Format::Json ? RenderDiagnosisJson(diagnosis, occasion)
+    WriteOutput(options.format == Format::Json ? RenderDiagnosisJson(diagnosis, origin)
                                                : RenderDiagnosis(diagnosis, OutputWidth()));
     return diagnosis.AllVisible() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
 }

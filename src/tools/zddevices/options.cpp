@@ -1,17 +1,19 @@
 #include "tools/zddevices/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <charconv>
 #include <cmath>
-#include <map>
+#include <locale>
 #include <utility>
 
 #include "tools/zddevices/deviceClass.h"
-#include "tools/zddevices/records/columns.h"
-#include "tools/zddevices/records/deviceReport.h"
-#include "tools/zddevices/records/firmwareReport.h"
-#include "tools/zddevices/records/opticalReport.h"
+#include "tools/zddevices/records/field.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -20,7 +22,6 @@ namespace {
 
 constexpr const char* programName = "zddevices";
 constexpr const char* version = ZENDRA_VERSION;
-constexpr unsigned int highestLogLevel = 4;
 
 /** Where the descriptions begin; with lines of at most 47 characters they end before column 80. */
 constexpr std::size_t descriptionColumn = 32;
@@ -49,67 +50,81 @@ const char* const footer = "Examples:\n"
                            "     of privilege, or classes that did not answer in time; standard error says\n"
                            "     which and what to do";
 
-std::map<std::string, ZDSystemDevice::SysDeviceType> Types()
+/** Words that an option takes, and what each means. */
+template <typename T>
+using Words = std::vector<std::pair<std::string, T>>;
+
+Words<ZDSystemDevice::SysDeviceType> Types()
 {
-    std::map<std::string, ZDSystemDevice::SysDeviceType> types;
+    Words<ZDSystemDevice::SysDeviceType> types;
     for (const DeviceClass& one : deviceClasses) {
-        types.emplace(one.word, one.type);
+        types.emplace_back(one.word, one.type);
     }
     return types;
 }
 
-const std::map<std::string, Format>& Formats()
-{
-    static const std::map<std::string, Format> formats = {
-        {"table", Format::Table}, {"json", Format::Json}, {"prometheus", Format::Prometheus}};
-    return formats;
-}
+const Words<Format> formats = {{"json", Format::Json}, {"prometheus", Format::Prometheus}, {"table", Format::Table}};
+
+const Words<unsigned int> logLevels = {{"0", 0}, {"1", 1}, {"2", 2}, {"3", 3}, {"4", 4}};
 
 std::vector<std::string> KnownColumns(Command command)
 {
     switch (command) {
     case Command::Optical:
-        return OpticalColumnNames();
+        return HeadingsOf<ZDSystemDevice::OpticalProperty>();
     case Command::Firmware:
-        return FirmwareColumnNames();
+        return HeadingsOf<ZDOptions::SoftwareIdentity_>();
     case Command::Doctor:
     case Command::Devices:
         break;
     }
-    return DeviceColumnNames();
+    return HeadingsOf<ZDSystemDevice::SystemDevice>();
 }
 
-/** Accepts the keys of a map, and names them all when it is given something else. */
+/** 'unknown format "x" (json, prometheus or table)'. */
+CLI::ParseError Unknown(const std::string& what, const std::string& word, std::vector<std::string> known)
+{
+    const std::string last = known.back();
+    known.pop_back();
+    return CLI::ValidationError("unknown " + what + " \"" + word + "\" (" + boost::algorithm::join(known, ", ") +
+                                " or " + last + ")");
+}
+
 template <typename T>
-CLI::Validator OneOf(std::map<std::string, T> values)
+T MeaningOf(const std::string& word, const Words<T>& words, const std::string& what)
 {
-    return CLI::Validator(
-        [values = std::move(values)](const std::string& value) {
-            if (values.count(value) > 0) {
-                return std::string();
-            }
-            std::string known;
-            for (const auto& entry : values) {
-                known += (known.empty() ? "" : ", ") + entry.first;
-            }
-            return "\"" + value + "\" is none of " + known;
-        },
-        std::string());
+    std::vector<std::string> known;
+    for (const auto& [one, meaning] : words) {
+        if (one == word) {
+            return meaning;
+        }
+        known.push_back(one);
+    }
+    throw Unknown(what, word, known);
 }
 
-CLI::Validator LogLevel()
+/** Headings out of names separated by commas; capitals do not matter, nor do blanks around a name. */
+std::vector<std::string> ParseColumns(const std::string& list, const std::vector<std::string>& known)
 {
-    return CLI::Validator(
-        [](const std::string& value) {
-            const bool good =
-                value.size() == 1 && value[0] >= '0' && value[0] <= '0' + static_cast<char>(highestLogLevel);
-            return good ? std::string() : "\"" + value + "\" is none of 0, 1, 2, 3, 4";
-        },
-        std::string());
+    const std::locale& classic = std::locale::classic();
+    std::vector<std::string> names;
+    boost::algorithm::split(names, list, boost::algorithm::is_any_of(","));
+    std::vector<std::string> headings;
+    for (std::string& name : names) {
+        boost::algorithm::trim(name, classic);
+        const auto found = std::find_if(known.begin(), known.end(), [&](const std::string& heading) {
+            return boost::algorithm::iequals(heading, name, classic);
+        });
+        if (found == known.end()) {
+            throw Unknown("column", name, known);
+        }
+        headings.push_back(*found);
+    }
+    return headings;
 }
 
-/** Seconds as a decimal number; absent when the text is none, or none that anybody would wait. */
-std::optional<std::chrono::nanoseconds> ParseSeconds(const std::string& text)
+/** Seconds as a decimal number: as many as somebody would wait. */
+std::chrono::nanoseconds ParseSeconds(const std::string& text)
 {
     constexpr double shortest = 0.001;
     constexpr double longest = 86400;
@@ -117,20 +132,10 @@ std::optional<std::chrono::nanoseconds> ParseSeconds(const std::string& text)
     const char* end = text.data() + text.size();
     const std::from_chars_result result = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
     if (result.ec != std::errc() || result.ptr != end || !(seconds >= shortest && seconds <= longest)) {
-        return std::nullopt;
+        throw CLI::ValidationError("--timeout", "\"" + text + "\" is no number of seconds from 0.001 to 86400");
     }
     constexpr double nanosecondsInASecond = 1e9;
     return std::chrono::nanoseconds(std::llround(seconds * nanosecondsInASecond));
-}
-
-CLI::Validator Seconds()
-{
-    return CLI::Validator(
-        [](const std::string& value) {
-            return ParseSeconds(value) ? std::string()
-                                       : "\"" + value + "\" is no number of seconds from 0.001 to 86400";
-        },
-        std::string());
 }
 
 /** Help text without what our options say better themselves: type names and the values that are accepted. */
@@ -148,6 +153,30 @@ public:
         return option->get_type_size() == 0 ? std::string() : " " + option->get_type_name();
     }
 };
+
+/** Options that are good by themselves, and make no sense together. */
+void RefuseNonsense(const Options& options, const CLI::App& app)
+{
+    if (options.type && options.command != Command::Devices) {
+        throw CLI::ValidationError("--type makes no sense with a subcommand");
+    }
+    if (options.command == Command::Doctor) {
+        // It writes no table, and asks the devices by itself, without the library that would log.
+        for (const char* option : {"--columns", "--no-headings", "--log-level"}) {
+            if (app.count(option) > 0) {
+                throw CLI::ValidationError(std::string(option) + " makes no sense with doctor");
+            }
+        }
+        if (options.format == Format::Prometheus) {
+            throw CLI::ValidationError("--format prometheus makes no sense with doctor");
+        }
+    }
+    for (const char* option : {"--no-headings", "--columns"}) {
+        if (options.format != Format::Table && app.count(option) > 0) {
+            throw CLI::ValidationError(std::string(option) + " makes sense for a table only");
+        }
+    }
+}
 
 /** A subcommand that takes the program's options, before its name or after it. */
 const CLI::App* AddSubcommand(CLI::App& app, const std::string& name, const std::string& description)
@@ -175,12 +204,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                    "tape, scsi, disk or optical. Without it, all\n"
                    "classes; a device with several device files is\n"
                    "then listed once")
-        ->type_name("CLASS")
-        ->check(OneOf(Types()));
+        ->type_name("CLASS");
     std::string format = "table";
-    app.add_option("-f,--format", format, "table (default), json or prometheus")
-        ->type_name("FORMAT")
-        ->check(OneOf(Formats()));
+    app.add_option("-f,--format", format, "table (default), json or prometheus")->type_name("FORMAT");
     std::string columns;
     app.add_option("--columns", columns,
                    "The table's columns, separated by commas, in\n"
@@ -193,15 +219,13 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                    "What the library logs on standard error:\n"
                    "0 nothing (default), 1 failures, 3 outcomes,\n"
                    "4 every step")
-        ->type_name("0..4")
-        ->check(LogLevel());
+        ->type_name("0..4");
     std::string timeLimit;
     app.add_option("--timeout", timeLimit,
                    "Ask each class in a process of its own and\n"
                    "report those that answered after so long; the\n"
                    "others are named")
-        ->type_name("SECONDS")
-        ->check(Seconds());
+        ->type_name("SECONDS");
 
     const CLI::App* optical = AddSubcommand(app, "optical", "What the optical drive can read and write");
     const CLI::App* firmware = AddSubcommand(app, "firmware",
@@ -214,6 +238,30 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
 
     try {
         app.parse(argc, argv);
+        Options options;
+        if (optical->parsed()) {
+            options.command = Command::Optical;
+        } else if (firmware->parsed()) {
+            options.command = Command::Firmware;
+        } else if (doctor->parsed()) {
+            options.command = Command::Doctor;
+        }
+        options.format = MeaningOf(format, formats, "format");
+        options.headings = noHeadings ? Headings::None : Headings::Shown;
+        if (app.count("--type") > 0) {
+            options.type = MeaningOf(type, Types(), "type");
+        }
+        if (app.count("--log-level") > 0) {
+            options.logLevel = MeaningOf(logLevel, logLevels, "log level");
+        }
+        if (app.count("--timeout") > 0) {
+            options.timeLimit = ParseSeconds(timeLimit);
+        }
+        if (app.count("--columns") > 0) {
+            options.columns = ParseColumns(columns, KnownColumns(options.command));
+        }
+        RefuseNonsense(options, app);
+        return options;
     } catch (const CLI::CallForHelp&) {
         // Not app.help(): after a subcommand that would be the subcommand's, which has no options of its own.
         return TextWanted{app.get_formatter()->make_help(&app, programName, CLI::AppFormatMode::Normal)};
@@ -229,51 +277,6 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         boost::algorithm::trim(message);
         return UsageError{message};
     }
-
-    Options options;
-    if (optical->parsed()) {
-        options.command = Command::Optical;
-    } else if (firmware->parsed()) {
-        options.command = Command::Firmware;
-    } else if (doctor->parsed()) {
-        options.command = Command::Doctor;
-    }
-    if (!type.empty()) {
-        if (options.command != Command::Devices) {
-            return UsageError{"--type makes no sense with a subcommand"};
-        }
-        options.type = Types().at(type);
-    }
-    options.format = Formats().at(format);
-    if (!timeLimit.empty()) {
-        options.timeLimit = ParseSeconds(timeLimit);
-    }
-    if (options.command == Command::Doctor) {
-        // It writes no table, and asks the devices by itself, without the library that would log.
-        for (const char* option : {"--columns", "--no-headings", "--log-level"}) {
-            if (app.count(option) > 0) {
-                return UsageError{std::string(option) + " makes no sense with doctor"};
-            }
-        }
-        if (options.format == Format::Prometheus) {
-            return UsageError{"--format prometheus makes no sense with doctor"};
-        }
-    }
-    if (options.format != Format::Table && (app.count("--columns") > 0 || noHeadings)) {
-        return UsageError{std::string(noHeadings ? "--no-headings" : "--columns") + " makes sense for a table only"};
-    }
-    if (app.count("--columns") > 0) {
-        const ColumnChoice choice = ParseColumns(columns, KnownColumns(options.command));
-        if (!choice.problem.empty()) {
-            return UsageError{"--columns: " + choice.problem};
-        }
-        options.columns = choice.headings;
-    }
-    options.headings = noHeadings ? Headings::Left : Headings::Shown;
-    if (!logLevel.empty()) {
-        options.logLevel = static_cast<unsigned int>(logLevel[0] - '0');
-    }
-    return options;
 }
 
 }  // namespace ZDDevices

@@ -267,10 +267,10 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width)
     return text;
 }
 
-std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const Occasion& occasion)
+std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& origin)
 {
     JsonWriter json;
-    BeginDocument(json, "zddevices-doctor/1", occasion);
+    BeginDocument(json, "zddevices-doctor/1", origin);
     json.Key("all_visible");
     json.Boolean(diagnosis.AllVisible());
     json.Key("sg_driver");

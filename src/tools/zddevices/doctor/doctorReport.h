@@ -24,7 +24,7 @@ std::string DescribeError(int error);
 std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width = 0);
 
 /** For programs; ASCII, ended by a line end. */
-std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const Occasion& occasion);
+std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& origin);
 
 /** A finding on its way between two processes: bytes that UnpackFinding() understands. Its texts become UTF-8. */
 std::string PackFinding(const Finding& finding);

@@ -2,81 +2,30 @@
 
 #include <unistd.h>
 
+#include <boost/algorithm/string/replace.hpp>
 #include <charconv>
 #include <climits>
 #include <cstdint>
-#include <cstring>
 #include <ctime>
 #include <stdexcept>
 
 #include "tools/zddevices/output/text.h"
-#include "tools/zddevices/records/report.h"
+#include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/status.h"
 
 namespace Zendra {
 namespace ZDDevices {
 
-namespace {
-
-constexpr unsigned int indentation = 2;
-
-/** The document about some two hundred disks: enough for most hosts, and no burden to the others. */
-constexpr std::size_t usualSize = 64UL * 1024;
-
-/** Eight bytes at once, as there are many texts; how they are ordered does not matter here. */
-using Word = std::uint64_t;
-
-constexpr Word EightTimes(char c)
+JsonWriter::JsonWriter() : stream(characters), writer(stream)
 {
-    constexpr Word ones = 0x0101010101010101;
-    return ones * static_cast<unsigned char>(c);
-}
-
-/** Whether one of the bytes is a quotation mark, a backslash, or outside of what ASCII prints. */
-bool HasSpecial(Word bytes)
-{
-    constexpr Word ones = EightTimes('\1');
-    constexpr Word highBits = EightTimes('\x80');
-    // A high bit is set where a byte was too small and borrowed; a borrow out of a neighbour comes with one of its own.
-    const Word quotation = bytes ^ EightTimes('"');
-    const Word backslash = bytes ^ EightTimes('\\');
-    const Word tooSmall =
-        ((bytes - EightTimes(' ')) & ~bytes) | ((quotation - ones) & ~quotation) | ((backslash - ones) & ~backslash);
-    // DEL becomes 0x80.
-    const Word tooLarge = bytes | (bytes + ones);
-    return ((tooSmall | tooLarge) & highBits) != 0;
-}
-
-/** Whether every byte stands for itself between quotation marks. */
-bool IsPlain(std::string_view text)
-{
-    Word bytes = 0;
-    for (; text.size() >= sizeof(bytes); text.remove_prefix(sizeof(bytes))) {
-        std::memcpy(&bytes, text.data(), sizeof(bytes));
-        if (HasSpecial(bytes)) {
-            return false;
-        }
-    }
-    bytes = EightTimes(' ');
-    std::memcpy(&bytes, text.data(), text.size());
-    return !HasSpecial(bytes);
-}
-
-}  // namespace
-
-JsonWriter::JsonWriter() : buffer(nullptr, usualSize), writer(buffer)
-{
+    constexpr unsigned int indentation = 2;
     writer.SetIndent(' ', indentation);
 }
 
 void JsonWriter::Text(std::string_view text)
 {
-    if (IsPlain(text)) {
-        writer.Plain(text.data(), text.size());
-        return;
-    }
     const std::string valid = ValidUtf8(text);
-    writer.String(valid.data(), JsonSize(valid.size()));
+    writer.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
 }
 
 void JsonWriter::RecordText(std::string_view text)
@@ -102,11 +51,12 @@ void JsonWriter::AddressNumber(std::string_view field)
 
 std::string JsonWriter::Document()
 {
-    buffer.Put('\n');
-    return std::string(buffer.GetString(), buffer.GetSize());
+    // To JSON it is a character like any other, to a terminal it is none.
+    boost::algorithm::replace_all(characters.text, "\x7F", "\\u007F");
+    return std::move(characters.text) + '\n';
 }
 
-Occasion HereAndNow()
+ReportOrigin HereAndNow()
 {
     char name[HOST_NAME_MAX + 1] = {};
     if (gethostname(name, sizeof(name) - 1) != 0) {
@@ -121,21 +71,22 @@ Occasion HereAndNow()
     return {name, text};
 }
 
-void BeginDocument(JsonWriter& json, const std::string& schema, const Occasion& occasion)
+void BeginDocument(JsonWriter& json, const char* schema, const ReportOrigin& origin)
 {
     json.BeginObject();
     json.Key("schema");
     json.Text(schema);
     json.Key("host");
-    json.Text(occasion.host);
+    json.Text(origin.host);
     json.Key("collected_at");
-    json.Text(occasion.collectedAt);
+    json.Text(origin.collectedAt);
 }
 
-std::string RenderJson(const Report& report, const Occasion& occasion)
+template <typename Record>
+std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin)
 {
     JsonWriter json;
-    BeginDocument(json, report.schema, occasion);
+    BeginDocument(json, KindOf<Record>().schema, origin);
     json.Key("status");
     json.BeginObject();
     json.Key("code");
@@ -153,11 +104,31 @@ std::string RenderJson(const Report& report, const Occasion& occasion)
         }
         json.EndArray();
     }
-    json.Key(report.recordsKey);
-    report.records(json);
+    json.Key(KindOf<Record>().recordsKey);
+    json.BeginArray();
+    for (const Record& record : report.records) {
+        json.BeginObject();
+        for (const Field<Record>& field : MembersOf<Record>()) {
+            if (field.key == nullptr) {
+                continue;
+            }
+            json.Key(field.key);
+            if (field.content == Content::Number) {
+                json.AddressNumber(record.*field.member);
+            } else {
+                json.RecordText(record.*field.member);
+            }
+        }
+        json.EndObject();
+    }
+    json.EndArray();
     json.EndObject();
     return json.Document();
 }
+
+template std::string RenderJson(const Report<ZDSystemDevice::SystemDevice>&, const ReportOrigin&);
+template std::string RenderJson(const Report<ZDSystemDevice::OpticalProperty>&, const ReportOrigin&);
+template std::string RenderJson(const Report<ZDOptions::SoftwareIdentity_>&, const ReportOrigin&);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

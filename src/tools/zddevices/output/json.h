@@ -1,23 +1,20 @@
 /**
  * @file
- * @brief The JSON document that programs read; share/schema/ describes it.
+ * @brief The JSON documents that programs read; share/schema/ describes them.
  */
 #ifndef ZENDRA_ZDDEVICES_JSON_H
 #define ZENDRA_ZDDEVICES_JSON_H
 
+#include <rapidjson/ostreamwrapper.h>
 #include <rapidjson/prettywriter.h>
 
-#include <cstddef>
-#include <cstring>
 #include <string>
 #include <string_view>
 
-#include "tools/zddevices/output/jsonLibrary.h"
+#include "tools/zddevices/records/report.h"
 
 namespace Zendra {
 namespace ZDDevices {
-
-struct Report;
 
 /**
  * @brief Writes one JSON document from its first character to its last.
@@ -34,8 +31,7 @@ public:
     void BeginArray() { writer.StartArray(); }
     void EndArray() { writer.EndArray(); }
 
-    /** @param name of printable ASCII characters, without quotation mark and backslash. */
-    void Key(std::string_view name) { writer.Plain(name.data(), name.size()); }
+    void Key(const char* name) { writer.Key(name); }
 
     /** The text, with U+FFFD for each byte that is not UTF-8. */
     void Text(std::string_view text);
@@ -54,59 +50,36 @@ public:
     std::string Document();
 
 private:
-    /** ASCII that a terminal does not act on: DEL is one of its control characters, but none to JSON. */
-    struct PrintableAscii : rapidjson::ASCII<> {
-        template <typename Stream>
-        static void EncodeUnsafe(Stream& stream, unsigned int code)
-        {
-            constexpr unsigned int del = 0x7F;
-            if (code != del) {
-                rapidjson::ASCII<>::EncodeUnsafe(stream, code);
-                return;
-            }
-            for (const char c : std::string_view("\\u007F")) {
-                PutUnsafe(stream, c);
-            }
-        }
+    /** Takes the library's characters; unlike the library's own buffers it notices that memory has run out. */
+    struct Characters {
+        using char_type = char;
+        void put(char c) { text.push_back(c); }
+        void flush() {}
+        std::string text;
     };
+    using Stream = rapidjson::BasicOStreamWrapper<Characters>;
 
-    using PrettyWriter = rapidjson::PrettyWriter<JsonBuffer, rapidjson::UTF8<>, PrintableAscii, JsonMemory>;
-
-    class Writer : public PrettyWriter {
-    public:
-        using PrettyWriter::PrettyWriter;
-
-        /** A text of which every byte stands for itself. Nearly all are, and there are thousands. */
-        void Plain(const char* text, std::size_t size)
-        {
-            constexpr char quotationMark = '"';
-            PrettyPrefix(rapidjson::kStringType);
-            char* const room = os_->Push(size + 2);
-            room[0] = quotationMark;
-            std::memcpy(room + 1, text, size);
-            room[size + 1] = quotationMark;
-        }
-    };
-
-    JsonBuffer buffer;
-    Writer writer;
+    Characters characters;
+    Stream stream;
+    rapidjson::PrettyWriter<Stream, rapidjson::UTF8<>, rapidjson::ASCII<>> writer;
 };
 
 /** Where and when a report was made. */
-struct Occasion {
+struct ReportOrigin {
     std::string host;
     /** RFC 3339, UTC, whole seconds: "2024-02-29T12:00:00Z". */
     std::string collectedAt;
 };
 
 /** This host's name and the present time. */
-Occasion HereAndNow();
+ReportOrigin HereAndNow();
 
 /** What every document begins with: schema, host and time. The object stays open. */
-void BeginDocument(JsonWriter& json, const std::string& schema, const Occasion& occasion);
+void BeginDocument(JsonWriter& json, const char* schema, const ReportOrigin& origin);
 
 /** The document, ended by a line end. It is ASCII whatever the records hold, so no terminal is at risk. */
-std::string RenderJson(const Report& report, const Occasion& occasion);
+template <typename Record>
+std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

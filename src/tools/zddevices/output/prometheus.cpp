@@ -1,13 +1,15 @@
 #include "tools/zddevices/output/prometheus.h"
 
 #include <array>
+#include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/replace.hpp>
 #include <charconv>
+#include <locale>
 #include <map>
-#include <utility>
 
 #include "tools/zddevices/output/text.h"
-#include "tools/zddevices/records/deviceReport.h"
-#include "tools/zddevices/records/opticalReport.h"
+#include "tools/zddevices/records/field.h"
+#include "tools/zddevices/records/report.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -19,7 +21,7 @@ using ZDSystemDevice::OpticalProperty;
 using ZDSystemDevice::SystemDevice;
 
 struct Label {
-    const char* name;
+    std::string name;
     std::string value;
 };
 
@@ -28,19 +30,10 @@ std::string LabelSet(const std::vector<Label>& labels)
 {
     std::string set;
     for (const Label& label : labels) {
-        set += (set.empty() ? "{" : ",") + std::string(label.name) + "=" + QuotedLabelValue(label.value);
+        set += (set.empty() ? "{" : ",") + label.name + "=" + QuotedLabelValue(label.value);
     }
     return set + "}";
 }
-
-/** Tells records with equal labels apart. */
-class Ordinals {
-public:
-    std::string Next(const std::vector<Label>& labels) { return std::to_string(++counts[LabelSet(labels)]); }
-
-private:
-    std::map<std::string, std::size_t> counts;
-};
 
 /** Microseconds are as much as a scan's duration has to say. */
 std::string Seconds(double seconds)
@@ -76,19 +69,37 @@ private:
     std::string lines;
 };
 
+/** "software_id" for "SOFTWARE-ID". */
+std::string LabelName(std::string heading)
+{
+    boost::algorithm::replace_all(heading, "-", "_");
+    return boost::algorithm::to_lower_copy(heading, std::locale::classic());
+}
+
+/**
+ * The labels of each record: the texts of the columns with these headings, and what tells records with equal texts
+ * apart.
+ */
+template <typename Record>
+std::vector<std::vector<Label>> LabelsOf(const std::vector<Record>& records, const std::vector<std::string>& headings)
+{
+    std::map<std::string, std::size_t> counts;
+    std::vector<std::vector<Label>> all;
+    const std::vector<const Field<Record>*> fields = FieldsOf<Record>(headings);
+    for (const Record& record : records) {
+        std::vector<Label>& labels = all.emplace_back();
+        for (const Field<Record>* field : fields) {
+            labels.push_back({LabelName(field->column.heading), LabelText(TextOf(record, *field))});
+        }
+        labels.push_back({"ordinal", std::to_string(++counts[LabelSet(labels)])});
+    }
+    return all;
+}
+
 std::string Devices(const std::vector<SystemDevice>& devices)
 {
     Family info("zendra_device_info", "A storage device that answered; the address is port:bus:target:lun.");
-    Ordinals ordinals;
-    for (const SystemDevice& device : devices) {
-        const std::string address = AddressCell(device);
-        std::vector<Label> labels = {{"address", address == unknownText ? "" : address},
-                                     {"type", LabelText(device.device_type)},
-                                     {"vendor", LabelText(device.vendor)},
-                                     {"product", LabelText(device.product)},
-                                     {"serial", LabelText(device.serial_number)},
-                                     {"firmware", LabelText(device.firmware_revision)}};
-        labels.push_back({"ordinal", ordinals.Next(labels)});
+    for (const auto& labels : LabelsOf(devices, {"ADDRESS", "TYPE", "VENDOR", "PRODUCT", "SERIAL", "FIRMWARE"})) {
         info.Add(LabelSet(labels), "1");
     }
     return info.Lines();
@@ -97,12 +108,7 @@ std::string Devices(const std::vector<SystemDevice>& devices)
 std::string Firmware(const std::vector<SoftwareIdentity_>& identities)
 {
     Family info("zendra_disk_firmware_info", "The firmware of a disk, RAID volumes and M.2 disks left out.");
-    Ordinals ordinals;
-    for (const SoftwareIdentity_& identity : identities) {
-        std::vector<Label> labels = {{"software_id", LabelText(identity.SoftwareID)},
-                                     {"version", LabelText(identity.VersionString)},
-                                     {"serial", LabelText(identity.SerialNumber)}};
-        labels.push_back({"ordinal", ordinals.Next(labels)});
+    for (const auto& labels : LabelsOf(identities, {"SOFTWARE-ID", "VERSION", "SERIAL"})) {
         info.Add(LabelSet(labels), "1");
     }
     return info.Lines();
@@ -114,25 +120,15 @@ std::string Drives(const std::vector<OpticalProperty>& drives)
     Family capability("zendra_optical_capability",
                       "Whether the optical drive has the capability: 1 yes, 0 no. Absent where a host has several "
                       "drives and the capabilities are not known.");
-    Ordinals ordinals;
-    for (const OpticalProperty& drive : drives) {
-        std::vector<Label> labels = {{"drive", LabelText(drive.drive_name_)},
-                                     {"vendor", LabelText(drive.vendor_)},
-                                     {"product", LabelText(drive.product_)}};
-        labels.push_back({"ordinal", ordinals.Next(labels)});
-        info.Add(LabelSet(labels), "1");
-        if (NamesSeveral(drive)) {
-            continue;
-        }
-        const std::pair<const char*, const std::string*> capabilities[] = {
-            {"dvd_read", &drive.dvd_read_},       {"mrw_read", &drive.mrw_r_},
-            {"cd_r_write", &drive.cd_r_write_},   {"cd_rw_write", &drive.cd_rw_write_},
-            {"dvd_r_write", &drive.dvd_r_write_}, {"dvd_ram_write", &drive.dvd_ram_write_},
-            {"mrw_write", &drive.mrw_w_},         {"ram_write", &drive.ram_w_}};
-        for (const auto& [word, answer] : capabilities) {
-            std::vector<Label> capabilityLabels = labels;
-            capabilityLabels.push_back({"capability", word});
-            capability.Add(LabelSet(capabilityLabels), *answer == "Yes" ? "1" : "0");
+    const std::vector<std::vector<Label>> all = LabelsOf(drives, {"DRIVE", "VENDOR", "PRODUCT"});
+    for (std::size_t i = 0; i < drives.size(); ++i) {
+        info.Add(LabelSet(all[i]), "1");
+        for (const Field<OpticalProperty>& field : KindOf<OpticalProperty>().fields) {
+            if (field.content == Content::Capability && !NamesSeveral(drives[i])) {
+                std::vector<Label> labels = all[i];
+                labels.push_back({"capability", LabelName(field.column.heading)});
+                capability.Add(LabelSet(labels), TextOf(drives[i], field) == "Yes" ? "1" : "0");
+            }
         }
     }
     return info.Lines() + capability.Lines();

@@ -70,27 +70,27 @@ std::string WithoutTrailingBlanks(const std::string& text)
 
 }  // namespace
 
-std::string RenderTable(const Sheet& sheet, std::size_t width, Headings headings)
+std::string RenderTable(const Table& table, std::size_t width, Headings headings)
 {
-    const std::unique_ptr<libscols_table, Unref> table(Check(scols_new_table()));
+    const std::unique_ptr<libscols_table, Unref> layout(Check(scols_new_table()));
     // The cells have been made printable; a second encoding would escape the escapes.
-    Check(scols_table_enable_noencoding(table.get(), 1));
-    Check(scols_table_enable_noheadings(table.get(), headings == Headings::Left ? 1 : 0));
-    Check(scols_table_set_termforce(table.get(), width > 0 ? SCOLS_TERMFORCE_ALWAYS : SCOLS_TERMFORCE_NEVER));
+    Check(scols_table_enable_noencoding(layout.get(), 1));
+    Check(scols_table_enable_noheadings(layout.get(), headings == Headings::None ? 1 : 0));
+    Check(scols_table_set_termforce(layout.get(), width > 0 ? SCOLS_TERMFORCE_ALWAYS : SCOLS_TERMFORCE_NEVER));
     if (width > 0) {
-        Check(scols_table_set_termwidth(table.get(), width));
+        Check(scols_table_set_termwidth(layout.get(), width));
     }
-    for (const Column& column : sheet.columns) {
-        Check(scols_table_new_column(table.get(), column.heading.c_str(), column.share, Flags(column.overflow)));
+    for (const Column& column : table.columns) {
+        Check(scols_table_new_column(layout.get(), column.heading, column.share, Flags(column.overflow)));
     }
-    for (const std::vector<std::string>& row : sheet.rows) {
-        libscols_line* line = Check(scols_table_new_line(table.get(), nullptr));
+    for (const std::vector<std::string>& row : table.rows) {
+        libscols_line* line = Check(scols_table_new_line(layout.get(), nullptr));
         for (std::size_t i = 0; i < row.size(); ++i) {
             Check(scols_line_set_data(line, i, row[i].c_str()));
         }
     }
     char* lines = nullptr;
-    const int result = scols_print_table_to_string(table.get(), &lines);
+    const int result = scols_print_table_to_string(layout.get(), &lines);
     const std::unique_ptr<char, Free> owner(lines);
     Check(result);
     return WithoutTrailingBlanks(Check(lines));

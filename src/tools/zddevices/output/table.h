@@ -22,23 +22,23 @@ enum class Overflow {
     Keep
 };
 
-/** One column of a table. */
+/** One column. */
 struct Column {
     /** The heading, in capitals. */
-    std::string heading;
+    const char* heading = "";
     /** The part of the terminal's width that the column should have, 0 to 1. */
     double share = 0.0;
     Overflow overflow = Overflow::Wrap;
 };
 
-/** A table's content: each row has as many cells as there are columns, fit to be printed (see text.h). */
-struct Sheet {
+/** Each row has as many cells as there are columns, fit to be printed (see text.h). */
+struct Table {
     std::vector<Column> columns;
     std::vector<std::vector<std::string>> rows;
 };
 
 /** Whether a table begins with a line of headings. */
-enum class Headings { Shown, Left };
+enum class Headings { Shown, None };
 
 /**
  * @brief The table as lines of text, headings first, without trailing blanks, each line ended.
@@ -47,7 +47,7 @@ enum class Headings { Shown, Left };
  *              line and whole. Below some 50 columns the lines may be wider than the terminal.
  * @throws std::bad_alloc, std::runtime_error.
  */
-std::string RenderTable(const Sheet& sheet, std::size_t width, Headings headings = Headings::Shown);
+std::string RenderTable(const Table& table, std::size_t width, Headings headings = Headings::Shown);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

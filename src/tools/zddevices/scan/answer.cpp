@@ -38,52 +38,6 @@ std::string Pack(Answer<Record>& answer)
 
 }  // namespace
 
-std::vector<std::string*> Texts(ZDSystemDevice::SystemDevice& device)
-{
-    return {&device.vendor,
-            &device.product,
-            &device.device_type,
-            &device.serial_number,
-            &device.firmware_revision,
-            &device.port,
-            &device.target,
-            &device.bus,
-            &device.lun};
-}
-
-std::vector<std::string*> Texts(ZDSystemDevice::OpticalProperty& drive)
-{
-    return {&drive.drive_name_,  &drive.vendor_,     &drive.product_,  &drive.dvd_ram_write_,
-            &drive.cd_rw_write_, &drive.cd_r_write_, &drive.dvd_read_, &drive.dvd_r_write_,
-            &drive.mrw_r_,       &drive.mrw_w_,      &drive.ram_w_};
-}
-
-std::vector<std::string*> Texts(ZDOptions::SoftwareIdentity_& identity)
-{
-    return {&identity.Description,
-            &identity.ElementName,
-            &identity.ProductName,
-            &identity.Manufacturer,
-            &identity.Name,
-            &identity.VersionString,
-            &identity.Classifications,
-            &identity.ClassificationDescriptions,
-            &identity.IdentityInfoValue,
-            &identity.SoftwareID,
-            &identity.SubDeviceID,
-            &identity.ReleaseDate,
-            &identity.SoftwareStatus,
-            &identity.SoftwareRole,
-            &identity.IdentityInfoType,
-            &identity.IsPLDMUpdateSupported,
-            &identity.InstanceID,
-            &identity.AssociatedAdapterSlot,
-            &identity.LastUpdateError,
-            &identity.LastUpdateErrorString,
-            &identity.SerialNumber,
-            &identity.ExtraInfo};
-}
-
 template <typename Record>
 std::string Encode(Answer<Record> answer)
 {

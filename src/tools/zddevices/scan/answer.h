@@ -11,6 +11,7 @@
 
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
+#include "tools/zddevices/records/field.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -26,15 +27,16 @@ using DeviceAnswer = Answer<ZDSystemDevice::SystemDevice>;
 using OpticalAnswer = Answer<ZDSystemDevice::OpticalProperty>;
 using FirmwareAnswer = Answer<ZDOptions::SoftwareIdentity_>;
 
-/**
- * @name The texts of a record, in the order in which the record declares them.
- * @{
- */
-std::vector<std::string*> Texts(ZDSystemDevice::SystemDevice& device);
-std::vector<std::string*> Texts(ZDSystemDevice::OpticalProperty& drive);
-/** All but `Category`, which is the same in every record. */
-std::vector<std::string*> Texts(ZDOptions::SoftwareIdentity_& identity);
-/** @} */
+/** The texts of a record, in the order in which the record declares them. */
+template <typename Record>
+std::vector<std::string*> Texts(Record& record)
+{
+    std::vector<std::string*> texts;
+    for (const Field<Record>& field : MembersOf<Record>()) {
+        texts.push_back(&(record.*field.member));
+    }
+    return texts;
+}
 
 /** The answer as bytes; every text keeps every byte. */
 template <typename Record>

@@ -5,9 +5,6 @@
 
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "module/osinfos/systemdevice/deviceMerge.h"
-#include "tools/zddevices/records/deviceReport.h"
-#include "tools/zddevices/records/firmwareReport.h"
-#include "tools/zddevices/records/opticalReport.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -59,7 +56,8 @@ Answer<Record> Ask(const char* className, const std::function<Answer<Record>()>&
                             : AskHere<Record>(ask, collection);
 }
 
-Report Complete(Report report, std::vector<Unanswered> unanswered)
+template <typename Record>
+Report<Record> Complete(Report<Record> report, std::vector<Unanswered> unanswered)
 {
     report.unanswered = std::move(unanswered);
     if (!report.unanswered.empty()) {
@@ -111,7 +109,8 @@ std::vector<ZDSystemDevice::SystemDevice> Merge(std::vector<ZDSystemDevice::Syst
     return devices;
 }
 
-Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const Collection& collection)
+Report<ZDSystemDevice::SystemDevice> CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type,
+                                                    const Collection& collection)
 {
     if (!collection.limit) {
         DeviceAnswer answer = AskHere<ZDSystemDevice::SystemDevice>([type] { return AskForDevices(type); }, collection);
@@ -135,7 +134,7 @@ Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const C
     return Complete(DescribeDevices(answer.status, std::move(answer.records), type), std::move(unanswered));
 }
 
-Report CollectOptical(const Collection& collection)
+Report<ZDSystemDevice::OpticalProperty> CollectOptical(const Collection& collection)
 {
     std::vector<Unanswered> unanswered;
     OpticalAnswer answer = Ask<ZDSystemDevice::OpticalProperty>(ClassOf(ZDSystemDevice::SYS_DEVICE_CDDVD).word,
@@ -143,7 +142,7 @@ Report CollectOptical(const Collection& collection)
     return Complete(DescribeOptical(answer.status, std::move(answer.records)), std::move(unanswered));
 }
 
-Report CollectFirmware(const Collection& collection)
+Report<ZDOptions::SoftwareIdentity_> CollectFirmware(const Collection& collection)
 {
     std::vector<Unanswered> unanswered;
     FirmwareAnswer answer = Ask<ZDOptions::SoftwareIdentity_>(ClassOf(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE).word,

@@ -67,13 +67,14 @@ struct Collection {
 };
 
 /** The devices of one class as their device files stand, or, without a class, all devices merged. */
-Report CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const Collection& collection);
+Report<ZDSystemDevice::SystemDevice> CollectDevices(std::optional<ZDSystemDevice::SysDeviceType> type,
+                                                    const Collection& collection);
 
 /** What the optical drive can read and write. */
-Report CollectOptical(const Collection& collection);
+Report<ZDSystemDevice::OpticalProperty> CollectOptical(const Collection& collection);
 
 /** The firmware of the disks. */
-Report CollectFirmware(const Collection& collection);
+Report<ZDOptions::SoftwareIdentity_> CollectFirmware(const Collection& collection);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/zddevices/output/jsonLibrary.h"
+#include "tools/zddevices/scan/parcelMemory.h"
 
 namespace Zendra {
 namespace ZDDevices {

@@ -1,9 +1,9 @@
 /**
  * @file
- * @brief The JSON library as this program uses it: with memory that is there and sizes that it can count.
+ * @brief The JSON library as a parcel uses it: with memory that is there and sizes that it can count.
  */
-#ifndef ZENDRA_ZDDEVICES_JSONLIBRARY_H
-#define ZENDRA_ZDDEVICES_JSONLIBRARY_H
+#ifndef ZENDRA_ZDDEVICES_PARCELMEMORY_H
+#define ZENDRA_ZDDEVICES_PARCELMEMORY_H
 
 #include <rapidjson/encodings.h>
 #include <rapidjson/rapidjson.h>
@@ -11,7 +11,6 @@
 
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <stdexcept>
 
@@ -57,16 +56,5 @@ inline rapidjson::SizeType JsonSize(std::size_t size)
 
 }  // namespace ZDDevices
 }  // namespace Zendra
-
-namespace rapidjson {
-
-/** Indentation, as the library writes it into its own buffers. */
-template <>
-inline void PutN(Zendra::ZDDevices::JsonBuffer& buffer, char c, std::size_t count)
-{
-    std::memset(buffer.Push(count), c, count);
-}
-
-}  // namespace rapidjson
 
 #endif

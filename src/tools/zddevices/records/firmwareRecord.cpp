@@ -1,0 +1,60 @@
+#include "tools/zddevices/records/field.h"
+#include "tools/zddevices/records/report.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+using Identity = ZDOptions::SoftwareIdentity_;
+
+/** A CIM property that is empty or the same for most disks. */
+constexpr Field<Identity> Rare(const char* heading, const char* key, std::string Identity::*member)
+{
+    return {{heading, 0.15, Overflow::Wrap}, InTable::WhenAsked, key, member};
+}
+
+constexpr Field<Identity> fields[] = {
+    // Heading, share of the width, when too wide; in the table; key in JSON; text.
+    {{"SOFTWARE-ID", 0.45, Overflow::Wrap}, InTable::ByDefault, "SoftwareID", &Identity::SoftwareID},
+    {{"VERSION", 0.2, Overflow::Wrap}, InTable::ByDefault, "VersionString", &Identity::VersionString},
+    {{"SERIAL", 0.35, Overflow::Wrap}, InTable::ByDefault, nullptr, &Identity::SerialNumber},
+    Rare("DESCRIPTION", "Description", &Identity::Description),
+    Rare("ELEMENT-NAME", "ElementName", &Identity::ElementName),
+    Rare("PRODUCT-NAME", "ProductName", &Identity::ProductName),
+    Rare("MANUFACTURER", "Manufacturer", &Identity::Manufacturer),
+    Rare("NAME", "Name", &Identity::Name),
+    Rare("CLASSIFICATIONS", "Classifications", &Identity::Classifications),
+    Rare("CLASSIFICATION-DESCRIPTIONS", "ClassificationDescriptions", &Identity::ClassificationDescriptions),
+    Rare("IDENTITY-INFO-VALUE", "IdentityInfoValue", &Identity::IdentityInfoValue),
+    Rare("SUB-DEVICE-ID", "SubDeviceID", &Identity::SubDeviceID),
+    Rare("RELEASE-DATE", "ReleaseDate", &Identity::ReleaseDate),
+    Rare("SOFTWARE-STATUS", "SoftwareStatus", &Identity::SoftwareStatus),
+    Rare("SOFTWARE-ROLE", "SoftwareRole", &Identity::SoftwareRole),
+    Rare("IDENTITY-INFO-TYPE", "IdentityInfoType", &Identity::IdentityInfoType),
+    Rare("PLDM-UPDATE-SUPPORTED", "IsPLDMUpdateSupported", &Identity::IsPLDMUpdateSupported),
+    Rare("INSTANCE-ID", "InstanceID", &Identity::InstanceID),
+    Rare("ADAPTER-SLOT", "AssociatedAdapterSlot", &Identity::AssociatedAdapterSlot),
+    Rare("LAST-UPDATE-ERROR", "LastUpdateError", &Identity::LastUpdateError),
+    Rare("LAST-UPDATE-ERROR-STRING", "LastUpdateErrorString", &Identity::LastUpdateErrorString),
+    Rare("EXTRA-INFO", nullptr, &Identity::ExtraInfo),
+};
+static_assert(NameEachTextOnce(fields), "a text of the record has no field, or several");
+
+}  // namespace
+
+template <>
+const RecordKind<Identity>& KindOf<Identity>()
+{
+    static const RecordKind<Identity> kind = {
+        "zddevices-firmware/1", "identities", {std::begin(fields), std::end(fields)}};
+    return kind;
+}
+
+Report<Identity> DescribeFirmware(unsigned int status, std::vector<Identity> identities)
+{
+    return {status, std::move(identities), {}, "No disk firmware found.", {}};
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra
