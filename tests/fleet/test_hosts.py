@@ -207,7 +207,7 @@ def identity_record(record):
 
 
 def optical_record(record):
-    return {field: known(record[field]) for field in model.OPTICAL_FIELDS}
+    return {field.rstrip("_"): known(record[field]) for field in model.OPTICAL_FIELDS}
 
 
 def everything():

@@ -74,7 +74,7 @@ class WordsTest(unittest.TestCase):
     def test_classes_formats_and_columns_are_those_that_the_program_takes(self):
         options = " ".join(section(self.page, "OPTIONS").replace("-\n", "-").split()).replace("\u2010 ", "")
         for arguments in (["--type"], ["--format"], ["--columns"]):
-            words = run(PROGRAM, *arguments, "?")[2].splitlines()[0].partition(" is none of ")[2].split(", ")
+            words = re.split(", | or ", re.search(r'unknown .*"\?" \((.*)\)', run(PROGRAM, *arguments, "?")[2]).group(1))
             self.assertGreater(len(words), 1, arguments)
             for word in words:
                 self.assertRegex(options, rf"\b{word.lower()}\b")

@@ -132,14 +132,13 @@ TEST(CommandLine, ColumnsAreTakenInTheirOrderWithoutRegardToCapitalsAndBlanks)
 
 TEST(CommandLine, AnUnknownColumnNamesThoseOfTheSubcommand)
 {
-    EXPECT_EQ(
-        std::get<UsageError>(Parse({"--columns", "serial,color"})).message,
-        "--columns: \"color\" is none of ADDRESS, TYPE, VENDOR, PRODUCT, FIRMWARE, SERIAL, PORT, BUS, TARGET, LUN");
+    EXPECT_EQ(std::get<UsageError>(Parse({"--columns", "serial,color"})).message,
+              "unknown column \"color\" (ADDRESS, TYPE, VENDOR, PRODUCT, FIRMWARE, SERIAL, PORT, BUS, TARGET or LUN)");
     EXPECT_EQ(std::get<UsageError>(Parse({"--columns", "serial", "optical"})).message,
-              "--columns: \"serial\" is none of DRIVE, VENDOR, PRODUCT, READS, WRITES, DVD-READ, MRW-READ, CD-R-WRITE, "
-              "CD-RW-WRITE, DVD-R-WRITE, DVD-RAM-WRITE, MRW-WRITE, RAM-WRITE");
+              "unknown column \"serial\" (DRIVE, VENDOR, PRODUCT, READS, WRITES, DVD-READ, MRW-READ, CD-R-WRITE, "
+              "CD-RW-WRITE, DVD-R-WRITE, DVD-RAM-WRITE, MRW-WRITE or RAM-WRITE)");
     EXPECT_EQ(std::get<UsageError>(Parse({"firmware", "--columns", "port"}))
-                  .message.find("--columns: \"port\" is none of SOFTWARE-ID, VERSION, SERIAL, DESCRIPTION, "),
+                  .message.find("unknown column \"port\" (SOFTWARE-ID, VERSION, SERIAL, DESCRIPTION, "),
               0U);
 }
 
@@ -154,15 +153,19 @@ TEST(CommandLine, WhatConcernsTheTableIsRefusedForOtherFormats)
 TEST(CommandLine, HeadingsAreShownUnlessTheyAreLeftOut)
 {
     EXPECT_EQ(Good({}).headings, Headings::Shown);
-    EXPECT_EQ(Good({"optical", "--no-headings"}).headings, Headings::Left);
+    EXPECT_EQ(Good({"optical", "--no-headings"}).headings, Headings::None);
 }
 
-TEST(CommandLine, RefusalsNameTheOptionAndTheValue)
+TEST(CommandLine, RefusalsNameTheValueAndWhatThereIs)
 {
     EXPECT_EQ(std::get<UsageError>(Parse({"--type", "floppy"})).message,
-              "--type: \"floppy\" is none of disk, optical, scsi, tape");
+              "unknown type \"floppy\" (tape, scsi, disk or optical)");
     EXPECT_EQ(std::get<UsageError>(Parse({"--type"})).message, "--type takes one value and may be given once");
-    EXPECT_EQ(std::get<UsageError>(Parse({"--log-level", "9"})).message, "--log-level: \"9\" is none of 0, 1, 2, 3, 4");
+    EXPECT_EQ(std::get<UsageError>(Parse({"--format", "x"})).message,
+              "unknown format \"x\" (json, prometheus or table)");
+    EXPECT_EQ(std::get<UsageError>(Parse({"--log-level", "9"})).message, "unknown log level \"9\" (0, 1, 2, 3 or 4)");
+    EXPECT_EQ(std::get<UsageError>(Parse({"--timeout", "soon"})).message,
+              "--timeout: \"soon\" is no number of seconds from 0.001 to 86400");
 }
 
 TEST(CommandLine, VersionIsTheProjectsVersion)

@@ -34,8 +34,8 @@ ALL_SKIPPED = 77
 HINT = 'Try "zddevices --help".\n'
 FIELDS = ["vendor", "product", "device_type", "serial_number", "firmware_revision", "port", "target", "bus", "lun"]
 
-DRIVE_FIELDS = ["drive_name_", "vendor_", "product_", "dvd_ram_write_", "cd_rw_write_", "cd_r_write_", "dvd_read_",
-                "dvd_r_write_", "mrw_r_", "mrw_w_", "ram_w_"]
+DRIVE_FIELDS = ["drive_name", "vendor", "product", "dvd_ram_write", "cd_rw_write", "cd_r_write", "dvd_read",
+                "dvd_r_write", "mrw_r", "mrw_w", "ram_w"]
 IDENTITY_FIELDS = ["Description", "ElementName", "ProductName", "Manufacturer", "Name", "VersionString",
                    "Classifications", "ClassificationDescriptions", "IdentityInfoValue", "SoftwareID", "SubDeviceID",
                    "ReleaseDate", "SoftwareStatus", "SoftwareRole", "IdentityInfoType", "IsPLDMUpdateSupported",
@@ -77,9 +77,9 @@ NVME = record(vendor=b"NVMe", product=b"SAMSUNG MZVL2512HCJQ-00B00              
 HOSTILE = record(vendor=b"\x1b[31mEvil", product=b"a\nb\rc\x9b2J\xc2\x9b\xe2\x80\xae\xff", device_type=b"\\x41\x7f!",
                  serial_number=b" \t", firmware_revision=b"\xe2\x80\x8b", port=b"0", target=b"0", bus=b"0", lun=b"1")
 NO_CAPABILITY = {name: b"No" for name in DRIVE_FIELDS[3:]}
-DRIVE = record(DRIVE_FIELDS, **{**NO_CAPABILITY, "drive_name_": b"/dev/sr0", "vendor_": b"QEMU    ",
-                                "product_": b"QEMU DVD-ROM    ", "dvd_read_": b"Yes"})
-TWO_DRIVES = record(DRIVE_FIELDS, drive_name_=b"/dev/sr1\tsr0", **NO_CAPABILITY)
+DRIVE = record(DRIVE_FIELDS, **{**NO_CAPABILITY, "drive_name": b"/dev/sr0", "vendor": b"QEMU    ",
+                                "product": b"QEMU DVD-ROM    ", "dvd_read": b"Yes"})
+TWO_DRIVES = record(DRIVE_FIELDS, drive_name=b"/dev/sr1\tsr0", **NO_CAPABILITY)
 IDENTITY = record(IDENTITY_TEXTS, Name=b"QEMU HARDDISK", SoftwareID=b"QEMU HARDDISK", VersionString=b"2.5+ ",
                   Classifications=b"10", IsPLDMUpdateSupported=b"0", SerialNumber=b"QM00001 ")
 UNIQUE = b"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"

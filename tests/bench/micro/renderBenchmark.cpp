@@ -13,7 +13,7 @@
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "simulatedHost.h"
 #include "tools/zddevices/output/json.h"
-#include "tools/zddevices/records/deviceReport.h"
+#include "tools/zddevices/records/report.h"
 
 using namespace Zendra::ZDDevices;
 
@@ -29,11 +29,12 @@ static void RenderDevices(benchmark::State& state)
         state.SkipWithError("not every disk was found");
         return;
     }
-    const Report report = DescribeDevices(Zendra::ZDSystemDevice::DEVICE_RESULT_OK, devices, std::nullopt);
-    const Occasion occasion{"host", "2024-02-29T12:00:00Z"};
+    const Report<Zendra::ZDSystemDevice::SystemDevice> report =
+        DescribeDevices(Zendra::ZDSystemDevice::DEVICE_RESULT_OK, devices, std::nullopt);
+    const ReportOrigin origin{"host", "2024-02-29T12:00:00Z"};
     std::size_t bytes = 0;
     for (auto _ : state) {
-        const std::string document = RenderJson(report, occasion);
+        const std::string document = RenderJson(report, origin);
         bytes += document.size();
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));

@@ -203,14 +203,14 @@ class Topology(unittest.TestCase):
 
 # Which row of the kernel's table decides which field of an optical record.
 OPTICAL_ROWS = {
-    "dvd_ram_write_": "Can write DVD-RAM",
-    "cd_rw_write_": "Can write CD-RW",
-    "cd_r_write_": "Can write CD-R",
-    "dvd_read_": "Can read DVD",
-    "dvd_r_write_": "Can write DVD-R",
-    "mrw_r_": "Can read MRW",
-    "mrw_w_": "Can write MRW",
-    "ram_w_": "Can write RAM",
+    "dvd_ram_write": "Can write DVD-RAM",
+    "cd_rw_write": "Can write CD-RW",
+    "cd_r_write": "Can write CD-R",
+    "dvd_read": "Can read DVD",
+    "dvd_r_write": "Can write DVD-R",
+    "mrw_r": "Can read MRW",
+    "mrw_w": "Can write MRW",
+    "ram_w": "Can write RAM",
 }
 
 # The CIM properties of a firmware identity, in order.

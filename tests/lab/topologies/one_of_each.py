@@ -135,7 +135,7 @@ class OneOfEach(Topology):
         document = self.inventory("optical-record")
         self.assertEqual(OK, document["status"])
         self.assertEqual([{
-            "drive_name_": "/dev/sr0", "vendor_": "QEMU", "product_": "QEMU DVD-ROM",
+            "drive_name": "/dev/sr0", "vendor": "QEMU", "product": "QEMU DVD-ROM",
             **{field: "Yes" if table.get(row) == ["1"] else "No" for field, row in OPTICAL_ROWS.items()},
         }], document["drives"])
 

@@ -35,7 +35,7 @@ class TwoDrives(Topology):
         self.assertEqual(OK, document["status"])
         first, second = self.optical_table()["drive name"]
         self.assertEqual([{
-            "drive_name_": f"/dev/{first}\t{second}", "vendor_": None, "product_": None,
+            "drive_name": f"/dev/{first}\t{second}", "vendor": None, "product": None,
             **dict.fromkeys(OPTICAL_ROWS, "No"),
         }], document["drives"])
 
