@@ -1,9 +1,6 @@
 #include <cwchar>
-#include <limits>
-#include <new>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <stdexcept>
 #include <tuple>
 
 #include "toolTests.h"
@@ -13,17 +10,6 @@
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
 #include "tools/zddevices/records/status.h"
-#include "tools/zddevices/scan/parcelMemory.h"
-
-// Sanitizers end a program that asks for more memory than there can be.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define MALLOC_MAY_FAIL
-#endif
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#undef MALLOC_MAY_FAIL
-#endif
-#endif
 
 namespace Zendra {
 namespace ZDDevices {
@@ -207,7 +193,7 @@ TEST(Texts, OfAnotherNumberMakeNoRecord)
 TEST(Fields, NamedTwiceOrForgottenAreNoticed)
 {
     using Device = Field<SystemDevice>;
-    constexpr Device name = {{"A"}, InTable::ByDefault, "a", &SystemDevice::vendor};
+    constexpr Device name = {{"A"}, InTable::ByDefault, Content::Text, "a", &SystemDevice::vendor};
     constexpr Device forgotten[] = {name};
     static_assert(!NameEachTextOnce(forgotten), "");
     constexpr Device twice[] = {name, name, name, name, name, name, name, name, name};
@@ -391,27 +377,6 @@ TEST(JsonWriter, IndentsByTwoBlanks)
                                "  \"empty object\": {}\n"
                                "}\n");
 }
-
-TEST(JsonWriter, ATextTooLongToBeCountedIsRefused)
-{
-    EXPECT_EQ(JsonSize(268435456), 268435456U);
-    EXPECT_THROW(JsonSize(268435457), std::length_error);
-}
-
-#ifdef MALLOC_MAY_FAIL
-TEST(JsonMemory, ThatRunsOutIsNoticed)
-{
-    constexpr std::size_t moreThanThereIs = std::numeric_limits<std::size_t>::max() / 2;
-    // Volatile, or a compiler may leave out the allocation that nothing uses.
-    void* volatile block = nullptr;
-    EXPECT_THROW(block = JsonMemory::Malloc(moreThanThereIs), std::bad_alloc);
-    block = JsonMemory::Malloc(1);
-    *static_cast<char*>(block) = 'x';
-    EXPECT_THROW(block = JsonMemory::Realloc(block, 1, moreThanThereIs), std::bad_alloc);
-    EXPECT_EQ(*static_cast<char*>(block), 'x');
-    EXPECT_EQ(JsonMemory::Realloc(block, 1, 0), nullptr);
-}
-#endif
 
 TEST(JsonDocument, IsCompleteWithoutDevices)
 {

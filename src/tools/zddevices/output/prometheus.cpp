@@ -6,6 +6,7 @@
 #include <charconv>
 #include <locale>
 #include <map>
+#include <utility>
 
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/records/field.h"
@@ -85,13 +86,16 @@ std::vector<std::vector<Label>> LabelsOf(const std::vector<Record>& records, con
 {
     std::map<std::string, std::size_t> counts;
     std::vector<std::vector<Label>> all;
+    all.reserve(records.size());
     const std::vector<const Field<Record>*> fields = FieldsOf<Record>(headings);
     for (const Record& record : records) {
-        std::vector<Label>& labels = all.emplace_back();
+        std::vector<Label> labels;
+        labels.reserve(fields.size() + 1);
         for (const Field<Record>* field : fields) {
             labels.push_back({LabelName(field->column.heading), LabelText(TextOf(record, *field))});
         }
         labels.push_back({"ordinal", std::to_string(++counts[LabelSet(labels)])});
+        all.push_back(std::move(labels));
     }
     return all;
 }

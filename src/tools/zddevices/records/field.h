@@ -43,11 +43,11 @@ struct Field {
     /** In the table. The metrics' label is the heading in small letters. */
     Column column;
     InTable inTable;
+    Content content;
     /** In JSON; null for a field that JSON leaves out. */
     const char* key;
     /** The text; null for a composed one. */
     std::string Record::*member;
-    Content content = Content::Text;
     /** Composes the text; for a field without a member. */
     std::string (*compose)(const Record& record) = nullptr;
 };
@@ -89,7 +89,8 @@ constexpr bool NameEachTextOnce(const Field<Record> (&fields)[count])
         }
         members += fields[i].member != nullptr ? 1 : 0;
     }
-    return members == sizeof(Record) / sizeof(std::string);
+    // The record has room for so many texts, and for no other.
+    return members * sizeof(std::string) <= sizeof(Record) && (members + 1) * sizeof(std::string) > sizeof(Record);
 }
 
 /** The fields that are texts of the record, in the order in which the record declares them. */

@@ -11,14 +11,14 @@ using Identity = ZDOptions::SoftwareIdentity_;
 /** A CIM property that is empty or the same for most disks. */
 constexpr Field<Identity> Rare(const char* heading, const char* key, std::string Identity::*member)
 {
-    return {{heading, 0.15, Overflow::Wrap}, InTable::WhenAsked, key, member};
+    return {{heading, 0.15, Overflow::Wrap}, InTable::WhenAsked, Content::Text, key, member};
 }
 
 constexpr Field<Identity> fields[] = {
-    // Heading, share of the width, when too wide; in the table; key in JSON; text.
-    {{"SOFTWARE-ID", 0.45, Overflow::Wrap}, InTable::ByDefault, "SoftwareID", &Identity::SoftwareID},
-    {{"VERSION", 0.2, Overflow::Wrap}, InTable::ByDefault, "VersionString", &Identity::VersionString},
-    {{"SERIAL", 0.35, Overflow::Wrap}, InTable::ByDefault, nullptr, &Identity::SerialNumber},
+    // Heading, share of the width, when too wide; in the table; content, key in JSON, text.
+    {{"SOFTWARE-ID", 0.45, Overflow::Wrap}, InTable::ByDefault, Content::Text, "SoftwareID", &Identity::SoftwareID},
+    {{"VERSION", 0.2, Overflow::Wrap}, InTable::ByDefault, Content::Text, "VersionString", &Identity::VersionString},
+    {{"SERIAL", 0.35, Overflow::Wrap}, InTable::ByDefault, Content::Text, nullptr, &Identity::SerialNumber},
     Rare("DESCRIPTION", "Description", &Identity::Description),
     Rare("ELEMENT-NAME", "ElementName", &Identity::ElementName),
     Rare("PRODUCT-NAME", "ProductName", &Identity::ProductName),

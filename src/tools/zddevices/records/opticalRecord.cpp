@@ -17,16 +17,16 @@ std::string Writes(const Drive& drive);
 
 constexpr Field<Drive> Capability(const char* heading, const char* key, std::string Drive::*member)
 {
-    return {{heading, 0.05, Overflow::Keep}, InTable::WhenAsked, key, member, Content::Capability};
+    return {{heading, 0.05, Overflow::Keep}, InTable::WhenAsked, Content::Capability, key, member};
 }
 
 constexpr Field<Drive> fields[] = {
-    // Heading, share of the width, when too wide; in the table; key in JSON; text.
-    {{"DRIVE", 0.15, Overflow::Wrap}, InTable::ByDefault, "drive_name", &Drive::drive_name_},
-    {{"VENDOR", 0.15, Overflow::Wrap}, InTable::ByDefault, "vendor", &Drive::vendor_},
-    {{"PRODUCT", 0.25, Overflow::Wrap}, InTable::ByDefault, "product", &Drive::product_},
-    {{"READS", 0.10, Overflow::Wrap}, InTable::ByDefault, nullptr, nullptr, Content::Text, Reads},
-    {{"WRITES", 0.35, Overflow::Wrap}, InTable::ByDefault, nullptr, nullptr, Content::Text, Writes},
+    // Heading, share of the width, when too wide; in the table; content, key in JSON, text.
+    {{"DRIVE", 0.15, Overflow::Wrap}, InTable::ByDefault, Content::Text, "drive_name", &Drive::drive_name_},
+    {{"VENDOR", 0.15, Overflow::Wrap}, InTable::ByDefault, Content::Text, "vendor", &Drive::vendor_},
+    {{"PRODUCT", 0.25, Overflow::Wrap}, InTable::ByDefault, Content::Text, "product", &Drive::product_},
+    {{"READS", 0.10, Overflow::Wrap}, InTable::ByDefault, Content::Text, nullptr, nullptr, Reads},
+    {{"WRITES", 0.35, Overflow::Wrap}, InTable::ByDefault, Content::Text, nullptr, nullptr, Writes},
     // A medium, and "-READ" or "-WRITE".
     Capability("DVD-READ", "dvd_read", &Drive::dvd_read_),
     Capability("MRW-READ", "mrw_r", &Drive::mrw_r_),
