@@ -2,6 +2,9 @@
 
 include(CMakePackageConfigHelpers)
 
+# "sudo cmake --install" writes its list of files into the build tree; a file that is there stays its owner's.
+file(TOUCH ${PROJECT_BINARY_DIR}/install_manifest.txt)
+
 set(packageDirectory ${CMAKE_INSTALL_LIBDIR}/cmake/ZendraDeviceCollector)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/ZendraDeviceCollectorConfig.cmake.in
                               ${PROJECT_BINARY_DIR}/ZendraDeviceCollectorConfig.cmake

@@ -10,6 +10,7 @@ import os
 import re
 import shutil
 import subprocess
+import sys
 import tempfile
 from dataclasses import dataclass
 from pathlib import Path
@@ -70,6 +71,7 @@ def prepare():
         if not (_entry(package, version) / "complete").exists():
             archive = _archive(package, version)
             if not archive.exists():
+                print(f"Downloading Debian's kernel {version}", file=sys.stderr, flush=True)
                 package, version = _download(package, version)
                 archive = _archive(package, version)
             _unpack(package, version, archive)
