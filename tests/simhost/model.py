@@ -181,6 +181,8 @@ class Host:
     cdrom: typing.Optional[str] = None
     # the calls to make, each ("all",), ("individual", type), ("optical",) or ("firmware",)
     calls: list = dataclasses.field(default_factory=list)
+    # for each call, what a person expects: the lines of a golden text that are not logs, commands or pauses
+    seen: list = dataclasses.field(default_factory=list)
 
     def device(self, path: str) -> typing.Optional[Device]:
         """The entry that opening the path leads to."""
@@ -845,7 +847,7 @@ class Library:
                 continue
             record = {field: "" for field in IDENTITY_FIELDS}
             record["IsPLDMUpdateSupported"] = "0"
-            record["Category"] = 3
+            record["Category"] = "3"
             software_id = disk["product"]
             if software_id.strip(" ") == "":
                 self.trace("GetSoftwareIdentities vendor_id_ is empty ")
@@ -1048,6 +1050,10 @@ def parse_host(content: str) -> Host:
             host.calls.append(("individual", number(plain[1])))
         elif keyword == "call" and len(plain) == 1 and plain[0] in ("all", "optical", "firmware") and not keys:
             host.calls.append((plain[0],))
+        elif keyword == "see" and len(plain) == 2 and plain[0] == "status" and not keys and host.calls:
+            host.seen.append(["call " + " ".join(str(word) for word in host.calls[-1]), "status " + plain[1]])
+        elif keyword == "see" and len(plain) == 1 and len(host.seen) == len(host.calls) > 0:
+            host.seen[-1] += [plain[0], *("  %s %s" % (key, quoted(value)) for key, value in pairs)]
         elif keyword == "devdir" and plain == ["unreadable"] and not keys:
             host.dev_readable = False
         elif keyword == "dev" and len(plain) == 2 and plain[0] == "link" and keys.keys() == {"target"}:
@@ -1123,9 +1129,13 @@ def golden_text(host: Host) -> str:
         for record in records:
             lines.append(name)
             for field in fields:
-                value = record[field]
-                lines.append("  %s %s" % (field, quoted(value) if isinstance(value, str) else value))
+                lines.append("  %s %s" % (field, quoted(record[field])))
     return "\n".join(lines) + "\n"
+
+
+def results_in(golden: str) -> list:
+    """The calls, statuses and records of a golden text."""
+    return [line for line in golden.splitlines() if not line.startswith(("log ", "system ", "sleep "))]
 
 
 def main(arguments: list) -> int:

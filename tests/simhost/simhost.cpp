@@ -127,6 +127,17 @@ public:
         return value;
     }
 
+    /** The next key and its value. */
+    Word TakePair()
+    {
+        if (words.empty() || words.front().key.empty()) {
+            Bad("expected key=value");
+        }
+        Word pair = words.front();
+        words.erase(words.begin());
+        return pair;
+    }
+
     void ExpectEnd() const
     {
         if (words.empty()) {
@@ -535,6 +546,8 @@ private:
             ReadModprobe(line);
         } else if (keyword == "call") {
             ReadCall(line);
+        } else if (keyword == "see") {
+            ReadSee(line);
         } else if (keyword == "dev") {
             ReadDev(line);
         } else if (keyword == "devdir") {
@@ -597,6 +610,27 @@ private:
             line.Bad("unknown call '" + word + "'");
         }
         host.calls.push_back(call);
+    }
+
+    void ReadSee(Line& line)
+    {
+        if (host.calls.empty()) {
+            line.Bad("a result without a call");
+        }
+        std::string& seen = host.calls.back().seen;
+        const std::string what = line.TakePlain("'status' or a kind of record");
+        if ((what == "status") != seen.empty()) {
+            line.Bad("the status of a call comes first, and once");
+        }
+        if (what == "status") {
+            seen = "status " + line.TakePlain("a number") + "\n";
+            return;
+        }
+        seen += what + "\n";
+        while (!line.IsEmpty()) {
+            const Word field = line.TakePair();
+            seen += "  " + field.key + " " + Quote(field.value) + "\n";
+        }
     }
 
     static void CheckName(const Line& line, const std::string& name)
@@ -1397,7 +1431,7 @@ void NoteRecord(MountedHost& mounted, const Zendra::ZDOptions::SoftwareIdentity_
     NoteField(mounted, "SerialNumber", identity.SerialNumber);
     NoteField(mounted, "Classifications", identity.Classifications);
     NoteField(mounted, "IsPLDMUpdateSupported", identity.IsPLDMUpdateSupported);
-    mounted.Note("  Category " + std::to_string(identity.Category));
+    NoteField(mounted, "Category", std::to_string(identity.Category));
 }
 #endif
 
@@ -1550,6 +1584,29 @@ std::string LinesUpToLevel(const std::string& golden, unsigned logLevel)
         }
     }
     return kept;
+}
+
+std::string ResultsIn(const std::string& golden)
+{
+    std::istringstream lines(golden);
+    std::string line;
+    std::string kept;
+    while (std::getline(lines, line)) {
+        if (line.compare(0, 4, "log ") != 0 && line.compare(0, 7, "system ") != 0 &&
+            line.compare(0, 6, "sleep ") != 0) {
+            kept += line + "\n";
+        }
+    }
+    return kept;
+}
+
+std::string SeenOn(const Host& host)
+{
+    std::string seen;
+    for (const Call& call : host.calls) {
+        seen += CallText(call) + "\n" + call.seen;
+    }
+    return seen;
 }
 
 }  // namespace SimHost

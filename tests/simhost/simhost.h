@@ -100,6 +100,8 @@ struct Call {
     CallKind kind = CallKind::All;
     /** Of Individual: the type. */
     std::int32_t type = 0;
+    /** The status and the records that a person expects, in the form of a golden text. */
+    std::string seen;
 };
 
 /** A whole host. */
@@ -208,6 +210,12 @@ Outcome RunHost(const Host& host, unsigned logLevel);
 
 /** A golden text without the log lines above a level. */
 std::string LinesUpToLevel(const std::string& golden, unsigned logLevel);
+
+/** The calls, statuses and records of a golden text. */
+std::string ResultsIn(const std::string& golden);
+
+/** What the `see` lines of a host expect, in the form of ResultsIn(). */
+std::string SeenOn(const Host& host);
 
 }  // namespace SimHost
 

@@ -173,6 +173,16 @@ TEST(HostFile, NvmeTextsStandInTheirFields)
               "S                   M                                       R       !" + std::string(1, '\0'));
 }
 
+TEST(HostFile, SeeLinesReadLikeTheResultsOfAGoldenText)
+{
+    const SimHost::Host host =
+        Parse("see status 0\nsee device vendor=\"A \" lun=\"\"\ncall individual 2\n see status 6");
+    const std::string results =
+        "call all\nstatus 0\ndevice\n  vendor \"A \"\n  lun \"\"\ncall individual 2\nstatus 6\n";
+    EXPECT_EQ(SimHost::SeenOn(host), results);
+    EXPECT_EQ(SimHost::ResultsIn("call all\nlog 4 \"a\"\nsystem \"b\"\nsleep 5\n" + results.substr(9)), results);
+}
+
 TEST(HostFile, WhatIsNotUnderstoodIsAnErrorThatNamesTheLine)
 {
     const std::vector<std::string> wrong = {
@@ -189,6 +199,10 @@ TEST(HostFile, WhatIsNotUnderstoodIsAnErrorThatNamesTheLine)
         "dev node \"a\\x00b\"",
         "dev node sda\n dev node sda",
         "dev node sda target=sdb",
+        "see device vendor=A",
+        "see status",
+        "see status 0\n see status 0",
+        "see status 0\n see device A",
         "dev link sda",
         "inquiry vendor=A",
         "dev directory sda\n sg_version 30000",

@@ -8,7 +8,7 @@ difference as well.
 
     differential.py --harness BUILD/tests/simhost/simhostShow                      # the seeds that ctest runs
     differential.py --harness BUILD/tests/simhost/simhostShow --first 1000 --seeds 5000
-    differential.py --goldens ../hosts            # the golden texts in the tree against the model
+    differential.py --hosts ../hosts              # what a person expects of the hosts in the tree against the model
     differential.py --print 17                    # the host of one seed
 """
 
@@ -548,7 +548,7 @@ def expected_text(content: str) -> str:
 
 def difference(expected: str, actual: str) -> str:
     lines = difflib.unified_diff(
-        expected.split("\n"), actual.split("\n"), "what the model says", "what the library says", lineterm="", n=4
+        expected.split("\n"), actual.split("\n"), "model", "compared with it", lineterm="", n=4
     )
     return "\n".join(lines)
 
@@ -604,24 +604,29 @@ def compare_seeds(options) -> int:
     return 1 if differing else 0
 
 
-def compare_goldens(directory: str) -> int:
+def compare_hosts(directory: str) -> int:
     hosts = sorted(pathlib.Path(directory).glob("*.host"))
-    differing = 0
+    goldens = differing = 0
     for path in hosts:
+        content = path.read_text(encoding="latin-1")
+        seen = "\n".join(line for call in model.parse_host(content).seen for line in call)
         try:
-            expected = expected_text(path.read_text(encoding="latin-1"))
+            expected = expected_text(content)
         except model.HostError as error:
             print("%s: %s" % (path, error))
             differing += 1
             continue
+        report = difference("\n".join(model.results_in(expected)), seen)
         golden = path.with_suffix(".golden")
-        actual = golden.read_text(encoding="latin-1") if golden.exists() else ""
-        if actual != expected:
-            print("%s differs from the model" % golden)
-            print(difference(expected, actual))
+        if golden.exists():
+            goldens += 1
+            report += difference(expected, golden.read_text(encoding="latin-1"))
+        if report:
+            print("%s differs from the model" % path)
+            print(report)
             differing += 1
-    print("%d golden texts, %d differ" % (len(hosts), differing))
-    return 1 if differing or not hosts else 0
+    print("%d hosts, %d golden texts, %d differ" % (len(hosts), goldens, differing))
+    return 1 if differing or not goldens else 0
 
 
 def main() -> int:
@@ -632,16 +637,16 @@ def main() -> int:
     parser.add_argument("--show", type=int, default=3, help="how many differing hosts to print (default 3)")
     parser.add_argument("--keep", help="directory for the hosts that differ")
     parser.add_argument("--jobs", type=int, default=2, help="harness programs at a time (default 2)")
-    parser.add_argument("--goldens", help="compare the golden texts of this directory with the model instead")
+    parser.add_argument("--hosts", help="compare the see lines and golden texts of this directory with the model instead")
     parser.add_argument("--print", type=int, dest="one", metavar="SEED", help="print the host of one seed")
     options = parser.parse_args()
     if options.one is not None:
         sys.stdout.write(random_host(options.one))
         return 0
-    if options.goldens:
-        return compare_goldens(options.goldens)
+    if options.hosts:
+        return compare_hosts(options.hosts)
     if not options.harness or options.seeds < 1:
-        parser.error("one of --harness, --goldens and --print is needed, and at least one seed")
+        parser.error("one of --harness, --hosts and --print is needed, and at least one seed")
     return compare_seeds(options)
 
 
