@@ -111,10 +111,10 @@ TEST(SystemCallBudgetOfAll, IsThatOfTheFourClasses)
     SIMHOST_NEEDS_NAMESPACE();
     const SimHost::Host host = SimHost::ReadHost(std::string(FAULTS_HOSTS) + "/oneOfEach.host");
     SimHost::MountedHost mounted(host);
-    const Ran all = RunCall(mounted, {SimHost::CallKind::All, 0}, 0, std::nullopt);
+    const Ran all = RunCall(mounted, {SimHost::CallKind::All, 0, ""}, 0, std::nullopt);
     std::map<Call, unsigned long> sum;
     for (const std::int32_t type : {0, 1, 2, 3}) {
-        const Ran one = RunCall(mounted, {SimHost::CallKind::Individual, type}, 0, std::nullopt);
+        const Ran one = RunCall(mounted, {SimHost::CallKind::Individual, type, ""}, 0, std::nullopt);
         for (const Call call : AllCalls()) {
             sum[call] += one.watch->CountOf(call);
         }

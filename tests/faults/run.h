@@ -11,11 +11,21 @@
 #include <string>
 #include <vector>
 
-#include "model.h"
 #include "simhost.h"
 #include "watch.h"
 
 namespace Faults {
+
+/** A record's fields in the order of their declaration. */
+using Fields = std::vector<std::string>;
+
+/** What a call of the facade gives back. */
+struct Result {
+    unsigned status = 0;
+    std::vector<Fields> records;
+
+    bool operator==(const Result& other) const { return status == other.status && records == other.records; }
+};
 
 /** What one call did. */
 struct Ran {
