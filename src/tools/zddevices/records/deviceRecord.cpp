@@ -11,22 +11,24 @@ using Device = ZDSystemDevice::SystemDevice;
 
 std::string Address(const Device& device);
 
+/** A part of the address. */
+constexpr Field<Device> Number(const char* heading, const char* key, std::string Device::*member)
+{
+    return {{heading, 0.05, Overflow::Keep}, InTable::WhenAsked, Content::Number, key, member};
+}
+
 constexpr Field<Device> fields[] = {
-    // Heading, share of the width, when too wide; in the table; content, key in JSON, text.
-    {{"ADDRESS", 0.1, Overflow::Keep}, InTable::ByDefault, Content::Text, nullptr, nullptr, Address},
-    {{"TYPE", 0.2, Overflow::Cut}, InTable::ByDefault, Content::Text, "device_type", &Device::device_type},
-    {{"VENDOR", 0.1, Overflow::Wrap}, InTable::ByDefault, Content::Text, "vendor", &Device::vendor},
-    {{"PRODUCT", 0.25, Overflow::Wrap}, InTable::ByDefault, Content::Text, "product", &Device::product},
-    {{"FIRMWARE", 0.1, Overflow::Wrap},
-     InTable::ByDefault,
-     Content::Text,
-     "firmware_revision",
-     &Device::firmware_revision},
-    {{"SERIAL", 0.25, Overflow::Wrap}, InTable::ByDefault, Content::Text, "serial_number", &Device::serial_number},
-    {{"PORT", 0.05, Overflow::Keep}, InTable::WhenAsked, Content::Number, "port", &Device::port},
-    {{"BUS", 0.05, Overflow::Keep}, InTable::WhenAsked, Content::Number, "bus", &Device::bus},
-    {{"TARGET", 0.05, Overflow::Keep}, InTable::WhenAsked, Content::Number, "target", &Device::target},
-    {{"LUN", 0.05, Overflow::Keep}, InTable::WhenAsked, Content::Number, "lun", &Device::lun},
+    // Heading, share of the width, when too wide, key in JSON, text.
+    ComposedField({"ADDRESS", 0.10, Overflow::Keep}, Address),
+    TextField({"TYPE", 0.20, Overflow::Cut}, "device_type", &Device::device_type),
+    TextField({"VENDOR", 0.10, Overflow::Wrap}, "vendor", &Device::vendor),
+    TextField({"PRODUCT", 0.25, Overflow::Wrap}, "product", &Device::product),
+    TextField({"FIRMWARE", 0.10, Overflow::Wrap}, "firmware_revision", &Device::firmware_revision),
+    TextField({"SERIAL", 0.25, Overflow::Wrap}, "serial_number", &Device::serial_number),
+    Number("PORT", "port", &Device::port),
+    Number("BUS", "bus", &Device::bus),
+    Number("TARGET", "target", &Device::target),
+    Number("LUN", "lun", &Device::lun),
 };
 static_assert(NameEachTextOnce(fields), "a text of the record has no field, or several");
 

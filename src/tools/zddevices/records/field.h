@@ -52,6 +52,20 @@ struct Field {
     std::string (*compose)(const Record& record) = nullptr;
 };
 
+/** A text of the record that the table shows by default. */
+template <typename Record>
+constexpr Field<Record> TextField(Column column, const char* key, std::string Record::*member)
+{
+    return {column, InTable::ByDefault, Content::Text, key, member};
+}
+
+/** A composed text that the table shows by default. */
+template <typename Record>
+constexpr Field<Record> ComposedField(Column column, std::string (*compose)(const Record& record))
+{
+    return {column, InTable::ByDefault, Content::Text, nullptr, nullptr, compose};
+}
+
 /** What there is to know about one kind of record. */
 template <typename Record>
 struct RecordKind {

@@ -15,10 +15,10 @@ constexpr Field<Identity> Rare(const char* heading, const char* key, std::string
 }
 
 constexpr Field<Identity> fields[] = {
-    // Heading, share of the width, when too wide; in the table; content, key in JSON, text.
-    {{"SOFTWARE-ID", 0.45, Overflow::Wrap}, InTable::ByDefault, Content::Text, "SoftwareID", &Identity::SoftwareID},
-    {{"VERSION", 0.2, Overflow::Wrap}, InTable::ByDefault, Content::Text, "VersionString", &Identity::VersionString},
-    {{"SERIAL", 0.35, Overflow::Wrap}, InTable::ByDefault, Content::Text, nullptr, &Identity::SerialNumber},
+    // Heading, share of the width, when too wide; key in JSON, text.
+    TextField({"SOFTWARE-ID", 0.45, Overflow::Wrap}, "SoftwareID", &Identity::SoftwareID),
+    TextField({"VERSION", 0.2, Overflow::Wrap}, "VersionString", &Identity::VersionString),
+    TextField({"SERIAL", 0.35, Overflow::Wrap}, nullptr, &Identity::SerialNumber),
     Rare("DESCRIPTION", "Description", &Identity::Description),
     Rare("ELEMENT-NAME", "ElementName", &Identity::ElementName),
     Rare("PRODUCT-NAME", "ProductName", &Identity::ProductName),

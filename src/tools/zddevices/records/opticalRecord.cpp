@@ -21,12 +21,12 @@ constexpr Field<Drive> Capability(const char* heading, const char* key, std::str
 }
 
 constexpr Field<Drive> fields[] = {
-    // Heading, share of the width, when too wide; in the table; content, key in JSON, text.
-    {{"DRIVE", 0.15, Overflow::Wrap}, InTable::ByDefault, Content::Text, "drive_name", &Drive::drive_name_},
-    {{"VENDOR", 0.15, Overflow::Wrap}, InTable::ByDefault, Content::Text, "vendor", &Drive::vendor_},
-    {{"PRODUCT", 0.25, Overflow::Wrap}, InTable::ByDefault, Content::Text, "product", &Drive::product_},
-    {{"READS", 0.10, Overflow::Wrap}, InTable::ByDefault, Content::Text, nullptr, nullptr, Reads},
-    {{"WRITES", 0.35, Overflow::Wrap}, InTable::ByDefault, Content::Text, nullptr, nullptr, Writes},
+    // Heading, share of the width, when too wide; key in JSON, text.
+    TextField({"DRIVE", 0.15, Overflow::Wrap}, "drive_name", &Drive::drive_name_),
+    TextField({"VENDOR", 0.15, Overflow::Wrap}, "vendor", &Drive::vendor_),
+    TextField({"PRODUCT", 0.25, Overflow::Wrap}, "product", &Drive::product_),
+    ComposedField({"READS", 0.10, Overflow::Wrap}, Reads),
+    ComposedField({"WRITES", 0.35, Overflow::Wrap}, Writes),
     // A medium, and "-READ" or "-WRITE".
     Capability("DVD-READ", "dvd_read", &Drive::dvd_read_),
     Capability("MRW-READ", "mrw_r", &Drive::mrw_r_),
