@@ -17,23 +17,16 @@ namespace ZDDevices {
 
 namespace {
 
-using ZDOptions::SoftwareIdentity_;
 using ZDSystemDevice::OpticalProperty;
-using ZDSystemDevice::SystemDevice;
 
-struct Label {
-    std::string name;
-    std::string value;
-};
-
-/** "{name="value",...}" */
-std::string LabelSet(const std::vector<Label>& labels)
+/** Labels between their braces: 'class="disk",asked="firmware"'. */
+std::string Labels(const std::vector<std::pair<std::string, std::string>>& labels)
 {
-    std::string set;
-    for (const Label& label : labels) {
-        set += (set.empty() ? "{" : ",") + label.name + "=" + QuotedLabelValue(label.value);
+    std::string text;
+    for (const auto& [name, value] : labels) {
+        text += (text.empty() ? "" : ",") + name + "=" + QuotedLabelValue(value);
     }
-    return set + "}";
+    return text;
 }
 
 /** Microseconds are as much as a scan's duration has to say. */
@@ -54,13 +47,9 @@ public:
     {
     }
 
-    void Add(const std::string& labelSet, const std::string& value)
+    void Add(const std::string& labels, const std::string& value)
     {
-        lines += name;
-        lines += labelSet;
-        lines += ' ';
-        lines += value;
-        lines += '\n';
+        lines += name + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
     }
 
     const std::string& Lines() const { return lines; }
@@ -82,60 +71,51 @@ std::string LabelName(std::string heading)
  * apart.
  */
 template <typename Record>
-std::vector<std::vector<Label>> LabelsOf(const std::vector<Record>& records, const std::vector<std::string>& headings)
+std::vector<std::string> LabelsOf(const std::vector<Record>& records, const std::vector<std::string>& headings)
 {
-    std::map<std::string, std::size_t> counts;
-    std::vector<std::vector<Label>> all;
-    all.reserve(records.size());
     const std::vector<const Field<Record>*> fields = FieldsOf<Record>(headings);
+    std::map<std::string, std::size_t> counts;
+    std::vector<std::string> all;
+    all.reserve(records.size());
     for (const Record& record : records) {
-        std::vector<Label> labels;
-        labels.reserve(fields.size() + 1);
+        std::vector<std::pair<std::string, std::string>> labels;
+        labels.reserve(fields.size());
         for (const Field<Record>* field : fields) {
-            labels.push_back({LabelName(field->column.heading), LabelText(TextOf(record, *field))});
+            labels.emplace_back(LabelName(field->column.heading), LabelText(TextOf(record, *field)));
         }
-        labels.push_back({"ordinal", std::to_string(++counts[LabelSet(labels)])});
-        all.push_back(std::move(labels));
+        const std::string text = Labels(labels);
+        all.push_back(text + "," + Labels({{"ordinal", std::to_string(++counts[text])}}));
     }
     return all;
 }
 
-std::string Devices(const std::vector<SystemDevice>& devices)
+/** A family with a sample for each record, whose labels are the columns with these headings. */
+template <typename Record>
+std::string Info(const char* name, const char* help, const std::vector<Record>& records,
+                 const std::vector<std::string>& headings)
 {
-    Family info("zendra_device_info", "A storage device that answered; the address is port:bus:target:lun.");
-    for (const auto& labels : LabelsOf(devices, {"ADDRESS", "TYPE", "VENDOR", "PRODUCT", "SERIAL", "FIRMWARE"})) {
-        info.Add(LabelSet(labels), "1");
+    Family info(name, help);
+    for (const std::string& labels : LabelsOf(records, headings)) {
+        info.Add(labels, "1");
     }
     return info.Lines();
 }
 
-std::string Firmware(const std::vector<SoftwareIdentity_>& identities)
+std::string Capabilities(const std::vector<OpticalProperty>& drives, const std::vector<std::string>& headings)
 {
-    Family info("zendra_disk_firmware_info", "The firmware of a disk, RAID volumes and M.2 disks left out.");
-    for (const auto& labels : LabelsOf(identities, {"SOFTWARE-ID", "VERSION", "SERIAL"})) {
-        info.Add(LabelSet(labels), "1");
-    }
-    return info.Lines();
-}
-
-std::string Drives(const std::vector<OpticalProperty>& drives)
-{
-    Family info("zendra_optical_drive_info", "An optical drive in the kernel's table of such drives.");
     Family capability("zendra_optical_capability",
                       "Whether the optical drive has the capability: 1 yes, 0 no. Absent where a host has several "
                       "drives and the capabilities are not known.");
-    const std::vector<std::vector<Label>> all = LabelsOf(drives, {"DRIVE", "VENDOR", "PRODUCT"});
+    const std::vector<std::string> labels = LabelsOf(drives, headings);
     for (std::size_t i = 0; i < drives.size(); ++i) {
-        info.Add(LabelSet(all[i]), "1");
         for (const Field<OpticalProperty>& field : KindOf<OpticalProperty>().fields) {
             if (field.content == Content::Capability && !NamesSeveral(drives[i])) {
-                std::vector<Label> labels = all[i];
-                labels.push_back({"capability", LabelName(field.column.heading)});
-                capability.Add(LabelSet(labels), TextOf(drives[i], field) == "Yes" ? "1" : "0");
+                capability.Add(labels[i] + "," + Labels({{"capability", LabelName(field.column.heading)}}),
+                               TextOf(drives[i], field) == "Yes" ? "1" : "0");
             }
         }
     }
-    return info.Lines() + capability.Lines();
+    return capability.Lines();
 }
 
 std::string Scans(const std::vector<Scan>& scans)
@@ -145,7 +125,7 @@ std::string Scans(const std::vector<Scan>& scans)
                   "What the scan answered: 0 and 4 it ran, 6 there is no device file of the class, 5 it failed.");
     Family seconds("zendra_device_scan_seconds", "How long the scan took, or was waited for.");
     for (const Scan& scan : scans) {
-        const std::string labels = LabelSet({{"class", scan.deviceClass}, {"asked", scan.asked}});
+        const std::string labels = Labels({{"class", scan.deviceClass}, {"asked", scan.asked}});
         complete.Add(labels, scan.status ? "1" : "0");
         if (scan.status) {
             status.Add(labels, std::to_string(*scan.status));
@@ -177,13 +157,18 @@ std::string RenderPrometheus(const Metrics& metrics)
 {
     std::string text;
     if (metrics.devices) {
-        text += Devices(*metrics.devices);
+        text += Info("zendra_device_info", "A storage device that answered; the address is port:bus:target:lun.",
+                     *metrics.devices, {"ADDRESS", "TYPE", "VENDOR", "PRODUCT", "SERIAL", "FIRMWARE"});
     }
     if (metrics.firmware) {
-        text += Firmware(*metrics.firmware);
+        text += Info("zendra_disk_firmware_info", "The firmware of a disk, RAID volumes and M.2 disks left out.",
+                     *metrics.firmware, {"SOFTWARE-ID", "VERSION", "SERIAL"});
     }
     if (metrics.drives) {
-        text += Drives(*metrics.drives);
+        const std::vector<std::string> labels = {"DRIVE", "VENDOR", "PRODUCT"};
+        text += Info("zendra_optical_drive_info", "An optical drive in the kernel's table of such drives.",
+                     *metrics.drives, labels);
+        text += Capabilities(*metrics.drives, labels);
     }
     text += Scans(metrics.scans);
 

@@ -66,11 +66,16 @@ bool IsUnseen(CodePoint code)
     return false;
 }
 
-/** Whether a character beyond ASCII may be shown on a terminal as it is. */
-bool ShowsItself(CodePoint code)
+bool IsPrintableAscii(CodePoint code)
 {
-    if (IsUnseen(code)) {
-        return false;
+    return code >= 0x20 && code < 0x7F;
+}
+
+/** Whether a character may be shown on a terminal as it is. */
+bool ShowsItself(CodePoint code, bool localeIsUtf8)
+{
+    if (code < 0x80 || !localeIsUtf8 || IsUnseen(code)) {
+        return IsPrintableAscii(code);
     }
     // A width of 0 is a combining mark: hundreds of them on one letter spill over the lines around it.
     return std::iswprint(static_cast<std::wint_t>(code)) != 0 && wcwidth(static_cast<wchar_t>(code)) > 0;
@@ -87,33 +92,17 @@ void AppendEscaped(std::string& out, std::string_view bytes)
     }
 }
 
-/** Whether a character beyond ASCII is one in any locale, and none that a terminal acts on. */
-bool IsVisible(CodePoint code)
-{
-    constexpr CodePoint lastControl = 0x9F;
-    return code > lastControl && !IsUnseen(code);
-}
-
-/** @param shows whether a character beyond ASCII stays. */
-template <typename Shows>
-std::string MakePrintable(std::string_view text, bool keepLines, Shows shows)
+/** The text with every character written as \xNN that does not stay, and every byte that is none. */
+template <typename Stays>
+std::string Escaped(std::string_view text, Stays stays)
 {
     std::string out;
     out.reserve(text.size());
     while (!text.empty()) {
         const Character first = FirstCharacter(text);
         const std::string_view bytes = text.substr(0, first.length);
-        bool shown = first.valid;
-        if (first.valid && first.code < 0x80) {
-            shown =
-                (first.code >= 0x20 && first.code != 0x7F) || (keepLines && (first.code == '\n' || first.code == '\t'));
-            if (first.code == '\\' && text.size() > 1 && text[1] == 'x') {
-                shown = false;
-            }
-        } else if (first.valid) {
-            shown = shows(first.code);
-        }
-        if (shown) {
+        const bool looksEscaped = first.code == '\\' && text.size() > 1 && text[1] == 'x';
+        if (first.valid && stays(first.code) && !looksEscaped) {
             out += bytes;
         } else {
             AppendEscaped(out, bytes);
@@ -121,12 +110,6 @@ std::string MakePrintable(std::string_view text, bool keepLines, Shows shows)
         text.remove_prefix(first.length);
     }
     return out;
-}
-
-std::string MakePrintable(std::string_view text, bool keepLines)
-{
-    const bool utf8 = LocaleIsUtf8();
-    return MakePrintable(text, keepLines, [utf8](CodePoint code) { return utf8 && ShowsItself(code); });
 }
 
 bool IsWhiteSpace(char c)
@@ -151,12 +134,14 @@ std::string WithoutPadding(std::string_view text)
 
 std::string Printable(std::string_view text)
 {
-    return MakePrintable(text, false);
+    return Escaped(text, [utf8 = LocaleIsUtf8()](CodePoint code) { return ShowsItself(code, utf8); });
 }
 
 std::string PrintableLines(std::string_view text)
 {
-    return MakePrintable(text, true);
+    return Escaped(text, [utf8 = LocaleIsUtf8()](CodePoint code) {
+        return code == '\n' || code == '\t' || ShowsItself(code, utf8);
+    });
 }
 
 std::string CellText(std::string_view text)
@@ -167,7 +152,9 @@ std::string CellText(std::string_view text)
 
 std::string LabelText(std::string_view text)
 {
-    return MakePrintable(WithoutPadding(text), false, IsVisible);
+    constexpr CodePoint lastControl = 0x9F;
+    return Escaped(WithoutPadding(text),
+                   [](CodePoint code) { return IsPrintableAscii(code) || (code > lastControl && !IsUnseen(code)); });
 }
 
 std::string ValidUtf8(std::string_view text)
