@@ -12,8 +12,9 @@ import sys
 import time
 import unittest
 
-import network
-import test_hosts
+sys.dont_write_bytecode = True
+import network  # noqa: E402
+import test_hosts  # noqa: E402
 
 SKIP = 77
 

@@ -15,9 +15,10 @@ import unittest
 
 import jsonschema
 
-import controller
-import network
-import test_hosts
+sys.dont_write_bytecode = True
+import controller  # noqa: E402
+import network  # noqa: E402
+import test_hosts  # noqa: E402
 
 SKIP = 77
 

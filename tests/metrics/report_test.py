@@ -92,7 +92,8 @@ def render(directory, content):
                    "vars": {"report_fleet_file": str(source), "report_file": str(page)}}]}]), encoding="ascii")
     result = subprocess.run(["ansible-playbook", "-i", "localhost,", playbook], cwd=directory, capture_output=True,
                             text=True, check=False, stdin=subprocess.DEVNULL,
-                            env={**os.environ, "HOME": str(directory), "LC_ALL": "C.UTF-8", "ANSIBLE_NOCOLOR": "1"})
+                            env={**os.environ, "HOME": str(directory), "LC_ALL": "C.UTF-8", "ANSIBLE_NOCOLOR": "1",
+                                 "ANSIBLE_REMOTE_TMP": str(directory)})
     if result.returncode != 0:
         raise AssertionError(result.stdout + result.stderr)
     return page
