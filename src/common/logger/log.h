@@ -2,10 +2,9 @@
  * @file
  * @brief The log message class of the code base, and this tree's own implementation of it.
  *
- * A message is one Log object: made with its level and source position, written to through Stream(), emitted
- * when the object is destroyed. Whether a message is wanted is the caller's question, asked of
- * GetMinLogLevel() before the object is made (common/logger/logLine.h has the macro that does so): a Log that
- * was made is always emitted. There are no log files, no rotation and no configuration here.
+ * A message is one Log object. It is made with its level and source position, takes its text through Stream(),
+ * and is emitted when it is destroyed, whatever its level. So callers ask GetMinLogLevel() before they make one;
+ * the macro in common/logger/logLine.h does that. There are no log files, no rotation and no configuration here.
  *
  * SetMinLogLevel() and SetSink() are for programs; a library uses the other four members only.
  */
