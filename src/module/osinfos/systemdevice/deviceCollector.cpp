@@ -1,16 +1,13 @@
 #include "module/osinfos/systemdevice/deviceCollector.h"
 
-#include <algorithm>
 #include <array>
-#include <boost/algorithm/string/case_conv.hpp>
-#include <boost/algorithm/string/trim.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <utility>
 
 #include "common/logger/logLine.h"
 #include "module/osinfos/systemdevice/deviceMerge.h"
+#include "module/osinfos/systemdevice/firmwareIdentity.h"
 #include "module/osinfos/systemdevice/sysDevice.h"
 
 namespace Zendra {
@@ -30,16 +27,6 @@ const std::array<DeviceClass, 4> deviceClasses = {{
     {SYS_DEVICE_PHYSICAL_DRIVE, " There has none physical driver device file. "},
     {SYS_DEVICE_CDDVD, " There has none cddvd device file. "},
 }};
-
-/** RAID volumes and M.2 disks have their firmware reported by others. */
-bool IsRaidOrM2(const SystemDevice& disk)
-{
-    const std::string product = boost::algorithm::to_lower_copy(disk.product);
-    return product.find("raid") != std::string::npos || product.find("m.2") != std::string::npos;
-}
-
-/** CIM_SoftwareIdentity.Classifications: firmware. */
-const char firmwareClassification[] = "10";
 
 }  // namespace
 
@@ -103,21 +90,15 @@ DeviceCollector::GetDiskDriverSoftwareIdentities(std::vector<Zendra::ZDOptions::
     if (result == DEVICE_RESULT_NONE) {
         ZENDRA_LOG(4, "DeviceCollector::GetDiskDriverSoftwareIdentities() has none disk devices");
     }
-    disks.erase(std::remove_if(disks.begin(), disks.end(), IsRaidOrM2), disks.end());
     for (const SystemDevice& disk : disks) {
-        ZDOptions::SoftwareIdentity_ identity;
-        if (disk.product.find_first_not_of(' ') == std::string::npos) {
+        if (!HasFirmwareIdentity(disk)) {
+            continue;
+        }
+        if (IsNamedByVendor(disk)) {
             // The product is blank, but the text speaks of the vendor; required.
             ZENDRA_LOG(4, "GetSoftwareIdentities vendor_id_ is empty ");
-            identity.SoftwareID = disk.vendor;
-        } else {
-            identity.SoftwareID = disk.product;
         }
-        boost::algorithm::trim(identity.SoftwareID);
-        identity.SerialNumber = disk.serial_number;
-        identity.Name = identity.SoftwareID;
-        identity.VersionString = disk.firmware_revision;
-        identity.Classifications = firmwareClassification;
+        const ZDOptions::SoftwareIdentity_ identity = FirmwareIdentityOf(disk);
         ZENDRA_LOG(4, "GetSoftwareIdentities software id = " << identity.SoftwareID
                                                              << "  version string = " << identity.VersionString);
         identities.push_back(identity);
