@@ -190,14 +190,14 @@ class OutputTest(Case):
 
     def test_piped_output_is_whole_whatever_the_width_of_the_texts(self):
         wide = record(product=b"P" * 500, serial_number=UNIQUE * 10)
-        _, out, _ = self.run_scripted([wide] * 3)
+        _, out, _ = self.run_scripted([wide] * 3, "-t", "scsi")
         lines = out.splitlines()
         self.assertEqual(len(lines), 4)
         for line in lines[1:]:
             self.assertEqual(line.split(), ["-", "-", "-", "P" * 500, "-", (UNIQUE * 10).decode()])
 
     def test_columns_are_chosen_and_ordered_and_records_keep_their_order(self):
-        self.assertEqual(self.run_scripted([NVME, DISK], "--columns", "serial,lun,Port"), (0, (
+        self.assertEqual(self.run_scripted([NVME, DISK], "-t", "scsi", "--columns", "serial,lun,Port"), (0, (
             "SERIAL            LUN PORT\n"
             "S64KNX0T123456    -   -\n"
             "drive-scsi0-0-0-1 1   10\n"), ""))
@@ -207,7 +207,7 @@ class OutputTest(Case):
                          (0, "CLASSIFICATIONS\n10\n", ""))
 
     def test_without_headings_each_line_is_a_record(self):
-        self.assertEqual(self.run_scripted([NVME, DISK], "--columns", "serial", "--no-headings"),
+        self.assertEqual(self.run_scripted([NVME, DISK], "-t", "scsi", "--columns", "serial", "--no-headings"),
                          (0, "S64KNX0T123456\ndrive-scsi0-0-0-1\n", ""))
         self.assertEqual(self.run_scripted([], "--no-headings"), (0, "", ""))
 
@@ -249,7 +249,7 @@ class OutputTest(Case):
         self.assertIn("drive-scsi0-0-0-1", out)
 
     def test_a_large_answer_passes_a_slow_pipe_whole(self):
-        process = subprocess.Popen([SCRIPTED, "--format", "json"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        process = subprocess.Popen([SCRIPTED, "--format", "json", "-t", "scsi"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                    env=self.environment({"all": {"status": 0, "records": [DISK] * 3000}}))
         out, err = process.communicate()
         self.assertEqual((process.returncode, err), (0, b""))
@@ -261,7 +261,7 @@ class OutputTest(Case):
             self.assertEqual(result, (1, "", f"zddevices: {message}\n"))
 
     def test_a_failed_scan_is_a_failure(self):
-        code, _, err = self.run_scripted([], status=5)
+        code, _, err = self.run_scripted([], "-t", "scsi", status=5)
         self.assertEqual((code, err), (1, "zddevices: the scan failed: DEV_FAILURE (5)\n"))
 
 
@@ -314,7 +314,8 @@ class JsonTest(Case):
     def test_every_byte_in_every_field_gives_a_valid_document(self):
         everything = bytes(range(1, 256))
         texts = {name: everything for name in FIELDS[:5]}
-        self.document([record(**texts), record(**{name: text[::-1] for name, text in texts.items()})])
+        document = self.document([record(**texts), record(**{name: text[::-1] for name, text in texts.items()})], "-t", "scsi")
+        self.assertEqual(len(document["devices"]), 2)
 
     def test_the_locale_changes_nothing(self):
         self.assertEqual(self.document([HOSTILE], locale="C")["devices"], self.document([HOSTILE])["devices"])
@@ -429,7 +430,7 @@ class TerminalTest(Case):
         attributes[1] &= ~termios.OPOST
         termios.tcsetattr(terminal, termios.TCSANOW, attributes)
         fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
-        process = subprocess.Popen([SCRIPTED, *arguments], stdin=terminal, stdout=terminal, stderr=terminal,
+        process = subprocess.Popen([SCRIPTED, "--type", "scsi", *arguments], stdin=terminal, stdout=terminal, stderr=terminal,
                                    env=self.environment({"all": {"status": 0, "records": devices}}))
         os.close(terminal)
         out = b""
@@ -480,7 +481,7 @@ class TerminalTest(Case):
         self.check_lines(out, 80)
 
     def test_an_empty_inventory_is_a_sentence(self):
-        self.assertEqual(self.on_terminal([], 80), "No storage devices found.\n")
+        self.assertEqual(self.on_terminal([], 80), "No generic SCSI devices found.\n")
 
     def test_json_on_a_terminal_is_ascii(self):
         out = self.on_terminal([HOSTILE], 60, "--format", "json")
@@ -493,7 +494,7 @@ class TerminalTest(Case):
     def test_log_messages_send_nothing_to_the_terminal(self):
         script = {"all": {"status": 0, "records": [], "log": b"vendor \x1b[2J \x9b \xe2\x80\xae\n".hex()}}
         _, _, err = self.run_program("--log-level", "4", program=SCRIPTED, script=script)
-        self.assertRegex(err, r"\A\[4\] \S+scriptedCollector.cpp:\d+ vendor \\x1b\[2J \\x9b \\xe2\\x80\\xae\n\Z")
+        self.assertRegex(err, r"\A\[4\] \S+scriptedLibrary.cpp:\d+ vendor \\x1b\[2J \\x9b \\xe2\\x80\\xae\n\Z")
 
 
 class LogTest(Case):
@@ -528,11 +529,6 @@ LONG = "300"  # seconds, for runs that must not need them
 
 def found(*records):
     return {"status": 0, "records": list(records)}
-
-
-def opening(device):
-    """What the library logs when it opens a device, for the scripted facade."""
-    return f"Enter DataOperator::OpenDriveFile() driveName = {device}".encode().hex()
 
 
 def wait_for(condition):
@@ -622,7 +618,7 @@ class ProgressTest(Case):
         return process.returncode, screen, (out or b"").decode() + (err or b"").decode()
 
     def slow(self, device, answer):
-        return {**answer, "log": opening(device), "wait_for": "here"}
+        return {**answer, "at": device, "wait_for": "here"}
 
     def test_a_slow_device_is_named_and_the_line_is_gone_in_the_end(self):
         for arguments in ([], ["--timeout", LONG]):
@@ -650,7 +646,7 @@ class ProgressTest(Case):
         self.assertEqual((code, screen.seen()), (0, "No storage devices found.\n"))
 
     def test_messages_stand_on_lines_of_their_own(self):
-        script = {"2": {"log": opening("/dev/sdb"), **HANGS}}
+        script = {"2": {"at": "/dev/sdb", **HANGS}}
         for limit in ("3", "30"):
             code, screen, _ = self.watch(script, "-t", "disk", "--timeout", limit, until=None)
             if "asking /dev/sdb" in screen.everything:
@@ -676,7 +672,7 @@ class ProgressTest(Case):
 
     def check_silence(self, *arguments, **options):
         """Two seconds in which nothing is shown."""
-        code, screen, rest = self.watch({"0": {"log": opening("/dev/st0"), **HANGS}}, "-t", "tape", "--timeout", "2",
+        code, screen, rest = self.watch({"0": {"at": "/dev/st0", **HANGS}}, "-t", "tape", "--timeout", "2",
                                         *arguments, until=None, **options)
         self.assertEqual(code, 3)
         self.assertNotIn("asking", screen.everything + rest)
@@ -804,10 +800,10 @@ class TimeoutTest(Case):
             self.assertEqual(document["unanswered"], [name])
 
     def test_the_device_that_did_not_answer_is_named(self):
-        self.check_unanswered({"log": opening("/dev/sda"), **HANGS}, "no answer within {} s (/dev/sda)")
-        self.check_unanswered({"log": opening("/dev/sd\x1b[2J"), **HANGS},
+        self.check_unanswered({"at": "/dev/sda", **HANGS}, "no answer within {} s (/dev/sda)")
+        self.check_unanswered({"at": "/dev/sd\x1b[2J", **HANGS},
                               "no answer within {} s (/dev/sd\\x1b[2J)")
-        self.check_unanswered({"log": opening("/dev/sdb"), "signal": 15},
+        self.check_unanswered({"at": "/dev/sdb", "signal": 15},
                               "its process was ended by signal 15 (Terminated) (/dev/sdb)")
 
     def test_a_child_that_cannot_be_ended_is_left_behind_and_holds_nothing(self):
@@ -847,13 +843,15 @@ class TimeoutTest(Case):
         self.assertEqual((code, out, err), (0, "No storage devices found.\n", "said\n"))
 
     def test_log_messages_come_through_and_only_those_asked_for(self):
-        trace = {"log": opening("/dev/sda")}
-        for level, count in (("4", 4), ("3", 0), ("0", 0)):
-            code, _, err = self.run_classes(*[{**NOTHING, **trace}] * 4, "--log-level", level)
-            self.assertEqual(code, 0)
-            self.assertEqual(len(re.findall(r"(?m)^\[4\] \S+ Enter DataOperator::OpenDriveFile\(\) driveName = "
-                                            r"/dev/sda$", err)), count, err)
-            self.assertEqual(len(err.splitlines()), count)
+        # The facade is asked for all classes when it logs, and each class when not.
+        logs = {**NOTHING, "log": b"a message".hex()}
+        script = {"all": logs, "0": logs, "1": logs, "2": logs, "3": logs}
+        for level, count in (("4", 1), ("3", 0), ("0", 0)):
+            for arguments in ([], ["--timeout", LONG]):
+                code, _, err = self.run_program("--log-level", level, *arguments, program=SCRIPTED, script=script)
+                self.assertEqual(code, 0)
+                self.assertEqual(len(re.findall(r"(?m)^\[4\] \S+ a message$", err)), count, err)
+                self.assertEqual(len(err.splitlines()), count)
 
     def test_a_logging_library_of_somebody_else_does_as_well(self):
         code, out, err = self.run_program("--timeout", "0.2", "-t", "disk", program=FOREIGN_LOGGER,

@@ -6,7 +6,6 @@
 
 #include <clocale>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <new>
 #include <optional>
@@ -14,6 +13,7 @@
 #include <variant>
 #include <vector>
 
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/doctor/doctor.h"
 #include "tools/zddevices/doctor/doctorReport.h"
 #include "tools/zddevices/exitCode.h"
@@ -27,10 +27,9 @@
 #include "tools/zddevices/records/report.h"
 #include "tools/zddevices/records/status.h"
 #include "tools/zddevices/scan/access.h"
-#include "tools/zddevices/scan/inventory.h"
 #include "tools/zddevices/scan/logging.h"
 #include "tools/zddevices/scan/progress.h"
-#include "tools/zddevices/scan/scrape.h"
+#include "tools/zddevices/scan/questions.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -55,6 +54,28 @@ std::unique_ptr<Progress> MakeProgress(const Options& options)
 {
     // A log on the terminal tells more, and would be torn by the line.
     return options.logLevel.value_or(0) == 0 && Progress::IsOfUse() ? std::make_unique<Progress>() : nullptr;
+}
+
+Inventory TakeInventory(const Options& options)
+{
+    const std::unique_ptr<Progress> progress = MakeProgress(options);
+    return TakeInventory(options, progress.get());
+}
+
+/** Who has not answered; `withSubject` names what a class was asked for, too. */
+std::vector<Unanswered> WhoIsMissing(const Inventory& inventory, bool withSubject)
+{
+    std::vector<Unanswered> missing;
+    for (const QuestionOutcome& one : inventory.questions) {
+        for (const DeviceClass& deviceClass : deviceClasses) {
+            if (!one.status && deviceClass.type == one.question.deviceClass.value_or(deviceClass.type)) {
+                const bool named = withSubject && one.question.subject != Subject::Devices;
+                const std::string subject = named ? std::string(" ") + WordOf(one.question.subject) : "";
+                missing.push_back({deviceClass.word + subject, one.failure, one.deviceFile});
+            }
+        }
+    }
+    return missing;
 }
 
 /** The class whose device files the answer depends on; none when it is all of them. */
@@ -104,27 +125,35 @@ int ShowWhatIsMissing(const std::vector<Unanswered>& unanswered, const std::vect
 
 int ShowMetrics(const Options& options)
 {
-    std::unique_ptr<Progress> progress = MakeProgress(options);
-    Scrape scrape = CollectScrape(options, {options.timeLimit, progress.get()});
-    progress.reset();
+    Metrics metrics;
+    metrics.begun = std::chrono::system_clock::now();
+    Inventory inventory = TakeInventory(options);
     const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
-    scrape.metrics.deniedFiles = denied.size();
-    WriteOutput(RenderPrometheus(scrape.metrics));
-    for (const Scan& scan : scrape.metrics.scans) {
+    metrics.deniedFiles = denied.size();
+    for (const QuestionOutcome& one : inventory.questions) {
+        const DeviceClass& deviceClass = ClassOf(one.question.deviceClass.value());
+        metrics.scans.push_back({deviceClass.word, WordOf(one.question.subject), one.status, one.elapsed});
+    }
+    metrics.devices = std::move(inventory.devices);
+    metrics.firmware = std::move(inventory.firmware);
+    metrics.drives = std::move(inventory.drives);
+    WriteOutput(RenderPrometheus(metrics));
+    for (const Scan& scan : metrics.scans) {
         if (scan.status && !ScanRan(*scan.status)) {
             return FailScan(*scan.status);
         }
     }
-    return ShowWhatIsMissing(scrape.unanswered, denied);
+    return ShowWhatIsMissing(WhoIsMissing(inventory, true), denied);
 }
 
 template <typename Record>
-int ShowReport(const Options& options, const std::function<Report<Record>(const Collection& collection)>& collect)
+int ShowReport(const Options& options, const ReportOrigin& origin, Report<Record> report,
+               std::vector<Unanswered> unanswered)
 {
-    const ReportOrigin origin = HereAndNow();
-    std::unique_ptr<Progress> progress = MakeProgress(options);
-    const Report<Record> report = collect({options.timeLimit, progress.get()});
-    progress.reset();
+    report.unanswered = std::move(unanswered);
+    if (!report.unanswered.empty()) {
+        report.nothingFound = options.timeLimit ? "Nothing was found in time." : "Nothing was found.";
+    }
     // Asked after the scan: loading the sg driver has made the device files of the generic class.
     const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
     WriteOutput(Render(report, options, origin));
@@ -145,30 +174,29 @@ int Show(const Options& options)
     if (options.format == Format::Prometheus) {
         return ShowMetrics(options);
     }
-    switch (options.command) {
-    case Command::Optical:
-        return ShowReport<ZDSystemDevice::OpticalProperty>(options, CollectOptical);
-    case Command::Firmware:
-        return ShowReport<ZDOptions::SoftwareIdentity_>(options, CollectFirmware);
-    case Command::Doctor:
-    case Command::Devices:
-        break;
+    const ReportOrigin origin = HereAndNow();
+    Inventory found = TakeInventory(options);
+    std::vector<Unanswered> missing = WhoIsMissing(found, false);
+    if (found.drives) {
+        return ShowReport(options, origin, DescribeOptical(found.status, std::move(*found.drives)), std::move(missing));
     }
-    return ShowReport<ZDSystemDevice::SystemDevice>(
-        options, [&options](const Collection& collection) { return CollectDevices(options.type, collection); });
+    if (found.firmware) {
+        return ShowReport(options, origin, DescribeFirmware(found.status, std::move(*found.firmware)),
+                          std::move(missing));
+    }
+    return ShowReport(options, origin, DescribeDevices(found.status, std::move(found.devices.value()), options.type),
+                      std::move(missing));
 }
 
 int ShowDiagnosis(const Options& options)
 {
     const ReportOrigin origin = HereAndNow();
-    const std::chrono::nanoseconds patience = options.timeLimit.value_or(usualPatience);
-    std::optional<Progress> progress;
-    if (Progress::IsOfUse()) {
-        progress.emplace();
-    }
-    const Diagnosis diagnosis = Diagnose(LookAtHost(), patience, [&](const std::vector<Patient>& patients) {
-        return AskApart(patients, patience, progress ? &*progress : nullptr);
-    });
+    const Duration limit = options.timeLimit.value_or(usualTimePerDevice);
+    std::unique_ptr<Progress> progress = MakeProgress(options);
+    const Diagnosis diagnosis = Diagnose(
+        LookAtHost(limit), limit, [&](ZDSystemDevice::SysDeviceType type, const std::vector<std::string>& paths) {
+            return CheckInWorkers(type, paths, limit, progress.get());
+        });
     progress.reset();
     WriteOutput(options.format == Format::Json ? RenderDiagnosisJson(diagnosis, origin)
                                                : RenderDiagnosis(diagnosis, OutputWidth()));

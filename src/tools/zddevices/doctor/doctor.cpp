@@ -18,6 +18,7 @@
 #include "tools/zddevices/doctor/doctorReport.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/scan/access.h"
+#include "tools/zddevices/scan/library.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -57,35 +58,17 @@ bool ModulesAreLocked()
     return locked != 0;
 }
 
-std::vector<std::string> FilesOf(SysDeviceType type, const HostFacts& facts, bool sgUsed)
+std::vector<std::string> FilesOf(SysDeviceType type, const HostFacts& facts)
 {
     std::vector<std::string> names = facts.names;
     if (type == ZDSystemDevice::SYS_DEVICE_SCSI) {
         // The library decides by "modprobe sg" alone which of the two kinds it takes, not by what is there.
-        const char* unused = sgUsed ? "sd" : "sg";
+        const char* unused = facts.sgUsed ? "sd" : "sg";
         names.erase(std::remove_if(names.begin(), names.end(),
                                    [&](const std::string& name) { return StartsWith(name, unused); }),
                     names.end());
     }
     return DeviceFileNames(names, type);
-}
-
-Manner MannerOf(SysDeviceType type, const std::string& name)
-{
-    switch (type) {
-    case ZDSystemDevice::SYS_DEVICE_TAPE:
-        return Manner::Tape;
-    case ZDSystemDevice::SYS_DEVICE_CDDVD:
-        return Manner::Optical;
-    case ZDSystemDevice::SYS_DEVICE_SCSI:
-        return StartsWith(name, "sg") ? Manner::Generic : Manner::GenericWithoutDriver;
-    case ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE:
-        break;
-    }
-    if (StartsWith(name, "nvme")) {
-        return Manner::NvmeDisk;
-    }
-    return StartsWith(name, "hd") ? Manner::IdeDisk : Manner::ScsiDisk;
 }
 
 /** Whether a name is one of the prefix and behind it letters, or digits, and nothing else. */
@@ -132,42 +115,42 @@ std::string Count(const std::vector<std::string>& paths, const std::string& what
 }
 
 /**
- * The files whose findings are of a kind, each once, without those whose device is visible in some class: without the
+ * The files of a kind, each once, without those whose device is visible in some class: without the
  * sg driver a disk's file stands in two.
  */
 template <typename Condition>
 std::vector<std::string> PathsWhere(const Diagnosis& diagnosis, Condition condition)
 {
     std::set<std::string> settled;
-    for (const ClassFindings& one : diagnosis.classes) {
-        for (const Finding& finding : one.findings) {
-            if (finding.visibility == Visibility::Visible || finding.visibility == Visibility::NotAsked) {
-                settled.insert(finding.path);
+    for (const ClassFiles& one : diagnosis.classes) {
+        for (const CheckedFile& file : one.files) {
+            if (file.visibility == Visibility::Visible || file.visibility == Visibility::NotAsked) {
+                settled.insert(file.path);
             }
         }
     }
     std::vector<std::string> paths;
-    for (const ClassFindings& one : diagnosis.classes) {
-        for (const Finding& finding : one.findings) {
-            if (condition(finding) && settled.insert(finding.path).second) {
-                paths.push_back(finding.path);
+    for (const ClassFiles& one : diagnosis.classes) {
+        for (const CheckedFile& file : one.files) {
+            if (condition(file) && settled.insert(file.path).second) {
+                paths.push_back(file.path);
             }
         }
     }
     return paths;
 }
 
-/** A question that opening the file gave no right to. EPERM is no sign: the sg driver has it for what it does not know.
+/** A request that opening the file gave no right to. EPERM is no sign: the sg driver has it for what it does not know.
  */
-bool WasRefusedAQuestion(const Finding& finding)
+bool WasRefusedARequest(const CheckedFile& file)
 {
-    return std::any_of(finding.questions.begin(), finding.questions.end(),
-                       [](const Question& question) { return question.error == EACCES; });
+    return std::any_of(file.requests.begin(), file.requests.end(),
+                       [](const RequestResult& request) { return request.error == EACCES; });
 }
 
-void AdviseOnSg(const HostFacts& facts, bool sgUsed, std::vector<std::string>& advice)
+void AdviseOnSg(const HostFacts& facts, std::vector<std::string>& advice)
 {
-    if (sgUsed) {
+    if (facts.sgUsed) {
         return;
     }
     const std::string consequence = "Until then the generic class asks /dev/sd* instead, where only ATA disks answer.";
@@ -198,7 +181,7 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
         return advice;
     }
     const std::vector<std::string> deniedPaths =
-        PathsWhere(diagnosis, [](const Finding& one) { return one.visibility == Visibility::Denied; });
+        PathsWhere(diagnosis, [](const CheckedFile& one) { return one.visibility == Visibility::Denied; });
     if (!deniedPaths.empty()) {
         std::vector<DeniedFile> denied;
         denied.reserve(deniedPaths.size());
@@ -207,7 +190,7 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
         }
         advice.push_back(DescribeDenied(denied, facts.userIsRoot) + ".");
     }
-    const std::vector<std::string> refused = PathsWhere(diagnosis, WasRefusedAQuestion);
+    const std::vector<std::string> refused = PathsWhere(diagnosis, WasRefusedARequest);
     if (!refused.empty()) {
         advice.push_back(Count(refused, "device file") +
                          " could be opened, but the kernel keeps a command that is needed there from this user; " +
@@ -216,12 +199,12 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
                                            : "run zddevices as root. Membership of the group is not enough for it."));
     }
     const std::vector<std::string> busy =
-        PathsWhere(diagnosis, [](const Finding& one) { return one.openError == EBUSY; });
+        PathsWhere(diagnosis, [](const CheckedFile& one) { return one.openError == EBUSY; });
     if (!busy.empty()) {
         advice.push_back(Count(busy, "device file") + (busy.size() == 1 ? " is" : " are") +
                          " in use by another program; ask again when it has ended.");
     }
-    const std::vector<std::string> absent = PathsWhere(diagnosis, [](const Finding& one) {
+    const std::vector<std::string> absent = PathsWhere(diagnosis, [](const CheckedFile& one) {
         return one.visibility == Visibility::CannotBeOpened && one.openError != EBUSY;
     });
     if (!absent.empty()) {
@@ -230,21 +213,21 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
                          "; attach the device, load its driver, or remove what " + "is left of it.");
     }
     const std::vector<std::string> late =
-        PathsWhere(diagnosis, [](const Finding& one) { return one.visibility == Visibility::NoAnswerInTime; });
+        PathsWhere(diagnosis, [](const CheckedFile& one) { return one.visibility == Visibility::NoAnswerInTime; });
     if (!late.empty()) {
         advice.push_back(Count(late, "device file") + (late.size() == 1 ? " has" : " have") +
                          " not answered in time: look at the kernel's messages (dmesg), at cables and power. A scan "
                          "waits there too; zddevices --timeout bounds it.");
     }
-    const std::vector<std::string> useless = PathsWhere(diagnosis, [](const Finding& one) {
-        return one.visibility == Visibility::NoUsableAnswer && !WasRefusedAQuestion(one);
+    const std::vector<std::string> useless = PathsWhere(diagnosis, [](const CheckedFile& one) {
+        return one.visibility == Visibility::NoUsableAnswer && !WasRefusedARequest(one);
     });
     if (!useless.empty()) {
         advice.push_back(Count(useless, "device file") +
                          " can be opened, but nothing there answers as a SCSI, ATA or NVMe device; if it should, look "
                          "at the kernel's messages (dmesg).");
     }
-    AdviseOnSg(facts, diagnosis.sgUsed, advice);
+    AdviseOnSg(facts, advice);
     if (!diagnosis.notLookedAt.empty()) {
         advice.push_back(Count(diagnosis.notLookedAt, "device file") +
                          (diagnosis.notLookedAt.size() == 1 ? " is" : " are") +
@@ -252,7 +235,7 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
                          "ATA command; NVMe names end at nvme9n9); nothing can be done about that here.");
     }
     if (std::all_of(diagnosis.classes.begin(), diagnosis.classes.end(),
-                    [](const ClassFindings& one) { return one.findings.empty(); })) {
+                    [](const ClassFiles& one) { return one.files.empty(); })) {
         advice.push_back("There is no device file to look at. In a container, pass the host's devices through; on a "
                          "machine, see that the drivers of its controllers are loaded (lspci -k).");
     }
@@ -263,19 +246,26 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
 
 bool Diagnosis::AllVisible() const
 {
-    return facts.directoryError == 0 && PathsWhere(*this, [](const Finding& /*any*/) { return true; }).empty();
+    return facts.directoryError == 0 && PathsWhere(*this, [](const CheckedFile& /*any*/) { return true; }).empty();
 }
 
-HostFacts LookAtHost()
+HostFacts LookAtHost(Duration limit)
 {
     constexpr unsigned int capabilityToLoadModules = 16;
+    const std::string yes = "yes";
     HostFacts facts;
+    // modprobe may hang, as a device may. With -D it only looks for the module; busybox knows that, too.
+    const Outcome sg = RunWorkers({[&yes](const NoteDeviceFile& /*noteDeviceFile*/) -> std::vector<std::string> {
+                                      const bool used = LoadSgDriver();
+                                      const bool found = used || std::system("modprobe -D sg >/dev/null 2>&1") == 0;
+                                      return {used ? yes : "", found ? yes : ""};
+                                  }},
+                                  limit)
+                           .front();
+    facts.sgUsed = sg.answer && sg.answer->front() == yes;
     std::error_code error;
     facts.sgLoaded = std::filesystem::exists("/sys/module/sg", error);
-    // Through a shell, as a scan does it. With nothing to load it changes nothing; -D only looks for the module, and
-    // is known to busybox too.
-    facts.modprobeFindsSg =
-        std::system(facts.sgLoaded ? "modprobe sg >/dev/null 2>&1" : "modprobe -D sg >/dev/null 2>&1") == 0;
+    facts.modprobeFindsSg = facts.sgUsed || (!facts.sgLoaded && sg.answer && sg.answer->back() == yes);
     facts.mayLoadModules = HasCapability(capabilityToLoadModules) && !ModulesAreLocked();
     facts.userIsRoot = geteuid() == 0;
     try {
@@ -290,51 +280,40 @@ HostFacts LookAtHost()
     return facts;
 }
 
-std::vector<Finding> AskApart(const std::vector<Patient>& patients, std::chrono::nanoseconds patience,
-                              Observer* observer, DeviceKernel& kernel)
+std::vector<CheckedFile> CheckInWorkers(SysDeviceType type, const std::vector<std::string>& paths,
+                                        Duration limitPerDevice, Observer* observer)
 {
-    std::vector<Finding> findings;
-    for (std::size_t first = 0; first < patients.size(); first += devicesAtATime) {
-        const std::size_t end = std::min(first + devicesAtATime, patients.size());
-        const auto started = std::chrono::steady_clock::now();
+    std::vector<CheckedFile> files;
+    for (std::size_t first = 0; first < paths.size(); first += devicesAtATime) {
+        const std::size_t end = std::min(first + devicesAtATime, paths.size());
         std::vector<Task> tasks;
         for (std::size_t i = first; i < end; ++i) {
-            const Patient& patient = patients[i];
-            tasks.push_back(
-                {patient.path,
-                 [&patient, &kernel] { return PackFinding(ProbeDeviceFile(patient.path, patient.manner, kernel)); },
-                 [&patient, started] {
-                     return Sighting{patient.path, started};
-                 }});
+            tasks.emplace_back([type, &path = paths[i]](const NoteDeviceFile& noteDeviceFile) {
+                return TextsOf(CheckDeviceFile(type, path, noteDeviceFile));
+            });
         }
-        const std::vector<Outcome> outcomes = RunIsolated(tasks, patience, observer);
-        for (std::size_t i = first; i < end; ++i) {
-            Finding finding;
-            finding.visibility = Visibility::NoAnswerInTime;
-            if (outcomes[i - first].answer) {
-                finding = UnpackFinding(*outcomes[i - first].answer);
-            }
-            finding.path = patients[i].path;
-            findings.push_back(std::move(finding));
+        for (Outcome& outcome : RunWorkers(tasks, limitPerDevice, observer)) {
+            CheckedFile file;
+            file.path = paths[files.size()];
+            file.visibility = Visibility::NoAnswerInTime;
+            files.push_back(outcome.answer ? CheckedFileFrom(*outcome.answer) : file);
         }
     }
-    return findings;
+    return files;
 }
 
-Diagnosis Diagnose(const HostFacts& facts, std::chrono::nanoseconds patience, const AskDevices& askDevices)
+Diagnosis Diagnose(const HostFacts& facts, Duration limitPerDevice, const CheckDeviceFiles& checkDeviceFiles)
 {
     Diagnosis diagnosis;
     diagnosis.facts = facts;
-    diagnosis.sgUsed = facts.modprobeFindsSg && (facts.sgLoaded || facts.mayLoadModules);
-    diagnosis.patienceSeconds = std::chrono::duration<double>(patience).count();
+    diagnosis.secondsPerDevice = std::chrono::duration<double>(limitPerDevice).count();
     for (const DeviceClass& deviceClass : deviceClasses) {
-        const SysDeviceType type = deviceClass.type;
-        std::vector<Patient> patients;
-        for (const std::string& name : FilesOf(type, facts, diagnosis.sgUsed)) {
-            patients.push_back({deviceDirectory + name, MannerOf(type, name)});
+        std::vector<std::string> paths;
+        for (const std::string& name : FilesOf(deviceClass.type, facts)) {
+            paths.push_back(deviceDirectory + name);
         }
         // One class after the other: several files of one device are then not asked at the same time.
-        diagnosis.classes.push_back({type, patients.empty() ? std::vector<Finding>() : askDevices(patients)});
+        diagnosis.classes.push_back({deviceClass.type, checkDeviceFiles(deviceClass.type, paths)});
     }
     diagnosis.notLookedAt = NotLookedAt(facts);
     diagnosis.advice = Advise(diagnosis);

@@ -2,33 +2,34 @@
  * @file
  * @brief Finds out what this host lets the library see, and what could be done where that is not everything.
  *
- * Changes nothing: the sg driver is not loaded, no tape is rewound. Each device is asked in a process of its own, so
- * that one that hangs costs no more than its time.
+ * Asks as a scan does: the sg driver is loaded. But no tape is rewound. Each device is asked by a worker process of its
+ * own, so that one that hangs costs no more than its time.
  */
 #ifndef ZENDRA_ZDDEVICES_DOCTOR_H
 #define ZENDRA_ZDDEVICES_DOCTOR_H
 
-#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
-#include "tools/zddevices/doctor/deviceProbe.h"
-#include "tools/zddevices/scan/isolate.h"
+#include "tools/zddevices/doctor/deviceFileCheck.h"
+#include "tools/zddevices/scan/worker.h"
 
 namespace Zendra {
 namespace ZDDevices {
 
 /** How long one device may take when the user does not say. */
-constexpr std::chrono::nanoseconds usualPatience = std::chrono::seconds(10);
+constexpr Duration usualTimePerDevice = std::chrono::seconds(10);
 
 /** What the host says before any device is asked. */
 struct HostFacts {
+    /** Whether the generic class uses the sg driver: "modprobe sg", which every list begins with, succeeds. */
+    bool sgUsed = false;
     /** Whether the sg driver is part of the running kernel. */
     bool sgLoaded = false;
-    /** Whether "modprobe sg", which every scan begins with, finds a module to load, or nothing to do. */
+    /** Whether modprobe finds a module to load, or nothing to do. */
     bool modprobeFindsSg = false;
     /** Whether this process may load a module that is not loaded yet. */
     bool mayLoadModules = false;
@@ -41,23 +42,21 @@ struct HostFacts {
 };
 
 /** The device files of one class. */
-struct ClassFindings {
+struct ClassFiles {
     ZDSystemDevice::SysDeviceType type;
     /** In natural order. */
-    std::vector<Finding> findings;
+    std::vector<CheckedFile> files;
 };
 
 /** Everything that is known in the end. */
 struct Diagnosis {
     HostFacts facts;
-    /** Whether the generic class will use the sg driver: it is loaded, or the next scan loads it. */
-    bool sgUsed = false;
     /** Tape, generic, disk, optical. */
-    std::vector<ClassFindings> classes;
+    std::vector<ClassFiles> classes;
     /** Device files of disks that the library never looks at, as paths. */
     std::vector<std::string> notLookedAt;
     /** How long each device had, in seconds. */
-    double patienceSeconds = 0;
+    double secondsPerDevice = 0;
     /** What to do, one thing each, fit for a terminal. */
     std::vector<std::string> advice;
 
@@ -65,24 +64,22 @@ struct Diagnosis {
     bool AllVisible() const;
 };
 
-/** A device file that is to be asked. */
-struct Patient {
-    std::string path;
-    Manner manner;
-};
+/** Asks the device files of a class, given by their paths; the answers come in the same order. */
+using CheckDeviceFiles =
+    std::function<std::vector<CheckedFile>(ZDSystemDevice::SysDeviceType type, const std::vector<std::string>& paths)>;
 
-/** Asks all of them; the findings come in the same order. */
-using AskDevices = std::function<std::vector<Finding>(const std::vector<Patient>& patients)>;
+/** Asks this host, and loads the sg driver. Returns shortly after `limit`. */
+HostFacts LookAtHost(Duration limit);
 
-/** Asks this host; quick. */
-HostFacts LookAtHost();
-
-/** Asks each device in a child process, for at most so long; the observer, if any, is told which take their time. */
-std::vector<Finding> AskApart(const std::vector<Patient>& patients, std::chrono::nanoseconds patience,
-                              Observer* observer = nullptr, DeviceKernel& kernel = HostKernel());
+/**
+ * @brief Asks each device in a worker process, for at most so long.
+ * @param observer is told which take their time; may be null.
+ */
+std::vector<CheckedFile> CheckInWorkers(ZDSystemDevice::SysDeviceType type, const std::vector<std::string>& paths,
+                                        Duration limitPerDevice, Observer* observer);
 
 /** Decides what to ask, has it asked, and draws the conclusions. */
-Diagnosis Diagnose(const HostFacts& facts, std::chrono::nanoseconds patience, const AskDevices& askDevices);
+Diagnosis Diagnose(const HostFacts& facts, Duration limitPerDevice, const CheckDeviceFiles& checkDeviceFiles);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

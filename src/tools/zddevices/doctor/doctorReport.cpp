@@ -1,18 +1,13 @@
 #include "tools/zddevices/doctor/doctorReport.h"
 
 #include <boost/format.hpp>
-#include <charconv>
-#include <cstdint>
 #include <cstring>
-#include <optional>
 #include <sstream>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/output/text.h"
-#include "tools/zddevices/scan/parcel.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -59,39 +54,39 @@ void WriteError(int error, JsonWriter& json)
     json.EndObject();
 }
 
-void WriteQuestion(const Question& question, JsonWriter& json)
+void WriteRequest(const RequestResult& request, JsonWriter& json)
 {
     json.BeginObject();
     json.Key("request");
-    json.Text(question.request);
+    json.Text(request.request);
     json.Key("asks");
-    json.Text(question.asks);
+    json.Text(request.asks);
     json.Key("error");
-    WriteError(question.error, json);
+    WriteError(request.error, json);
     json.Key("remark");
-    json.RecordText(question.remark);
+    json.RecordText(request.remark);
     json.EndObject();
 }
 
-void WriteFinding(const Finding& finding, JsonWriter& json)
+void WriteFile(const CheckedFile& file, JsonWriter& json)
 {
     json.BeginObject();
     json.Key("path");
-    json.Text(finding.path);
+    json.Text(file.path);
     json.Key("visibility");
-    json.Text(WordOf(finding.visibility));
+    json.Text(WordOf(file.visibility));
     json.Key("asked_through");
-    json.RecordText(finding.askedThrough);
+    json.RecordText(file.askedThrough);
     json.Key("open_error");
-    WriteError(finding.openError, json);
+    WriteError(file.openError, json);
     json.Key("vendor");
-    json.RecordText(finding.vendor);
+    json.RecordText(file.vendor);
     json.Key("product");
-    json.RecordText(finding.product);
+    json.RecordText(file.product);
     json.Key("questions");
     json.BeginArray();
-    for (const Question& question : finding.questions) {
-        WriteQuestion(question, json);
+    for (const RequestResult& request : file.requests) {
+        WriteRequest(request, json);
     }
     json.EndArray();
     json.EndObject();
@@ -106,53 +101,10 @@ void WriteTexts(const std::vector<std::string>& texts, JsonWriter& json)
     json.EndArray();
 }
 
-/** An error number out of its decimal digits. */
-bool ReadError(const std::string& digits, int& error)
-{
-    const char* end = digits.data() + digits.size();
-    const std::from_chars_result result = std::from_chars(digits.data(), end, error);
-    return result.ec == std::errc() && result.ptr == end;
-}
-
-/** The first row of a packed finding. */
-bool ReadFile(std::vector<std::string>& texts, Finding& finding)
-{
-    constexpr std::size_t textCount = 5;
-    if (texts.size() != textCount || !ReadError(texts[2], finding.openError)) {
-        return false;
-    }
-    finding.path = std::move(texts[0]);
-    finding.askedThrough = std::move(texts[1]);
-    finding.vendor = std::move(texts[3]);
-    finding.product = std::move(texts[4]);
-    return true;
-}
-
-/** Each other row. */
-bool ReadQuestion(std::vector<std::string>& texts, Question& question)
-{
-    constexpr std::size_t textCount = 4;
-    if (texts.size() != textCount || !ReadError(texts[2], question.error)) {
-        return false;
-    }
-    question.request = std::move(texts[0]);
-    question.asks = std::move(texts[1]);
-    question.remark = std::move(texts[3]);
-    return true;
-}
-
-void AddRow(const std::vector<std::string>& texts, Parcel& parcel)
-{
-    parcel.BeginRow();
-    for (const std::string& text : texts) {
-        parcel.Add(ValidUtf8(text));
-    }
-}
-
 std::string DescribeSg(const Diagnosis& diagnosis)
 {
-    if (diagnosis.sgUsed) {
-        return diagnosis.facts.sgLoaded ? "loaded" : "not loaded; the next scan loads it";
+    if (diagnosis.facts.sgUsed) {
+        return "loaded";
     }
     if (diagnosis.facts.sgLoaded) {
         return "loaded, but not used: \"modprobe sg\" fails";
@@ -161,10 +113,10 @@ std::string DescribeSg(const Diagnosis& diagnosis)
                                            : "not loaded, and cannot be: \"modprobe sg\" fails";
 }
 
-std::string Names(const Finding& finding)
+std::string Names(const CheckedFile& file)
 {
     std::string names;
-    for (const std::string& name : {finding.vendor, finding.product}) {
+    for (const std::string& name : {file.vendor, file.product}) {
         const std::string cell = CellText(name);
         if (cell != unknownText) {
             names += (names.empty() ? "" : " ") + cell;
@@ -173,18 +125,18 @@ std::string Names(const Finding& finding)
     return names;
 }
 
-std::string Verdict(const Finding& finding, double patienceSeconds)
+std::string Verdict(const CheckedFile& file, double secondsPerDevice)
 {
-    switch (finding.visibility) {
+    switch (file.visibility) {
     case Visibility::Visible: {
-        const std::string names = Names(finding);
+        const std::string names = Names(file);
         return names.empty() ? "visible" : "visible: " + names;
     }
     case Visibility::Denied:
     case Visibility::CannotBeOpened:
-        return "NOT VISIBLE: open: " + DescribeError(finding.openError);
+        return "NOT VISIBLE: open: " + DescribeError(file.openError);
     case Visibility::NoAnswerInTime:
-        return (boost::format("NOT VISIBLE: no answer within %g seconds") % patienceSeconds).str();
+        return (boost::format("NOT VISIBLE: no answer within %g seconds") % secondsPerDevice).str();
     case Visibility::NotAsked:
         return "may be opened; not asked, because that would rewind the tape";
     case Visibility::NoUsableAnswer:
@@ -193,16 +145,16 @@ std::string Verdict(const Finding& finding, double patienceSeconds)
     return "NOT VISIBLE: does not answer as a device that is listed";
 }
 
-std::string DescribeFinding(const Finding& finding, double patienceSeconds)
+std::string DescribeFile(const CheckedFile& file, double secondsPerDevice)
 {
-    std::string text = "  " + Printable(finding.path) + "  " + Verdict(finding, patienceSeconds) + "\n";
-    if (!finding.askedThrough.empty()) {
-        text += "      asked through " + Printable(finding.askedThrough) + ", which does not rewind the tape\n";
+    std::string text = "  " + Printable(file.path) + "  " + Verdict(file, secondsPerDevice) + "\n";
+    if (!file.askedThrough.empty()) {
+        text += "      asked through " + Printable(file.askedThrough) + ", which does not rewind the tape\n";
     }
-    for (const Question& question : finding.questions) {
-        if (question.error != 0 || !question.remark.empty()) {
-            text += "      " + question.request + " (" + question.asks +
-                    "): " + (question.error != 0 ? DescribeError(question.error) : question.remark) + "\n";
+    for (const RequestResult& request : file.requests) {
+        if (request.error != 0 || !request.remark.empty()) {
+            text += "      " + request.request + " (" + request.asks +
+                    "): " + (request.error != 0 ? DescribeError(request.error) : request.remark) + "\n";
         }
     }
     return text;
@@ -222,21 +174,21 @@ std::string Item(const std::string& item, std::size_t width)
     return text + "\n";
 }
 
-std::string DescribeClass(const ClassFindings& one, const Diagnosis& diagnosis)
+std::string DescribeClass(const ClassFiles& one, const Diagnosis& diagnosis)
 {
     const DeviceClass& words = ClassOf(one.type);
     std::string text = std::string(words.title) + ": ";
-    const bool inPlaceOfSg = one.type == ZDSystemDevice::SYS_DEVICE_SCSI && !diagnosis.sgUsed;
-    if (one.findings.empty()) {
+    const bool inPlaceOfSg = one.type == ZDSystemDevice::SYS_DEVICE_SCSI && !diagnosis.facts.sgUsed;
+    if (one.files.empty()) {
         return text + "no device file (" + (inPlaceOfSg ? "/dev/sd*" : words.files) + ")\n";
     }
-    text += std::to_string(one.findings.size()) + (one.findings.size() == 1 ? " device file" : " device files");
+    text += std::to_string(one.files.size()) + (one.files.size() == 1 ? " device file" : " device files");
     if (inPlaceOfSg) {
         text += ", the disks' in place of the sg driver's";
     }
     text += "\n";
-    for (const Finding& finding : one.findings) {
-        text += DescribeFinding(finding, diagnosis.patienceSeconds);
+    for (const CheckedFile& file : one.files) {
+        text += DescribeFile(file, diagnosis.secondsPerDevice);
     }
     return text;
 }
@@ -253,7 +205,7 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width)
 {
     std::string text = "Driver for generic SCSI devices (sg): " + DescribeSg(diagnosis) + "\n";
     if (diagnosis.facts.directoryError == 0) {
-        for (const ClassFindings& one : diagnosis.classes) {
+        for (const ClassFiles& one : diagnosis.classes) {
             text += "\n" + DescribeClass(one, diagnosis);
         }
     }
@@ -282,22 +234,22 @@ std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& 
     json.Key("may_be_loaded");
     json.Boolean(diagnosis.facts.mayLoadModules);
     json.Key("used");
-    json.Boolean(diagnosis.sgUsed);
+    json.Boolean(diagnosis.facts.sgUsed);
     json.EndObject();
     json.Key("directory_error");
     WriteError(diagnosis.facts.directoryError, json);
     json.Key("seconds_per_device");
-    json.Number(diagnosis.patienceSeconds);
+    json.Number(diagnosis.secondsPerDevice);
     json.Key("classes");
     json.BeginArray();
-    for (const ClassFindings& one : diagnosis.classes) {
+    for (const ClassFiles& one : diagnosis.classes) {
         json.BeginObject();
         json.Key("type");
         json.Text(ClassOf(one.type).word);
         json.Key("device_files");
         json.BeginArray();
-        for (const Finding& finding : one.findings) {
-            WriteFinding(finding, json);
+        for (const CheckedFile& file : one.files) {
+            WriteFile(file, json);
         }
         json.EndArray();
         json.EndObject();
@@ -309,39 +261,6 @@ std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& 
     WriteTexts(diagnosis.advice, json);
     json.EndObject();
     return json.Document();
-}
-
-std::string PackFinding(const Finding& finding)
-{
-    Parcel parcel(static_cast<std::uint32_t>(finding.visibility));
-    AddRow({finding.path, finding.askedThrough, std::to_string(finding.openError), finding.vendor, finding.product},
-           parcel);
-    for (const Question& question : finding.questions) {
-        AddRow({question.request, question.asks, std::to_string(question.error), question.remark}, parcel);
-    }
-    return parcel.Bytes();
-}
-
-Finding UnpackFinding(const std::string& bytes)
-{
-    constexpr std::size_t widestRow = 5;
-    Finding finding;
-    bool fileIsRead = false;
-    const std::optional<std::uint32_t> visibility =
-        Unpack(bytes, widestRow, [&finding, &fileIsRead](std::vector<std::string>& texts) {
-            if (fileIsRead) {
-                return ReadQuestion(texts, finding.questions.emplace_back());
-            }
-            fileIsRead = true;
-            return ReadFile(texts, finding);
-        });
-    if (visibility && *visibility <= static_cast<std::uint32_t>(Visibility::NotAsked)) {
-        finding.visibility = static_cast<Visibility>(*visibility);
-        if (PackFinding(finding) == bytes) {
-            return finding;
-        }
-    }
-    throw std::runtime_error("a process gave no proper finding");
 }
 
 }  // namespace ZDDevices

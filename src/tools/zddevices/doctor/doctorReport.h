@@ -7,7 +7,6 @@
 
 #include <string>
 
-#include "tools/zddevices/doctor/deviceProbe.h"
 #include "tools/zddevices/doctor/doctor.h"
 #include "tools/zddevices/output/json.h"
 
@@ -25,11 +24,6 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width = 0);
 
 /** For programs; ASCII, ended by a line end. */
 std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& origin);
-
-/** A finding on its way between two processes: bytes that UnpackFinding() understands. Its texts become UTF-8. */
-std::string PackFinding(const Finding& finding);
-/** @throws std::runtime_error for bytes that PackFinding() did not make. */
-Finding UnpackFinding(const std::string& bytes);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

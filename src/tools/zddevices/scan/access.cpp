@@ -13,9 +13,11 @@
 #include <iterator>
 #include <memory>
 #include <set>
-#include <string_view>
 #include <system_error>
+#include <utility>
 
+#include "module/osinfos/systemdevice/deviceNames.h"
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/output/text.h"
 
 namespace Zendra {
@@ -27,81 +29,28 @@ using ZDSystemDevice::SysDeviceType;
 
 constexpr const char* deviceDirectory = "/dev";
 
-/** nvme0n1 at most: the library takes controller nodes and partitions by the length of their names. */
-constexpr std::size_t nvmeControllerLength = 5;
-constexpr std::size_t nvmeDiskLength = 7;
-
 struct DirectoryCloser {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
 
-bool IsLetter(char c)
-{
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
-bool IsDigit(char c)
-{
-    return c >= '0' && c <= '9';
-}
-
-/** Looks at no more of `text` than it must: most names in /dev differ in their first byte. */
-bool BeginsWith(const std::string& text, std::string_view prefix)
-{
-    return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin());
-}
-
-bool IsDeviceFileName(const std::string& name, std::string_view prefix)
-{
-    if (!BeginsWith(name, prefix)) {
-        return false;
-    }
-    if (prefix == "st") {
-        return !IsLetter(name.back());  // mode variants; stdin and its like
-    }
-    if (prefix == "sd") {
-        return !IsDigit(name.back());  // partitions
-    }
-    if (prefix == "nvme") {
-        return name.size() != nvmeControllerLength && name.size() <= nvmeDiskLength;
-    }
-    return true;
-}
-
-/** Adds the names with the prefix; false when there is none. */
-bool AddNames(const std::vector<std::string>& names, std::string_view prefix, std::vector<std::string>& found)
-{
-    const std::size_t before = found.size();
-    std::copy_if(names.begin(), names.end(), std::back_inserter(found),
-                 [&](const std::string& name) { return IsDeviceFileName(name, prefix); });
-    return found.size() > before;
-}
-
 /** Those of the names that the library opens for a class, or for all, in no order. */
 std::vector<std::string> SelectDeviceFiles(const std::vector<std::string>& names, std::optional<SysDeviceType> type)
 {
-    const auto wanted = [&](SysDeviceType one) { return !type || *type == one; };
     std::vector<std::string> found;
-    if (wanted(ZDSystemDevice::SYS_DEVICE_TAPE) && !AddNames(names, "st", found)) {
-        AddNames(names, "nst", found);
-    }
-    // Without sg files the generic class takes the disks' files, which all classes together have already.
-    if (wanted(ZDSystemDevice::SYS_DEVICE_SCSI) && !AddNames(names, "sg", found) && type) {
-        AddNames(names, "sd", found);
-    }
-    if (wanted(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE)) {
-        for (const char* prefix : {"hd", "sd", "nvme"}) {
-            AddNames(names, prefix, found);
+    for (const DeviceClass& one : deviceClasses) {
+        if (one.type == type.value_or(one.type)) {
+            std::vector<std::string> ofClass = ZDSystemDevice::DeviceFileNames(names, one.type);
+            std::move(ofClass.begin(), ofClass.end(), std::back_inserter(found));
         }
-    }
-    if (wanted(ZDSystemDevice::SYS_DEVICE_CDDVD)) {
-        AddNames(names, "sr", found);
     }
     return found;
 }
 
-/** The names, each once: a directory that changes while it is read may give one twice. */
+/**
+ * The names, each once: a directory that changes while it is read may give one twice, and without sg files the
+ * generic class takes those of the disks.
+ */
 std::vector<std::string> InNaturalOrder(std::vector<std::string> names)
 {
     std::sort(names.begin(), names.end(), [](const std::string& left, const std::string& right) {

@@ -19,10 +19,8 @@ namespace Zendra {
 namespace ZDDevices {
 
 /**
- * @brief Those of the names in /dev that the library opens for a class, or for all of them; in natural order.
- *
- * For the generic SCSI class: the sg files, or the sd files where there is no sg file (the driver is not
- * loaded).
+ * @brief Those of the names in /dev that the library opens for a class, or for all of them; each once, in natural
+ * order.
  */
 std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names,
                                          std::optional<ZDSystemDevice::SysDeviceType> type);

@@ -51,13 +51,6 @@ bool DirectLog(unsigned int level, LogSink sink)
     }
 }
 
-/** Whether messages of every level can be had without anything being written. */
-template <typename Logger>
-constexpr bool HandsOverMessages()
-{
-    return HasMinLogLevel<Logger>::value && HasSink<Logger>::value;
-}
-
 }  // namespace ZDDevices
 }  // namespace Zendra
 

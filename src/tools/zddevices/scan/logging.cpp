@@ -22,21 +22,8 @@ namespace {
  */
 std::atomic<int> logDescriptor{-1};
 
-/** What EnableLog() was told. */
-std::atomic<unsigned int> writtenLevel{0};
-
-std::atomic<DeviceWatch*> followed{nullptr};
-
-constexpr unsigned int levelOfDevices = 4;
-
 void WriteLogLine(unsigned level, const char* file, int line, const std::string& message)
 {
-    if (DeviceWatch* const watch = followed) {
-        watch->Note(message);
-    }
-    if (level > writtenLevel) {
-        return;
-    }
     const int callersErrno = errno;
     std::string text = "[" + std::to_string(level) + "] " + (file != nullptr ? file : "?") + ":" +
                        std::to_string(line) + " " + PrintableLines(message);
@@ -55,16 +42,7 @@ bool EnableLog(unsigned int level)
     if (logDescriptor < 0) {
         logDescriptor = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     }
-    writtenLevel = level;
     return DirectLog<Log>(level, WriteLogLine);
-}
-
-void FollowDevices(DeviceWatch* watch)
-{
-    if (HandsOverMessages<Log>()) {
-        followed = watch;
-        DirectLog<Log>(watch != nullptr ? levelOfDevices : writtenLevel.load(), WriteLogLine);
-    }
 }
 
 }  // namespace ZDDevices

@@ -5,8 +5,6 @@
 #ifndef ZENDRA_ZDDEVICES_LOGGING_H
 #define ZENDRA_ZDDEVICES_LOGGING_H
 
-#include "tools/zddevices/scan/deviceWatch.h"
-
 namespace Zendra {
 namespace ZDDevices {
 
@@ -19,14 +17,6 @@ namespace ZDDevices {
  * @return false when the logging library that this program runs with takes no level.
  */
 bool EnableLog(unsigned int level);
-
-/**
- * @brief From now on has the library's messages tell `watch` which device it is at; null ends that.
- *
- * Costs the library the making of all its messages. What is written does not change. Without effect when the logging
- * library that this program runs with cannot hand over messages.
- */
-void FollowDevices(DeviceWatch* watch);
 
 }  // namespace ZDDevices
 }  // namespace Zendra

@@ -5,13 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <iterator>
-#include <system_error>
 
 #include "tools/zddevices/output/console.h"
 #include "tools/zddevices/output/text.h"
-#include "tools/zddevices/scan/logging.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -21,9 +18,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /** Who waits for less does not wonder. */
-constexpr auto patience = std::chrono::seconds(1);
-
-constexpr auto interval = std::chrono::milliseconds(200);
+constexpr auto silence = std::chrono::seconds(1);
 
 std::string Seconds(Clock::duration duration)
 {
@@ -45,19 +40,19 @@ void WriteToTerminal(const std::string& text)
 
 }  // namespace
 
-std::string DescribeProgress(const std::vector<Sighting>& sightings, Clock::time_point started, Clock::time_point now)
+std::string DescribeProgress(const std::vector<Waiting>& workers, Clock::time_point started, Clock::time_point now)
 {
-    std::vector<Sighting> known;
-    std::copy_if(sightings.begin(), sightings.end(), std::back_inserter(known),
-                 [](const Sighting& sighting) { return !sighting.device.empty(); });
+    std::vector<Waiting> known;
+    std::copy_if(workers.begin(), workers.end(), std::back_inserter(known),
+                 [](const Waiting& worker) { return !worker.deviceFile.empty(); });
     std::stable_sort(known.begin(), known.end(),
-                     [](const Sighting& left, const Sighting& right) { return left.since < right.since; });
+                     [](const Waiting& left, const Waiting& right) { return left.since < right.since; });
     if (known.empty()) {
         return "asking the devices" + Seconds(now - started);
     }
     std::string text = "asking ";
-    for (const Sighting& sighting : known) {
-        text += (&sighting == &known.front() ? "" : ", ") + Printable(sighting.device) + Seconds(now - sighting.since);
+    for (const Waiting& worker : known) {
+        text += (&worker == &known.front() ? "" : ", ") + Printable(worker.deviceFile) + Seconds(now - worker.since);
     }
     return text;
 }
@@ -72,15 +67,15 @@ bool Progress::IsOfUse()
     return isatty(STDERR_FILENO) != 0;
 }
 
-void Progress::Show(const std::vector<Sighting>& sightings)
+void Progress::StillRunning(const std::vector<Waiting>& workers)
 {
     const Clock::time_point now = Clock::now();
-    if (now - started < patience || !IsInForeground()) {
+    if (now - started < silence || !IsInForeground()) {
         return;
     }
     // Behind the last column the terminal would go on in the next line, which a carriage return does not reach.
     const std::string text =
-        ("zddevices: " + DescribeProgress(sightings, started, now)).substr(0, TerminalWidth(STDERR_FILENO) - 1);
+        ("zddevices: " + DescribeProgress(workers, started, now)).substr(0, TerminalWidth(STDERR_FILENO) - 1);
     const std::size_t blanks = shown > text.size() ? shown - text.size() : 0;
     WriteToTerminal("\r" + text + std::string(blanks, ' '));
     shown = text.size();
@@ -91,54 +86,6 @@ void Progress::Erase()
     if (shown > 0) {
         WriteToTerminal("\r" + std::string(shown, ' ') + "\r");
         shown = 0;
-    }
-}
-
-void Progress::StillRunning(const std::vector<const Task*>& tasks)
-{
-    std::vector<Sighting> sightings;
-    sightings.reserve(tasks.size());
-    for (const Task* task : tasks) {
-        sightings.push_back(task->look ? task->look() : Sighting());
-    }
-    Show(sightings);
-}
-
-BackgroundProgress::BackgroundProgress(Progress& line) : progress(&line)
-{
-    // The thread inherits a full mask: a signal to the process is not its business.
-    sigset_t all;
-    sigset_t former;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former);
-    try {
-        thread = std::thread(&BackgroundProgress::Run, this);
-    } catch (const std::system_error&) {
-        // The scan is worth more than the line.
-    }
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
-    FollowDevices(&watch);
-}
-
-BackgroundProgress::~BackgroundProgress()
-{
-    FollowDevices(nullptr);
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        isOver = true;
-    }
-    ended.notify_one();
-    if (thread.joinable()) {
-        thread.join();
-    }
-    progress->Erase();
-}
-
-void BackgroundProgress::Run()
-{
-    std::unique_lock<std::mutex> lock(mutex);
-    while (!ended.wait_for(lock, interval, [this] { return isOver; })) {
-        progress->Show({watch.Look()});
     }
 }
 

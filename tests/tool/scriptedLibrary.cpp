@@ -1,12 +1,13 @@
 /**
  * @file
- * @brief A stand-in for the library's facade that answers what a script says.
+ * @brief A stand-in for the program's room that asks the library; it answers what a script says.
  *
  * Linked with the program's own main(), so that the whole program can be run with any records. The script is a
- * JSON file named by ZDDEVICES_SCRIPT: an object with a member for each call that is expected, "all" or the number of
- * a class, "optical" or "firmware", each {"status": n, "records": [[texts as hexadecimal digits], ...],
- * "throw": "...", "log": "..."}, or what Misbehave() knows.
- * A call that the script does not know ends the program.
+ * JSON file named by ZDDEVICES_SCRIPT: an object with a member for each question that is expected, "all" or the number
+ * of a class, "optical" or "firmware", each {"status": n, "records": [[texts as hexadecimal digits], ...],
+ * "throw": "...", "log": "...", "at": device file}, or what Misbehave() knows. A script with "all" and no number is
+ * that of a host with generic devices alone, which answer so. A question that the script does not know ends the
+ * process.
  */
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -23,8 +24,8 @@
 #include <stdexcept>
 
 #include "common/logger/logLine.h"
-#include "module/osinfos/systemdevice/deviceCollector.h"
-#include "tools/zddevices/scan/answer.h"
+#include "tools/zddevices/records/field.h"
+#include "tools/zddevices/scan/library.h"
 
 /** Makes the program's children immortal where ZDDEVICES_IMMORTAL is set, as those are whom a device holds. */
 extern "C" int kill(pid_t process, int signal) noexcept
@@ -51,7 +52,7 @@ extern "C" int prctl(int option, ...) noexcept
 }
 
 namespace Zendra {
-namespace ZDSystemDevice {
+namespace ZDDevices {
 
 namespace {
 
@@ -108,18 +109,32 @@ void Misbehave(const nlohmann::json& answer)
     }
 }
 
-template <typename Record>
-unsigned int Answer(std::vector<Record>& records, const std::string& call)
+nlohmann::json AnswerTo(const std::string& question)
 {
-    CheckThatStandardDescriptorsAreTaken();
     const char* path = std::getenv("ZDDEVICES_SCRIPT");
     std::ifstream file(path != nullptr ? path : "");
     const nlohmann::json script = nlohmann::json::parse(file, nullptr, false);
-    if (!script.is_object() || !script.contains(call)) {
-        std::cerr << "scripted collector: unexpected call " << call << std::endl;
-        std::abort();
+    if (script.is_object() && script.contains(question)) {
+        return script.at(question);
     }
-    const nlohmann::json& answer = script.at(call);
+    const bool isClass = question.size() == 1;
+    if (script.is_object() && script.contains("all") && isClass) {
+        const nlohmann::json nothing = {{"status", ZDSystemDevice::DEVICE_RESULT_NONE}, {"records", {}}};
+        return question == std::to_string(ZDSystemDevice::SYS_DEVICE_SCSI) ? script.at("all") : nothing;
+    }
+    std::cerr << "scripted library: unexpected question " << question << std::endl;
+    std::abort();
+}
+
+/** @param watch is null where the facade is asked. */
+template <typename Record>
+Answer<Record> Ask(const std::string& question, const Watch* watch)
+{
+    CheckThatStandardDescriptorsAreTaken();
+    const nlohmann::json answer = AnswerTo(question);
+    if (watch != nullptr && answer.contains("at")) {
+        watch->before(answer.at("at"));
+    }
     if (answer.contains("log")) {
         ZENDRA_LOG(4, FromHex(answer.at("log")));
     }
@@ -134,41 +149,59 @@ unsigned int Answer(std::vector<Record>& records, const std::string& call)
     if (!failure.empty()) {
         throw std::runtime_error(failure);
     }
+    Answer<Record> result{answer.at("status"), {}};
     for (const nlohmann::json& texts : answer.at("records")) {
-        Record record;
-        std::size_t i = 0;
-        for (std::string* field : ZDDevices::Texts(record)) {
-            *field = FromHex(texts.at(i++));
+        std::vector<std::string> fields;
+        for (const nlohmann::json& text : texts) {
+            fields.push_back(FromHex(text));
         }
-        records.push_back(record);
+        result.records.push_back(RecordFrom<Record>(fields).value());
     }
-    return answer.at("status");
+    return result;
 }
 
 }  // namespace
 
-DeviceCollector::DeviceCollector() = default;
-DeviceCollector::~DeviceCollector() = default;
-
-unsigned int DeviceCollector::GetIndividualDevice(std::vector<SystemDevice>& devices, SysDeviceType type)
+DeviceAnswer AskForDevices(ZDSystemDevice::SysDeviceType type, const Watch& watch)
 {
-    return Answer(devices, std::to_string(static_cast<int>(type)));
+    return Ask<ZDSystemDevice::SystemDevice>(std::to_string(static_cast<int>(type)), &watch);
 }
 
-unsigned int DeviceCollector::GetAllDevice(std::vector<SystemDevice>& devices)
+OpticalAnswer AskForOptical(const Watch& watch)
 {
-    return Answer(devices, "all");
+    return Ask<ZDSystemDevice::OpticalProperty>("optical", &watch);
 }
 
-unsigned int DeviceCollector::GetOpticalProperties(std::vector<OpticalProperty>& properties)
+FirmwareAnswer AskForFirmware(const Watch& watch)
 {
-    return Answer(properties, "optical");
+    return Ask<ZDOptions::SoftwareIdentity_>("firmware", &watch);
 }
 
-unsigned int DeviceCollector::GetDiskDriverSoftwareIdentities(std::vector<ZDOptions::SoftwareIdentity_>& identities)
+DeviceAnswer AskFacadeForDevices(std::optional<ZDSystemDevice::SysDeviceType> type)
 {
-    return Answer(identities, "firmware");
+    return Ask<ZDSystemDevice::SystemDevice>(type ? std::to_string(static_cast<int>(*type)) : "all", nullptr);
 }
 
-}  // namespace ZDSystemDevice
+OpticalAnswer AskFacadeForOptical()
+{
+    return Ask<ZDSystemDevice::OpticalProperty>("optical", nullptr);
+}
+
+FirmwareAnswer AskFacadeForFirmware()
+{
+    return Ask<ZDOptions::SoftwareIdentity_>("firmware", nullptr);
+}
+
+/** No device file answers. */
+DeviceFileAnswer AskDeviceFile(ZDSystemDevice::SysDeviceType /*type*/, std::string /*path*/, const Watch& /*watch*/)
+{
+    return {};
+}
+
+bool LoadSgDriver()
+{
+    return false;
+}
+
+}  // namespace ZDDevices
 }  // namespace Zendra

@@ -1,0 +1,219 @@
+#include "tools/zddevices/doctor/deviceFileCheck.h"
+
+#include <linux/hdreg.h>
+#include <linux/major.h>
+#include <linux/nvme_ioctl.h>
+#include <scsi/scsi.h>
+#include <scsi/scsi_ioctl.h>
+#include <scsi/sg.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <boost/format.hpp>
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <system_error>
+
+#include "tools/zddevices/scan/access.h"
+#include "tools/zddevices/scan/library.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+/** The bit of a tape node's minor number by which the driver leaves the tape where it is at close(2). */
+constexpr unsigned int withoutRewind = 0x80;
+
+constexpr int firstVersionWithSgIo = 30000;
+
+/** SPC INQUIRY: the bit of byte 1 by which it asks for a page of vital product data. */
+constexpr std::size_t pageBitByte = 1;
+constexpr unsigned char pageBit = 0x01;
+
+/** What the sense data says, in SPC's numbers; empty when there is too little of it. */
+std::string DescribeSense(const sg_io_hdr_t& header)
+{
+    constexpr unsigned char formatMask = 0x7F;
+    constexpr unsigned char descriptorFormat = 0x72;
+    constexpr unsigned char keyMask = 0x0F;
+    const std::size_t written = std::min(header.sb_len_wr, header.mx_sb_len);
+    const bool descriptors = written > 0 && (header.sbp[0] & formatMask) >= descriptorFormat;
+    const std::size_t keyByte = descriptors ? 1 : 2;
+    const std::size_t codeByte = descriptors ? 2 : 12;
+    if (written < codeByte + 2) {
+        return {};
+    }
+    return (boost::format(", sense key 0x%x, additional sense 0x%02x/0x%02x") %
+            static_cast<unsigned int>(header.sbp[keyByte] & keyMask) % static_cast<unsigned int>(header.sbp[codeByte]) %
+            static_cast<unsigned int>(header.sbp[codeByte + 1]))
+        .str();
+}
+
+std::string DescribeScsiAnswer(const sg_io_hdr_t& header)
+{
+    if ((header.info & SG_INFO_CHECK) == 0) {
+        return {};
+    }
+    if (header.host_status != 0) {
+        return (boost::format("nothing came back from the device (host status 0x%x)") % header.host_status).str();
+    }
+    return (boost::format("the device answered with SCSI status 0x%02x") % static_cast<unsigned int>(header.status))
+               .str() +
+           DescribeSense(header);
+}
+
+/** A controller that refuses the command leaves the buffer as it was, and the ioctl succeeds. */
+std::string DescribeNvmeAnswer(const nvme_admin_cmd& command)
+{
+    // The kernel's interface carries the address as a number. NOLINTNEXTLINE(performance-no-int-to-ptr)
+    const auto* const data = reinterpret_cast<const unsigned char*>(static_cast<std::uintptr_t>(command.addr));
+    const bool empty = std::all_of(data, data + command.data_len, [](unsigned char byte) { return byte == 0; });
+    return empty ? "the device gave no data" : std::string();
+}
+
+/** Splits what the requests of a check have brought into the error of open(2) and the rest. */
+void Note(const DeviceRequest& request, CheckedFile& file)
+{
+    if (request.status == ZDSystemDevice::DEV_OPEN_FAILED && file.requests.empty()) {
+        file.openError = request.error;
+    } else {
+        file.requests.push_back(Describe(request));
+    }
+}
+
+Visibility VisibilityOf(const CheckedFile& file, bool listed)
+{
+    if (listed) {
+        return Visibility::Visible;
+    }
+    if (file.openError == 0) {
+        return Visibility::NoUsableAnswer;
+    }
+    return file.openError == EACCES || file.openError == EPERM ? Visibility::Denied : Visibility::CannotBeOpened;
+}
+
+int NumberFrom(const std::string& digits)
+{
+    int number = 0;
+    const char* const end = digits.data() + digits.size();
+    const std::from_chars_result result = std::from_chars(digits.data(), end, number);
+    if (result.ec != std::errc() || result.ptr != end || number < 0) {
+        throw std::runtime_error("a process gave no number");
+    }
+    return number;
+}
+
+}  // namespace
+
+RequestResult Describe(const DeviceRequest& request)
+{
+    const bool answered = request.error == 0;
+    switch (request.code) {
+    case SG_GET_VERSION_NUM: {
+        const bool tooOld = answered && *static_cast<const int*>(request.argument) < firstVersionWithSgIo;
+        return {"SG_GET_VERSION_NUM", "the version of the SCSI command interface", request.error,
+                tooOld ? "too old to carry commands; the library then sends none" : ""};
+    }
+    case SG_IO: {
+        const auto& header = *static_cast<const sg_io_hdr_t*>(request.argument);
+        const bool asksForPage = (header.cmdp[pageBitByte] & pageBit) != 0;
+        return {"SG_IO", asksForPage ? "INQUIRY, unit serial number" : "INQUIRY, standard data", request.error,
+                answered ? DescribeScsiAnswer(header) : std::string()};
+    }
+    case SG_GET_SCSI_ID:
+        return {"SG_GET_SCSI_ID", "the SCSI address", request.error, {}};
+    case SCSI_IOCTL_GET_IDLUN:
+        return {"SCSI_IOCTL_GET_IDLUN", "channel, target and LUN", request.error, {}};
+    case SCSI_IOCTL_GET_BUS_NUMBER:
+        return {"SCSI_IOCTL_GET_BUS_NUMBER", "the SCSI host's number", request.error, {}};
+    case HDIO_DRIVE_CMD:
+        return {"HDIO_DRIVE_CMD", "ATA IDENTIFY DEVICE", request.error, {}};
+    case NVME_IOCTL_ADMIN_CMD:
+        return {"NVME_IOCTL_ADMIN_CMD", "NVMe Identify Controller", request.error,
+                answered ? DescribeNvmeAnswer(*static_cast<const nvme_admin_cmd*>(request.argument)) : std::string()};
+    default:
+        return {(boost::format("ioctl 0x%x") % request.code).str(), "something else", request.error, {}};
+    }
+}
+
+dev_t CharacterDevice(const std::string& path)
+{
+    struct stat state {};
+    return stat(path.c_str(), &state) == 0 && S_ISCHR(state.st_mode) ? state.st_rdev : 0;
+}
+
+std::string TapeNodeToAsk(const std::string& path, const std::function<dev_t(const std::string& path)>& numberOf)
+{
+    const dev_t number = numberOf(path);
+    if (major(number) != SCSI_TAPE_MAJOR || (minor(number) & withoutRewind) != 0) {
+        return path;
+    }
+    std::string twin = path;
+    twin.insert(twin.rfind('/') + 1, "n");
+    return numberOf(twin) == makedev(major(number), minor(number) | withoutRewind) ? twin : std::string();
+}
+
+CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path,
+                            const NoteDeviceFile& noteDeviceFile)
+{
+    CheckedFile file;
+    file.path = path;
+    if (MayNotRead(path)) {
+        file.visibility = Visibility::Denied;
+        file.openError = EACCES;
+        return file;
+    }
+    const std::string asked = type == ZDSystemDevice::SYS_DEVICE_TAPE ? TapeNodeToAsk(path, CharacterDevice) : path;
+    if (asked.empty()) {
+        file.visibility = Visibility::NotAsked;
+        return file;
+    }
+    file.askedThrough = asked == path ? "" : asked;
+    const DeviceFileAnswer answer =
+        AskDeviceFile(type, asked, {noteDeviceFile, [&file](const DeviceRequest& request) { Note(request, file); }});
+    file.visibility = VisibilityOf(file, answer.listed);
+    if (answer.listed) {
+        file.openError = 0;
+    }
+    file.vendor = answer.vendor;
+    file.product = answer.product;
+    return file;
+}
+
+std::vector<std::string> TextsOf(const CheckedFile& file)
+{
+    std::vector<std::string> texts = {file.path,
+                                      file.askedThrough,
+                                      std::to_string(static_cast<int>(file.visibility)),
+                                      std::to_string(file.openError),
+                                      file.vendor,
+                                      file.product};
+    for (const RequestResult& one : file.requests) {
+        texts.insert(texts.end(), {one.request, one.asks, std::to_string(one.error), one.remark});
+    }
+    return texts;
+}
+
+CheckedFile CheckedFileFrom(const std::vector<std::string>& texts)
+{
+    constexpr std::size_t textsOfFile = 6;
+    constexpr std::size_t textsOfRequest = 4;
+    if (texts.size() < textsOfFile || (texts.size() - textsOfFile) % textsOfRequest != 0) {
+        throw std::runtime_error("a process gave no checked device file");
+    }
+    CheckedFile file{texts[0], texts[1], static_cast<Visibility>(NumberFrom(texts[2])), NumberFrom(texts[3]), {},
+                     texts[4], texts[5]};
+    for (std::size_t i = textsOfFile; i < texts.size(); i += textsOfRequest) {
+        file.requests.push_back({texts[i], texts[i + 1], NumberFrom(texts[i + 2]), texts[i + 3]});
+    }
+    return file;
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra

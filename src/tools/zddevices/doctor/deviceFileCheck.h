@@ -1,0 +1,93 @@
+/**
+ * @file
+ * @brief Asks one device file what the library asks it, and keeps every refusal.
+ *
+ * The library answers with records or with silence. Here each of its requests is kept with the kernel's error, so that
+ * a person can be told why a device is missing. The library is asked for this one file, and asks as ever: it loads the
+ * sg driver, and repeats a command that is answered with UNIT ATTENTION after five seconds.
+ */
+#ifndef ZENDRA_ZDDEVICES_DEVICEFILECHECK_H
+#define ZENDRA_ZDDEVICES_DEVICEFILECHECK_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "module/osinfos/systemdevice/systemDevice.h"
+#include "tools/zddevices/scan/watchingOperator.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+/** One request to a device and what came back. */
+struct RequestResult {
+    /** The ioctl's name. */
+    std::string request;
+    /** What it asks for, in words. */
+    std::string asks;
+    /** The kernel's error number; 0 when it answered. */
+    int error = 0;
+    /** What was odd about the answer; empty when nothing was. */
+    std::string remark;
+};
+
+/** Whether the library lists the device behind a file. */
+enum class Visibility {
+    /** It does. */
+    Visible,
+    /** This user may not open the file. */
+    Denied,
+    /** The file cannot be opened for another reason. */
+    CannotBeOpened,
+    /** The device was asked and gave nothing that the library takes for a device. */
+    NoUsableAnswer,
+    /** Nothing came back in time. */
+    NoAnswerInTime,
+    /** A rewinding tape node without a twin that could be asked; it may be opened. */
+    NotAsked
+};
+
+/** What is known of one device file. */
+struct CheckedFile {
+    std::string path;
+    /** The file that was opened in its place; empty when it was opened itself or nothing was. */
+    std::string askedThrough;
+    Visibility visibility = Visibility::NoUsableAnswer;
+    /** Of open(2); 0 when the file was opened. */
+    int openError = 0;
+    /** In the order in which the library made them. */
+    std::vector<RequestResult> requests;
+    /** As the library lists them; empty where no device answered. */
+    std::string vendor;
+    std::string product;
+};
+
+/** The request in words. */
+RequestResult Describe(const DeviceRequest& request);
+
+/** The number of a character device; 0 for any other file and for none. */
+dev_t CharacterDevice(const std::string& path);
+
+/**
+ * @brief The file to ask in place of a tape node: closing a node that rewinds moves the tape.
+ * @param numberOf CharacterDevice(), or a test's stand-in.
+ * @return the node itself, its twin that leaves the tape where it is, or nothing when there is no such twin.
+ */
+std::string TapeNodeToAsk(const std::string& path, const std::function<dev_t(const std::string& path)>& numberOf);
+
+/** Asks the file; blocks for as long as the device does. */
+CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path,
+                            const NoteDeviceFile& noteDeviceFile);
+
+/** The texts by which a checked file passes from one process to another. */
+std::vector<std::string> TextsOf(const CheckedFile& file);
+
+/** @throws std::runtime_error for texts that TextsOf() did not make. */
+CheckedFile CheckedFileFrom(const std::vector<std::string>& texts);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

@@ -1,0 +1,103 @@
+#include "tools/zddevices/scan/frame.h"
+
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+using Length = std::uint32_t;
+
+void AppendLength(std::size_t length, std::string& bytes)
+{
+    const Length number = static_cast<Length>(length);
+    bytes.append(reinterpret_cast<const char*>(&number), sizeof(number));
+}
+
+/** The length that the bytes begin with, which is cut off them; none when there are too few. */
+std::optional<std::size_t> TakeLength(std::string_view& bytes)
+{
+    Length length = 0;
+    if (bytes.size() < sizeof(length)) {
+        return std::nullopt;
+    }
+    std::memcpy(&length, bytes.data(), sizeof(length));
+    bytes.remove_prefix(sizeof(length));
+    return length;
+}
+
+/** The frame in what stands behind the number of its bytes. */
+std::optional<Frame> ReadFrame(std::string_view bytes)
+{
+    Frame frame;
+    frame.kind = static_cast<Frame::Kind>(bytes.empty() ? '\0' : bytes.front());
+    const bool oneText = frame.kind == Frame::Kind::DeviceFile || frame.kind == Frame::Kind::Failure;
+    if (!oneText && frame.kind != Frame::Kind::Answer) {
+        return std::nullopt;
+    }
+    bytes.remove_prefix(1);
+    while (!bytes.empty()) {
+        const std::optional<std::size_t> length = TakeLength(bytes);
+        if (!length || *length > bytes.size()) {
+            return std::nullopt;
+        }
+        frame.texts.emplace_back(bytes.substr(0, *length));
+        bytes.remove_prefix(*length);
+    }
+    if (oneText && frame.texts.size() != 1) {
+        return std::nullopt;
+    }
+    return frame;
+}
+
+}  // namespace
+
+std::string FrameBytes(const Frame& frame)
+{
+    std::string bytes;
+    std::size_t size = sizeof(frame.kind);
+    for (const std::string& text : frame.texts) {
+        size += sizeof(Length) + text.size();
+    }
+    bytes.reserve(sizeof(Length) + size);
+    AppendLength(size, bytes);
+    bytes += static_cast<char>(frame.kind);
+    for (const std::string& text : frame.texts) {
+        AppendLength(text.size(), bytes);
+        bytes += text;
+    }
+    return bytes;
+}
+
+void FrameReader::Append(const char* bytes, std::size_t size)
+{
+    if (!broken) {
+        received.append(bytes, size);
+    }
+}
+
+std::optional<Frame> FrameReader::Next()
+{
+    std::string_view rest = received;
+    const std::optional<std::size_t> length = TakeLength(rest);
+    if (!length || (*length <= longestFrame && *length > rest.size())) {
+        return std::nullopt;
+    }
+    std::optional<Frame> frame;
+    if (*length <= longestFrame) {
+        frame = ReadFrame(rest.substr(0, *length));
+    }
+    if (frame) {
+        received.erase(0, sizeof(Length) + *length);
+    } else {
+        broken = true;
+        received.clear();
+    }
+    return frame;
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra

@@ -1,0 +1,128 @@
+#include "tools/zddevices/scan/library.h"
+
+#include <type_traits>
+
+#include "module/osinfos/systemdevice/dataProxy_linux.h"
+#include "module/osinfos/systemdevice/deviceCollector.h"
+#include "module/osinfos/systemdevice/deviceNames.h"
+#include "module/osinfos/systemdevice/firmwareIdentity.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+namespace {
+
+using ZDSystemDevice::BusDevice;
+using ZDSystemDevice::CDDVDProxy;
+using ZDSystemDevice::PhysicalDriveProxy;
+using ZDSystemDevice::SCSIProxy;
+using ZDSystemDevice::SysDeviceType;
+using ZDSystemDevice::TapeProxy;
+
+/** What `ask` gives for the proxy of the class. */
+template <typename Ask>
+unsigned int WithProxy(SysDeviceType type, const Watch& watch, Ask ask)
+{
+    switch (type) {
+    case ZDSystemDevice::SYS_DEVICE_TAPE: {
+        Watched<TapeProxy> proxy(watch);
+        return ask(proxy);
+    }
+    case ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE: {
+        Watched<PhysicalDriveProxy> proxy(watch);
+        return ask(proxy);
+    }
+    case ZDSystemDevice::SYS_DEVICE_CDDVD: {
+        Watched<CDDVDProxy> proxy(watch);
+        return ask(proxy);
+    }
+    case ZDSystemDevice::SYS_DEVICE_SCSI:
+        break;
+    }
+    Watched<SCSIProxy> proxy(watch);
+    return ask(proxy);
+}
+
+bool HasPrefix(const std::string& path, const char* prefix)
+{
+    return path.rfind(std::string("/dev/") + prefix, 0) == 0;
+}
+
+template <typename Proxy>
+unsigned int AskFile(Proxy& proxy, BusDevice& bus, std::string& path)
+{
+    if constexpr (std::is_base_of_v<PhysicalDriveProxy, Proxy>) {
+        if (HasPrefix(path, ZDSystemDevice::DevicePrefix::nvmeDisk)) {
+            return static_cast<unsigned int>(proxy.GetNVMEInfo(bus, path));
+        }
+        return proxy.GetDeviceInfo(bus, path, HasPrefix(path, ZDSystemDevice::DevicePrefix::scsiDisk));
+    } else {
+        return proxy.GetDeviceInfo(bus, path);
+    }
+}
+
+}  // namespace
+
+DeviceAnswer AskForDevices(SysDeviceType type, const Watch& watch)
+{
+    DeviceAnswer answer;
+    answer.status = WithProxy(type, watch, [&](auto& proxy) { return proxy.GetDeviceList(answer.records); });
+    return answer;
+}
+
+OpticalAnswer AskForOptical(const Watch& watch)
+{
+    OpticalAnswer answer;
+    answer.status = Watched<CDDVDProxy>(watch).GetCDDVDOptList(answer.records);
+    return answer;
+}
+
+FirmwareAnswer AskForFirmware(const Watch& watch)
+{
+    const DeviceAnswer disks = AskForDevices(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, watch);
+    FirmwareAnswer answer{disks.status, {}};
+    for (const ZDSystemDevice::SystemDevice& disk : disks.records) {
+        if (ZDSystemDevice::HasFirmwareIdentity(disk)) {
+            answer.records.push_back(ZDSystemDevice::FirmwareIdentityOf(disk));
+        }
+    }
+    return answer;
+}
+
+DeviceAnswer AskFacadeForDevices(std::optional<SysDeviceType> type)
+{
+    ZDSystemDevice::DeviceCollector collector;
+    DeviceAnswer answer;
+    answer.status =
+        type ? collector.GetIndividualDevice(answer.records, *type) : collector.GetAllDevice(answer.records);
+    return answer;
+}
+
+OpticalAnswer AskFacadeForOptical()
+{
+    OpticalAnswer answer;
+    answer.status = ZDSystemDevice::DeviceCollector().GetOpticalProperties(answer.records);
+    return answer;
+}
+
+FirmwareAnswer AskFacadeForFirmware()
+{
+    FirmwareAnswer answer;
+    answer.status = ZDSystemDevice::DeviceCollector().GetDiskDriverSoftwareIdentities(answer.records);
+    return answer;
+}
+
+DeviceFileAnswer AskDeviceFile(SysDeviceType type, std::string path, const Watch& watch)
+{
+    BusDevice bus;
+    const unsigned int status = WithProxy(type, watch, [&](auto& proxy) { return AskFile(proxy, bus, path); });
+    return {status == ZDSystemDevice::DEV_SUCCESS, bus.vendorId, bus.productId};
+}
+
+bool LoadSgDriver()
+{
+    return Watched<SCSIProxy>({[](const std::string& /*deviceFile*/) {}}).UsesSgDriver();
+}
+
+}  // namespace ZDDevices
+}  // namespace Zendra

@@ -1,0 +1,70 @@
+/**
+ * @file
+ * @brief Asks the library. The only room of the program that calls it.
+ *
+ * Every function asks in this process and blocks for as long as the devices do.
+ */
+#ifndef ZENDRA_ZDDEVICES_LIBRARY_H
+#define ZENDRA_ZDDEVICES_LIBRARY_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/options/softwareIdentity.h"
+#include "module/osinfos/systemdevice/systemDevice.h"
+#include "tools/zddevices/scan/watchingOperator.h"
+
+namespace Zendra {
+namespace ZDDevices {
+
+/** Status and records of one call. */
+template <typename Record>
+struct Answer {
+    unsigned int status = ZDSystemDevice::DEVICE_RESULT_OK;
+    std::vector<Record> records;
+};
+
+using DeviceAnswer = Answer<ZDSystemDevice::SystemDevice>;
+using OpticalAnswer = Answer<ZDSystemDevice::OpticalProperty>;
+using FirmwareAnswer = Answer<ZDOptions::SoftwareIdentity_>;
+
+/**
+ * @name What the library's facade answers, come by through its proxies, so that `watch` is told of each request.
+ *
+ * The library logs less then than it does in the facade.
+ * @{
+ */
+DeviceAnswer AskForDevices(ZDSystemDevice::SysDeviceType type, const Watch& watch);
+OpticalAnswer AskForOptical(const Watch& watch);
+FirmwareAnswer AskForFirmware(const Watch& watch);
+/** @} */
+
+/**
+ * @name What the library's facade answers, with its whole log.
+ * @{
+ */
+/** Without a class: all devices, merged. */
+DeviceAnswer AskFacadeForDevices(std::optional<ZDSystemDevice::SysDeviceType> type);
+OpticalAnswer AskFacadeForOptical();
+FirmwareAnswer AskFacadeForFirmware();
+/** @} */
+
+/** What the library makes of one device file. */
+struct DeviceFileAnswer {
+    /** Whether the list of the class holds the device. */
+    bool listed = false;
+    std::string vendor;
+    std::string product;
+};
+
+/** Asks one device file of a class, as the list of the class does. */
+DeviceFileAnswer AskDeviceFile(ZDSystemDevice::SysDeviceType type, std::string path, const Watch& watch);
+
+/** Loads the sg driver as each list does. @return whether the generic class then asks the files of that driver. */
+bool LoadSgDriver();
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

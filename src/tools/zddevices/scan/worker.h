@@ -1,0 +1,95 @@
+/**
+ * @file
+ * @brief Runs tasks in worker processes and waits for them no longer than allowed.
+ *
+ * A system call on a sick device may never come back, and a process in one cannot be ended, not even by SIGKILL.
+ * Whoever must answer in time therefore leaves such calls to others.
+ */
+#ifndef ZENDRA_ZDDEVICES_WORKER_H
+#define ZENDRA_ZDDEVICES_WORKER_H
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Zendra {
+namespace ZDDevices {
+
+using Duration = std::chrono::nanoseconds;
+
+/** To be called with the path of each device file before it is asked. */
+using NoteDeviceFile = std::function<void(const std::string& deviceFile)>;
+
+/**
+ * @brief What a worker process does: it returns the texts of its answer, and what it throws is why there is none.
+ *
+ * It changes nothing in the process that has it run.
+ */
+using Task = std::function<std::vector<std::string>(const NoteDeviceFile& noteDeviceFile)>;
+
+/** Outcome::failure of a worker that ended without an answer, or sent something else. */
+constexpr const char* improperAnswer = "its process gave no proper answer";
+
+/** What became of a task. */
+struct Outcome {
+    /** What the task returned; absent when the worker did not answer in time, or not properly. */
+    std::optional<std::vector<std::string>> answer;
+    /** Why there is no answer, for people; empty when there is one. */
+    std::string failure;
+    /** Whether the failure is what the task threw. */
+    bool threw = false;
+    /** The device file that was being asked when there was no answer; empty when that is not known. */
+    std::string deviceFile;
+    /** From the worker's start to its answer, or to when it was given up. */
+    Duration elapsed{};
+};
+
+/** What a worker that has not answered yet is waiting for. */
+struct Waiting {
+    /** Empty while it is not known. */
+    std::string deviceFile;
+    std::chrono::steady_clock::time_point since;
+};
+
+/** Is told about workers that take their time. */
+class Observer {
+public:
+    Observer() = default;
+    virtual ~Observer() = default;
+    Observer(const Observer&) = delete;
+    Observer& operator=(const Observer&) = delete;
+
+    /** Called several times a second with what each worker that has not answered is waiting for. */
+    virtual void StillRunning(const std::vector<Waiting>& workers) = 0;
+
+    /** Called before anything is written to standard error. */
+    virtual void BeforeMessage() = 0;
+};
+
+constexpr std::size_t allAtOnce = std::numeric_limits<std::size_t>::max();
+
+/**
+ * @brief Runs each task in a worker process, so many at a time.
+ *
+ * Returns when each worker has answered or died, at the latest shortly after `limit` (CLOCK_MONOTONIC; none means no
+ * limit). A worker that is late is killed, with what it has started; one that cannot be killed is left behind. No
+ * worker holds on to a descriptor of this process, so nobody who reads from it waits for one that was left behind.
+ * What workers write to standard error, log messages included, is passed on line by line; what they write to
+ * standard output is lost. When this process dies, its workers are killed.
+ *
+ * To be called while the process has one thread.
+ *
+ * @return the outcomes, in the order of the tasks.
+ * @throws std::bad_alloc.
+ */
+std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Duration> limit,
+                                Observer* observer = nullptr, std::size_t atATime = allAtOnce);
+
+}  // namespace ZDDevices
+}  // namespace Zendra
+
+#endif

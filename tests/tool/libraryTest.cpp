@@ -1,0 +1,262 @@
+/**
+ * @file
+ * @brief On every simulated host the program learns what the library's facade answers, whichever way it asks.
+ */
+#include <algorithm>
+#include <filesystem>
+#include <set>
+
+#include "common/logger/log.h"
+#include "module/osinfos/systemdevice/deviceNames.h"
+#include "simhost.h"
+#include "simhostTest.h"
+#include "toolTests.h"
+#include "tools/zddevices/deviceClass.h"
+#include "tools/zddevices/records/field.h"
+#include "tools/zddevices/scan/library.h"
+#include "tools/zddevices/scan/questions.h"
+
+namespace Zendra {
+namespace ZDDevices {
+namespace {
+
+using ZDSystemDevice::SystemDevice;
+
+/** Far beyond what a simulated host takes, which waits for nothing. */
+constexpr std::chrono::seconds limit(600);
+
+std::vector<std::filesystem::path> HostFiles()
+{
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(SIMHOST_DIRECTORY)) {
+        if (entry.path().extension() == ".host") {
+            files.push_back(entry.path());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+/** Status and records as one list of texts. */
+template <typename Record>
+std::vector<std::string> Everything(unsigned int status, const std::vector<Record>& records)
+{
+    std::vector<std::string> texts{std::to_string(status)};
+    for (const Record& record : records) {
+        const std::vector<std::string> fields = TextsOf(record);
+        texts.insert(texts.end(), fields.begin(), fields.end());
+    }
+    return texts;
+}
+
+template <typename Record>
+std::vector<std::string> Everything(const Answer<Record>& answer)
+{
+    return Everything(answer.status, answer.records);
+}
+
+/** What the program has learned; nothing may be unanswered. */
+std::vector<std::string> Everything(const Inventory& inventory)
+{
+    for (const QuestionOutcome& one : inventory.questions) {
+        EXPECT_TRUE(one.status) << one.failure;
+    }
+    if (inventory.firmware) {
+        return Everything(inventory.status, *inventory.firmware);
+    }
+    return inventory.drives ? Everything(inventory.status, *inventory.drives)
+                            : Everything(inventory.status, inventory.devices.value());
+}
+
+/**
+ * Whether two classes ask the same device files, as they do where the sg driver is not there to make files of its own.
+ * The answers of a simulated device depend on how often it was asked: what one class asks in this process is felt by
+ * the next, and not by one that asks in another process.
+ */
+bool ClassesShareFiles(const SimHost::Host& host)
+{
+    return host.modprobeStatus != 0 ||
+           std::none_of(host.dev.begin(), host.dev.end(),
+                        [](const SimHost::DevEntry& entry) { return entry.name.rfind("sg", 0) == 0; });
+}
+
+class Library : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        SIMHOST_NEEDS_NAMESPACE();
+        setenv("LC_ALL", "C", 1);
+    }
+
+    /** Calls `check` with each host while it is mounted. */
+    template <typename Check>
+    void OnEveryHost(Check check)
+    {
+        if (IsSkipped()) {
+            return;
+        }
+        std::size_t hosts = 0;
+        for (const std::filesystem::path& file : HostFiles()) {
+            SCOPED_TRACE(file.stem());
+            const SimHost::Host host = SimHost::ReadHost(file);
+            SimHost::MountedHost mounted(host);
+            check(host, mounted);
+            ++hosts;
+        }
+        EXPECT_GT(hosts, 50U);
+    }
+
+    /** What the program learns in another process, with these options. */
+    static std::vector<std::string> Learn(SimHost::MountedHost& mounted, const Options& options)
+    {
+        mounted.BeginCall();
+        return Everything(TakeInventory(options, nullptr));
+    }
+};
+
+/** With a time limit and without, and by the facade, as for a log. */
+std::vector<Options> Roads(const Options& what)
+{
+    std::vector<Options> roads(3, what);
+    roads[1].timeLimit = limit;
+    roads[2].logLevel = 1;
+    return roads;
+}
+
+TEST_F(Library, EachClassAnswersWhatTheFacadeAnswers)
+{
+    std::size_t withDevices = 0;
+    OnEveryHost([&](const SimHost::Host& /*host*/, SimHost::MountedHost& mounted) {
+        for (const DeviceClass& one : deviceClasses) {
+            mounted.BeginCall();
+            const std::vector<std::string> expected = Everything(AskFacadeForDevices(one.type));
+            Options options;
+            options.type = one.type;
+            for (const Options& road : Roads(options)) {
+                EXPECT_EQ(Learn(mounted, road), expected) << one.word;
+            }
+            withDevices += expected.size() > 1 ? 1 : 0;
+        }
+    });
+    EXPECT_GT(withDevices, 50U);
+}
+
+TEST_F(Library, AllClassesTogetherAreTheMergedListOfTheFacade)
+{
+    std::size_t mergedDirectly = 0;
+    OnEveryHost([&](const SimHost::Host& host, SimHost::MountedHost& mounted) {
+        mounted.BeginCall();
+        const std::vector<std::string> expected = Everything(AskFacadeForDevices(std::nullopt));
+        for (const Options& road : Roads({})) {
+            if (road.logLevel || !ClassesShareFiles(host)) {
+                EXPECT_EQ(Learn(mounted, road), expected);
+            }
+        }
+        mergedDirectly += ClassesShareFiles(host) || expected.size() == 1 ? 0 : 1;
+    });
+    EXPECT_GT(mergedDirectly, 15U);
+}
+
+TEST_F(Library, FirmwareAndCapabilitiesAreThoseOfTheFacade)
+{
+    std::size_t withRecords = 0;
+    OnEveryHost([&](const SimHost::Host& /*host*/, SimHost::MountedHost& mounted) {
+        for (const Command command : {Command::Firmware, Command::Optical}) {
+            mounted.BeginCall();
+            const std::vector<std::string> expected =
+                command == Command::Firmware ? Everything(AskFacadeForFirmware()) : Everything(AskFacadeForOptical());
+            Options options;
+            options.command = command;
+            for (const Options& road : Roads(options)) {
+                EXPECT_EQ(Learn(mounted, road), expected);
+            }
+            withRecords += expected.size() > 1 ? 1 : 0;
+        }
+    });
+    EXPECT_GT(withRecords, 30U);
+}
+
+/** Names in /dev, without directories, as the doctor collects them. */
+std::vector<std::string> NamesInDev()
+{
+    std::vector<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev", error)) {
+        if (!entry.is_directory(error)) {
+            names.push_back(entry.path().filename());
+        }
+    }
+    return names;
+}
+
+TEST_F(Library, ADeviceFileByItselfIsListedAsInTheListOfItsClass)
+{
+    std::size_t listedFiles = 0;
+    std::size_t otherFiles = 0;
+    OnEveryHost([&](const SimHost::Host& host, SimHost::MountedHost& mounted) {
+        for (const DeviceClass& one : deviceClasses) {
+            mounted.BeginCall();
+            const DeviceAnswer list = AskFacadeForDevices(one.type);
+            std::multiset<std::string> expected;
+            for (const SystemDevice& device : list.records) {
+                expected.insert(device.vendor + "|" + device.product);
+            }
+            std::vector<std::string> names = NamesInDev();
+            if (one.type == ZDSystemDevice::SYS_DEVICE_SCSI) {
+                const char* unused = host.modprobeStatus == 0 ? "sd" : "sg";
+                names.erase(std::remove_if(names.begin(), names.end(),
+                                           [&](const std::string& name) { return name.rfind(unused, 0) == 0; }),
+                            names.end());
+            }
+            mounted.BeginCall();
+            std::multiset<std::string> listed;
+            for (const std::string& name : ZDSystemDevice::DeviceFileNames(names, one.type)) {
+                const DeviceFileAnswer answer = AskDeviceFile(one.type, "/dev/" + name, {[](const std::string&) {}});
+                if (answer.listed) {
+                    listed.insert(answer.vendor + "|" + answer.product);
+                } else {
+                    ++otherFiles;
+                }
+            }
+            EXPECT_EQ(listed, expected) << one.word;
+            listedFiles += listed.size();
+        }
+    });
+    EXPECT_GT(listedFiles, 100U);
+    EXPECT_GT(otherFiles, 20U);
+}
+
+TEST_F(Library, TheWatchIsToldOfEachFileAndOfEachFailureWithItsError)
+{
+    std::size_t failures = 0;
+    for (const unsigned int logLevel : {0U, 4U}) {
+        OnEveryHost([&](const SimHost::Host& /*host*/, SimHost::MountedHost& mounted) {
+            Log::SetSink([](unsigned /*level*/, const char* /*file*/, int /*line*/, const std::string& /*message*/) {});
+            Log::SetMinLogLevel(logLevel);
+            for (const DeviceClass& one : deviceClasses) {
+                std::string current;
+                Watch watch;
+                watch.before = [&](const std::string& deviceFile) {
+                    EXPECT_EQ(deviceFile.rfind("/dev/", 0), 0U) << deviceFile;
+                    current = deviceFile;
+                };
+                watch.after = [&](const DeviceRequest& request) {
+                    EXPECT_EQ(request.status == ZDSystemDevice::DEV_SUCCESS, request.error == 0)
+                        << current << ", request " << request.code << ", error " << request.error;
+                    EXPECT_NE(request.argument, nullptr);
+                    failures += request.error == 0 ? 0 : 1;
+                };
+                mounted.BeginCall();
+                const DeviceAnswer answer = AskForDevices(one.type, watch);
+                EXPECT_EQ(current.empty(), answer.status == ZDSystemDevice::DEVICE_RESULT_NONE) << one.word;
+            }
+            Log::SetMinLogLevel(0);
+            Log::SetSink(nullptr);
+        });
+    }
+    EXPECT_GT(failures, 50U);
+}
+
+}  // namespace
+}  // namespace ZDDevices
+}  // namespace Zendra
