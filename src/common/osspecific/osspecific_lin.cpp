@@ -180,7 +180,7 @@ OutputEnd CollectOutput(int readEnd, bool endless, int timeout, bool traced, std
         if (traced) {
             ZENDRA_LOG(4, "*output_ptr == " << output << ", appended buffer == " << buffer.data());
         }
-        // Up to the first NUL byte only, as required; a read that failed has left nothing but zeros.
+        // Up to the first NUL byte only (oddity: chunk-ends-at-nul); a read that failed has left nothing but zeros.
         output.append(buffer.data());
         if (length == 0) {
             return OutputEnd::Reached;
@@ -312,7 +312,7 @@ bool IsKeyWaiting()
     FD_ZERO(&readable);
     FD_SET(STDIN_FILENO, &readable);
     timeval noWait{0, 0};
-    // A failure counts as a waiting key, as required.
+    // A failure counts as a waiting key (oddity: failure-is-a-key).
     return select(STDIN_FILENO + 1, &readable, nullptr, nullptr, &noWait) != 0;
 }
 
@@ -428,7 +428,7 @@ int SpawnProcess(const std::string& exePath, const std::vector<std::string>& par
     const pid_t child = fork();
     if (child == -1) {
         ZENDRA_LOG(1, "Fork failed \n");
-        // The pipe and the argument copies stay behind, as required.
+        // The pipe and the argument copies stay behind (oddity: failed-fork-leaves-pipe).
         pipe.readEnd.Release();
         pipe.writeEnd.Release();
         arguments.Abandon();
@@ -492,8 +492,8 @@ int SpawnProcessIn(const std::string& exePath, const std::string& arg0, const st
         if (child == 0) {
             RunTracedChild(pipe, exePath, arguments, environment, tryflag);
         }
-        // A failed fork goes the same way, as required: the output is at its end at once, and the wait is for
-        // whatever child the caller has.
+        // A failed fork goes the same way (oddity: failed-fork-waits): the output is at its end at once, and the wait
+        // is for whatever child the caller has.
         ZENDRA_LOG(4, "Enter else for pid == 0! ");
         pipe.writeEnd.Close();
         switch (CollectOutput(pipe.readEnd.Get(), timeout < 0, timeout, true, *outputPtr)) {
@@ -588,7 +588,7 @@ std::uint16_t GetAvailablePort(const std::string& address)
             return port;
         }
     }
-    // The socket stays open, as required.
+    // The socket stays open (oddity: no-port-leaves-socket).
     return noPort;
 }
 

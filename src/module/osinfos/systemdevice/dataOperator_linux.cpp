@@ -89,9 +89,9 @@ sg_io_hdr_t MakeHeader(const ReqPassThruParam& request, SenseBuffer& sense)
 }
 
 /**
- * Sets the allocation length of a 10-byte command to 255. Required for every command, whatever its length: of
- * a 6-byte block these bytes lie in the room behind it. The blocks are shared by all threads, which write the
- * same values, hence the atomic stores.
+ * Sets the allocation length of a 10-byte command to 255, and does so for every command:
+ * (oddity: allocation-length-always) of a 6-byte block these bytes lie in the room behind it. The blocks are shared by
+ * all threads, which write the same values, hence the atomic stores.
  */
 void SetAllocationLength(unsigned char* commandBlock)
 {
@@ -111,7 +111,7 @@ bool IsRetryCondition(const SenseBuffer& sense)
 
 void LogErrorStatus(const sg_io_hdr_t& header, const SenseBuffer& sense)
 {
-    // One stream for all lines: its base stays hexadecimal once sense bytes were written, which is required.
+    // One stream for all lines: its base stays hexadecimal once sense bytes were written (oddity: hexadecimal-stays).
     std::ostringstream text;
     text.imbue(std::locale::classic());
     if (header.sb_len_wr != 0) {
@@ -124,7 +124,7 @@ void LogErrorStatus(const sg_io_hdr_t& header, const SenseBuffer& sense)
     }
     if (header.masked_status != 0) {
         text.str("");
-        // Asks for one field and writes the other, and that as a character, not as a number; required.
+        // Asks for one field and writes the other, and that as a character (oddity: raw-status-character).
         text << "SG SCSI status=" << header.status;
         ZENDRA_LOG(4, text.str());
     }
@@ -153,7 +153,7 @@ DataOperator::~DataOperator()
 
 void DataOperator::CloseDev()
 {
-    // A descriptor of 0 is never closed; required.
+    // A descriptor of 0 is never closed (oddity: zero-stays-open).
     if (fileDescriptor > 0) {
         close(fileDescriptor);
         fileDescriptor = noDescriptor;
@@ -193,7 +193,7 @@ int DataOperator::ExecPassThruCmd(ReqPassThruParam& request)
     int version = 0;
     ReqIoCtlParam ioctlRequest{request.driveName, SG_GET_VERSION_NUM, &version};
     int status = ExecIoCtl(ioctlRequest);
-    // A driver that is too old counts as success with nothing sent; required.
+    // A driver that is too old counts as success with nothing sent (oddity: old-driver-succeeds).
     if (status != DEV_SUCCESS || version < firstVersionWithSgIo) {
         ZENDRA_LOG(4, "Device do not compat with SCSI");
         return status;
@@ -216,7 +216,7 @@ int DataOperator::ExecPassThruCmd(ReqPassThruParam& request)
         }
         const bool retry = IsRetryCondition(sense);
         if (retry) {
-            // After the last attempt too; required.
+            // After the last attempt too (oddity: sleep-after-last).
             ZENDRA_LOG(4, "Retry condition...");
             sleep(secondsBetweenAttempts);
         }
@@ -227,7 +227,7 @@ int DataOperator::ExecPassThruCmd(ReqPassThruParam& request)
             break;
         }
     }
-    // The name is of another time; required.
+    // The name is of another time (oddity: exit-line-of-another).
     ZENDRA_LOG(4, "Exit scsiPassThrough::execSCSICommand().");
     return status;
 }

@@ -53,7 +53,7 @@ unsigned int DeviceCollector::GetAllDevice(std::vector<SystemDevice>& devices)
     std::size_t taken = 0;
     for (const DeviceClass& deviceClass : deviceClasses) {
         if (GetIndividualDevice(accumulated, deviceClass.type) == DEVICE_RESULT_NONE) {
-            // Records that it left all the same would count with those of the next class; required.
+            // Records that it left all the same would count with those of the next class (oddity: none-keeps-records).
             ZENDRA_LOG(4, deviceClass.noneFound);
             continue;
         }
@@ -72,7 +72,7 @@ unsigned int DeviceCollector::GetOpticalProperties(std::vector<OpticalProperty>&
     SysDevice worker(SYS_DEVICE_CDDVD);
     const unsigned int result = worker.GetOpticalData(properties);
     if (result == DEVICE_RESULT_NONE) {
-        // "Propertys" is required.
+        // "Propertys" (oddity: propertys).
         ZENDRA_LOG(4, "DeviceCollector::GetOpticalPropertys() has none cddvd devices");
     }
     ZENDRA_LOG(4, "Leave DeviceCollector::GetOpticalProperties()");
@@ -82,7 +82,7 @@ unsigned int DeviceCollector::GetOpticalProperties(std::vector<OpticalProperty>&
 unsigned int
 DeviceCollector::GetDiskDriverSoftwareIdentities(std::vector<Zendra::ZDOptions::SoftwareIdentity_>& identities)
 {
-    // The texts of this method call it GetSoftwareIdentities; required.
+    // The texts of this method call it GetSoftwareIdentities (oddity: software-identities-name).
     ZENDRA_LOG(4, "Enter DeviceCollector::GetSoftwareIdentities()");
     SysDevice worker(SYS_DEVICE_PHYSICAL_DRIVE);
     std::vector<SystemDevice> disks;
@@ -95,7 +95,7 @@ DeviceCollector::GetDiskDriverSoftwareIdentities(std::vector<Zendra::ZDOptions::
             continue;
         }
         if (IsNamedByVendor(disk)) {
-            // The product is blank, but the text speaks of the vendor; required.
+            // The product is blank, but the text speaks of the vendor (oddity: blank-product-text).
             ZENDRA_LOG(4, "GetSoftwareIdentities vendor_id_ is empty ");
         }
         const ZDOptions::SoftwareIdentity_ identity = FirmwareIdentityOf(disk);

@@ -26,7 +26,7 @@ bool IsDeviceFileName(std::string_view prefix, std::string_view name)
     if (name.substr(0, prefix.size()) != prefix) {
         return false;
     }
-    // The last letter is looked at for tapes only: nst0a is taken, and so is hda1 where sda1 is not; required.
+    // nst0a is taken where st0a is not, and hda1 where sda1 is not (oddity: nst-and-hd-take-all).
     if (prefix == DevicePrefix::tape) {
         return std::isalpha(static_cast<unsigned char>(name.back())) == 0;
     }
@@ -34,7 +34,7 @@ bool IsDeviceFileName(std::string_view prefix, std::string_view name)
         return name.back() < '0' || name.back() > '9';
     }
     if (prefix == DevicePrefix::nvmeDisk) {
-        // nvme10 is taken and nvme10n1 is not; required.
+        // nvme10 is taken and nvme10n1 is not (oddity: nvme-by-length).
         return name.size() != nvmeControllerLength && name.size() <= nvmeDiskLength;
     }
     return true;

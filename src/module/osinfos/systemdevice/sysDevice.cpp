@@ -37,7 +37,7 @@ DataProxy* SysDevice::makeDataProxy()
 unsigned int SysDevice::GetData(std::vector<SystemDevice>& out)
 {
     ZENDRA_LOG(4, "Enter SysDevice::GetData()  device_type = " << static_cast<std::int32_t>(deviceType));
-    // Not owned by a guard: a proxy whose operation throws is left as it is; required.
+    // Not owned by a guard: a proxy whose operation throws is left as it is (oddity: proxy-is-lost).
     DataProxy* const proxy = makeDataProxy();
     if (proxy == nullptr) {
         return DEVICE_RESULT_OK;

@@ -78,43 +78,6 @@ TEST_F(FirmwarePath, UnreadableDirectoryGivesNothingAndNoExitLine)
     Expect("/dev/sda", "", entry);
 }
 
-TEST_F(FirmwarePath, FirstEntryContainedInTheNameWinsInDirectoryOrder)
-{
-    ListSysBlock({"sda", "sdab"});
-    Expect("/dev/sdab", "/sys/block/sda/", entry);
-    ListSysBlock({"sdab", "sda"});
-    Expect("/dev/sdab", "/sys/block/sdab/", entry);
-    Expect("/dev/sda", "/sys/block/sda/", entry);
-}
-
-TEST_F(FirmwarePath, EntryMayStandAnywhereInTheName)
-{
-    ListSysBlock({"st0"});
-    Expect("/dev/nst0", "/sys/block/st0/", entry);
-    Expect("/dev/nst0a", "/sys/block/st0/", entry);
-    ListSysBlock({"d"});
-    Expect("/dev/sda", "/sys/block/d/", entry);
-}
-
-TEST_F(FirmwarePath, NameContainedInTheEntryIsNoMatch)
-{
-    ListSysBlock({"sdaa", "nvme0n1"});
-    Expect("/dev/sda", "", entryAndExit);
-    Expect("/dev/nvme0", "", entryAndExit);
-}
-
-TEST_F(FirmwarePath, ComparisonIsCaseSensitive)
-{
-    ListSysBlock({"SDA"});
-    Expect("/dev/sda", "", entryAndExit);
-}
-
-TEST_F(FirmwarePath, DotEntriesAreEntriesLikeOthers)
-{
-    ListSysBlock({".", "..", "sd.a"});
-    Expect("/dev/sd.a", "/sys/block/./", entry);
-}
-
 TEST_F(FirmwarePath, FirstFiveCharactersAreRemovedWhateverTheyAre)
 {
     ListSysBlock({"sda"});
@@ -167,7 +130,7 @@ TEST_F(FirmwarePath, DirectoryStreamIsClosedWhenMemoryRunsOut)
 {
     ListSysBlock({"an entry with a name that needs memory of its own", "another one of the same kind", "sda"});
     bool completed = false;
-    for (std::size_t after = 0; !completed && after < 200; ++after) {
+    for (std::size_t after = 0; !completed && after < 2000; ++after) {
         Calls().directoriesOpened = 0;
         Calls().directoriesClosed = 0;
         Allocations::FailAfter(after);
@@ -292,29 +255,7 @@ TEST_F(FirmwareFile, EveryByteOfTheFileIsKept)
 
 // ATA IDENTIFY DEVICE for sd disks
 
-class AtaUpdate : public DeviceTest {
-protected:
-    struct Updated {
-        std::string revision;
-        std::string product;
-    };
-
-    static Updated Update(const std::string& model, const std::string& revision)
-    {
-        Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", AtaData(model, revision, "SERIAL"))});
-        BusDevice device;
-        device.vendorId = "ATA";
-        device.serialNum = "kept";
-        device.hostAdapter = 7;
-        EXPECT_EQ(4U, proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
-        EXPECT_EQ("ATA", device.vendorId);
-        EXPECT_EQ("kept", device.serialNum);
-        EXPECT_EQ(7, device.hostAdapter);
-        EXPECT_EQ("", device.shortIdent);
-        EXPECT_EQ("", device.otherIdentInfo);
-        return {device.revision, device.productId};
-    }
-};
+class AtaUpdate : public DeviceTest {};
 
 TEST_F(AtaUpdate, LogsItsEntryOnly)
 {
@@ -331,51 +272,17 @@ TEST_F(AtaUpdate, LogsItsEntryOnly)
     }
 }
 
-TEST_F(AtaUpdate, EveryBlankOfTheRevisionIsDeleted)
+TEST_F(AtaUpdate, RevisionAndProductComeFromTheAnswerBehindItsHeader)
 {
-    EXPECT_EQ("1A01", Update("M", "1A01    ").revision);
-    EXPECT_EQ("1A01", Update("M", " 1A 01  ").revision);
-    EXPECT_EQ("12345678", Update("M", "12345678").revision);
-    EXPECT_EQ("", Update("M", "        ").revision);
-    EXPECT_EQ("1\t2", Update("M", "1\t2 ").revision);
-}
-
-TEST_F(AtaUpdate, RevisionEndsAtItsFirstZeroByte)
-{
-    EXPECT_EQ("1A", Update("M", std::string("1A\0BCDEF", 8)).revision);
-    EXPECT_EQ("", Update("M", std::string("\0ABCDEFG", 8)).revision);
-}
-
-TEST_F(AtaUpdate, ModelKeepsItsFirstWordOnly)
-{
-    EXPECT_EQ("WDC", Update("WDC WD5000AAKX-001CA0", "R").product);
-    EXPECT_EQ("ST3500418AS", Update("ST3500418AS", "R").product);
-    EXPECT_EQ("", Update(" LEADING", "R").product);
-    EXPECT_EQ("", Update("", "R").product);
-    EXPECT_EQ("TAB\tNO", Update("TAB\tNO CUT", "R").product);
-}
-
-TEST_F(AtaUpdate, ModelOf40CharactersIsKeptWhole)
-{
-    const std::string model = "0123456789012345678901234567890123456789";
-    EXPECT_EQ(model, Update(model, "R").product);
-}
-
-TEST_F(AtaUpdate, ModelEndsAtItsFirstZeroByte)
-{
-    EXPECT_EQ("AB", Update(std::string("AB\0CD EF", 8), "R").product);
-}
-
-TEST_F(AtaUpdate, BytesAroundTheTextsAreNotTaken)
-{
-    Bytes answer(512, 'x');
-    const Bytes texts = AtaData("MODEL", "REV", "SERIAL");
-    std::copy(texts.begin() + 46, texts.begin() + 94, answer.begin() + 46);
-    Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", answer)});
+    Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", AtaData("WDC WD40EFRX", " 1A 01  ", "SERIAL"))});
     BusDevice device;
+    device.vendorId = "ATA";
+    device.serialNum = "kept";
     EXPECT_EQ(4U, proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
-    EXPECT_EQ("REV", device.revision);
-    EXPECT_EQ("MODEL", device.productId);
+    EXPECT_EQ("ATA", device.vendorId);
+    EXPECT_EQ("WDC", device.productId);
+    EXPECT_EQ("1A01", device.revision);
+    EXPECT_EQ("kept", device.serialNum);
 }
 
 TEST_F(AtaUpdate, FailureIsReturnedAndChangesNothing)

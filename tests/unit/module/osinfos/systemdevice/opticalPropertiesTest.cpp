@@ -213,36 +213,6 @@ TEST_F(OpticalProperties, RecordIsAppended)
     EXPECT_EQ("/dev/sr0", properties[1].drive_name_);
 }
 
-TEST_F(OpticalProperties, EachCapabilityHasItsRow)
-{
-    const struct {
-        const char* row;
-        std::size_t field;
-    } rows[] = {{"Can write DVD-RAM", 0}, {"Can write CD-RW", 1}, {"Can write CD-R", 2}, {"Can read DVD", 3},
-                {"Can write DVD-R", 4},   {"Can read MRW", 5},    {"Can write MRW", 6},  {"Can write RAM", 7}};
-    for (const auto& one : rows) {
-        SCOPED_TRACE(one.row);
-        std::string expected = "{/dev/sr0}{HL-DT-ST}{DVDRAM}";
-        for (std::size_t field = 0; field < 8; ++field) {
-            expected += field == one.field ? "{Yes}" : "{No}";
-        }
-        EXPECT_EQ((Lines{expected}), RecordsOf("drive name:\tsr0\n" + std::string(one.row) + ":\t1\n"));
-        EXPECT_EQ((Lines{"{/dev/sr0}{HL-DT-ST}{DVDRAM}" + noCapabilities}),
-                  RecordsOf("drive name:\tsr0\n" + std::string(one.row) + ":\t0\n"));
-    }
-}
-
-TEST_F(OpticalProperties, OnlyTheTextOneIsYes)
-{
-    for (const char* value : {"0", "01", "11", "yes", "1 1", "1\t1", "1x", "-1"}) {
-        EXPECT_EQ((Lines{"{/dev/sr0}{HL-DT-ST}{DVDRAM}" + noCapabilities}),
-                  RecordsOf(std::string("drive name:\tsr0\nCan write CD-R:\t") + value + "\n"))
-            << value;
-    }
-    EXPECT_EQ((Lines{"{/dev/sr0}{HL-DT-ST}{DVDRAM}{No}{No}{Yes}{No}{No}{No}{No}{No}"}),
-              RecordsOf("drive name:\tsr0\n Can write CD-R \t:  \t1 \t\n"));
-}
-
 TEST_F(OpticalProperties, TwoDrivesMatchNoDeviceFileAndHaveNoCapability)
 {
     FakeHost host;
@@ -308,38 +278,6 @@ TEST_F(OpticalProperties, NineteenLinesAreIncompleteAndTwentyAreNot)
         EXPECT_EQ(L4("cat cdrom lines =      " + std::to_string(lineEnds + 1)), messages[1]);
         EXPECT_EQ(lineEnds == 18, messages[2] == L4("reading cdrom information is incomplete.")) << messages[2];
     }
-}
-
-TEST_F(OpticalProperties, RowThatOccursTwiceKeepsItsFirstValue)
-{
-    EXPECT_EQ((Lines{"{/dev/sr0}{HL-DT-ST}{DVDRAM}{No}{No}{Yes}{No}{No}{No}{No}{No}"}),
-              RecordsOf("drive name: sr0\nCan write CD-R: 1\nCan write CD-R: 0\ndrive name: sr9\n"));
-}
-
-TEST_F(OpticalProperties, OnlyRowsOfExactlyTwoPartsCount)
-{
-    EXPECT_EQ((Lines{"{}{}{}{No}{No}{No}{No}{No}{No}{No}{No}"}), RecordsOf("a:b\nCan write CD-R: 1: 1\n"));
-    EXPECT_EQ((Lines{"{}{}{}{No}{No}{Yes}{No}{No}{No}{No}{No}"}), RecordsOf("Can write CD-R::: 1\n"));
-    EXPECT_EQ(Lines(), RecordsOf("Can write CD-R 1\nno colon here\n"));
-    EXPECT_EQ(Lines(), RecordsOf("one:two:three\n"));
-}
-
-TEST_F(OpticalProperties, LineOf255CharactersIsReadAndALongerOneIsCutAndTheLast)
-{
-    const std::string row = "Can write CD-R:";
-    const auto line = [&row](std::size_t length) {
-        return row + std::string(length - row.size() - 1, ' ') + "1\nCan read DVD: 1\n";
-    };
-    EXPECT_EQ((Lines{"{}{}{}{No}{No}{Yes}{Yes}{No}{No}{No}{No}"}), RecordsOf(line(254)));
-    EXPECT_EQ((Lines{"{}{}{}{No}{No}{Yes}{Yes}{No}{No}{No}{No}"}), RecordsOf(line(255)));
-    // Cut before its value; and what follows is not read.
-    EXPECT_EQ((Lines{"{}{}{}{No}{No}{No}{No}{No}{No}{No}{No}"}), RecordsOf(line(256)));
-    EXPECT_EQ((Lines{"{}{}{}{No}{No}{No}{No}{No}{No}{No}{No}"}), RecordsOf(line(300)));
-}
-
-TEST_F(OpticalProperties, WindowsLineEndsStayInTheValues)
-{
-    EXPECT_EQ((Lines{"{/dev/sr0\r}{}{}" + noCapabilities}), RecordsOf("drive name: sr0\r\nCan write CD-R: 1\r\n"));
 }
 
 // The worker and the facade

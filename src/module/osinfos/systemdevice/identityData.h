@@ -1,0 +1,196 @@
+/**
+ * @file
+ * @brief What devices answer when they are asked who they are: where it lies in the answer, and how it is read.
+ *
+ * Turns bytes into texts of the probing record. It sends nothing, opens nothing and logs nothing, and reads no byte
+ * outside of the answer that it is given. Every text from a device is taken as it comes, up to its first NUL:
+ * it may hold any other byte. Of no use to callers of the library; not installed.
+ */
+#ifndef ZENDRA_SYSTEMDEVICE_IDENTITYDATA_H
+#define ZENDRA_SYSTEMDEVICE_IDENTITYDATA_H
+
+#include <scsi/sg.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "module/osinfos/systemdevice/busDevice.h"
+
+namespace Zendra {
+namespace ZDSystemDevice {
+
+/** A run of bytes in an answer. */
+struct Field {
+    std::size_t offset;
+    std::size_t length;
+};
+
+/** The bytes of an answer; the caller's, who keeps them while they are read. */
+class AnswerBytes {
+public:
+    /** @param first of `count` bytes that may be read. */
+    AnswerBytes(const unsigned char* first, std::size_t count) : bytes(first), size(count) {}
+
+    /** The byte at `offset`; 0 behind the end. */
+    unsigned char At(std::size_t offset) const { return offset < size ? bytes[offset] : 0; }
+
+    /** What of a field lies in the answer, up to the first NUL. */
+    std::string_view Text(Field field) const;
+
+private:
+    const unsigned char* bytes;
+    std::size_t size;
+};
+
+/** SPC standard INQUIRY data. */
+namespace Inquiry {
+/** PERIPHERAL QUALIFIER in bits 7-5, PERIPHERAL DEVICE TYPE in bits 4-0. */
+constexpr std::size_t typeByte = 0;
+/** Four of the type's five bits. */
+constexpr unsigned char typeMask = 0x0F;
+/** A connected disk. */
+constexpr unsigned char typeDisk = 0;
+/** A connected tape drive. */
+constexpr unsigned char typeTape = 1;
+/** T10 VENDOR IDENTIFICATION. */
+constexpr Field vendor{8, 8};
+/** PRODUCT IDENTIFICATION. */
+constexpr Field product{16, 16};
+/** PRODUCT REVISION LEVEL. */
+constexpr Field revision{32, 4};
+/** The three together. */
+constexpr Field identity{8, 28};
+/** Bytes that are looked at. */
+constexpr std::size_t length = 36;
+}  // namespace Inquiry
+
+/** SPC VPD page 0x80, Unit Serial Number. */
+namespace SerialPage {
+/** PAGE LENGTH, low byte. */
+constexpr std::size_t lengthByte = 3;
+/** PRODUCT SERIAL NUMBER, first byte. */
+constexpr std::size_t serialOffset = 4;
+/** The longest serial number that is taken. */
+constexpr std::size_t longestSerial = 32;
+/** The shortest one: one character counts as none (oddity: serial-of-one). */
+constexpr std::size_t shortestSerial = 2;
+/** Bytes that are looked at. */
+constexpr std::size_t length = serialOffset + longestSerial;
+}  // namespace SerialPage
+
+/** ATA IDENTIFY DEVICE, behind the four bytes of the kernel's HDIO_DRIVE_CMD. */
+namespace AtaIdentify {
+/** Command register, in the header. */
+constexpr std::size_t commandByte = 0;
+/** IDENTIFY DEVICE. */
+constexpr unsigned char command = 0xEC;
+/** Number of sectors to read, in the header. */
+constexpr std::size_t sectorCountByte = 3;
+constexpr unsigned char sectorCount = 1;
+constexpr std::size_t headerLength = 4;
+/** One sector. */
+constexpr std::size_t dataLength = 512;
+/** Words 10-19 of the data. */
+constexpr Field serialNumber{20, 20};
+/** Words 23-26 of the data. */
+constexpr Field firmwareRevision{46, 8};
+/** Words 27-46 of the data. */
+constexpr Field model{54, 40};
+/** Characters of the model that BusDevice::shortIdent takes. */
+constexpr std::size_t shortModelLength = 23;
+
+/** The argument of HDIO_DRIVE_CMD: header and data. */
+using Buffer = std::array<unsigned char, headerLength + dataLength>;
+}  // namespace AtaIdentify
+
+/** NVMe Identify Controller data (Admin command Identify). */
+namespace NvmeIdentify {
+constexpr unsigned char opcode = 0x06;
+/** CNS of the Identify Controller data structure, in command dword 10. */
+constexpr unsigned int controllerStructure = 1;
+constexpr std::size_t dataLength = 4096;
+/** Serial Number (SN) is bytes 4-23, of which the last counts as NUL. */
+constexpr std::size_t serialNumberLastByte = 23;
+constexpr Field serialNumber{4, 19};
+/** Model Number (MN) is bytes 24-63, of which the last counts as NUL. */
+constexpr std::size_t modelLastByte = 63;
+constexpr Field model{24, 39};
+/** Firmware Revision (FR) is bytes 64-71; the text runs on behind them (oddity: nvme-revision-runs-on). */
+constexpr Field firmwareRevision{64, dataLength - 64};
+}  // namespace NvmeIdentify
+
+/** The words for an SPC peripheral device type; empty for 16 and from 18 upward. */
+std::string_view DeviceTypeText(unsigned char code);
+
+/** The record's address as "Port:2|Target:0|Bus:0|Lun:0". */
+std::string AddressText(const BusDevice& bus);
+
+/**
+ * @brief Reads SPC standard INQUIRY data.
+ *
+ * Type (byte 0, its low four bits) in words, vendor (8-15), product (16-31), revision (32-35), all three as
+ * `inquiryString`. Vendor and product lose blanks and tabs at both ends; an empty product becomes the vendor. The
+ * record's address and serial number stay.
+ */
+void ReadInquiry(AnswerBytes answer, BusDevice& bus);
+
+/** What ReadSerialPage() did with a serial number. */
+enum class SerialNumber {
+    /** It stands in the record. */
+    Taken,
+    /** Longer than 32 bytes; the record has the old one. */
+    TooLong,
+    /** Of no byte or one; the record's is empty. */
+    TooShort
+};
+
+/** @brief Reads SPC VPD page 0x80: the length is byte 3, the serial number begins at byte 4. */
+SerialNumber ReadSerialPage(AnswerBytes answer, BusDevice& bus);
+
+/** The texts of ATA IDENTIFY DEVICE data, their characters in reading order. */
+struct AtaIdentity {
+    /** Words 27-46, 40 characters at most. */
+    std::string model;
+    /** Words 23-26, 8 characters at most. */
+    std::string firmwareRevision;
+    /** Words 10-19, 20 characters at most. */
+    std::string serialNumber;
+};
+
+/** HDIO_DRIVE_CMD's argument for IDENTIFY DEVICE, with room for the data. */
+AtaIdentify::Buffer AtaIdentifyRequest();
+
+/** @param buffer as HDIO_DRIVE_CMD returned it: four bytes of header, then the data. */
+AtaIdentity ReadAtaIdentity(AnswerBytes buffer);
+
+/**
+ * @brief Makes the device the one that ATA IDENTIFY DEVICE describes.
+ *
+ * The model's first word becomes the vendor and its second the product; a word that is not there leaves the record's.
+ * The revision and the serial number keep their blanks. The address stays, and becomes `otherIdentInfo`.
+ */
+void StoreAtaIdentity(const AtaIdentity& identity, BusDevice& bus);
+
+/** @brief Takes the revision, without any of its blanks, and as product the model up to its first blank. */
+void StoreAtaFirmware(const AtaIdentity& identity, BusDevice& bus);
+
+/**
+ * @brief Reads NVMe Identify Controller data: serial number (bytes 4-22), model (24-62), revision (from 64).
+ *
+ * The vendor becomes "NVMe" and the type that of a disk. No text loses its blanks; the address stays.
+ */
+void ReadNvmeIdentity(AnswerBytes answer, BusDevice& bus);
+
+/** @brief Takes the address that SG_GET_SCSI_ID answers, each number cut to 16 bits. */
+void StoreScsiId(const sg_scsi_id& answer, BusDevice& bus);
+
+/** @brief Takes what SCSI_IOCTL_GET_IDLUN packs: target in bits 0-7, LUN in 8-15, channel in 16-23. */
+void StoreIdLun(std::uint32_t packed, BusDevice& bus);
+
+}  // namespace ZDSystemDevice
+}  // namespace Zendra
+
+#endif
