@@ -67,11 +67,8 @@ public:
     virtual ~DataOperatorInterface();
 
 protected:
-    /** Only operators are made. */
     DataOperatorInterface() = default;
-    /** Only operators that allow it are copied. */
     DataOperatorInterface(const DataOperatorInterface&) = default;
-    /** Only operators that allow it are assigned. */
     DataOperatorInterface& operator=(const DataOperatorInterface&) = default;
 };
 
@@ -83,10 +80,8 @@ protected:
  */
 class ZENDRA_EXPORT DataOperator : public DataOperatorInterface {
 public:
-    /** Opens nothing. */
     DataOperator();
 
-    /** Closes what is still open. */
     ~DataOperator() override;
 
     DataOperator(const DataOperator&) = delete;

@@ -152,9 +152,7 @@ protected:
 /** Optical drives: /dev/sr*. */
 class ZENDRA_EXPORT CDDVDProxy : public DataProxy {
 public:
-    /** As DataProxy(). */
     CDDVDProxy();
-    /** Deletes the operator. */
     ~CDDVDProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
 
@@ -184,9 +182,7 @@ public:
 /** Tape drives: /dev/st*, or /dev/nst* where there is no st. */
 class ZENDRA_EXPORT TapeProxy : public DataProxy {
 public:
-    /** As DataProxy(). */
     TapeProxy();
-    /** Deletes the operator. */
     ~TapeProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
@@ -202,9 +198,7 @@ public:
 /** Disks: /dev/hd*, /dev/sd*, /dev/nvme*. */
 class ZENDRA_EXPORT PhysicalDriveProxy : public DataProxy {
 public:
-    /** As DataProxy(). */
     PhysicalDriveProxy();
-    /** Deletes the operator. */
     ~PhysicalDriveProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
@@ -242,9 +236,7 @@ public:
 /** Generic SCSI devices: /dev/sg*, or /dev/sd* where the sg module is not loaded. */
 class ZENDRA_EXPORT SCSIProxy : public DataProxy {
 public:
-    /** As DataProxy(). */
     SCSIProxy();
-    /** Deletes the operator. */
     ~SCSIProxy() override;
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;

@@ -19,19 +19,13 @@ namespace ZDSystemDevice {
 
 /** What the names of device files begin with. */
 namespace DevicePrefix {
-/** Tapes. */
 constexpr const char* tape = "st";
 /** The same tapes; closing such a file leaves the tape where it is. */
 constexpr const char* nonRewindingTape = "nst";
-/** Any SCSI device, by the sg module. */
 constexpr const char* genericScsi = "sg";
-/** Disks of the old IDE drivers. */
 constexpr const char* ideDisk = "hd";
-/** SCSI, SAS, SATA and USB disks. */
 constexpr const char* scsiDisk = "sd";
-/** NVMe disks. */
 constexpr const char* nvmeDisk = "nvme";
-/** CD, DVD and Blu-ray drives. */
 constexpr const char* optical = "sr";
 }  // namespace DevicePrefix
 

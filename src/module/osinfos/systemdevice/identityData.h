@@ -45,21 +45,16 @@ private:
     std::size_t size;
 };
 
+// docs/wire-formats.md has the standards' names of all these.
+
 /** SPC standard INQUIRY data. */
 namespace Inquiry {
-/** PERIPHERAL QUALIFIER in bits 7-5, PERIPHERAL DEVICE TYPE in bits 4-0. */
 constexpr std::size_t typeByte = 0;
-/** Four of the type's five bits. */
 constexpr unsigned char typeMask = 0x0F;
-/** A connected disk. */
 constexpr unsigned char typeDisk = 0;
-/** A connected tape drive. */
 constexpr unsigned char typeTape = 1;
-/** T10 VENDOR IDENTIFICATION. */
 constexpr Field vendor{8, 8};
-/** PRODUCT IDENTIFICATION. */
 constexpr Field product{16, 16};
-/** PRODUCT REVISION LEVEL. */
 constexpr Field revision{32, 4};
 /** The three together. */
 constexpr Field identity{8, 28};
@@ -69,56 +64,43 @@ constexpr std::size_t length = 36;
 
 /** SPC VPD page 0x80, Unit Serial Number. */
 namespace SerialPage {
-/** PAGE LENGTH, low byte. */
 constexpr std::size_t lengthByte = 3;
-/** PRODUCT SERIAL NUMBER, first byte. */
 constexpr std::size_t serialOffset = 4;
-/** The longest serial number that is taken. */
 constexpr std::size_t longestSerial = 32;
-/** The shortest one: one character counts as none (oddity: serial-of-one). */
+/** One character counts as none (oddity: serial-of-one). */
 constexpr std::size_t shortestSerial = 2;
 /** Bytes that are looked at. */
 constexpr std::size_t length = serialOffset + longestSerial;
 }  // namespace SerialPage
 
-/** ATA IDENTIFY DEVICE, behind the four bytes of the kernel's HDIO_DRIVE_CMD. */
+/** ATA IDENTIFY DEVICE: the header of the kernel's HDIO_DRIVE_CMD, and positions in the data behind it. */
 namespace AtaIdentify {
-/** Command register, in the header. */
 constexpr std::size_t commandByte = 0;
-/** IDENTIFY DEVICE. */
 constexpr unsigned char command = 0xEC;
-/** Number of sectors to read, in the header. */
 constexpr std::size_t sectorCountByte = 3;
 constexpr unsigned char sectorCount = 1;
 constexpr std::size_t headerLength = 4;
-/** One sector. */
 constexpr std::size_t dataLength = 512;
-/** Words 10-19 of the data. */
 constexpr Field serialNumber{20, 20};
-/** Words 23-26 of the data. */
 constexpr Field firmwareRevision{46, 8};
-/** Words 27-46 of the data. */
 constexpr Field model{54, 40};
 /** Characters of the model that BusDevice::shortIdent takes. */
 constexpr std::size_t shortModelLength = 23;
 
-/** The argument of HDIO_DRIVE_CMD: header and data. */
+/** Header and data. */
 using Buffer = std::array<unsigned char, headerLength + dataLength>;
 }  // namespace AtaIdentify
 
-/** NVMe Identify Controller data (Admin command Identify). */
+/** NVMe Identify Controller data. The last byte of serial number and model counts as NUL. */
 namespace NvmeIdentify {
 constexpr unsigned char opcode = 0x06;
-/** CNS of the Identify Controller data structure, in command dword 10. */
 constexpr unsigned int controllerStructure = 1;
 constexpr std::size_t dataLength = 4096;
-/** Serial Number (SN) is bytes 4-23, of which the last counts as NUL. */
-constexpr std::size_t serialNumberLastByte = 23;
 constexpr Field serialNumber{4, 19};
-/** Model Number (MN) is bytes 24-63, of which the last counts as NUL. */
-constexpr std::size_t modelLastByte = 63;
+constexpr std::size_t serialNumberLastByte = 23;
 constexpr Field model{24, 39};
-/** Firmware Revision (FR) is bytes 64-71; the text runs on behind them (oddity: nvme-revision-runs-on). */
+constexpr std::size_t modelLastByte = 63;
+/** Bytes 64-71, but the text runs on behind them (oddity: nvme-revision-runs-on). */
 constexpr Field firmwareRevision{64, dataLength - 64};
 }  // namespace NvmeIdentify
 
