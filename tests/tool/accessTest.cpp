@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "toolTests.h"
+#include "tools/zddevices/output/messages.h"
 
 namespace Zendra {
 namespace ZDDevices {

@@ -5,11 +5,11 @@
 
 #include "toolTests.h"
 #include "tools/zddevices/output/json.h"
+#include "tools/zddevices/output/messages.h"
 #include "tools/zddevices/output/table.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
-#include "tools/zddevices/records/status.h"
 
 namespace Zendra {
 namespace ZDDevices {

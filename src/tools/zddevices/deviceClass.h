@@ -8,6 +8,7 @@
 #define ZENDRA_ZDDEVICES_DEVICECLASS_H
 
 #include <array>
+#include <stdexcept>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 
@@ -39,7 +40,15 @@ constexpr std::array<DeviceClass, 4> deviceClasses = {{
  * @brief The row of a class.
  * @throws std::invalid_argument for a number that is none of the four.
  */
-const DeviceClass& ClassOf(ZDSystemDevice::SysDeviceType type);
+constexpr const DeviceClass& ClassOf(ZDSystemDevice::SysDeviceType type)
+{
+    for (const DeviceClass& one : deviceClasses) {
+        if (one.type == type) {
+            return one;
+        }
+    }
+    throw std::invalid_argument("no class of devices has this number");
+}
 
 }  // namespace ZDDevices
 }  // namespace Zendra

@@ -16,16 +16,15 @@
 #include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/doctor/doctor.h"
 #include "tools/zddevices/doctor/doctorReport.h"
-#include "tools/zddevices/exitCode.h"
 #include "tools/zddevices/options.h"
 #include "tools/zddevices/output/console.h"
 #include "tools/zddevices/output/json.h"
+#include "tools/zddevices/output/messages.h"
 #include "tools/zddevices/output/prometheus.h"
 #include "tools/zddevices/output/table.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
-#include "tools/zddevices/records/status.h"
 #include "tools/zddevices/scan/access.h"
 #include "tools/zddevices/scan/logging.h"
 #include "tools/zddevices/scan/progress.h"
@@ -35,6 +34,18 @@ namespace Zendra {
 namespace ZDDevices {
 
 namespace {
+
+/** Part of the program's interface: scripts rely on these numbers. The help text lists them. */
+enum ExitCode : int {
+    /** The scan ran, also when nothing is attached. */
+    EXIT_CODE_OK = 0,
+    /** The scan failed or its result could not be written. */
+    EXIT_CODE_FAILURE = 1,
+    /** The command line makes no sense. */
+    EXIT_CODE_USAGE = 2,
+    /** The scan ran, but there are device files that this user may not open, or classes that did not answer in time. */
+    EXIT_CODE_INCOMPLETE = 3
+};
 
 template <typename Record>
 std::string Render(const Report<Record>& report, const Options& options, const ReportOrigin& origin)
@@ -99,15 +110,9 @@ int FailUsage(const std::string& message)
     return EXIT_CODE_USAGE;
 }
 
-std::string DescribeUnanswered(const Unanswered& unanswered)
-{
-    const std::string device = unanswered.device.empty() ? "" : " (" + unanswered.device + ")";
-    return Printable("class " + unanswered.className + ": " + unanswered.failure + device);
-}
-
 int FailScan(unsigned int status)
 {
-    Complain(("the scan failed: " + StatusName(status) + " (" + std::to_string(status) + ")").c_str());
+    Complain(DescribeFailedScan(status).c_str());
     return EXIT_CODE_FAILURE;
 }
 

@@ -16,6 +16,7 @@
 
 #include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/doctor/doctorReport.h"
+#include "tools/zddevices/output/messages.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/scan/access.h"
 #include "tools/zddevices/scan/library.h"

@@ -8,9 +8,9 @@
 #include <ctime>
 #include <stdexcept>
 
+#include "tools/zddevices/output/messages.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/records/field.h"
-#include "tools/zddevices/records/status.h"
 
 namespace Zendra {
 namespace ZDDevices {

@@ -15,6 +15,13 @@
 namespace Zendra {
 namespace ZDDevices {
 
+/** Whether a scan that answered this ran: with or without devices. */
+constexpr bool ScanRan(unsigned int status)
+{
+    return status == ZDSystemDevice::DEVICE_RESULT_OK || status == ZDSystemDevice::DEV_SUCCESS ||
+           status == ZDSystemDevice::DEVICE_RESULT_NONE;
+}
+
 /** A class of devices about which there is no answer. */
 struct Unanswered {
     /** As on the command line: "disk". */

@@ -7,18 +7,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/algorithm/string/join.hpp>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <memory>
-#include <set>
 #include <system_error>
 #include <utility>
 
 #include "module/osinfos/systemdevice/deviceNames.h"
 #include "tools/zddevices/deviceClass.h"
-#include "tools/zddevices/output/text.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -140,32 +137,6 @@ std::vector<DeniedFile> FindDeniedFiles(std::optional<SysDeviceType> type)
         }
     }
     return denied;
-}
-
-std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot)
-{
-    std::vector<std::string> paths;
-    std::set<std::string> groups;
-    for (const DeniedFile& file : files) {
-        paths.push_back(Printable(file.path));
-        if (!file.group.empty()) {
-            groups.insert(Printable(file.group));
-        }
-    }
-    std::string text = std::to_string(files.size()) + (files.size() == 1 ? " device file" : " device files") +
-                       " could not be opened for lack of privilege (" + boost::algorithm::join(paths, ", ") + "); ";
-    if (files.size() == 1 && files.front().path == deviceDirectory) {
-        text = "the device files could not be listed for lack of privilege (/dev); ";
-    }
-    if (userIsRoot) {
-        return text + "even root may not here: grant this container or service access to the devices";
-    }
-    text += "run zddevices as root";
-    if (!groups.empty()) {
-        text += std::string(", or join the ") + (groups.size() == 1 ? "group " : "groups ") +
-                boost::algorithm::join(groups, ", ");
-    }
-    return text;
 }
 
 }  // namespace ZDDevices

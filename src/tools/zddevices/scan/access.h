@@ -48,9 +48,6 @@ struct DeniedFile {
  */
 std::vector<DeniedFile> FindDeniedFiles(std::optional<ZDSystemDevice::SysDeviceType> type);
 
-/** One line (without its end) that says which files these are and what to do about it. */
-std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot);
-
 }  // namespace ZDDevices
 }  // namespace Zendra
 
