@@ -1,5 +1,7 @@
 """Finds what we built: the programs that go into the guest."""
 
+import os
+import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -12,6 +14,18 @@ PROGRAM = "zddevices"
 @dataclass(frozen=True)
 class Build:
     programs: tuple  # their shared libraries come along
+
+    def install(self, root):
+        """Puts what a host gets below `root`, and returns that."""
+        trees = [path for path in self.programs[0].parents if (path / "CMakeCache.txt").exists()]
+        if not trees:
+            raise Problem(f"{self.programs[0]} is in no build tree, from which all could be installed")
+        for component in ("tools", "collector", "logger"):
+            done = subprocess.run(["cmake", "--install", trees[0], "--component", component], capture_output=True,
+                                  text=True, check=False, env={**os.environ, "DESTDIR": str(root)})
+            if done.returncode != 0:
+                raise Problem(f"cmake --install failed:\n{done.stderr}")
+        return root
 
 
 def find(directory=None):

@@ -4,6 +4,7 @@ import os
 import re
 import shutil
 import subprocess
+import uuid
 from pathlib import Path
 
 from . import programs
@@ -14,6 +15,9 @@ MODULES = (
     "sg", "sd_mod", "sr_mod", "st", "ses", "ch",
     "scsi_debug", "virtio_pci", "virtio_scsi", "virtio_console", "ahci", "ata_piix", "nvme",
 )
+
+# Of the package, what is not configuration, documentation or for another shell.
+SYSTEMD_FILES = ("/bin/", "/sbin/", "/lib/systemd/", "/usr/bin/", "/usr/lib/systemd/", "/usr/lib/tmpfiles.d/")
 
 GUEST_FILES = Path(__file__).resolve().parent.parent / "guest"
 
@@ -31,7 +35,7 @@ class Image:
             raise Problem("a static busybox is needed: install busybox-static")
         shutil.copy2(busybox, self.root / "bin" / "busybox")
         os.symlink("busybox", self.root / "bin" / "sh")
-        for name in ("init", "functions"):
+        for name in ("init", "functions", "run-steps"):
             self.add_file(GUEST_FILES / name, f"lab/{name}")
         os.symlink("lab/init", self.root / "init")
         self.add_text("etc/passwd", "root:x:0:0:root:/root:/bin/sh\nguest:x:1000:1000:guest:/tmp:/bin/sh\n")
@@ -62,6 +66,34 @@ class Image:
         self.add_file(interpreter, interpreter.lstrip("/"))
         for name, path in _libraries(source):
             self.add_file(path, f"usr/lib/{name}")
+
+    def add_tree(self, directory):
+        """Adds what stands below a directory, with the shared libraries of its programs."""
+        for path in Path(directory).rglob("*"):
+            if path.is_symlink() or path.is_file():
+                self._add_as_it_is(path, path.relative_to(directory))
+
+    def add_systemd(self):
+        """Adds systemd as its package on this host has it; it runs the steps in place of the lab's own first process."""
+        listed = subprocess.run(["dpkg-query", "--listfiles", "systemd"], capture_output=True, text=True, check=False)
+        files = [Path(line) for line in listed.stdout.splitlines() if line.startswith(SYSTEMD_FILES)]
+        if not files:
+            raise Problem("the package systemd is needed: install it")
+        for path in files:
+            if path.is_symlink() or path.is_file():
+                self._add_as_it_is(path, path.relative_to("/"))
+        self.add_file(GUEST_FILES / "lab.service", "etc/systemd/system/lab.service")
+        self.add_text("etc/systemd/system/default.target", "[Unit]\nWants=lab.service\n")
+        self.add_text("etc/machine-id", f"{uuid.uuid4().hex}\n")
+        self.add_text("etc/os-release", "ID=lab\n")
+
+    def _add_as_it_is(self, path, guest_path):
+        if path.is_symlink():
+            target = self.root / guest_path
+            target.parent.mkdir(parents=True, exist_ok=True)
+            os.symlink(os.readlink(path), target)
+        else:
+            self.add_program(path, str(guest_path))
 
     def add_modules(self, kernel, extra=(), without=()):
         """Adds the lab's modules; those of `without` are on no disk of the guest, as if the kernel had none."""

@@ -98,13 +98,17 @@ def _image(topology, build, scratch, additions):
         if found is None:
             raise Problem(f"topology {topology.name} needs the program {name} on this host")
         image.add_program(found)
+    if topology.systemd:
+        image.add_systemd()
+        image.add_tree(build.install(scratch / "installed"))
     for source, guest_path in additions:
         image.add_program(source, guest_path)
     return image
 
 
 def _environment(topology, mode):
-    values = {"labMode": mode, "labTopology": topology.name, "labHost": f"lab-{topology.name}"}
+    values = {"labMode": mode, "labTopology": topology.name, "labHost": f"lab-{topology.name}",
+              "labSystemd": "yes" if topology.systemd else "no"}
     return "".join(f"{name}={shlex.quote(value)}\n" for name, value in values.items())
 
 

@@ -84,6 +84,7 @@ class Topology(unittest.TestCase):
     modules = ()  # beyond those of image.MODULES
     without_modules = ()  # the guest has no file of these
     programs = ()  # of this host, for the guest's /usr/bin
+    systemd = False  # it is the guest's first process, and what "cmake --install" puts on a host is there
     setup = ""  # shell text; guest/functions is at hand
     steps = {}  # name -> shell text
 
