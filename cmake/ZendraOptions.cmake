@@ -1,7 +1,13 @@
-# What all our own targets share, and no target of anybody else: warnings, sanitizers, reproducible paths.
+# What all our own targets share, and no target of anybody else: warnings, sizes of offsets and times, sanitizers,
+# reproducible paths.
 
 add_library(zendra_warnings INTERFACE)
 target_compile_features(zendra_warnings INTERFACE cxx_std_17)
+# Files beyond 2 GiB and times beyond 2038 on processors of 32 bits too. Elsewhere they change nothing but the names of
+# the functions that are called (open64 in place of open).
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  target_compile_definitions(zendra_warnings INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
 target_compile_options(
   zendra_warnings
   INTERFACE

@@ -7,20 +7,22 @@
  *
  * The names are the mangled ones of Zendra::ZDSystemDevice (systemDevice.h). They are protected: the library
  * always uses these bytes, and a linker refuses a program that would copy them into itself.
+ *
+ * Types are written with % because @ begins a comment in the assembly of some processors.
  */
 	.macro block name:req, size:req, bytes:vararg
 	.globl _ZN6Zendra14ZDSystemDevice\name
 	.protected _ZN6Zendra14ZDSystemDevice\name
-	.type _ZN6Zendra14ZDSystemDevice\name, @object
+	.type _ZN6Zendra14ZDSystemDevice\name, %object
 	.size _ZN6Zendra14ZDSystemDevice\name, \size
 _ZN6Zendra14ZDSystemDevice\name:
 	.byte \bytes
 	.endm
 
-	.section .data.zendra_command_blocks, "aw", @progbits
+	.section .data.zendra_command_blocks, "aw", %progbits
 	.balign 32
 	.local zendra_command_blocks
-	.type zendra_command_blocks, @object
+	.type zendra_command_blocks, %object
 zendra_command_blocks:
 	block 11inquiry_cmdE, 6, 0x12, 0x00, 0x00, 0x00, 0x80, 0x00
 	block 8load_cmdE, 6, 0x1b, 0x00, 0x00, 0x00, 0x01, 0x00
@@ -38,14 +40,14 @@ zendra_command_blocks:
 	.size zendra_command_blocks, . - zendra_command_blocks
 
 	/* All zeros, hence not among the initialised blocks; with room of its own. */
-	.section .bss.zendra_test_unit_ready, "aw", @nobits
+	.section .bss.zendra_test_unit_ready, "aw", %nobits
 	.balign 32
 	.globl _ZN6Zendra14ZDSystemDevice15test_unit_readyE
 	.protected _ZN6Zendra14ZDSystemDevice15test_unit_readyE
-	.type _ZN6Zendra14ZDSystemDevice15test_unit_readyE, @object
+	.type _ZN6Zendra14ZDSystemDevice15test_unit_readyE, %object
 	.size _ZN6Zendra14ZDSystemDevice15test_unit_readyE, 6
 _ZN6Zendra14ZDSystemDevice15test_unit_readyE:
 	.zero 6
 	.zero 16
 
-	.section .note.GNU-stack, "", @progbits
+	.section .note.GNU-stack, "", %progbits

@@ -345,8 +345,8 @@ void Wait(const std::vector<Worker>& workers, std::optional<Duration> longest)
     if (longest) {
         const Duration wait = std::max(*longest, Duration::zero());
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(wait);
-        time.tv_sec = seconds.count();
-        time.tv_nsec = (wait - seconds).count();
+        time.tv_sec = static_cast<decltype(time.tv_sec)>(seconds.count());
+        time.tv_nsec = static_cast<decltype(time.tv_nsec)>((wait - seconds).count());
     }
     ppoll(descriptors.data(), descriptors.size(), longest ? &time : nullptr, nullptr);
 }
