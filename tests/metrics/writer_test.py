@@ -210,6 +210,8 @@ class StepTest(Case):
         fake = self.write("long", "#!/bin/sh\nseq 100000\n", 0o755)
         # Other rights are enough for a mount of one's own.
         alone = ["unshare", "--mount"] if os.geteuid() == 0 else ["unshare", "--mount", "--user", "--map-root-user"]
+        if subprocess.run([*alone, "true"], capture_output=True, check=False).returncode != 0:
+            self.skipTest("a mount namespace takes root here")
         script = ('mount -t tmpfs -o size=64k tmpfs "$2" && printf "zendra_old 1\\n" >"$2/zddevices.prom" || exit 99\n'
                   '"$1" "$2"; code=$?\n'
                   'ls -A "$2"; cat "$2/zddevices.prom"; exit $code\n')
