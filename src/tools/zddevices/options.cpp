@@ -161,7 +161,7 @@ void RefuseNonsense(const Options& options, const CLI::App& app)
         throw CLI::ValidationError("--type makes no sense with a subcommand");
     }
     if (options.command == Command::Doctor) {
-        // It writes no table, and asks the devices by itself, without the library that would log.
+        // It writes no table, and says by itself what was asked and answered.
         for (const char* option : {"--columns", "--no-headings", "--log-level"}) {
             if (app.count(option) > 0) {
                 throw CLI::ValidationError(std::string(option) + " makes no sense with doctor");
@@ -222,9 +222,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         ->type_name("0..4");
     std::string timeLimit;
     app.add_option("--timeout", timeLimit,
-                   "Ask each class in a process of its own and\n"
-                   "report those that answered after so long; the\n"
-                   "others are named")
+                   "Show what answered within this time, and name\n"
+                   "the classes that did not")
         ->type_name("SECONDS");
 
     const CLI::App* optical = AddSubcommand(app, "optical", "What the optical drive can read and write");

@@ -28,7 +28,7 @@ struct Options {
     /** For Devices: the class to list unmerged; all classes, merged, when absent. */
     std::optional<ZDSystemDevice::SysDeviceType> type;
     Format format = Format::Table;
-    /** How long to wait for the devices; without limit, and without a process for each class, when absent. */
+    /** How long to wait for the devices; without limit when absent. */
     std::optional<std::chrono::nanoseconds> timeLimit;
     /** The headings of the table's columns, in their order; empty for the columns that are usual. */
     std::vector<std::string> columns;
