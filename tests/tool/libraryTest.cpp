@@ -129,7 +129,7 @@ TEST_F(Library, EachClassAnswersWhatTheFacadeAnswers)
     OnEveryHost([&](const SimHost::Host& /*host*/, SimHost::MountedHost& mounted) {
         for (const DeviceClass& one : deviceClasses) {
             mounted.BeginCall();
-            const std::vector<std::string> expected = Everything(AskFacadeForDevices(one.type));
+            const std::vector<std::string> expected = Everything(AskForDevices(one.type, nullptr));
             Options options;
             options.type = one.type;
             for (const Options& road : Roads(options)) {
@@ -146,7 +146,7 @@ TEST_F(Library, AllClassesTogetherAreTheMergedListOfTheFacade)
     std::size_t mergedDirectly = 0;
     OnEveryHost([&](const SimHost::Host& host, SimHost::MountedHost& mounted) {
         mounted.BeginCall();
-        const std::vector<std::string> expected = Everything(AskFacadeForDevices(std::nullopt));
+        const std::vector<std::string> expected = Everything(AskForDevices(std::nullopt, nullptr));
         for (const Options& road : Roads({})) {
             if (road.logLevel || !ClassesShareFiles(host)) {
                 EXPECT_EQ(Learn(mounted, road), expected);
@@ -164,7 +164,7 @@ TEST_F(Library, FirmwareAndCapabilitiesAreThoseOfTheFacade)
         for (const Command command : {Command::Firmware, Command::Optical}) {
             mounted.BeginCall();
             const std::vector<std::string> expected =
-                command == Command::Firmware ? Everything(AskFacadeForFirmware()) : Everything(AskFacadeForOptical());
+                command == Command::Firmware ? Everything(AskForFirmware(nullptr)) : Everything(AskForOptical(nullptr));
             Options options;
             options.command = command;
             for (const Options& road : Roads(options)) {
@@ -196,7 +196,7 @@ TEST_F(Library, ADeviceFileByItselfIsListedAsInTheListOfItsClass)
     OnEveryHost([&](const SimHost::Host& host, SimHost::MountedHost& mounted) {
         for (const DeviceClass& one : deviceClasses) {
             mounted.BeginCall();
-            const DeviceAnswer list = AskFacadeForDevices(one.type);
+            const DeviceAnswer list = AskForDevices(one.type, nullptr);
             std::multiset<std::string> expected;
             for (const SystemDevice& device : list.records) {
                 expected.insert(device.vendor + "|" + device.product);
@@ -247,7 +247,7 @@ TEST_F(Library, TheWatchIsToldOfEachFileAndOfEachFailureWithItsError)
                     failures += request.error == 0 ? 0 : 1;
                 };
                 mounted.BeginCall();
-                const DeviceAnswer answer = AskForDevices(one.type, watch);
+                const DeviceAnswer answer = AskForDevices(one.type, &watch);
                 EXPECT_EQ(current.empty(), answer.status == ZDSystemDevice::DEVICE_RESULT_NONE) << one.word;
             }
             Log::SetMinLogLevel(0);

@@ -162,34 +162,19 @@ Answer<Record> Ask(const std::string& question, const Watch* watch)
 
 }  // namespace
 
-DeviceAnswer AskForDevices(ZDSystemDevice::SysDeviceType type, const Watch& watch)
+DeviceAnswer AskForDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const Watch* watch)
 {
-    return Ask<ZDSystemDevice::SystemDevice>(std::to_string(static_cast<int>(type)), &watch);
+    return Ask<ZDSystemDevice::SystemDevice>(type ? std::to_string(static_cast<int>(*type)) : "all", watch);
 }
 
-OpticalAnswer AskForOptical(const Watch& watch)
+OpticalAnswer AskForOptical(const Watch* watch)
 {
-    return Ask<ZDSystemDevice::OpticalProperty>("optical", &watch);
+    return Ask<ZDSystemDevice::OpticalProperty>("optical", watch);
 }
 
-FirmwareAnswer AskForFirmware(const Watch& watch)
+FirmwareAnswer AskForFirmware(const Watch* watch)
 {
-    return Ask<ZDOptions::SoftwareIdentity_>("firmware", &watch);
-}
-
-DeviceAnswer AskFacadeForDevices(std::optional<ZDSystemDevice::SysDeviceType> type)
-{
-    return Ask<ZDSystemDevice::SystemDevice>(type ? std::to_string(static_cast<int>(*type)) : "all", nullptr);
-}
-
-OpticalAnswer AskFacadeForOptical()
-{
-    return Ask<ZDSystemDevice::OpticalProperty>("optical", nullptr);
-}
-
-FirmwareAnswer AskFacadeForFirmware()
-{
-    return Ask<ZDOptions::SoftwareIdentity_>("firmware", nullptr);
+    return Ask<ZDOptions::SoftwareIdentity_>("firmware", watch);
 }
 
 /** No device file answers. */

@@ -57,26 +57,14 @@ std::optional<Frame> ReadFrame(std::string_view bytes)
 
 std::string FrameBytes(const Frame& frame)
 {
+    std::string body(1, static_cast<char>(frame.kind));
+    for (const std::string& text : frame.texts) {
+        AppendLength(text.size(), body);
+        body += text;
+    }
     std::string bytes;
-    std::size_t size = sizeof(frame.kind);
-    for (const std::string& text : frame.texts) {
-        size += sizeof(Length) + text.size();
-    }
-    bytes.reserve(sizeof(Length) + size);
-    AppendLength(size, bytes);
-    bytes += static_cast<char>(frame.kind);
-    for (const std::string& text : frame.texts) {
-        AppendLength(text.size(), bytes);
-        bytes += text;
-    }
-    return bytes;
-}
-
-void FrameReader::Append(const char* bytes, std::size_t size)
-{
-    if (!broken) {
-        received.append(bytes, size);
-    }
+    AppendLength(body.size(), bytes);
+    return bytes + body;
 }
 
 std::optional<Frame> FrameReader::Next()
@@ -86,16 +74,9 @@ std::optional<Frame> FrameReader::Next()
     if (!length || (*length <= longestFrame && *length > rest.size())) {
         return std::nullopt;
     }
-    std::optional<Frame> frame;
-    if (*length <= longestFrame) {
-        frame = ReadFrame(rest.substr(0, *length));
-    }
-    if (frame) {
-        received.erase(0, sizeof(Length) + *length);
-    } else {
-        broken = true;
-        received.clear();
-    }
+    const std::optional<Frame> frame = *length <= longestFrame ? ReadFrame(rest.substr(0, *length)) : std::nullopt;
+    broken = !frame;
+    received.erase(0, broken ? received.size() : sizeof(Length) + *length);
     return frame;
 }
 

@@ -35,10 +35,10 @@ constexpr std::size_t longestFrame = 64UL * 1024 * 1024;
 
 std::string FrameBytes(const Frame& frame);
 
-/** Makes frames of bytes that come in pieces. Holds one frame's bytes at most, and a piece. */
+/** Makes frames of bytes that come in pieces. Holds no more than one frame's bytes and a piece. */
 class FrameReader {
 public:
-    void Append(const char* bytes, std::size_t size);
+    void Append(const char* bytes, std::size_t size) { received.append(bytes, broken ? 0 : size); }
 
     /** The next whole frame; none while there is none, and for ever when what came is no frame. */
     std::optional<Frame> Next();

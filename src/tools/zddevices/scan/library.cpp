@@ -63,52 +63,42 @@ unsigned int AskFile(Proxy& proxy, BusDevice& bus, std::string& path)
 
 }  // namespace
 
-DeviceAnswer AskForDevices(SysDeviceType type, const Watch& watch)
+DeviceAnswer AskForDevices(std::optional<SysDeviceType> type, const Watch* watch)
 {
     DeviceAnswer answer;
-    answer.status = WithProxy(type, watch, [&](auto& proxy) { return proxy.GetDeviceList(answer.records); });
+    if (watch != nullptr) {
+        answer.status =
+            WithProxy(type.value(), *watch, [&](auto& proxy) { return proxy.GetDeviceList(answer.records); });
+    } else if (type) {
+        answer.status = ZDSystemDevice::DeviceCollector().GetIndividualDevice(answer.records, *type);
+    } else {
+        answer.status = ZDSystemDevice::DeviceCollector().GetAllDevice(answer.records);
+    }
     return answer;
 }
 
-OpticalAnswer AskForOptical(const Watch& watch)
+OpticalAnswer AskForOptical(const Watch* watch)
 {
     OpticalAnswer answer;
-    answer.status = Watched<CDDVDProxy>(watch).GetCDDVDOptList(answer.records);
+    answer.status = watch != nullptr ? Watched<CDDVDProxy>(*watch).GetCDDVDOptList(answer.records)
+                                     : ZDSystemDevice::DeviceCollector().GetOpticalProperties(answer.records);
     return answer;
 }
 
-FirmwareAnswer AskForFirmware(const Watch& watch)
+FirmwareAnswer AskForFirmware(const Watch* watch)
 {
+    FirmwareAnswer answer;
+    if (watch == nullptr) {
+        answer.status = ZDSystemDevice::DeviceCollector().GetDiskDriverSoftwareIdentities(answer.records);
+        return answer;
+    }
     const DeviceAnswer disks = AskForDevices(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, watch);
-    FirmwareAnswer answer{disks.status, {}};
+    answer.status = disks.status;
     for (const ZDSystemDevice::SystemDevice& disk : disks.records) {
         if (ZDSystemDevice::HasFirmwareIdentity(disk)) {
             answer.records.push_back(ZDSystemDevice::FirmwareIdentityOf(disk));
         }
     }
-    return answer;
-}
-
-DeviceAnswer AskFacadeForDevices(std::optional<SysDeviceType> type)
-{
-    ZDSystemDevice::DeviceCollector collector;
-    DeviceAnswer answer;
-    answer.status =
-        type ? collector.GetIndividualDevice(answer.records, *type) : collector.GetAllDevice(answer.records);
-    return answer;
-}
-
-OpticalAnswer AskFacadeForOptical()
-{
-    OpticalAnswer answer;
-    answer.status = ZDSystemDevice::DeviceCollector().GetOpticalProperties(answer.records);
-    return answer;
-}
-
-FirmwareAnswer AskFacadeForFirmware()
-{
-    FirmwareAnswer answer;
-    answer.status = ZDSystemDevice::DeviceCollector().GetDiskDriverSoftwareIdentities(answer.records);
     return answer;
 }
 

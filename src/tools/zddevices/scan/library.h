@@ -30,24 +30,16 @@ using OpticalAnswer = Answer<ZDSystemDevice::OpticalProperty>;
 using FirmwareAnswer = Answer<ZDOptions::SoftwareIdentity_>;
 
 /**
- * @name What the library's facade answers, come by through its proxies, so that `watch` is told of each request.
+ * @name What the library's facade answers.
  *
- * The library logs less then than it does in the facade.
+ * With a watch, which is told of each request, the facade's proxies are asked in its place: of its log their part is
+ * then written.
  * @{
  */
-DeviceAnswer AskForDevices(ZDSystemDevice::SysDeviceType type, const Watch& watch);
-OpticalAnswer AskForOptical(const Watch& watch);
-FirmwareAnswer AskForFirmware(const Watch& watch);
-/** @} */
-
-/**
- * @name What the library's facade answers, with its whole log.
- * @{
- */
-/** Without a class: all devices, merged. */
-DeviceAnswer AskFacadeForDevices(std::optional<ZDSystemDevice::SysDeviceType> type);
-OpticalAnswer AskFacadeForOptical();
-FirmwareAnswer AskFacadeForFirmware();
+/** @param type absent for all devices, merged; never with a watch. */
+DeviceAnswer AskForDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const Watch* watch);
+OpticalAnswer AskForOptical(const Watch* watch);
+FirmwareAnswer AskForFirmware(const Watch* watch);
 /** @} */
 
 /** What the library makes of one device file. */

@@ -63,20 +63,7 @@ std::optional<unsigned int> TakeAnswer(std::optional<Strings> answer, std::optio
     return status;
 }
 
-Strings AskFacade(const Question& question)
-{
-    switch (question.subject) {
-    case Subject::Firmware:
-        return TextsOfAnswer(AskFacadeForFirmware());
-    case Subject::Capabilities:
-        return TextsOfAnswer(AskFacadeForOptical());
-    case Subject::Devices:
-        break;
-    }
-    return TextsOfAnswer(AskFacadeForDevices(question.deviceClass));
-}
-
-Strings AskWatched(const Question& question, const Watch& watch)
+Strings Ask(const Question& question, const Watch* watch)
 {
     switch (question.subject) {
     case Subject::Firmware:
@@ -86,7 +73,7 @@ Strings AskWatched(const Question& question, const Watch& watch)
     case Subject::Devices:
         break;
     }
-    return TextsOfAnswer(AskForDevices(question.deviceClass.value(), watch));
+    return TextsOfAnswer(AskForDevices(question.deviceClass, watch));
 }
 
 std::optional<unsigned int> TakeAnswerOf(const Question& question, std::optional<Strings> answer, Inventory& inventory)
@@ -147,6 +134,7 @@ std::vector<Question> QuestionsOf(const Options& options)
         return {Question{}};
     }
     std::vector<Question> questions;
+    questions.reserve(deviceClasses.size());
     for (const DeviceClass& one : deviceClasses) {
         questions.push_back({one.type});
     }
@@ -160,14 +148,17 @@ Inventory TakeInventory(const Options& options, Observer* observer)
 {
     const std::vector<Question> questions = QuestionsOf(options);
     std::vector<Task> tasks;
+    tasks.reserve(questions.size());
     for (const Question& question : questions) {
         tasks.emplace_back([&question, logs = LibraryLogs(options)](const NoteDeviceFile& noteDeviceFile) {
-            return logs ? AskFacade(question) : AskWatched(question, {noteDeviceFile});
+            const Watch watch{noteDeviceFile};
+            return Ask(question, logs ? nullptr : &watch);
         });
     }
     std::vector<Outcome> outcomes =
         RunWorkers(tasks, options.timeLimit, observer, LibraryLogs(options) ? 1 : allAtOnce);
     Inventory inventory;
+    inventory.questions.reserve(questions.size());
     for (std::size_t i = 0; i < questions.size(); ++i) {
         Outcome& outcome = outcomes[i];
         if (outcome.threw && !options.timeLimit) {

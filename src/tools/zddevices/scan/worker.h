@@ -81,7 +81,7 @@ constexpr std::size_t allAtOnce = std::numeric_limits<std::size_t>::max();
  * What workers write to standard error, log messages included, is passed on line by line; what they write to
  * standard output is lost. When this process dies, its workers are killed.
  *
- * To be called while the process has one thread.
+ * To be called while the process has one thread. SIGCHLD has its default action from then on.
  *
  * @return the outcomes, in the order of the tasks.
  * @throws std::bad_alloc.
