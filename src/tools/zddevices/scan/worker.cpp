@@ -210,13 +210,15 @@ public:
         }
     }
 
-    /** It cannot be ended. */
+    /** If it is still there, it cannot be ended. */
     void Leave(Observer* observer)
     {
-        process = noProcess;
-        PassOn(unwritten.size(), observer);
-        GiveUp(late);
-        End();
+        if (IsRunning()) {
+            process = noProcess;
+            PassOn(unwritten.size(), observer);
+            GiveUp(late);
+            End();
+        }
     }
 
 private:
@@ -377,27 +379,18 @@ std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Du
             }
         }
         const Duration passed = Clock::now() - started;
-        if (limit && passed >= *limit + graceAfterKill && killed) {
+        if (limit && passed >= (killed ? *limit + graceAfterKill : *limit)) {
             for (Worker& worker : workers) {
-                if (worker.IsRunning()) {
-                    worker.Leave(observer);
-                }
+                killed ? worker.Leave(observer) : worker.BeLate(*limit);
             }
-        } else if (limit && passed >= *limit && !killed) {
             killed = true;
-            for (Worker& worker : workers) {
-                worker.BeLate(*limit);
-            }
         }
         if (observer != nullptr && !running.empty()) {
             observer->StillRunning(running);
         }
     }
-    std::vector<Outcome> outcomes;
-    outcomes.reserve(workers.size());
-    for (Worker& worker : workers) {
-        outcomes.push_back(worker.TakeOutcome());
-    }
+    std::vector<Outcome> outcomes(workers.size());
+    std::transform(workers.begin(), workers.end(), outcomes.begin(), [](Worker& one) { return one.TakeOutcome(); });
     return outcomes;
 }
 
