@@ -74,7 +74,7 @@ std::optional<Frame> FrameReader::Next()
     if (!length || (*length <= longestFrame && *length > rest.size())) {
         return std::nullopt;
     }
-    const std::optional<Frame> frame = *length <= longestFrame ? ReadFrame(rest.substr(0, *length)) : std::nullopt;
+    std::optional<Frame> frame = *length <= longestFrame ? ReadFrame(rest.substr(0, *length)) : std::nullopt;
     broken = !frame;
     received.erase(0, broken ? received.size() : sizeof(Length) + *length);
     return frame;

@@ -271,9 +271,7 @@ private:
             const ssize_t count = read(pipe.Get(), chunk.data(), chunk.size());
             if (count == 0) {
                 pipe.Close();
-            } else if (count < 0 && errno != EINTR) {
-                return;
-            } else if (count > 0 && !take(chunk.data(), static_cast<std::size_t>(count))) {
+            } else if (count < 0 ? errno != EINTR : !take(chunk.data(), static_cast<std::size_t>(count))) {
                 return;
             }
         }
