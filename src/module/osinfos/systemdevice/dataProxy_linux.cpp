@@ -12,9 +12,9 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <new>
 #include <optional>
@@ -281,26 +281,22 @@ unsigned int DataProxy::ScanDeviceFiles(std::string& prefix, std::vector<std::st
 
 void DataProxy::StoreBusDev(BusDevice& bus, std::vector<SystemDevice>& devices)
 {
-    SystemDevice record{bus.vendorId,
-                        bus.productId,
-                        bus.deviceType,
-                        bus.serialNum,
-                        bus.revision,
-                        std::to_string(bus.hostAdapter),
-                        std::to_string(bus.targetId),
-                        std::to_string(bus.bus),
-                        std::to_string(bus.lun)};
+    const std::string port = std::to_string(bus.hostAdapter);
+    const std::string target = std::to_string(bus.targetId);
+    const std::string channel = std::to_string(bus.bus);
+    const std::string lun = std::to_string(bus.lun);
+    // Composed on every call, whatever the log level (oddity: trace-always-composed).
+    const std::string trace = Concatenate(
+        "vendor id: ", bus.vendorId, " productId: ", bus.productId, " deviceType: ", bus.deviceType,
+        " serialNum: ", bus.serialNum, " rev: ", bus.revision, " host adapter: ", port, " target ID: ", target, " bus ",
+        channel, " lun ", lun, " devId: ", bus.devId, "  otherIdentInfo: ", bus.otherIdentInfo, "\n");
+    ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << trace);
+    SystemDevice record{bus.vendorId, bus.productId, bus.deviceType, bus.serialNum, bus.revision, port, target, channel,
+                        lun};
     // sysfs ends its texts with a line feed.
     if (!bus.revision.empty() && bus.revision.back() == '\n') {
         record.firmware_revision.pop_back();
     }
-    // Composed on every call, whatever the log level (oddity: trace-always-composed).
-    const std::string trace =
-        Concatenate("vendor id: ", bus.vendorId, " productId: ", bus.productId, " deviceType: ", bus.deviceType,
-                    " serialNum: ", bus.serialNum, " rev: ", bus.revision, " host adapter: ", record.port,
-                    " target ID: ", record.target, " bus ", record.bus, " lun ", record.lun, " devId: ", bus.devId,
-                    "  otherIdentInfo: ", bus.otherIdentInfo, "\n");
-    ZENDRA_LOG(4, "DataProxy::StoreBusDev   " << trace);
     devices.push_back(std::move(record));
 }
 
@@ -375,8 +371,8 @@ int DataProxy::SendRcvIOCTLCMD(ReqIoCtlParam& param, BusDevice& bus)
         bus.hostAdapter = static_cast<std::uint16_t>(CopyAnswer<int>(param.ioctlData));
         break;
     case HDIO_DRIVE_CMD: {
-        const AtaIdentity identity = ReadAtaIdentity(
-            {static_cast<const unsigned char*>(param.ioctlData), std::tuple_size<AtaIdentify::Buffer>::value});
+        const AtaIdentity identity =
+            ReadAtaIdentity({static_cast<const unsigned char*>(param.ioctlData), sizeof(AtaIdentify::Buffer)});
         ZENDRA_LOG(4, identity.model);
         StoreAtaIdentity(identity, bus);
         break;

@@ -401,6 +401,26 @@ TEST_F(StoreBusDevTest, TraceTextIsComposedWhateverTheLogLevel)
     EXPECT_EQ(Lines(), Trace::Take());
 }
 
+TEST_F(StoreBusDevTest, TraceIsLoggedBeforeMemoryRunsOutForTheRecord)
+{
+    Scripted<TapeProxy> proxy;
+    for (const std::size_t lacking : {sizeof(SystemDevice), std::size_t{101}}) {
+        BusDevice device = FilledDevice();
+        // The trace is longer than a record, so that no part of it asks for the memory that is lacking.
+        device.vendorId = std::string(100, 'v');
+        device.devId = std::string(1000, 'd');
+        std::vector<SystemDevice> devices;
+        Trace::Take();
+        Zendra::Log::SetMinLogLevel(4);
+        Allocations::FailNextOfSize(lacking);
+        EXPECT_THROW(proxy.StoreBusDev(device, devices), std::bad_alloc);
+        EXPECT_TRUE(Allocations::StopFailing());
+        Zendra::Log::SetMinLogLevel(0);
+        EXPECT_EQ(1U, Trace::Take().size());
+        EXPECT_EQ(0U, devices.size());
+    }
+}
+
 TEST_F(StoreBusDevTest, MemoryExhaustionReachesTheCallerWithTheVectorUnchangedOrExtended)
 {
     Scripted<TapeProxy> proxy;
