@@ -15,6 +15,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <stdexcept>
 
 #include "toolTests.h"
 #include "tools/zddevices/doctor/doctorReport.h"
@@ -413,6 +414,8 @@ TEST(Doctor, ACheckedFileComesThroughBetweenProcessesWhole)
     ASSERT_EQ(copy.requests.size(), 2U);
     EXPECT_EQ(copy.requests[0].error, EIO);
     EXPECT_EQ(copy.requests[1].remark, "odd");
+    EXPECT_THROW(CheckedFileFrom({}), std::runtime_error);
+    EXPECT_THROW(CheckedFileFrom({"/dev/st0", "", "0", "x", "", ""}), std::runtime_error);
 }
 
 TEST(Doctor, FilesAreAskedInWorkersAndKeepTheirOrder)

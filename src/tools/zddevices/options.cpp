@@ -232,7 +232,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                                              "without RAID volumes and M.2 disks");
     const CLI::App* doctor = AddSubcommand(app, "doctor",
                                            "What this host lets the library see, and what\n"
-                                           "to do where that is not everything");
+                                           "to do where that is not everything. Loads the\n"
+                                           "sg driver, as every scan does");
     app.require_subcommand(0, 1);
 
     try {
