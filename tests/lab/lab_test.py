@@ -88,6 +88,12 @@ class CommandLineTest(unittest.TestCase):
         self.assertIn("there is no topology 'nowhere'", done.stderr)
         self.assertEqual("", done.stdout)
 
+    def test_a_topology_is_refused_on_an_architecture_that_lacks_its_devices(self):
+        done = subprocess.run([HERE / "lab", "run", "--arch", "s390x", "one-of-each"], capture_output=True, text=True,
+                              check=False)
+        self.assertEqual(125, done.returncode)
+        self.assertIn("topology one-of-each is for amd64, not for s390x", done.stderr)
+
     def test_every_topology_is_a_test(self):
         listed = subprocess.run([HERE / "lab", "list"], capture_output=True, text=True, check=True).stdout
         names = {line.split()[0] for line in listed.splitlines()}

@@ -5,6 +5,7 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
+from . import architecture
 from .problem import Problem
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -28,8 +29,12 @@ class Build:
         return root
 
 
-def find(directory=None):
-    """The build in `directory` (a build tree or an installation), or the best one below the repository."""
+def find(directory=None, arch=None):
+    """The build in `directory` (a build tree or an installation), or the best one for `arch` below the repository."""
+    if directory is None and arch is not None and arch != architecture.native():
+        directory = ROOT / "build" / "cross" / arch
+        if _program(directory) is None:
+            raise Problem(f"{directory} holds no {PROGRAM}: run scripts/cross {arch}")
     if directory is not None:
         program = _program(Path(directory))
         if program is None:

@@ -7,14 +7,12 @@ import subprocess
 import uuid
 from pathlib import Path
 
-from . import programs
+from . import architecture, programs
+from . import kernel as kernels
 from .problem import Problem
 
 # What a guest can load. Their dependencies come along.
-MODULES = (
-    "sg", "sd_mod", "sr_mod", "st", "ses", "ch",
-    "scsi_debug", "virtio_pci", "virtio_scsi", "virtio_console", "ahci", "ata_piix", "nvme",
-)
+MODULES = ("sg", "sd_mod", "sr_mod", "st", "ses", "ch", "virtio_scsi", "virtio_console", "nvme")
 
 # Of the package, what is not configuration, documentation or for another shell.
 SYSTEMD_FILES = ("/bin/", "/sbin/", "/lib/systemd/", "/usr/bin/", "/usr/lib/systemd/", "/usr/lib/tmpfiles.d/")
@@ -25,13 +23,15 @@ GUEST_FILES = Path(__file__).resolve().parent.parent / "guest"
 class Image:
     """Gathers the files below `root`; write() makes the archive that the kernel unpacks."""
 
-    def __init__(self, root):
+    def __init__(self, root, machine=None):
         self.root = Path(root)
+        self.machine = machine or architecture.find()
+        self.host = kernels.guest_root(self.machine)
         for directory in ("bin", "sbin", "usr/bin", "usr/sbin", "usr/lib", "lib64", "etc", "dev", "proc", "sys",
                           "tmp", "root", "lab/steps"):
             (self.root / directory).mkdir(parents=True, exist_ok=True)
-        busybox = programs.find("busybox")
-        if busybox is None or _interpreter(busybox) is not None:
+        busybox = self._program_of_guest("busybox")
+        if busybox is None or _is_dynamic(busybox):
             raise Problem("a static busybox is needed: install busybox-static")
         shutil.copy2(busybox, self.root / "bin" / "busybox")
         os.symlink("busybox", self.root / "bin" / "sh")
@@ -41,7 +41,12 @@ class Image:
         self.add_text("etc/passwd", "root:x:0:0:root:/root:/bin/sh\nguest:x:1000:1000:guest:/tmp:/bin/sh\n")
         self.add_text("etc/group", "root:x:0:\nguest:x:1000:\n")
         # The kernel asks for its modules through /sbin/modprobe, as the library does through the shell.
-        self.add_program(programs.need("kmod"), "sbin/modprobe")
+        self.add_program(self._program_of_guest("kmod"), "sbin/modprobe")
+
+    def _program_of_guest(self, name):
+        if self.machine.is_native:
+            return programs.find(name)
+        return next((path for path in (self.host / "bin" / name, self.host / "usr/bin" / name) if path.exists()), None)
 
     def add_file(self, source, guest_path):
         target = self.root / guest_path
@@ -60,12 +65,9 @@ class Image:
         if not source.is_file():
             raise Problem(f"{source} does not exist")
         self.add_file(source, guest_path or f"usr/bin/{source.name}")
-        interpreter = _interpreter(source)
-        if interpreter is None:
-            return
-        self.add_file(interpreter, interpreter.lstrip("/"))
-        for name, path in _libraries(source):
-            self.add_file(path, f"usr/lib/{name}")
+        needed = _needed_here(source) if self.machine.is_native else _needed_elsewhere(source, self.machine)
+        for path, guest_library in needed.items():
+            self.add_file(path, guest_library)
 
     def add_tree(self, directory):
         """Adds what stands below a directory, with the shared libraries of its programs."""
@@ -102,7 +104,7 @@ class Image:
             path, _, needed = line.partition(":")
             dependencies[_module_name(path)] = [path, *needed.split()]
         target = Path("lib/modules") / kernel.release
-        for module in (*MODULES, *extra):
+        for module in (*MODULES, *self.machine.modules, *extra):
             if module in without:
                 continue
             if module not in dependencies:
@@ -127,23 +129,66 @@ def _module_name(path):
     return Path(path).name.partition(".")[0].replace("-", "_")
 
 
-def _interpreter(program):
-    """The path of the dynamic loader that a program names, or None for a static program or a script."""
+def _is_elf(program):
     with open(program, "rb") as stream:
-        if stream.read(4) != b"\x7fELF":
-            return None
-    listed = subprocess.run([programs.need("ldd"), str(program)], capture_output=True, text=True, check=False)
-    if listed.returncode != 0:
-        return None
-    found = re.search(r"(/\S*/ld-linux\S*)", listed.stdout)
-    return found.group(1) if found else None
+        return stream.read(4) == b"\x7fELF"
 
 
-def _libraries(program):
+def _is_dynamic(program):
+    return _is_elf(program) and _dynamic_section(program) != {}
+
+
+def _dynamic_section(program):
+    """Of a program of any architecture: tag -> values. Empty for a static one."""
+    listed = programs.run("readelf", "--dynamic", "--program-headers", "--wide", str(program))
+    section = {}
+    for tag, value in re.findall(r"\((NEEDED|RUNPATH|RPATH)\).*\[(.*)\]", listed):
+        section.setdefault(tag, []).append(value)
+    for value in re.findall(r"Requesting program interpreter: (.*)\]", listed):
+        section["loader"] = [value]
+    return section
+
+
+def _needed_here(program):
+    """What a program of this host loads: path -> path in the guest."""
+    if not _is_elf(program):
+        return {}
     listed = subprocess.run([programs.need("ldd"), str(program)], capture_output=True, text=True, check=False)
-    for line in listed.stdout.splitlines():
+    needed = {}
+    for line in listed.stdout.splitlines() if listed.returncode == 0 else ():
         if "not found" in line:
             raise Problem(f"{program}: {line.strip()}")
-        found = re.match(r"\s*(\S+) => (/\S+)", line)
-        if found:
-            yield found.group(1), found.group(2)
+        library = re.match(r"\s*(\S+) => (/\S+)", line)
+        loader = re.search(r"(/\S*/ld-linux\S*)", line)
+        if library:
+            needed[library.group(2)] = f"usr/lib/{library.group(1)}"
+        elif loader:
+            needed[loader.group(1)] = loader.group(1).lstrip("/")
+    return needed
+
+
+def _needed_elsewhere(program, machine):
+    """The same of a program that this host cannot run: looked for as its loader would do it."""
+    root = kernels.guest_root(machine)
+    defaults = [root / directory for directory in (f"lib/{machine.libraries}", f"usr/lib/{machine.libraries}",
+                                                   "lib", "usr/lib")]
+    needed, waiting = {}, [Path(program)]
+    while waiting:
+        file = waiting.pop()
+        section = _dynamic_section(file) if _is_elf(file) else {}
+        for loader in section.get("loader", ()):
+            place = root / loader.lstrip("/")
+            # On some architectures the well-known name is a link with a path from the root.
+            needed[root / os.readlink(place).lstrip("/") if place.is_symlink() and os.readlink(place).startswith("/")
+                   else place] = loader.lstrip("/")
+        own = [Path(directory.replace("$ORIGIN", str(file.parent)))
+               for paths in section.get("RUNPATH", section.get("RPATH", [])) for directory in paths.split(":")]
+        for name in section.get("NEEDED", ()):
+            if f"usr/lib/{name}" in needed.values():
+                continue
+            found = next((place / name for place in (*own, *defaults) if (place / name).is_file()), None)
+            if found is None:
+                raise Problem(f"{file} needs {name}, which is neither beside it nor in {root}")
+            needed[found] = f"usr/lib/{name}"
+            waiting.append(found)
+    return needed

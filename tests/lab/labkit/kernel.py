@@ -2,23 +2,28 @@
 
 The cache is ${XDG_CACHE_HOME:-~/.cache}/zendra-lab/PACKAGE_VERSION/ with boot/vmlinuz-* and lib/modules/*. An entry
 is prepared under another name and renamed into place, so whoever finds it finds it whole. What was downloaded stays
-until then, for the next try.
+until then, for the next try. A kernel of another architecture comes with programs for its guest: guest-ARCH/ holds
+busybox, kmod and the libraries that our own programs take.
 """
 
+import contextlib
 import fcntl
 import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
-from . import programs
+from . import architecture, programs
 from .problem import Problem
 
-METAPACKAGE = "linux-image-amd64"
+# What a guest of another architecture takes besides our programs, with all that it depends on.
+GUEST_PACKAGES = ("busybox-static", "kmod", "libstdc++6", "libsmartcols1")
+
+# Knows the mirror of this host.
+DEBIAN_ROOT = Path(__file__).resolve().parents[3] / "scripts" / "debian-root"
 
 # No topology has use for these; together they are most of the 400 MB.
 LEFT_OUT = ("drivers/net", "drivers/gpu", "drivers/media", "drivers/infiniband", "drivers/staging", "sound")
@@ -30,6 +35,7 @@ class Kernel:
     release: str  # what uname -r says in the guest
     image: Path
     root: Path  # holds lib/modules/RELEASE
+    machine: architecture.Architecture
 
     @property
     def modules(self):
@@ -41,23 +47,30 @@ def cache_directory():
     return Path(base) / "zendra-lab"
 
 
-def cached():
+def cached(machine=None):
     """The kernel of the newest complete cache entry, or None."""
-    cache = cache_directory()
-    entries = [entry for entry in cache.glob("linux-image-*") if (entry / "complete").exists()]
+    machine = machine or architecture.find()
+    entries = [entry for entry in cache_directory().glob(f"linux-image-*-{machine.name}_*")
+               if (entry / "complete").exists()]
     if not entries:
         return None
     newest = max(entries, key=lambda entry: (entry / "complete").stat().st_mtime)
-    return _load(newest)
+    return _load(newest, machine)
 
 
-def get():
+def get(machine=None):
     """The cached kernel; downloads one first where there is none."""
-    return cached() or prepare()
+    return cached(machine) or prepare(machine)
 
 
-def prepare():
+def guest_root(machine):
+    """The directory that holds busybox, kmod and libraries for a guest: this host's own root, or that of its kind."""
+    return Path("/") if machine.is_native else cache_directory() / f"guest-{machine.name}"
+
+
+def prepare(machine=None):
     """Makes sure that the kernel that apt offers now is in the cache, and returns it."""
+    machine = machine or architecture.find()
     # Before the download, which takes a while.
     for program in ("apt-cache", "apt-get", "dpkg-deb", "depmod"):
         programs.need(program)
@@ -67,17 +80,62 @@ def prepare():
         fcntl.flock(lock, fcntl.LOCK_EX)
         for abandoned in cache.glob("preparing-*"):
             shutil.rmtree(abandoned, ignore_errors=True)
-        package, version = _candidate()
-        if not (_entry(package, version) / "complete").exists():
-            archive = _archive(package, version)
-            if not archive.exists():
-                print(f"Downloading Debian's kernel {version}", file=sys.stderr, flush=True)
-                package, version = _download(package, version)
+        with _apt_options(machine) as apt:
+            if not machine.is_native:
+                _prepare_guest(machine, apt)
+            package, version = _candidate(machine, apt)
+            if not (_entry(package, version) / "complete").exists():
                 archive = _archive(package, version)
-            _unpack(package, version, archive)
-            for done in cache.glob("*.deb"):
-                done.unlink()
-        return _load(_entry(package, version))
+                if not archive.exists():
+                    package, version = _download(machine, apt, package, version)
+                    archive = _archive(package, version)
+                _unpack(package, version, archive)
+                for done in cache.glob("*.deb"):
+                    done.unlink()
+            return _load(_entry(package, version), machine)
+
+
+@contextlib.contextmanager
+def _apt_options(machine):
+    """What makes apt know the packages of a machine: nothing, or lists and an empty system of their own."""
+    if machine.is_native:
+        yield []
+        return
+    with tempfile.TemporaryDirectory(dir=cache_directory(), prefix="preparing-") as scratch:
+        scratch = Path(scratch)
+        for directory in ("lists/partial", "empty"):
+            (scratch / directory).mkdir(parents=True)
+        (scratch / "status").touch()
+        sources = programs.run(str(DEBIAN_ROOT), "--arch", machine.name, "--print-sources")
+        (scratch / "sources.list").write_text(sources, encoding="ascii")
+        settings = {
+            "APT::Architecture": machine.name, "APT::Architectures": machine.name, "Dir::State": scratch,
+            "Dir::State::status": scratch / "status", "Dir::State::lists": scratch / "lists",
+            "Dir::Cache": scratch / "cache", "Dir::Etc::sourcelist": scratch / "sources.list",
+            "Dir::Etc::sourceparts": scratch / "empty", "Dir::Etc::preferencesparts": scratch / "empty",
+            "APT::Sandbox::User": "root", "Acquire::Languages": "none",
+        }
+        options = [word for name, value in settings.items() for word in ("-o", f"{name}={value}")]
+        programs.run("apt-get", *options, "-q", "update")
+        yield options
+
+
+def _prepare_guest(machine, apt):
+    if (guest_root(machine) / "complete").exists():
+        return
+    with tempfile.TemporaryDirectory(dir=cache_directory(), prefix="preparing-") as scratch:
+        unpacked = Path(scratch) / "unpacked"
+        unpacked.mkdir()
+        archives = Path(scratch) / "archives"
+        (archives / "partial").mkdir(parents=True)
+        programs.run("apt-get", *apt, "-o", f"Dir::Cache::archives={archives}", "-q", "-y",
+                     "--no-install-recommends", "--download-only", "install", *GUEST_PACKAGES)
+        for archive in archives.glob("*.deb"):
+            programs.run("dpkg-deb", "-x", str(archive), str(unpacked))
+        (unpacked / "complete").touch()
+        if guest_root(machine).exists():
+            shutil.rmtree(guest_root(machine))
+        os.rename(unpacked, guest_root(machine))
 
 
 def _entry(package, version):
@@ -88,36 +146,36 @@ def _archive(package, version):
     return _entry(package, version + ".deb")
 
 
-def _candidate():
-    package = _real_package()
+def _candidate(machine, apt):
+    package = _real_package(machine, apt)
     if package is None:
-        _update_lists()
-        package = _real_package()
+        _update_lists(apt)
+        package = _real_package(machine, apt)
     if package is None:
-        raise Problem(f"apt knows no {METAPACKAGE}: are Debian's package lists configured?")
-    shown = programs.run("apt-cache", "show", "--no-all-versions", package)
+        raise Problem(f"apt knows no linux-image-{machine.name}: are Debian's package lists configured?")
+    shown = programs.run("apt-cache", *apt, "show", "--no-all-versions", package)
     version = re.search(r"^Version: (\S+)$", shown, re.MULTILINE)
     if version is None:
         raise Problem(f"apt-cache shows no version of {package}")
     return package, version.group(1)
 
 
-def _real_package():
+def _real_package(machine, apt):
     # The metapackage is empty; it depends on the package that holds the kernel.
-    known = subprocess.run([programs.need("apt-cache"), "depends", "--important", METAPACKAGE],
+    known = subprocess.run([programs.need("apt-cache"), *apt, "depends", "--important", f"linux-image-{machine.name}"],
                            capture_output=True, text=True, check=False)
     found = re.search(r"^\s*Depends: (linux-image-\d\S*)$", known.stdout, re.MULTILINE)
     return found.group(1) if found else None
 
 
-def _update_lists():
-    if os.geteuid() != 0:
+def _update_lists(apt):
+    if os.geteuid() != 0 and not apt:
         return
-    subprocess.run([programs.need("apt-get"), "-q", "-o", "DPkg::Lock::Timeout=300", "update"],
+    subprocess.run([programs.need("apt-get"), *apt, "-q", "-o", "DPkg::Lock::Timeout=300", "update"],
                    stdout=subprocess.DEVNULL, check=False)
 
 
-def _download(package, version):
+def _download(machine, apt, package, version):
     """Puts the package into the cache; returns its name and version, which may have changed meanwhile."""
     with tempfile.TemporaryDirectory(dir=cache_directory(), prefix="preparing-") as scratch:
         # apt hands the download to its own user, who must be able to write here.
@@ -126,16 +184,16 @@ def _download(package, version):
         os.chmod(scratch, 0o755)
         os.chmod(download, 0o777)
         for attempt in (1, 2):
-            got = subprocess.run([programs.need("apt-get"), "-q", "download", f"{package}={version}"], cwd=download,
-                                 capture_output=True, text=True, check=False)
+            got = subprocess.run([programs.need("apt-get"), *apt, "-q", "download", f"{package}={version}"],
+                                 cwd=download, capture_output=True, text=True, check=False)
             archives = list(download.glob("*.deb"))
             if got.returncode == 0 and len(archives) == 1:
                 os.rename(archives[0], _archive(package, version))
                 return package, version
             if attempt == 1:
                 # The lists may be older than what the mirror still holds.
-                _update_lists()
-                package, version = _candidate()
+                _update_lists(apt)
+                package, version = _candidate(machine, apt)
     raise Problem(f"apt-get download {package}={version} failed:\n{got.stdout}{got.stderr}")
 
 
@@ -160,9 +218,10 @@ def _unpack(package, version, archive):
         os.rename(unpacked, entry)
 
 
-def _load(entry):
+def _load(entry, machine):
     images = list((entry / "boot").glob("vmlinuz-*"))
     if len(images) != 1:
         raise Problem(f"{entry} holds {len(images)} kernel images; remove it and run 'lab prepare'")
     package = (entry / "package").read_text(encoding="ascii").strip()
-    return Kernel(package=package, release=images[0].name[len("vmlinuz-"):], image=images[0], root=entry)
+    return Kernel(package=package, release=images[0].name[len("vmlinuz-"):], image=images[0], root=entry,
+                  machine=machine)

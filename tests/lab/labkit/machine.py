@@ -15,11 +15,6 @@ from . import programs
 from .image import Image
 from .problem import Problem
 
-QEMU = "qemu-system-x86_64"
-
-# The PC with its PIIX bus, and nothing on it that is not named: no disk, no optical drive, no network card.
-MACHINE = ("-machine", "pc", "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot")
-
 CONSOLE_TAIL = 80
 
 
@@ -48,9 +43,9 @@ def boot(topology, build, steps, *, additions=(), time_limit=None):
         image.write(scratch / "initrd")
 
         console, results = scratch / "console", scratch / "results"
-        command = _command(topology, scratch / "initrd", "console=ttyS0 loglevel=5") + [
+        command = _command(topology, scratch / "initrd", "loglevel=5") + [
             "-chardev", f"file,id=console,path={console}", "-serial", "chardev:console",
-            "-device", "virtio-serial-pci,id=lab,addr=1f.0",
+            "-device", f"virtio-serial-{topology.machine().bus},id=lab{topology.machine().address}",
             "-chardev", f"file,id=results,path={results}",
             "-device", "virtserialport,bus=lab.0,nr=1,chardev=results,name=lab.results",
         ]
@@ -84,23 +79,31 @@ def shell(topology, build, *, additions=()):
                        _environment(topology, "shell") + f"labColumns={size.columns} labRows={size.lines}\n")
         image.add_text("lab/setup", topology.setup)
         image.write(scratch / "initrd")
-        command = _command(topology, scratch / "initrd", "console=ttyS0 quiet loglevel=3") + ["-serial", "mon:stdio"]
+        command = _command(topology, scratch / "initrd", "quiet loglevel=3") + ["-serial", "mon:stdio"]
         return subprocess.run(command, check=False).returncode
 
 
 def _image(topology, build, scratch, additions):
-    image = Image(scratch / "root")
-    image.add_modules(kernels.get(), extra=topology.modules, without=topology.without_modules)
+    image = Image(scratch / "root", topology.machine())
+    image.add_modules(kernels.get(topology.machine()), extra=topology.modules, without=topology.without_modules)
     for program in build.programs:
         image.add_program(program)
     for name in topology.programs:
         found = programs.find(name)
+        if found is not None and not topology.machine().is_native:
+            raise Problem(f"topology {topology.name} takes {name} of this host, which does not run on "
+                          f"{topology.machine().name}")
         if found is None:
             raise Problem(f"topology {topology.name} needs the program {name} on this host")
         image.add_program(found)
     if topology.systemd:
         image.add_systemd()
         image.add_tree(build.install(scratch / "installed"))
+    for name in topology.built_programs:
+        built = build.programs[0].parents[3] / "tests" / "lab" / "programs" / name
+        if not built.is_file():
+            raise Problem(f"{built} is not there: build the tests, or name a build that has them with --build")
+        image.add_program(built)
     for source, guest_path in additions:
         image.add_program(source, guest_path)
     return image
@@ -113,26 +116,28 @@ def _environment(topology, mode):
 
 
 def _command(topology, initrd, parameters):
-    qemu = programs.need(QEMU)
+    machine, kernel = topology.machine(), kernels.get(topology.machine())
+    qemu = programs.need(machine.qemu)
     guard = programs.find("setpriv")
     # Whatever ends us, the test runner's time limit included, ends the guest too.
     prefix = [guard, "--pdeathsig", "KILL"] if guard else []
-    return [*prefix, qemu, *MACHINE, *accelerator(), "-m", str(topology.memory), "-kernel", str(kernels.get().image),
-            "-initrd", str(initrd), "-append", f"{parameters} panic=-1 {topology.kernel_parameters}".strip(),
+    return [*prefix, qemu, *machine.machine, *accelerator(machine), "-m", str(topology.memory),
+            "-kernel", str(kernel.image), "-initrd", str(initrd),
+            "-append", f"console={machine.console} {parameters} panic=-1 {topology.kernel_parameters}".strip(),
             *topology.qemu_arguments()]
 
 
-def accelerator():
+def accelerator(machine):
     """KVM where it really runs a guest, software emulation everywhere else. ZENDRA_LAB_ACCEL=tcg|kvm overrides."""
     choice = os.environ.get("ZENDRA_LAB_ACCEL", "")
     if choice not in ("", "tcg", "kvm"):
         raise Problem("ZENDRA_LAB_ACCEL is tcg or kvm")
-    if choice == "kvm" or (choice == "" and _kvm_works()):
+    if choice == "kvm" or (choice == "" and machine.is_native and _kvm_works(machine)):
         return ["-accel", "kvm"]
     return ["-accel", "tcg"]
 
 
-def _kvm_works():
+def _kvm_works(machine):
     if not os.access("/dev/kvm", os.R_OK | os.W_OK):
         return False
     if not re.search(r"\b(vmx|svm)\b", Path("/proc/cpuinfo").read_text(encoding="ascii", errors="replace")):
@@ -140,13 +145,14 @@ def _kvm_works():
     # Some hosts show /dev/kvm, create a machine and then never run it. So ask for a real boot: without a root file
     # system Debian's kernel panics within a second or two, and a panic ends qemu. Asked once per boot of this host.
     boot_id = Path("/proc/sys/kernel/random/boot_id").read_text(encoding="ascii").strip()
-    kernel = kernels.get()
+    kernel = kernels.get(machine)
     remembered = kernels.cache_directory() / f"kvm-{boot_id}"
     try:
         return remembered.read_text(encoding="ascii") == "works"
     except FileNotFoundError:
         pass
-    command = [programs.need(QEMU), *MACHINE, "-accel", "kvm", "-m", "256", "-kernel", str(kernel.image), "-append", "panic=-1"]
+    command = [programs.need(machine.qemu), *machine.machine, "-accel", "kvm", "-m", "256",
+               "-kernel", str(kernel.image), "-append", "panic=-1"]
     try:
         works = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                timeout=15, check=False).returncode == 0

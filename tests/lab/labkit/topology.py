@@ -3,8 +3,9 @@
 import json
 import unittest
 
+from . import architecture, machine
 from . import build as builds
-from . import machine
+from .problem import Problem
 
 RECORD_FIELDS = ("vendor", "product", "device_type", "serial_number", "firmware_revision",
                  "port", "target", "bus", "lun")
@@ -85,10 +86,13 @@ class Topology(unittest.TestCase):
     without_modules = ()  # the guest has no file of these
     programs = ()  # of this host, for the guest's /usr/bin
     systemd = False  # it is the guest's first process, and what "cmake --install" puts on a host is there
+    built_programs = ()  # of tests/lab/programs
     setup = ""  # shell text; guest/functions is at hand
     steps = {}  # name -> shell text
 
     build = None  # set by the command line
+    arch = None  # the same; None: this host's
+    architectures = ("amd64",)  # that have what the topology is made of
     maxDiff = None
 
     @classmethod
@@ -97,8 +101,16 @@ class Topology(unittest.TestCase):
         return []
 
     @classmethod
+    def machine(cls):
+        """The kind of machine that the guest is."""
+        machine = architecture.find(cls.arch)
+        if machine.name not in cls.architectures:
+            raise Problem(f"topology {cls.name} is for {', '.join(cls.architectures)}, not for {machine.name}")
+        return machine
+
+    @classmethod
     def setUpClass(cls):
-        cls.results = machine.boot(cls, cls.build or builds.find(), cls.steps)
+        cls.results = machine.boot(cls, cls.build or builds.find(arch=cls.arch), cls.steps)
 
     # What a step wrote.
 

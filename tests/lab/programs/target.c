@@ -1,10 +1,11 @@
-// A disk in a guest whose every answer is ours: the user's part of the kernel's target_core_user.
+// A device in a guest whose every answer is ours: the user's part of the kernel's target_core_user.
 //
-//     labTarget NAME PRODUCT SERIAL MOOD
+//     labTarget NAME PRODUCT SERIAL MOOD [TYPE]
 //
 // Serves the backstore user_N/NAME, which exists already. The first word in the file MOOD decides, command by command,
 // how it answers: "well"; "attention" and "error" (CHECK CONDITION with sense key UNIT ATTENTION or HARDWARE ERROR,
-// whatever was asked); "slow SECONDS" (well, but only then). Vendor is "LABUSER", revision "0007". Ends with its guest.
+// whatever was asked); "slow SECONDS" (well, but only then). Vendor is "LABUSER", revision "0007". TYPE is SPC's
+// peripheral device type; without it the device is a disk. Ends with its guest.
 //
 // In C, because the kernel's header is.
 
@@ -30,10 +31,11 @@ static const struct Sense internalFailure = {0x04, 0x44};
 static const struct Sense invalidCommand = {0x05, 0x20};
 static const struct Sense invalidField = {0x05, 0x24};
 
-struct Disk {
+struct Device {
     const char* product;
     const char* serial;
     const char* mood;
+    unsigned char type;
 };
 
 static void Fail(const char* what)
@@ -81,24 +83,25 @@ static void FindUio(const char* name, char* found, size_t room)
     }
 }
 
-static unsigned char Inquire(const struct Disk* disk, const unsigned char* command, unsigned char* answer,
+static unsigned char Inquire(const struct Device* device, const unsigned char* command, unsigned char* answer,
                              struct Sense* sense)
 {
+    answer[0] = device->type;
     if ((command[1] & 1) == 0) {
         answer[2] = 5;
         answer[3] = 2;
         answer[4] = 31;
         memset(answer + 8, ' ', 24);
         memcpy(answer + 8, "LABUSER", 7);
-        memcpy(answer + 16, disk->product, strnlen(disk->product, 16));
+        memcpy(answer + 16, device->product, strnlen(device->product, 16));
         memcpy(answer + 32, "0007", 4);
         return GOOD;
     }
     if (command[2] == 0x80) {
-        const size_t length = strnlen(disk->serial, 32);
+        const size_t length = strnlen(device->serial, 32);
         answer[1] = 0x80;
         answer[3] = (unsigned char)length;
-        memcpy(answer + 4, disk->serial, length);
+        memcpy(answer + 4, device->serial, length);
         return GOOD;
     }
     *sense = invalidField;
@@ -106,11 +109,11 @@ static unsigned char Inquire(const struct Disk* disk, const unsigned char* comma
 }
 
 // Answers a command; `answer` has room for ANSWER_LENGTH bytes and holds zeros.
-static unsigned char Execute(const struct Disk* disk, const unsigned char* command, unsigned char* answer,
+static unsigned char Execute(const struct Device* device, const unsigned char* command, unsigned char* answer,
                              struct Sense* sense)
 {
     char now[64];
-    FirstLine(disk->mood, now, sizeof(now));
+    FirstLine(device->mood, now, sizeof(now));
     if (strcmp(now, "attention") == 0) {
         *sense = powerOn;
         return CHECK_CONDITION;
@@ -125,7 +128,7 @@ static unsigned char Execute(const struct Disk* disk, const unsigned char* comma
     const unsigned int lastBlock = BLOCKS - 1;
     switch (command[0]) {
     case 0x12:  // INQUIRY
-        return Inquire(disk, command, answer, sense);
+        return Inquire(device, command, answer, sense);
     case 0x25:  // READ CAPACITY(10)
         answer[2] = (unsigned char)(lastBlock >> 8);
         answer[3] = (unsigned char)lastBlock;
@@ -144,11 +147,11 @@ static unsigned char Execute(const struct Disk* disk, const unsigned char* comma
 }
 
 // Addresses in an entry count from the start of the shared memory.
-static void Answer(char* base, struct tcmu_cmd_entry* entry, const struct Disk* disk)
+static void Answer(char* base, struct tcmu_cmd_entry* entry, const struct Device* device)
 {
     unsigned char answer[ANSWER_LENGTH] = {0};
     struct Sense sense = {0, 0};
-    const unsigned char status = Execute(disk, (const unsigned char*)base + entry->req.cdb_off, answer, &sense);
+    const unsigned char status = Execute(device, (const unsigned char*)base + entry->req.cdb_off, answer, &sense);
     size_t copied = 0;
     for (unsigned int i = 0; i < entry->req.iov_cnt; ++i) {
         const struct iovec piece = entry->req.iov[i];
@@ -171,7 +174,7 @@ static void Answer(char* base, struct tcmu_cmd_entry* entry, const struct Disk* 
     }
 }
 
-static void Serve(const char* uio, const struct Disk* disk)
+static void Serve(const char* uio, const struct Device* device)
 {
     char path[512];
     char length[64];
@@ -190,7 +193,7 @@ static void Serve(const char* uio, const struct Disk* disk)
             struct tcmu_cmd_entry* const entry = (struct tcmu_cmd_entry*)(base + box->cmdr_off + box->cmd_tail);
             const unsigned int entryLength = tcmu_hdr_get_len(entry->hdr.len_op);
             if (tcmu_hdr_get_op(entry->hdr.len_op) == TCMU_OP_CMD) {
-                Answer(base, entry, disk);
+                Answer(base, entry, device);
             }
             __sync_synchronize();
             box->cmd_tail = (box->cmd_tail + entryLength) % box->cmdr_size;
@@ -208,12 +211,13 @@ static void Serve(const char* uio, const struct Disk* disk)
 
 int main(int argc, char** argv)
 {
-    if (argc != 5) {
-        fputs("usage: labTarget NAME PRODUCT SERIAL MOOD\n", stderr);
+    if (argc != 5 && argc != 6) {
+        fputs("usage: labTarget NAME PRODUCT SERIAL MOOD [TYPE]\n", stderr);
         return 2;
     }
     char uio[300];
     FindUio(argv[1], uio, sizeof(uio));
-    const struct Disk disk = {argv[2], argv[3], argv[4]};
-    Serve(uio, &disk);
+    const unsigned char type = argc == 6 ? (unsigned char)strtoul(argv[5], NULL, 10) : 0;
+    const struct Device device = {argv[2], argv[3], argv[4], type};
+    Serve(uio, &device);
 }
