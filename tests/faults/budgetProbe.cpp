@@ -6,7 +6,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -22,7 +21,22 @@ namespace {
 
 using namespace Zendra::ZDSystemDevice;
 
-SimHost::MountedHost* mountedHost = nullptr;
+/** Makes the real call too, which a plain file refuses: strace has to see it. */
+class SeenByStrace : public Kernel::SystemCalls {
+public:
+    explicit SeenByStrace(SimHost::MountedHost& theHost) : host(theHost) {}
+
+    int Ioctl(int descriptor, unsigned request, void* argument) override
+    {
+        SystemCalls::Ioctl(descriptor, request, argument);
+        return host.Ioctl(descriptor, request, argument);
+    }
+    int System(const char* command) override { return host.System(command); }
+    unsigned Sleep(unsigned seconds) override { return host.Sleep(seconds); }
+
+private:
+    SimHost::MountedHost& host;
+};
 
 /** There is no such descriptor, so that only strace notices. */
 void Mark(const char* text)
@@ -52,14 +66,15 @@ int Run(const std::string& kind, unsigned count)
     }
     const SimHost::Host host = SimHost::ParseHost(Faults::HostText(kind, count), kind);
     SimHost::MountedHost mounted(host);
-    mountedHost = &mounted;
+    SeenByStrace calls(mounted);
+    Kernel::AnswerThread(&calls);
     // What is done once in a process's life is not counted.
     TakeInventory(host.calls.at(0));
     mounted.BeginCall();
     Mark("begin");
     const std::size_t records = TakeInventory(host.calls.at(0));
     Mark("end");
-    mountedHost = nullptr;
+    Kernel::AnswerThread(nullptr);
     for (const std::string& complaint : mounted.Complaints()) {
         std::cerr << "budgetProbe: " << complaint << "\n";
     }
@@ -67,18 +82,6 @@ int Run(const std::string& kind, unsigned count)
 }
 
 }  // namespace
-
-/** The real call too, which a plain file refuses: strace has to see it. */
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
-{
-    va_list arguments;
-    va_start(arguments, request);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    const long real = syscall(SYS_ioctl, descriptor, request, argument);
-    return mountedHost != nullptr ? mountedHost->Ioctl(descriptor, static_cast<unsigned>(request), argument)
-                                  : static_cast<int>(real);
-}
 
 int main(int argumentCount, char** arguments)
 {

@@ -1,20 +1,17 @@
 #include "watch.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/select.h>
-#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 #include <stdexcept>
+
+#include "kernel/operatorNew.h"
 
 // Sanitizers bring a malloc of their own, which a second one must not cover.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -51,16 +48,6 @@ thread_local SimHost::MountedHost* hostOfThread = nullptr;
 /** The ring of watched blocks; its own `next` is null until it is first used. */
 thread_local Header ring{nullptr, nullptr, 0, 0};
 
-template <class Function>
-Function* Real(const char* name)
-{
-    auto* const found = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-    if (found == nullptr) {
-        std::abort();
-    }
-    return found;
-}
-
 void* RealMalloc(std::size_t size)
 {
 #ifdef FAULTS_OWN_MALLOC
@@ -83,44 +70,6 @@ void Unlink(Header& header)
 {
     header.previous->next = header.next;
     header.next->previous = header.previous;
-}
-
-/** Null when it has to fail. */
-void* Allocate(std::size_t size)
-{
-    Watch* const watch = Watch::Current();
-    if (watch != nullptr && watch->Fails(Call::New)) {
-        return nullptr;
-    }
-    auto* const header = static_cast<Header*>(RealMalloc(sizeof(Header) + size));
-    if (header == nullptr) {
-        return nullptr;
-    }
-    *header = Header{nullptr, nullptr, size, 0};
-    if (watch != nullptr) {
-        header->number = watch->CountOf(Call::New);
-        Header& head = Ring();
-        header->previous = head.previous;
-        header->next = &head;
-        head.previous->next = header;
-        head.previous = header;
-    }
-    return header + 1;
-}
-
-void Release(void* block)
-{
-    if (block == nullptr) {
-        return;
-    }
-    Header* const header = static_cast<Header*>(block) - 1;
-    if (header->next != nullptr) {
-        Unlink(*header);
-        if (active != nullptr) {
-            active->Deleted(header->number);
-        }
-    }
-    std::free(header);
 }
 
 /** Runs `real` unless the call has to fail, and records how it went. `describe` fills the event. */
@@ -149,33 +98,157 @@ Result Run(Call call, Result failure, RealCall real, Describe describe)
     return result;
 }
 
-int OpenWith(int (*real)(const char*, int, ...), const char* path, int flags, mode_t mode)
-{
-    return Run(
-        Call::Open, -1, [&] { return real(path, flags, mode); },
-        [&](Event& event, int result) {
-            event.text = path;
-            event.descriptor = result;
-            if (result >= 0) {
-                active->Opened(result, path);
-            }
-        });
-}
-
-template <class Entry>
-Entry* ReadDirWith(Entry* (*real)(DIR*), DIR* directory)
-{
-    return Run(
-        Call::ReadDir, static_cast<Entry*>(nullptr), [&] { return real(directory); },
-        [&](Event& event, const Entry* entry) { event.text = entry != nullptr ? entry->d_name : ""; });
-}
-
 FILE* OpenStreamWith(FILE* (*real)(const char*, const char*), const char* path, const char* mode)
 {
     return Run(
         Call::FileStream, static_cast<FILE*>(nullptr), [&] { return real(path, mode); },
         [&](Event& event, const FILE*) { event.text = path; });
 }
+
+/** Stands in front of the host, or of the system where there is none. */
+class Watched : public Kernel::SystemCalls {
+public:
+    int Open(const char* path, int flags, mode_t mode) override
+    {
+        return Run(
+            Call::Open, -1, [&] { return SystemCalls::Open(path, flags, mode); },
+            [&](Event& event, int result) {
+                event.text = path;
+                event.descriptor = result;
+                if (result >= 0) {
+                    active->Opened(result, path);
+                }
+            });
+    }
+
+    // Like the kernel's, a close that fails has closed the descriptor all the same.
+    int Close(int descriptor) override
+    {
+        return RunAnyway(
+            Call::Close, [&] { return SystemCalls::Close(descriptor); }, "closes a descriptor that is not open",
+            [&](Event& event) {
+                event.descriptor = descriptor;
+                event.text = active->PathOf(descriptor);
+                active->Closed(descriptor);
+            });
+    }
+
+    DIR* OpenDirectory(const char* path) override
+    {
+        // Not under a pause, which would hide the malloc in it.
+        Watch* const watch = Watch::Current();
+        if (watch == nullptr) {
+            return SystemCalls::OpenDirectory(path);
+        }
+        DIR* const directory = watch->Fails(Call::OpenDir) ? nullptr : SystemCalls::OpenDirectory(path);
+        const int after = errno;
+        const Pause pause;
+        Event event;
+        event.call = Call::OpenDir;
+        event.succeeded = directory != nullptr;
+        event.text = path;
+        watch->Record(std::move(event));
+        errno = after;
+        return directory;
+    }
+
+    dirent* ReadDirectory(DIR* directory) override
+    {
+        return Run(
+            Call::ReadDir, static_cast<dirent*>(nullptr), [&] { return SystemCalls::ReadDirectory(directory); },
+            [&](Event& event, const dirent* entry) { event.text = entry != nullptr ? entry->d_name : ""; });
+    }
+
+    int CloseDirectory(DIR* directory) override
+    {
+        return RunAnyway(
+            Call::CloseDir, [&] { return SystemCalls::CloseDirectory(directory); },
+            "closes a directory that is not open", [](Event&) {});
+    }
+
+    ssize_t Read(int descriptor, void* buffer, std::size_t size) override
+    {
+        return Run(
+            Call::Read, static_cast<ssize_t>(-1), [&] { return SystemCalls::Read(descriptor, buffer, size); },
+            [&](Event& event, ssize_t result) {
+                event.descriptor = descriptor;
+                if (result > 0) {
+                    event.text.assign(static_cast<const char*>(buffer), static_cast<std::size_t>(result));
+                }
+            });
+    }
+
+    int Ioctl(int descriptor, unsigned request, void* argument) override
+    {
+        return Run(
+            Call::Ioctl, -1,
+            [&] {
+                return hostOfThread != nullptr ? hostOfThread->Ioctl(descriptor, request, argument)
+                                               : SystemCalls::Ioctl(descriptor, request, argument);
+            },
+            [&](Event& event, int) {
+                event.descriptor = descriptor;
+                event.request = request;
+                event.text = active->PathOf(descriptor);
+            });
+    }
+
+    int System(const char* command) override
+    {
+        const auto real = [&] {
+            return hostOfThread != nullptr ? hostOfThread->System(command) : SystemCalls::System(command);
+        };
+        Watch* const watch = Watch::Current();
+        if (watch == nullptr) {
+            return real();
+        }
+        const bool fails = watch->Fails(Call::System);
+        const int error = errno;
+        const Pause pause;
+        const int result = fails ? -1 : real();
+        Event event;
+        event.call = Call::System;
+        event.succeeded = result == 0;
+        event.text = command;
+        watch->Record(std::move(event));
+        errno = error;
+        return result;
+    }
+
+    unsigned Sleep(unsigned seconds) override
+    {
+        const Pause pause;
+        return hostOfThread != nullptr ? hostOfThread->Sleep(seconds) : SystemCalls::Sleep(seconds);
+    }
+
+private:
+    /** What is made to fail happens all the same; that it really fails is a misuse. */
+    template <class RealCall, class Describe>
+    static int RunAnyway(Call call, RealCall real, const char* misuse, Describe describe)
+    {
+        Watch* const watch = Watch::Current();
+        if (watch == nullptr) {
+            return real();
+        }
+        const bool fails = watch->Fails(call);
+        const int error = errno;
+        const Pause pause;
+        const int result = real();
+        const int after = fails ? error : errno;
+        if (result != 0) {
+            watch->Misuse(misuse);
+        }
+        Event event;
+        event.call = call;
+        event.succeeded = !fails;
+        describe(event);
+        watch->Record(std::move(event));
+        errno = after;
+        return fails ? -1 : result;
+    }
+};
+
+Watched watched;
 
 }  // namespace
 
@@ -214,6 +287,7 @@ Watch::Watch(const std::optional<Fault>& what) : fault(what)
         throw std::logic_error("one watch at a time");
     }
     active = this;
+    before = Kernel::AnswerThread(&watched);
 }
 
 Watch::~Watch()
@@ -225,6 +299,7 @@ void Watch::Stop()
 {
     if (active == this) {
         active = nullptr;
+        Kernel::AnswerThread(before);
     }
 }
 
@@ -353,136 +428,21 @@ using Faults::Pause;
 using Faults::Run;
 using Faults::Watch;
 
-extern "C" int open(const char* path, int flags, ...)
-{
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
-    va_end(arguments);
-    static const auto real = Faults::Real<int(const char*, int, ...)>("open");
-    return Faults::OpenWith(real, path, flags, mode);
-}
-
-extern "C" int open64(const char* path, int flags, ...)
-{
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
-    va_end(arguments);
-    static const auto real = Faults::Real<int(const char*, int, ...)>("open64");
-    return Faults::OpenWith(real, path, flags, mode);
-}
-
-// Like the kernel's, a close that fails has closed the descriptor all the same.
-extern "C" int close(int descriptor)
-{
-    static const auto real = Faults::Real<int(int)>("close");
-    Watch* const watch = Watch::Current();
-    if (watch == nullptr) {
-        return real(descriptor);
-    }
-    const bool fails = watch->Fails(Call::Close);
-    const int error = errno;
-    const Pause pause;
-    const int result = real(descriptor);
-    const int after = fails ? error : errno;
-    if (result != 0) {
-        watch->Misuse("closes descriptor " + std::to_string(descriptor) + ", which is not open");
-    }
-    Event event;
-    event.call = Call::Close;
-    event.succeeded = !fails;
-    event.descriptor = descriptor;
-    event.text = watch->PathOf(descriptor);
-    watch->Closed(descriptor);
-    watch->Record(std::move(event));
-    errno = after;
-    return fails ? -1 : result;
-}
-
-extern "C" DIR* opendir(const char* path)
-{
-    // Not under a pause, which would hide the malloc in it.
-    Watch* const watch = Watch::Current();
-    static const auto real = Faults::Real<DIR*(const char*)>("opendir");
-    if (watch == nullptr) {
-        return real(path);
-    }
-    DIR* const directory = watch->Fails(Call::OpenDir) ? nullptr : real(path);
-    const int after = errno;
-    const Pause pause;
-    Event event;
-    event.call = Call::OpenDir;
-    event.succeeded = directory != nullptr;
-    event.text = path;
-    watch->Record(std::move(event));
-    errno = after;
-    return directory;
-}
-
-extern "C" dirent* readdir(DIR* directory)
-{
-    static const auto real = Faults::Real<dirent*(DIR*)>("readdir");
-    return Faults::ReadDirWith(real, directory);
-}
-
-extern "C" dirent64* readdir64(DIR* directory)
-{
-    static const auto real = Faults::Real<dirent64*(DIR*)>("readdir64");
-    return Faults::ReadDirWith(real, directory);
-}
-
-extern "C" int closedir(DIR* directory)
-{
-    static const auto real = Faults::Real<int(DIR*)>("closedir");
-    Watch* const watch = Watch::Current();
-    if (watch == nullptr) {
-        return real(directory);
-    }
-    const bool fails = watch->Fails(Call::CloseDir);
-    const int error = errno;
-    const Pause pause;
-    const int result = real(directory);
-    const int after = fails ? error : errno;
-    if (result != 0) {
-        watch->Misuse("closes a directory that is not open");
-    }
-    Event event;
-    event.call = Call::CloseDir;
-    event.succeeded = !fails;
-    watch->Record(std::move(event));
-    errno = after;
-    return fails ? -1 : result;
-}
-
 extern "C" FILE* fopen(const char* path, const char* mode)
 {
-    static const auto real = Faults::Real<FILE*(const char*, const char*)>("fopen");
+    static const auto real = Kernel::Next<FILE*(const char*, const char*)>("fopen");
     return Faults::OpenStreamWith(real, path, mode);
 }
 
 extern "C" FILE* fopen64(const char* path, const char* mode)
 {
-    static const auto real = Faults::Real<FILE*(const char*, const char*)>("fopen64");
+    static const auto real = Kernel::Next<FILE*(const char*, const char*)>("fopen64");
     return Faults::OpenStreamWith(real, path, mode);
-}
-
-extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size)
-{
-    static const auto real = Faults::Real<ssize_t(int, void*, std::size_t)>("read");
-    return Run(
-        Call::Read, static_cast<ssize_t>(-1), [&] { return real(descriptor, buffer, size); },
-        [&](Event& event, ssize_t result) {
-            event.descriptor = descriptor;
-            if (result > 0) {
-                event.text.assign(static_cast<const char*>(buffer), static_cast<std::size_t>(result));
-            }
-        });
 }
 
 extern "C" int pipe2(int* ends, int flags) noexcept
 {
-    static const auto real = Faults::Real<int(int*, int)>("pipe2");
+    static const auto real = Kernel::Next<int(int*, int)>("pipe2");
     return Run(
         Call::Pipe, -1, [&] { return real(ends, flags); },
         [&](Event& event, int result) { event.descriptor = result == 0 ? ends[0] : -1; });
@@ -490,7 +450,7 @@ extern "C" int pipe2(int* ends, int flags) noexcept
 
 extern "C" pid_t fork() noexcept
 {
-    static const auto real = Faults::Real<pid_t()>("fork");
+    static const auto real = Kernel::Next<pid_t()>("fork");
     const pid_t child = Run(
         Call::Fork, static_cast<pid_t>(-1), [] { return real(); }, [](Event&, pid_t) {});
     if (child == 0) {
@@ -503,7 +463,7 @@ extern "C" pid_t fork() noexcept
 extern "C" int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* limit)
 {
     Watch* const watch = Watch::Current();
-    static const auto real = Faults::Real<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
+    static const auto real = Kernel::Next<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
     if (watch == nullptr) {
         return real(count, readable, writable, exceptional, limit);
     }
@@ -528,59 +488,9 @@ extern "C" int select(int count, fd_set* readable, fd_set* writable, fd_set* exc
 
 extern "C" pid_t waitpid(pid_t child, int* status, int options)
 {
-    static const auto real = Faults::Real<pid_t(pid_t, int*, int)>("waitpid");
+    static const auto real = Kernel::Next<pid_t(pid_t, int*, int)>("waitpid");
     return Run(
         Call::WaitPid, static_cast<pid_t>(-1), [&] { return real(child, status, options); }, [](Event&, pid_t) {});
-}
-
-// The requests of the library: those of simhost.cpp give way to these.
-
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
-{
-    va_list arguments;
-    va_start(arguments, request);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    const auto real = [&] {
-        return Faults::hostOfThread != nullptr
-                   ? Faults::hostOfThread->Ioctl(descriptor, static_cast<unsigned>(request), argument)
-                   : static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
-    };
-    return Run(Call::Ioctl, -1, real, [&](Event& event, int) {
-        event.descriptor = descriptor;
-        event.request = static_cast<unsigned>(request);
-        event.text = Faults::active->PathOf(descriptor);
-    });
-}
-
-extern "C" int system(const char* command)
-{
-    const auto real = [&] {
-        return Faults::hostOfThread != nullptr ? Faults::hostOfThread->System(command)
-                                               : Faults::Real<int(const char*)>("system")(command);
-    };
-    Watch* const watch = Watch::Current();
-    if (watch == nullptr) {
-        return real();
-    }
-    const bool fails = watch->Fails(Call::System);
-    const int error = errno;
-    const Pause pause;
-    const int result = fails ? -1 : real();
-    Event event;
-    event.call = Call::System;
-    event.succeeded = result == 0;
-    event.text = command;
-    watch->Record(std::move(event));
-    errno = error;
-    return result;
-}
-
-extern "C" unsigned sleep(unsigned seconds)
-{
-    const Pause pause;
-    return Faults::hostOfThread != nullptr ? Faults::hostOfThread->Sleep(seconds)
-                                           : Faults::Real<unsigned(unsigned)>("sleep")(seconds);
 }
 
 #ifdef FAULTS_OWN_MALLOC
@@ -594,56 +504,39 @@ extern "C" void* malloc(std::size_t size) noexcept
 }
 #endif
 
-void* operator new(std::size_t size)
+void* Kernel::Allocate(std::size_t size)
 {
-    void* const block = Faults::Allocate(size);
-    if (block == nullptr) {
-        throw std::bad_alloc();
+    Watch* const watch = Watch::Current();
+    if (watch != nullptr && watch->Fails(Call::New)) {
+        return nullptr;
     }
-    return block;
+    auto* const header = static_cast<Faults::Header*>(Faults::RealMalloc(sizeof(Faults::Header) + size));
+    if (header == nullptr) {
+        return nullptr;
+    }
+    *header = Faults::Header{nullptr, nullptr, size, 0};
+    if (watch != nullptr) {
+        header->number = watch->CountOf(Call::New);
+        Faults::Header& head = Faults::Ring();
+        header->previous = head.previous;
+        header->next = &head;
+        head.previous->next = header;
+        head.previous = header;
+    }
+    return header + 1;
 }
 
-void* operator new[](std::size_t size)
+void Kernel::Release(void* block) noexcept
 {
-    return operator new(size);
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    return Faults::Allocate(size);
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
-{
-    return Faults::Allocate(size);
-}
-
-void operator delete(void* block) noexcept
-{
-    Faults::Release(block);
-}
-
-void operator delete[](void* block) noexcept
-{
-    Faults::Release(block);
-}
-
-void operator delete(void* block, std::size_t) noexcept
-{
-    Faults::Release(block);
-}
-
-void operator delete[](void* block, std::size_t) noexcept
-{
-    Faults::Release(block);
-}
-
-void operator delete(void* block, const std::nothrow_t&) noexcept
-{
-    Faults::Release(block);
-}
-
-void operator delete[](void* block, const std::nothrow_t&) noexcept
-{
-    Faults::Release(block);
+    if (block == nullptr) {
+        return;
+    }
+    Faults::Header* const header = static_cast<Faults::Header*>(block) - 1;
+    if (header->next != nullptr) {
+        Faults::Unlink(*header);
+        if (Faults::active != nullptr) {
+            Faults::active->Deleted(header->number);
+        }
+    }
+    std::free(header);
 }

@@ -2,10 +2,10 @@
  * @file
  * @brief Stands between the library and the system: records its calls, fails the ones it is told to fail.
  *
- * The program that links watch.cpp defines open, close, opendir, readdir, closedir, fopen, read, pipe2, fork,
- * select, waitpid, ioctl, system, sleep and the allocation functions, so that a shared library's calls come here.
- * While a Watch lives, the calls of its thread are counted, recorded, and failed as asked; calls that the test's own
- * code makes meanwhile (the simulated host, a log sink) are let through under a Pause.
+ * It answers the calls that kernel/systemCalls.h takes, and the program that links watch.cpp defines fopen, pipe2,
+ * fork, select, waitpid and the allocation functions besides, so that a shared library's calls come here. While a Watch
+ * lives, the calls of its thread are counted, recorded, and failed as asked; calls that the test's own code makes
+ * meanwhile (the simulated host, a log sink) are let through under a Pause.
  */
 #ifndef ZENDRA_TESTS_FAULTS_WATCH_H
 #define ZENDRA_TESTS_FAULTS_WATCH_H
@@ -132,6 +132,8 @@ private:
     std::vector<unsigned long> newsBeforeSystem;
     std::vector<unsigned long> newsBeforeDelete;
     std::map<int, std::string> paths;
+    /** Who answered this thread before. */
+    Kernel::SystemCalls* before = nullptr;
 };
 
 /** The calls of this thread are the test's own while this lives. */

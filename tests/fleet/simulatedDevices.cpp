@@ -5,13 +5,10 @@
  * The host file is /var/lib/simhost/host; /var/lib/simhost/stuck names device files, one a line, that never answer.
  * Whatever the library should not have done is added to /var/lib/simhost/complaints.
  */
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,7 +30,7 @@ const std::string directory = "/var/lib/simhost";
     std::_Exit(EXIT_FAILURE);
 }
 
-class Devices {
+class Devices : public Kernel::SystemCalls {
 public:
     Devices() : host(SimHost::ReadHost(directory + "/host")), mounted(host, SimHost::MountedHost::Directories::AreThere)
     {
@@ -43,14 +40,14 @@ public:
         }
     }
 
-    int Ioctl(int descriptor, unsigned request, void* argument)
+    int Ioctl(int descriptor, unsigned request, void* argument) override
     {
         const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
         char target[256];
         const ssize_t length = readlink(link.c_str(), target, sizeof target);
         const std::string path(target, length > 0 ? static_cast<std::size_t>(length) : 0);
         if (path.compare(0, 5, "/dev/") != 0) {
-            return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
+            return SystemCalls::Ioctl(descriptor, request, argument);
         }
         while (stuck.count(path) > 0) {
             pause();
@@ -60,14 +57,14 @@ public:
         return result;
     }
 
-    int System(const char* command)
+    int System(const char* command) override
     {
         const int result = mounted.System(command);
         PassOnComplaints();
         return result;
     }
 
-    unsigned Sleep(unsigned seconds) { return mounted.Sleep(seconds); }
+    unsigned Sleep(unsigned seconds) override { return mounted.Sleep(seconds); }
 
 private:
     void PassOnComplaints()
@@ -90,49 +87,34 @@ private:
     std::size_t passedOn = 0;
 };
 
-/** The host's devices, in zddevices; nothing in other programs. */
-Devices* Here()
+/** Who answers: the host's devices in zddevices, the system in other programs. */
+Kernel::SystemCalls& Here()
 {
+    static Kernel::SystemCalls system;
     if (std::strcmp(program_invocation_short_name, "zddevices") != 0) {
-        return nullptr;
+        return system;
     }
     try {
         // Never destroyed: what it would unmount is not its own.
         static auto* const devices = new Devices;
-        return devices;
+        return *devices;
     } catch (const std::exception& error) {
         Die(error.what());
     }
 }
 
+/** Reads the host when a program makes the first call that may concern it. */
+class FirstCall : public Kernel::SystemCalls {
+public:
+    FirstCall() { Kernel::AnswerProcess(this); }
+    int Ioctl(int descriptor, unsigned request, void* argument) override
+    {
+        return Here().Ioctl(descriptor, request, argument);
+    }
+    int System(const char* command) override { return Here().System(command); }
+    unsigned Sleep(unsigned seconds) override { return Here().Sleep(seconds); }
+};
+
+FirstCall firstCall;
+
 }  // namespace
-
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
-{
-    va_list arguments;
-    va_start(arguments, request);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    if (Devices* const devices = Here()) {
-        return devices->Ioctl(descriptor, static_cast<unsigned>(request), argument);
-    }
-    return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
-}
-
-extern "C" int system(const char* command)
-{
-    if (Devices* const devices = Here()) {
-        return devices->System(command);
-    }
-    static const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "system"));
-    return real(command);
-}
-
-extern "C" unsigned sleep(unsigned seconds)
-{
-    if (Devices* const devices = Here()) {
-        return devices->Sleep(seconds);
-    }
-    static const auto real = reinterpret_cast<unsigned (*)(unsigned)>(dlsym(RTLD_NEXT, "sleep"));
-    return real(seconds);
-}

@@ -2,10 +2,10 @@
  * @file
  * @brief A host in memory that answers the library's system calls.
  *
- * The program that links this defines `open`, `ioctl`, `opendir`, `fork` and whatever else the library asks the
- * system for, so that a shared library's calls come here while a FakeSystem exists in their thread; at other times,
- * and in other threads, they go to the system. Nothing is mounted, nothing is forked and nobody sleeps, so that a
- * whole host takes microseconds.
+ * kernel/memoryHost.h answers for device files and directories; this plays the processes that the library starts. The
+ * program that links it defines `fork`, `pipe2`, `dup2`, `fcntl`, the functions of exec, `_exit`, `select`, `waitpid`
+ * and `perror` as well. While a FakeSystem exists in their thread these calls come here; at other times, and in other
+ * threads, they go to the system. Nothing is forked and nobody sleeps.
  *
  * The fake is strict: a request that is not as the device file operator has to send it, a descriptor closed twice, one
  * left open or one that was never opened ends the process (check.h).
@@ -17,63 +17,22 @@
 #define ZENDRA_TESTS_FUZZ_FAKESYSTEM_H
 
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "check.h"
+#include "kernel/memoryHost.h"
 
 namespace Zendra {
 namespace Fuzz {
 
-/** An answer to SG_IO. Nothing follows from anything else: a driver may lie about all of it. */
-struct ScsiAnswer {
-    /** The errno of an SG_IO that fails and writes nothing; 0: it succeeds. */
-    int failure = 0;
-    std::uint8_t info = 0;
-    std::uint8_t status = 0;
-    std::uint8_t maskedStatus = 0;
-    std::uint8_t senseLengthWritten = 0;
-    std::uint16_t hostStatus = 0;
-    std::uint16_t driverStatus = 0;
-    /** At most 32 bytes reach the sense buffer. */
-    Bytes sense;
-    /** At most 255 bytes reach the data buffer. */
-    Bytes data;
-};
-
-/** An answer to any other ioctl: what it writes over its argument. */
-struct PlainAnswer {
-    /** The errno of an ioctl that fails and writes nothing; 0: it succeeds. */
-    int failure = 0;
-    Bytes data;
-};
-
-/** One device file. The last answer of a sequence is given again and again; an empty one fails with ENOTTY. */
-struct Device {
-    std::string name;
-    /** The errno of open; 0: it can be opened. */
-    int openFailure = 0;
-    PlainAnswer version{0, {0x48, 0x77, 0, 0}};  // 30536, of the driver in today's kernels
-    PlainAnswer scsiId{25, {}};
-    PlainAnswer idLun{25, {}};
-    PlainAnswer busNumber{25, {}};
-    std::vector<ScsiAnswer> inquiry;
-    std::vector<ScsiAnswer> serial;
-    /** 512 bytes behind the header. */
-    std::vector<PlainAnswer> ataIdentify;
-    /** 4096 bytes. */
-    std::vector<PlainAnswer> nvmeIdentify;
-};
-
-/** One entry of /sys/block. */
-struct BlockEntry {
-    std::string name;
-    std::optional<std::string> firmwareRev;
-    std::optional<std::string> rev;
-};
+/**
+ * Gives a device file an answer to everything: the last answer of a sequence again and again, the version of the driver
+ * in today's kernels, and otherwise an error.
+ */
+void Complete(Kernel::Node& node);
 
 /** How a process that the library starts goes. */
 struct Child {
@@ -90,13 +49,7 @@ struct Child {
     int status = 0;
 };
 
-struct Host {
-    /** What loading the sg module answers. */
-    int modprobeStatus = 0;
-    bool devUnreadable = false;
-    std::vector<Device> dev;
-    bool blockAbsent = false;
-    std::vector<BlockEntry> block;
+struct Host : Kernel::Host {
     /** Answers in this order; the last one again and again. */
     std::vector<Child> children;
 };
@@ -113,35 +66,20 @@ struct Execution {
 void StopFaking();
 
 /** Takes the calls of this thread until it is destroyed. One at a time. */
-class FakeSystem {
+class FakeSystem : public Kernel::MemoryHost {
 public:
-    /** `host` must outlive this. */
-    explicit FakeSystem(const Host& host);
+    /** `theHost` must outlive this. */
+    explicit FakeSystem(const Host& theHost);
 
     /** Requires that no descriptor and no directory is left open. */
-    ~FakeSystem();
+    ~FakeSystem() override;
 
-    FakeSystem(const FakeSystem&) = delete;
-    FakeSystem& operator=(const FakeSystem&) = delete;
-
-    /** The device files that were opened, in the order of the first attempt, each once. */
-    std::vector<std::string> probed;
     std::vector<Execution> executions;
     /** Exit codes of children that did not become another program. */
     std::vector<int> exits;
-    unsigned sleeps = 0;
-    unsigned scsiCommands = 0;
 
     // What the system calls do while this exists. Failing ones set errno and return what the real ones do.
-    int Open(const char* path, int flags);
-    int Close(int descriptor);
-    long Read(int descriptor, void* buffer, std::size_t size);
-    int Ioctl(int descriptor, unsigned request, void* argument);
-    void* OpenDirectory(const char* path);
-    void* ReadDirectory(void* directory);
-    int CloseDirectory(void* directory);
-    int System(const char* command);
-    void Sleep(unsigned seconds);
+    ssize_t Read(int descriptor, void* buffer, std::size_t size) override;
     int Pipe(int* ends, int flags);
     int Fork(unsigned char* stack);
     int Duplicate(int from, int to);
@@ -153,32 +91,9 @@ public:
     void PrintError(const char* text);
 
 private:
-    enum class Kind { Terminal, Device, File, PipeRead, PipeWrite };
-    struct Descriptor {
-        Kind kind = Kind::Terminal;
-        const Device* device = nullptr;
-        std::string contents;
-        std::size_t position = 0;
-        bool closeOnExec = false;
-    };
-    struct Directory;
-
-    int Add(Descriptor descriptor);
-    Descriptor& At(int descriptor, const char* call);
-    int Scsi(const Device& device, void* argument);
     [[noreturn]] void BecomeParent();
 
-    template <class Answer>
-    const Answer* Next(const std::vector<Answer>& answers);
-
-    const Host& host;
-    std::map<int, Descriptor> descriptors;
-    std::size_t openDirectories = 0;
-    /** How many answers of a sequence were given since the last proxy was made. */
-    std::map<const void*, std::size_t> given;
-    Bytes expectedSense;
-    Bytes expectedData;
-
+    const std::vector<Child>& children;
     std::size_t childrenStarted = 0;
     Child child;
     bool inChild = false;

@@ -9,7 +9,7 @@
 // Input: byte 0: bit 0: the sg module cannot be loaded; bit 1: /dev cannot be read; bit 2: there is no /sys/block;
 // bit 3: the sr drives' table is not there. Byte 1: the type of device for one more call. Then entries, each a byte
 // (modulo 11) and what it takes; an answer belongs to the device before it, without one it is dropped:
-//   00 device       1 n and n bytes of name, 1 errno of open (0: it opens)
+//   00 device       1 n and n bytes of name, 1: 0: it opens
 //   01 version      1 errno, 4 the number
 //   02 INQUIRY      an answer to SG_IO: 1 errno, 1 info, 1 status, 1 masked status, 1 sense length written,
 //                   2 host status, 2 driver status, 1 n and n bytes of sense data, 1 n and n bytes of data
@@ -33,15 +33,16 @@
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "opticalModel.h"
 
+using Kernel::Answer;
+using Kernel::DevEntry;
+using Kernel::Node;
+using Kernel::PlainAnswer;
 using Zendra::Fuzz::Bytes;
-using Zendra::Fuzz::Device;
 using Zendra::Fuzz::FakeSystem;
 using Zendra::Fuzz::Host;
 using Zendra::Fuzz::Input;
-using Zendra::Fuzz::PlainAnswer;
 using Zendra::Fuzz::Require;
 using Zendra::Fuzz::RequireEqual;
-using Zendra::Fuzz::ScsiAnswer;
 using Zendra::ZDOptions::SoftwareIdentity_;
 using Zendra::ZDSystemDevice::DeviceCollector;
 using Zendra::ZDSystemDevice::OpticalProperty;
@@ -60,9 +61,9 @@ using Devices = std::vector<SystemDevice>;
 // ---------------------------------------------------------------------------------------------------------------
 // The host
 
-ScsiAnswer ReadScsiAnswer(Input& input)
+Answer ReadScsiAnswer(Input& input)
 {
-    ScsiAnswer answer;
+    Answer answer;
     answer.failure = input.Byte();
     answer.info = input.Byte();
     answer.status = input.Byte();
@@ -75,17 +76,19 @@ ScsiAnswer ReadScsiAnswer(Input& input)
     return answer;
 }
 
-PlainAnswer ReadPlainAnswer(Input& input, std::size_t size)
+PlainAnswer ReadPlainAnswer(Input& input, std::size_t numbers)
 {
     PlainAnswer answer;
     answer.failure = input.Byte();
-    answer.data = input.Take(size);
+    for (std::size_t i = 0; i < numbers; ++i) {
+        answer.values.push_back(input.Number32());
+    }
     return answer;
 }
 
-PlainAnswer ReadLongAnswer(Input& input)
+Answer ReadLongAnswer(Input& input)
 {
-    PlainAnswer answer;
+    Answer answer;
     answer.failure = input.Byte();
     answer.data = input.Take(input.Number16());
     return answer;
@@ -106,7 +109,6 @@ struct Scenario {
     std::int32_t anyType = 0;
 };
 
-template <class Answer>
 void Append(std::vector<Answer>& answers, const Answer& answer)
 {
     if (answers.size() < mostAnswers) {
@@ -126,23 +128,23 @@ Scenario ReadScenario(Input& input)
     scenario.anyType = static_cast<std::int8_t>(input.Byte());
     std::set<std::string> devNames;
     std::set<std::string> blockNames;
-    Device lost;
-    Device* device = &lost;
+    Node lost;
+    Node* device = &lost;
     while (!input.IsEmpty()) {
         switch (input.Byte() % 11) {
         case 0: {
-            Device next;
+            DevEntry next;
             next.name = ReadName(input, devNames);
-            next.openFailure = input.Byte();
+            next.kind = input.Byte() != 0 ? Kernel::EntryKind::Unopenable : Kernel::EntryKind::Node;
             device = &lost;
             if (!next.name.empty() && host.dev.size() < mostDevices) {
                 host.dev.push_back(next);
-                device = &host.dev.back();
+                device = &host.dev.back().node;
             }
             break;
         }
         case 1:
-            device->version = ReadPlainAnswer(input, 4);
+            device->sgVersion = ReadPlainAnswer(input, 1);
             break;
         case 2:
             Append(device->inquiry, ReadScsiAnswer(input));
@@ -157,16 +159,16 @@ Scenario ReadScenario(Input& input)
             Append(device->nvmeIdentify, ReadLongAnswer(input));
             break;
         case 6:
-            device->scsiId = ReadPlainAnswer(input, 16);
+            device->scsiId = ReadPlainAnswer(input, 4);
             break;
         case 7:
-            device->idLun = ReadPlainAnswer(input, 4);
+            device->idLun = ReadPlainAnswer(input, 1);
             break;
         case 8:
-            device->busNumber = ReadPlainAnswer(input, 4);
+            device->busNumber = ReadPlainAnswer(input, 1);
             break;
         case 9: {
-            Zendra::Fuzz::BlockEntry entry;
+            Kernel::BlockEntry entry;
             entry.name = ReadName(input, blockNames);
             const unsigned files = input.Byte();
             if ((files & 1) != 0) {
@@ -184,6 +186,9 @@ Scenario ReadScenario(Input& input)
             scenario.table += input.TakeText(input.Number16());
             break;
         }
+    }
+    for (DevEntry& entry : host.dev) {
+        Zendra::Fuzz::Complete(entry.node);
     }
     Zendra::Fuzz::Child cat;
     if (tableAbsent) {
@@ -315,7 +320,7 @@ ListOutcome List(const Host& host, std::int32_t type)
     outcome.status = CallBehind(outcome.devices, [&](Devices& devices) {
         return DeviceCollector().GetIndividualDevice(devices, static_cast<SysDeviceType>(type));
     });
-    outcome.probed = system.probed;
+    outcome.probed = system.Probed();
     return outcome;
 }
 
@@ -412,7 +417,7 @@ Devices ListOneByOne(const Host& host, std::int32_t type, const std::vector<std:
     for (const std::string& file : files) {
         alone.dev.clear();
         std::copy_if(host.dev.begin(), host.dev.end(), std::back_inserter(alone.dev),
-                     [&](const Device& device) { return "/dev/" + device.name == file; });
+                     [&](const DevEntry& entry) { return "/dev/" + entry.name == file; });
         const ListOutcome one = List(alone, type);
         RequireEqual(one.status, 0, "the status of a host with one device file");
         Require(one.devices.size() <= 1, "a device file gives one record at most");

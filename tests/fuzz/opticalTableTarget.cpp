@@ -33,13 +33,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<Zendra::Fuzz::OpticalDrive> drives;
     for (std::size_t i = 0; i < driveCount; ++i) {
         const std::string number = std::to_string(i);
-        Zendra::Fuzz::Device device;
+        Kernel::DevEntry device;
         device.name = "sr" + number;
-        Zendra::Fuzz::ScsiAnswer inquiry;
+        Kernel::Answer inquiry;
         const std::string answer = std::string("\x05\x80\x05\x02\x1f\0\0\0", 8) + "Zendra " + number +
                                    "Optical drive  " + number + "1.0" + number;
         inquiry.data.assign(answer.begin(), answer.end());
-        device.inquiry.push_back(inquiry);
+        device.node.inquiry.push_back(inquiry);
+        Zendra::Fuzz::Complete(device.node);
         host.dev.push_back(device);
         // Missing addresses and revision files are nothing to an optical drive.
         drives.push_back({"/dev/sr" + number, "Zendra " + number, "Optical drive  " + number});

@@ -14,10 +14,10 @@
 #include "logCapture.h"
 #include "module/osinfos/systemdevice/dataOperator_linux.h"
 
+using Kernel::Answer;
 using Zendra::Fuzz::Bytes;
 using Zendra::Fuzz::Require;
 using Zendra::Fuzz::RequireEqual;
-using Zendra::Fuzz::ScsiAnswer;
 
 namespace {
 
@@ -41,14 +41,14 @@ std::string Number(unsigned value, bool hexadecimal)
     return text;
 }
 
-Expectation Expect(const Zendra::Fuzz::Device& device, std::int32_t version)
+Expectation Expect(const Kernel::DevEntry& device, std::int32_t version)
 {
     Expectation expected;
     const auto line = [&](const std::string& text) { expected.log += "4 " + text + "\n"; };
     const auto ioctl = [&](bool succeeds) {
         line("Enter DataOperator::ExecIoCtl().");
         line("Enter DataOperator::OpenDriveFile() driveName = /dev/sg0");
-        if (device.openFailure != 0) {
+        if (device.kind != Kernel::EntryKind::Node) {
             line("DataOperator::ExecIoCtl(/dev/sg0)  invalid");
             return static_cast<int>(Zendra::ZDSystemDevice::DEV_OPEN_FAILED);
         }
@@ -56,7 +56,7 @@ Expectation Expect(const Zendra::Fuzz::Device& device, std::int32_t version)
         return static_cast<int>(succeeds ? Zendra::ZDSystemDevice::DEV_SUCCESS : Zendra::ZDSystemDevice::DEV_FAILURE);
     };
     line("Enter DataOperator::ExecPassThruCmd()");
-    expected.status = ioctl(device.version.failure == 0);
+    expected.status = ioctl(device.node.sgVersion->failure == 0);
     if (expected.status != Zendra::ZDSystemDevice::DEV_SUCCESS || version < 30000) {
         line("Device do not compat with SCSI");
         return expected;
@@ -64,8 +64,8 @@ Expectation Expect(const Zendra::Fuzz::Device& device, std::int32_t version)
     Bytes sense(senseLength);
     bool again = true;
     while (again && expected.commands < mostAttempts) {
-        const std::size_t index = std::min<std::size_t>(expected.commands, device.inquiry.size() - 1);
-        const ScsiAnswer& answer = device.inquiry[index];
+        const std::size_t index = std::min<std::size_t>(expected.commands, device.node.inquiry.size() - 1);
+        const Answer& answer = device.node.inquiry[index];
         ++expected.commands;
         expected.status = ioctl(answer.failure == 0);
         again = false;
@@ -118,15 +118,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool longCommand = (flags & 2) != 0;
     Zendra::Fuzz::Host host;
     host.dev.emplace_back();
-    Zendra::Fuzz::Device& device = host.dev.back();
+    Kernel::DevEntry& device = host.dev.back();
     device.name = "sg0";
-    device.openFailure = (flags & 4) != 0 ? EACCES : 0;
-    device.version.failure = (flags & 8) != 0 ? EINVAL : 0;
+    device.kind = (flags & 4) != 0 ? Kernel::EntryKind::Unreadable : Kernel::EntryKind::Node;
     const std::int32_t version = input.Number32();
-    const auto* versionBytes = reinterpret_cast<const unsigned char*>(&version);
-    device.version.data.assign(versionBytes, versionBytes + sizeof version);
+    device.node.sgVersion = Kernel::PlainAnswer{(flags & 8) != 0 ? EINVAL : 0, {version}, 0};
     do {
-        ScsiAnswer answer;
+        Answer answer;
         answer.failure = input.Byte();
         answer.info = input.Byte();
         answer.status = input.Byte();
@@ -136,11 +134,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         answer.driverStatus = input.Number16();
         answer.sense = input.Take(std::min<std::size_t>(input.Byte(), senseLength));
         answer.data = input.Take(input.Byte());
-        device.inquiry.push_back(answer);
-    } while (!input.IsEmpty() && device.inquiry.size() < mostAttempts);
-    if (device.inquiry.size() < mostAttempts) {
-        device.inquiry.emplace_back();
+        device.node.inquiry.push_back(answer);
+    } while (!input.IsEmpty() && device.node.inquiry.size() < mostAttempts);
+    if (device.node.inquiry.size() < mostAttempts) {
+        device.node.inquiry.emplace_back();
     }
+    Zendra::Fuzz::Complete(device.node);
     const Expectation expected = Expect(device, version);
 
     const auto command = std::make_unique<unsigned char[]>(longCommand ? 10 : 9);
@@ -158,8 +157,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         request.cdbLength = longCommand ? 10 : 6;
         request.dataBuffer = buffer.get();
         RequireEqual(dataOperator.ExecPassThruCmd(request), expected.status, "the status");
-        RequireEqual(system.scsiCommands, expected.commands, "SG_IOs");
-        RequireEqual(system.sleeps, expected.sleeps, "sleeps");
+        RequireEqual(system.Answers().ScsiCommands(), expected.commands, "SG_IOs");
+        RequireEqual(system.Sleeps(), expected.sleeps, "sleeps");
         RequireEqual(Zendra::Fuzz::LogCapture::Lines(), logs ? expected.log : "", "the log");
     }
     Require(std::equal(expected.data.begin(), expected.data.end(), buffer.get()), "the data is what the device sent");

@@ -1,13 +1,9 @@
 #include "simhost.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
-#include <linux/nvme_ioctl.h>
 #include <sched.h>
-#include <scsi/sg.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -16,24 +12,21 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
-#include <type_traits>
 #include <utility>
 
 #include "common/logger/log.h"
+#include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
-#if __has_include("common/options/softwareIdentity.h")
-#include "common/options/softwareIdentity.h"
-#define SIMHOST_HAS_IDENTITIES
-#endif
 
 namespace SimHost {
 
@@ -41,12 +34,9 @@ namespace {
 
 const char hexDigits[] = "0123456789abcdef";
 
-/** The most that SG_IO may write into the caller's buffer. */
-constexpr std::size_t scsiDataLimit = 255;
-constexpr std::size_t senseLimit = 32;
-constexpr std::size_t ataHeaderSize = 4;
-constexpr std::size_t ataIdentifySize = 512;
-constexpr std::size_t nvmeIdentifySize = 4096;
+using Kernel::ataIdentifySize;
+using Kernel::nvmeIdentifySize;
+using Kernel::senseLimit;
 
 int HexValue(char digit)
 {
@@ -929,12 +919,6 @@ std::size_t OpenDescriptors()
 /** The host whose turn it is: each thread has one of its own, in a mount namespace of its own. */
 thread_local MountedHost* current = nullptr;
 
-bool IsZero(const void* bytes, std::size_t size)
-{
-    const auto* first = static_cast<const unsigned char*>(bytes);
-    return std::all_of(first, first + size, [](unsigned char byte) { return byte == 0; });
-}
-
 }  // namespace
 
 Host ParseHost(const std::string& text, const std::string& name)
@@ -1005,7 +989,8 @@ std::string EnterPrivateNamespace()
 // ---------------------------------------------------------------------------------------------------------------
 // The fake
 
-MountedHost::MountedHost(const Host& theHost, Directories directories) : host(theHost)
+MountedHost::MountedHost(const Host& theHost, Directories directories)
+    : host(theHost), devices([this](const std::string& what) { Complain(what); })
 {
     if (current != nullptr) {
         throw MountError("one host at a time");
@@ -1043,22 +1028,19 @@ MountedHost::MountedHost(const Host& theHost, Directories directories) : host(th
         throw;
     }
     current = this;
+    Kernel::AnswerThread(this);
 }
 
 MountedHost::~MountedHost()
 {
     current = nullptr;
+    Kernel::AnswerThread(nullptr);
     for (auto point = mountPoints.rbegin(); point != mountPoints.rend(); ++point) {
         if (umount2(point->c_str(), MNT_DETACH) != 0) {
             // Whatever ran next would see this host's devices.
             std::abort();
         }
     }
-}
-
-void MountedHost::BeginCall()
-{
-    positions.clear();
 }
 
 void MountedHost::Note(const std::string& line)
@@ -1073,279 +1055,33 @@ void MountedHost::Complain(const std::string& what)
     complaints.push_back(quoted.substr(1, quoted.size() - 2));
 }
 
-void MountedHost::ComplainOfUnusedAnswers()
-{
-    for (const DevEntry& entry : host.dev) {
-        for (const auto* plain :
-             {&entry.node.sgVersion, &entry.node.scsiId, &entry.node.idLun, &entry.node.busNumber}) {
-            if (*plain && plainGiven[&**plain] == 0) {
-                Complain("never asked for: the answer of " + entry.name + " in line " + std::to_string((*plain)->line));
-            }
-        }
-        for (const auto* answers :
-             {&entry.node.inquiry, &entry.node.serial, &entry.node.ataIdentify, &entry.node.nvmeIdentify}) {
-            for (const Answer& answer : *answers) {
-                if (mostGiven[&answer] < answer.times) {
-                    Complain("asked for only " + std::to_string(mostGiven[&answer]) +
-                             " times in one call: the answer of " + entry.name + " in line " +
-                             std::to_string(answer.line));
-                }
-            }
-        }
-    }
-}
-
-const DevEntry* MountedHost::FindNode(const std::string& name) const
-{
-    const auto found =
-        std::find_if(host.dev.begin(), host.dev.end(), [&](const DevEntry& entry) { return entry.name == name; });
-    return found == host.dev.end() ? nullptr : &*found;
-}
-
-int MountedHost::Fail(int error, const std::string& complaint)
-{
-    if (!complaint.empty()) {
-        Complain(complaint);
-    }
-    errno = error;
-    return -1;
-}
-
-int MountedHost::GivePlain(const std::optional<PlainAnswer>& plain, const std::string& what)
-{
-    if (!plain) {
-        return Fail(ENOTTY, "no answer for " + what);
-    }
-    ++plainGiven[&*plain];
-    return plain->failure != 0 ? Fail(plain->failure, "") : 0;
-}
-
-const Answer* MountedHost::NextAnswer(const std::vector<Answer>& answers, const std::string& what)
-{
-    Position& position = positions[&answers];
-    if (position.answer < answers.size() && !answers[position.answer].anyTimes &&
-        position.given == answers[position.answer].times) {
-        ++position.answer;
-        position.given = 0;
-    }
-    if (position.answer >= answers.size()) {
-        Fail(ENOTTY, (answers.empty() ? "no answer for " : "asked too often: ") + what);
-        return nullptr;
-    }
-    const Answer& answer = answers[position.answer];
-    unsigned& most = mostGiven[&answer];
-    most = std::max(most, ++position.given);
-    return &answer;
-}
-
 int MountedHost::Ioctl(int descriptor, unsigned request, void* argument)
 {
+    const auto fail = [this](int error, const std::string& complaint) {
+        Complain(complaint);
+        errno = error;
+        return -1;
+    };
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
     char target[4096];
     const ssize_t length = readlink(link.c_str(), target, sizeof target);
     if (length < 0) {
-        return Fail(EBADF, "ioctl on a descriptor that is not open");
+        return fail(EBADF, "ioctl on a descriptor that is not open");
     }
     const std::string path(target, static_cast<std::size_t>(length));
     if (path.compare(0, 5, "/dev/") != 0) {
-        return Fail(ENOTTY, "ioctl on " + path);
+        return fail(ENOTTY, "ioctl on " + path);
     }
-    const DevEntry* entry = FindNode(path.substr(5));
-    if (entry == nullptr) {
-        return Fail(ENOTTY, "ioctl on an unknown device file, " + path);
+    const auto entry = std::find_if(host.dev.begin(), host.dev.end(),
+                                    [&](const DevEntry& known) { return path.compare(5, path.npos, known.name) == 0; });
+    if (entry == host.dev.end()) {
+        return fail(ENOTTY, "ioctl on an unknown device file, " + path);
     }
     const int flags = fcntl(descriptor, F_GETFL);
     if ((flags & O_ACCMODE) != O_RDONLY || (flags & O_NONBLOCK) == 0) {
         Complain(path + " was not opened read-only and non-blocking");
     }
-    if (argument == nullptr) {
-        return Fail(EFAULT, "ioctl without an argument on " + path);
-    }
-    if (entry->kind == EntryKind::Directory || entry->kind == EntryKind::File) {
-        return Fail(ENOTTY, "");
-    }
-    const auto expectZero = [&](std::size_t size, const char* what) {
-        if (!IsZero(argument, size)) {
-            Complain(std::string(what) + " on " + path + ": the argument is not zeroed");
-        }
-    };
-    switch (request) {
-    case SG_GET_VERSION_NUM: {
-        expectZero(sizeof(int), "SG_GET_VERSION_NUM");
-        expectedSense.assign(senseLimit, 0);
-        expectedData.assign(scsiDataLimit, 0);
-        const int result = GivePlain(entry->node.sgVersion, "SG_GET_VERSION_NUM on " + path);
-        if (result == 0) {
-            std::memcpy(argument, entry->node.sgVersion->values.data(), sizeof(int));
-        }
-        return result;
-    }
-    case SG_GET_SCSI_ID: {
-        expectZero(sizeof(sg_scsi_id), "SG_GET_SCSI_ID");
-        const int result = GivePlain(entry->node.scsiId, "SG_GET_SCSI_ID on " + path);
-        if (result == 0) {
-            const std::vector<std::int32_t>& values = entry->node.scsiId->values;
-            sg_scsi_id id{};
-            id.host_no = values[0];
-            id.channel = values[1];
-            id.scsi_id = values[2];
-            id.lun = values[3];
-            std::memcpy(argument, &id, sizeof id);
-        }
-        return result;
-    }
-    case 0x5382: {  // SCSI_IOCTL_GET_IDLUN: <scsi/scsi.h> names it only for the kernel
-        expectZero(2 * sizeof(int), "SCSI_IOCTL_GET_IDLUN");
-        const int result = GivePlain(entry->node.idLun, "SCSI_IOCTL_GET_IDLUN on " + path);
-        if (result == 0) {
-            const std::int32_t answer[2] = {entry->node.idLun->values[0], 0x5aa55aa5};
-            std::memcpy(argument, answer, sizeof answer);
-        }
-        return result;
-    }
-    case 0x5386: {  // SCSI_IOCTL_GET_BUS_NUMBER
-        expectZero(sizeof(int), "SCSI_IOCTL_GET_BUS_NUMBER");
-        const int result = GivePlain(entry->node.busNumber, "SCSI_IOCTL_GET_BUS_NUMBER on " + path);
-        if (result == 0) {
-            std::memcpy(argument, entry->node.busNumber->values.data(), sizeof(int));
-        }
-        return result;
-    }
-    case SG_IO:
-        return ScsiCommand(*entry, argument);
-    case 0x031f:  // HDIO_DRIVE_CMD: <linux/hdreg.h> declares clashing names
-        return AtaCommand(*entry, argument);
-    case NVME_IOCTL_ADMIN_CMD:
-        return NvmeCommand(*entry, argument);
-    default: {
-        std::ostringstream number;
-        number << std::hex << request;
-        return Fail(ENOTTY, "unknown ioctl 0x" + number.str() + " on " + path);
-    }
-    }
-}
-
-int MountedHost::ScsiCommand(const DevEntry& entry, void* argument)
-{
-    auto& header = *static_cast<sg_io_hdr*>(argument);
-    const std::string where = " in the SG_IO header for " + entry.name;
-    bool asRequired = true;
-    const auto require = [&](bool right, const char* what) {
-        if (!right) {
-            Complain(what + where);
-            asRequired = false;
-        }
-    };
-    require(header.interface_id == 'S', "interface_id");
-    require(header.cmd_len == 6, "cmd_len");
-    require(header.cmdp != nullptr, "cmdp");
-    require(header.dxferp != nullptr, "dxferp");
-    require(header.sbp != nullptr, "sbp");
-    require(header.dxfer_len == scsiDataLimit, "dxfer_len");
-    require(header.mx_sb_len == senseLimit, "mx_sb_len");
-    if (!asRequired) {
-        return Fail(EINVAL, "");
-    }
-    require(header.dxfer_direction == SG_DXFER_FROM_DEV, "dxfer_direction");
-    require(header.iovec_count == 0, "iovec_count");
-    require(header.timeout == 20000, "timeout");
-    require(header.flags == 0, "flags");
-    require(header.pack_id == 0, "pack_id");
-    require(header.usr_ptr == nullptr, "usr_ptr");
-    require(header.status == 0 && header.masked_status == 0 && header.msg_status == 0 && header.sb_len_wr == 0 &&
-                header.host_status == 0 && header.driver_status == 0 && header.resid == 0 && header.duration == 0 &&
-                header.info == 0,
-            "the answer's fields (not zeroed)");
-    // Atomic: other threads may be sending the same block, and write the same bytes.
-    require(__atomic_load_n(&header.cmdp[7], __ATOMIC_RELAXED) == 0x00 &&
-                __atomic_load_n(&header.cmdp[8], __ATOMIC_RELAXED) == 0xff,
-            "bytes 7 and 8 of the command");
-    require(std::equal(expectedSense.begin(), expectedSense.end(), header.sbp),
-            "the sense buffer (neither zeroed nor left as it was)");
-    require(std::equal(expectedData.begin(), expectedData.end(), static_cast<unsigned char*>(header.dxferp)),
-            "the data buffer (neither zeroed nor left as it was)");
-
-    static const unsigned char standardInquiry[] = {0x12, 0x00, 0x00, 0x00, 0x80, 0x00};
-    static const unsigned char serialInquiry[] = {0x12, 0x01, 0x80, 0x00, 0xff, 0x00};
-    const Answer* answer = nullptr;
-    if (std::equal(standardInquiry, standardInquiry + sizeof standardInquiry, header.cmdp)) {
-        answer = NextAnswer(entry.node.inquiry, "INQUIRY on " + entry.name);
-    } else if (std::equal(serialInquiry, serialInquiry + sizeof serialInquiry, header.cmdp)) {
-        answer = NextAnswer(entry.node.serial, "the serial number page on " + entry.name);
-    } else {
-        return Fail(EINVAL, "unknown command " + HexText(header.cmdp, header.cmd_len) + where);
-    }
-    if (answer == nullptr) {
-        return -1;
-    }
-    if (answer->failure != 0) {
-        return Fail(answer->failure, "");
-    }
-    const std::size_t size = std::min(answer->data.size(), scsiDataLimit);
-    std::copy_n(answer->data.begin(), size, static_cast<unsigned char*>(header.dxferp));
-    std::copy_n(answer->data.begin(), size, expectedData.begin());
-    std::copy(answer->sense.begin(), answer->sense.end(), header.sbp);
-    std::copy(answer->sense.begin(), answer->sense.end(), expectedSense.begin());
-    header.status = answer->status;
-    header.masked_status = answer->maskedStatus;
-    header.sb_len_wr = answer->senseLengthWritten;
-    header.host_status = answer->hostStatus;
-    header.driver_status = answer->driverStatus;
-    header.resid = static_cast<int>(scsiDataLimit - size);
-    header.info = answer->info;
-    return answer->result;
-}
-
-int MountedHost::AtaCommand(const DevEntry& entry, void* argument)
-{
-    auto* buffer = static_cast<unsigned char*>(argument);
-    static const unsigned char required[ataHeaderSize] = {0xec, 0x00, 0x00, 0x01};
-    if (!std::equal(required, required + ataHeaderSize, buffer)) {
-        return Fail(EINVAL, "HDIO_DRIVE_CMD on " + entry.name + " with header " + HexText(buffer, ataHeaderSize));
-    }
-    if (!IsZero(buffer + ataHeaderSize, ataIdentifySize)) {
-        Complain("HDIO_DRIVE_CMD on " + entry.name + ": the buffer is not zeroed");
-    }
-    const Answer* answer = NextAnswer(entry.node.ataIdentify, "IDENTIFY DEVICE on " + entry.name);
-    if (answer == nullptr) {
-        return -1;
-    }
-    if (answer->failure != 0) {
-        return Fail(answer->failure, "");
-    }
-    // The kernel puts status, error and sector count of the finished command into the header.
-    static const unsigned char finished[ataHeaderSize] = {0x50, 0x00, 0x00, 0x00};
-    std::copy(finished, finished + ataHeaderSize, buffer);
-    std::copy(answer->data.begin(), answer->data.end(), buffer + ataHeaderSize);
-    return answer->result;
-}
-
-int MountedHost::NvmeCommand(const DevEntry& entry, void* argument)
-{
-    nvme_admin_cmd required{};
-    nvme_admin_cmd command{};
-    std::memcpy(&command, argument, sizeof command);
-    required.opcode = 0x06;
-    required.data_len = nvmeIdentifySize;
-    required.cdw10 = 1;
-    required.addr = command.addr;
-    if (command.addr == 0 || std::memcmp(&command, &required, sizeof command) != 0) {
-        return Fail(EINVAL, "NVME_IOCTL_ADMIN_CMD on " + entry.name + " with " +
-                                HexText(static_cast<const unsigned char*>(argument), sizeof command));
-    }
-    auto* buffer = reinterpret_cast<unsigned char*>(static_cast<std::uintptr_t>(command.addr));
-    if (!IsZero(buffer, nvmeIdentifySize)) {
-        Complain("NVME_IOCTL_ADMIN_CMD on " + entry.name + ": the buffer is not zeroed");
-    }
-    const Answer* answer = NextAnswer(entry.node.nvmeIdentify, "Identify Controller on " + entry.name);
-    if (answer == nullptr) {
-        return -1;
-    }
-    if (answer->failure != 0) {
-        return Fail(answer->failure, "");
-    }
-    std::copy(answer->data.begin(), answer->data.end(), buffer);
-    return answer->result;
+    return devices.Ioctl(*entry, request, argument);
 }
 
 int MountedHost::System(const char* command)
@@ -1370,6 +1106,7 @@ unsigned MountedHost::Sleep(unsigned seconds)
 
 namespace {
 
+using Zendra::ZDOptions::SoftwareIdentity_;
 using Zendra::ZDSystemDevice::DeviceCollector;
 using Zendra::ZDSystemDevice::OpticalProperty;
 using Zendra::ZDSystemDevice::SystemDevice;
@@ -1421,8 +1158,7 @@ void NoteRecord(MountedHost& mounted, const OpticalProperty& drive)
     NoteField(mounted, "ram_w_", drive.ram_w_);
 }
 
-#ifdef SIMHOST_HAS_IDENTITIES
-void NoteRecord(MountedHost& mounted, const Zendra::ZDOptions::SoftwareIdentity_& identity)
+void NoteRecord(MountedHost& mounted, const SoftwareIdentity_& identity)
 {
     mounted.Note("identity");
     NoteField(mounted, "Name", identity.Name);
@@ -1433,7 +1169,6 @@ void NoteRecord(MountedHost& mounted, const Zendra::ZDOptions::SoftwareIdentity_
     NoteField(mounted, "IsPLDMUpdateSupported", identity.IsPLDMUpdateSupported);
     NoteField(mounted, "Category", std::to_string(identity.Category));
 }
-#endif
 
 template <class Record>
 void NoteOutcome(MountedHost& mounted, unsigned status, const std::vector<Record>& records)
@@ -1443,44 +1178,6 @@ void NoteOutcome(MountedHost& mounted, unsigned status, const std::vector<Record
         NoteRecord(mounted, record);
     }
 }
-
-/** Calls that only later versions of the library have; a host that asks an older one for them fails. */
-template <class Collector, class = void>
-struct OpticalCall {
-    static void Run(Collector&, MountedHost& mounted) { mounted.Complain("the library has no GetOpticalProperties"); }
-};
-
-template <class Collector>
-struct OpticalCall<Collector, std::void_t<decltype(std::declval<Collector&>().GetOpticalProperties(
-                                  std::declval<std::vector<OpticalProperty>&>()))>> {
-    static void Run(Collector& collector, MountedHost& mounted)
-    {
-        std::vector<OpticalProperty> drives;
-        const unsigned status = collector.GetOpticalProperties(drives);
-        NoteOutcome(mounted, status, drives);
-    }
-};
-
-template <class Collector, class = void>
-struct FirmwareCall {
-    static void Run(Collector&, MountedHost& mounted)
-    {
-        mounted.Complain("the library has no GetDiskDriverSoftwareIdentities");
-    }
-};
-
-#ifdef SIMHOST_HAS_IDENTITIES
-template <class Collector>
-struct FirmwareCall<Collector, std::void_t<decltype(std::declval<Collector&>().GetDiskDriverSoftwareIdentities(
-                                   std::declval<std::vector<Zendra::ZDOptions::SoftwareIdentity_>&>()))>> {
-    static void Run(Collector& collector, MountedHost& mounted)
-    {
-        std::vector<Zendra::ZDOptions::SoftwareIdentity_> identities;
-        const unsigned status = collector.GetDiskDriverSoftwareIdentities(identities);
-        NoteOutcome(mounted, status, identities);
-    }
-};
-#endif
 
 void RunCall(MountedHost& mounted, const Call& call)
 {
@@ -1499,12 +1196,18 @@ void RunCall(MountedHost& mounted, const Call& call)
         NoteOutcome(mounted, status, devices);
         break;
     }
-    case CallKind::Optical:
-        OpticalCall<DeviceCollector>::Run(collector, mounted);
+    case CallKind::Optical: {
+        std::vector<OpticalProperty> drives;
+        const unsigned status = collector.GetOpticalProperties(drives);
+        NoteOutcome(mounted, status, drives);
         break;
-    case CallKind::Firmware:
-        FirmwareCall<DeviceCollector>::Run(collector, mounted);
+    }
+    case CallKind::Firmware: {
+        std::vector<SoftwareIdentity_> identities;
+        const unsigned status = collector.GetDiskDriverSoftwareIdentities(identities);
+        NoteOutcome(mounted, status, identities);
         break;
+    }
     }
 }
 
@@ -1610,37 +1313,3 @@ std::string SeenOn(const Host& host)
 }
 
 }  // namespace SimHost
-
-// The calls that are taken from the library. The declarations are the system headers'. Weak, so that a test program
-// may stand between the library and the host with definitions of its own.
-
-extern "C" __attribute__((weak)) int ioctl(int descriptor, unsigned long request, ...) noexcept
-{
-    va_list arguments;
-    va_start(arguments, request);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    if (SimHost::current == nullptr) {
-        return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
-    }
-    // A request number kept in an int comes sign-extended; the kernel looks at 32 bits.
-    return SimHost::current->Ioctl(descriptor, static_cast<unsigned>(request), argument);
-}
-
-extern "C" __attribute__((weak)) int system(const char* command)
-{
-    if (SimHost::current != nullptr) {
-        return SimHost::current->System(command);
-    }
-    const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "system"));
-    return real(command);
-}
-
-extern "C" __attribute__((weak)) unsigned sleep(unsigned seconds)
-{
-    if (SimHost::current != nullptr) {
-        return SimHost::current->Sleep(seconds);
-    }
-    const auto real = reinterpret_cast<unsigned (*)(unsigned)>(dlsym(RTLD_NEXT, "sleep"));
-    return real(seconds);
-}

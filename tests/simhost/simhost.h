@@ -2,9 +2,9 @@
  * @file
  * @brief Simulated hosts: reads a host file, makes its directories, answers the library's requests.
  *
- * The program that links this defines `ioctl`, `system` and `sleep` (in simhost.cpp), so that a shared library's
- * calls come here while a host is mounted; at other times they go to the system. README.md describes the files.
- * One host at a time in each thread: a thread has its own mount namespace and sees its own host only (RunHost(),
+ * The program that links this has `ioctl`, `system` and `sleep` taken (kernel/systemCalls.h), so that a shared
+ * library's calls come here while a host is mounted; at other times they go to the system. README.md describes the
+ * files. One host at a time in each thread: a thread has its own mount namespace and sees its own host only (RunHost(),
  * which counts the descriptors of the whole process, is for one thread). Nothing here knows GoogleTest.
  */
 #ifndef ZENDRA_TESTS_SIMHOST_H
@@ -12,15 +12,23 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "kernel/devices.h"
+#include "kernel/host.h"
+#include "kernel/systemCalls.h"
+
 namespace SimHost {
 
-using Bytes = std::vector<unsigned char>;
+using Kernel::Answer;
+using Kernel::BlockEntry;
+using Kernel::Bytes;
+using Kernel::DevEntry;
+using Kernel::EntryKind;
+using Kernel::Node;
+using Kernel::PlainAnswer;
 
 /** A host file that cannot be read as one; the text names the file and the line. */
 class ParseError : public std::runtime_error {
@@ -34,65 +42,6 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/** One line of a sequence of answers. */
-struct Answer {
-    unsigned times = 1;
-    /** Given as often as asked; `times` is then 1. */
-    bool anyTimes = false;
-    /** 0, or why the ioctl fails. */
-    int failure = 0;
-    /** What an ioctl that does not fail returns. */
-    int result = 0;
-    Bytes data;
-    Bytes sense;
-    unsigned char senseLengthWritten = 0;
-    unsigned info = 0;
-    unsigned char status = 0;
-    unsigned char maskedStatus = 0;
-    unsigned short hostStatus = 0;
-    unsigned short driverStatus = 0;
-    /** Line of the host file, for complaints. */
-    unsigned line = 0;
-};
-
-/** An answer that is the same however often it is asked for. */
-struct PlainAnswer {
-    int failure = 0;
-    std::vector<std::int32_t> values;
-    unsigned line = 0;
-};
-
-/** Everything that a device file answers. */
-struct Node {
-    std::optional<PlainAnswer> sgVersion;
-    /** host, channel, id, lun */
-    std::optional<PlainAnswer> scsiId;
-    std::optional<PlainAnswer> idLun;
-    std::optional<PlainAnswer> busNumber;
-    std::vector<Answer> inquiry;
-    std::vector<Answer> serial;
-    std::vector<Answer> ataIdentify;
-    std::vector<Answer> nvmeIdentify;
-};
-
-enum class EntryKind { Node, File, Directory, Dangling, Unreadable, Unopenable, Link };
-
-/** One entry of /dev. */
-struct DevEntry {
-    EntryKind kind = EntryKind::Node;
-    std::string name;
-    /** Of a Link: the entry's name that it leads to. */
-    std::string target;
-    Node node;
-};
-
-/** One entry of /sys/block. */
-struct BlockEntry {
-    std::string name;
-    std::optional<std::string> firmwareRev;
-    std::optional<std::string> rev;
-};
-
 enum class CallKind { All, Individual, Optical, Firmware };
 
 /** One call of the library. */
@@ -104,16 +53,9 @@ struct Call {
     std::string seen;
 };
 
-/** A whole host. */
-struct Host {
+/** A whole host file. */
+struct Host : Kernel::Host {
     std::string name;
-    /** What system() returns for the module loading. */
-    int modprobeStatus = 0;
-    std::vector<DevEntry> dev;
-    bool devUnreadable = false;
-    std::vector<BlockEntry> block;
-    bool blockAbsent = false;
-    std::optional<std::string> cdromInfo;
     std::vector<Call> calls;
 };
 
@@ -133,19 +75,22 @@ std::string Quote(const std::string& text);
 std::string EnterPrivateNamespace();
 
 /** Makes a host's directories and answers its requests, until destroyed. EnterPrivateNamespace() comes first. */
-class MountedHost {
+class MountedHost : private Kernel::SystemCalls {
 public:
     /** Whether the host's directories are made, or have been made by another process. */
     enum class Directories { Make, AreThere };
 
-    /** `host` must outlive this. Throws MountError. */
+    /**
+     * `host` must outlive this. Throws MountError. Takes the calls of this thread, but not where the directories are
+     * there already: whoever has made this passes on which it likes.
+     */
     explicit MountedHost(const Host& host, Directories directories = Directories::Make);
-    ~MountedHost();
+    ~MountedHost() override;
     MountedHost(const MountedHost&) = delete;
     MountedHost& operator=(const MountedHost&) = delete;
 
     /** Starts every sequence of answers at its first. */
-    void BeginCall();
+    void BeginCall() { devices.BeginCall(); }
 
     /** Adds a line to the text of what happened: a log line, a status, a record. */
     void Note(const std::string& line);
@@ -154,7 +99,7 @@ public:
     void Complain(const std::string& what);
 
     /** Complains about each answer that no call has had. */
-    void ComplainOfUnusedAnswers();
+    void ComplainOfUnusedAnswers() { devices.ComplainOfUnusedAnswers(host.dev); }
 
     /** All that happened up to now, in the form of a golden text. */
     const std::string& Text() const { return text; }
@@ -162,39 +107,20 @@ public:
     const std::vector<std::string>& Complaints() const { return complaints; }
 
     /** What ioctl() does while this host is mounted: result or -1 with errno. */
-    int Ioctl(int descriptor, unsigned request, void* argument);
+    int Ioctl(int descriptor, unsigned request, void* argument) override;
 
     /** What system() does while this host is mounted. */
-    int System(const char* command);
+    int System(const char* command) override;
 
     /** What sleep() does while this host is mounted. */
-    unsigned Sleep(unsigned seconds);
+    unsigned Sleep(unsigned seconds) override;
 
 private:
-    struct Position {
-        std::size_t answer = 0;
-        unsigned given = 0;
-    };
-
-    const DevEntry* FindNode(const std::string& name) const;
-    int Fail(int error, const std::string& complaint);
-    int GivePlain(const std::optional<PlainAnswer>& plain, const std::string& what);
-    const Answer* NextAnswer(const std::vector<Answer>& answers, const std::string& what);
-    int ScsiCommand(const DevEntry& entry, void* argument);
-    int AtaCommand(const DevEntry& entry, void* argument);
-    int NvmeCommand(const DevEntry& entry, void* argument);
-
     const Host& host;
     std::vector<std::string> mountPoints;
     std::string text;
     std::vector<std::string> complaints;
-    std::map<const std::vector<Answer>*, Position> positions;
-    /** The most that one call has had of an answer. */
-    std::map<const Answer*, unsigned> mostGiven;
-    std::map<const PlainAnswer*, unsigned> plainGiven;
-    /** What the caller's buffers must hold before the next SCSI command: nothing but what we wrote. */
-    Bytes expectedSense = Bytes(32);
-    Bytes expectedData = Bytes(255);
+    Kernel::Devices devices;
 };
 
 /** What became of one host. */

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -57,8 +58,12 @@ public:
 
 /** Proxies load a kernel module while they are made; here they do not. */
 class Decoders : public benchmark::Fixture {
+public:
+    void SetUp(benchmark::State& /*state*/) override { host.emplace(0); }
+    void TearDown(benchmark::State& /*state*/) override { host.reset(); }
+
 protected:
-    SimulatedHost host{0};
+    std::optional<SimulatedHost> host;
     BusDevice bus;
 };
 

@@ -2,7 +2,8 @@
 
 #include <cstdlib>
 #include <limits>
-#include <new>
+
+#include "kernel/operatorNew.h"
 
 namespace ZendraTest {
 namespace Allocations {
@@ -76,7 +77,13 @@ void* Watched()
     return state.watched;
 }
 
-static void* Allocate(std::size_t size)
+}  // namespace Allocations
+}  // namespace ZendraTest
+
+using ZendraTest::Allocations::never;
+using ZendraTest::Allocations::state;
+
+void* Kernel::Allocate(std::size_t size)
 {
     const bool counts = state.pauses == 0;
     if (counts && size == state.failSize) {
@@ -102,7 +109,7 @@ static void* Allocate(std::size_t size)
     return block;
 }
 
-static void Release(void* block)
+void Kernel::Release(void* block) noexcept
 {
     if (block == nullptr) {
         return;
@@ -112,64 +119,4 @@ static void Release(void* block)
         state.watched = nullptr;
     }
     std::free(block);
-}
-
-}  // namespace Allocations
-}  // namespace ZendraTest
-
-using ZendraTest::Allocations::Allocate;
-using ZendraTest::Allocations::Release;
-
-void* operator new(std::size_t size)
-{
-    void* const block = Allocate(size);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return block;
-}
-
-void* operator new[](std::size_t size)
-{
-    return operator new(size);
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    return Allocate(size);
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
-{
-    return Allocate(size);
-}
-
-void operator delete(void* block) noexcept
-{
-    Release(block);
-}
-
-void operator delete[](void* block) noexcept
-{
-    Release(block);
-}
-
-void operator delete(void* block, std::size_t) noexcept
-{
-    Release(block);
-}
-
-void operator delete[](void* block, std::size_t) noexcept
-{
-    Release(block);
-}
-
-void operator delete(void* block, const std::nothrow_t&) noexcept
-{
-    Release(block);
-}
-
-void operator delete[](void* block, const std::nothrow_t&) noexcept
-{
-    Release(block);
 }

@@ -7,11 +7,13 @@
 #ifndef ZENDRA_TESTS_SUPPORT_FAKEHOST_H
 #define ZENDRA_TESTS_SUPPORT_FAKEHOST_H
 
-#include <functional>
+#include <gtest/gtest.h>
+
 #include <map>
 #include <string>
 #include <vector>
 
+#include "kernel/devices.h"
 #include "support/scriptedOperator.h"
 
 namespace ZendraTest {
@@ -49,12 +51,11 @@ public:
     std::size_t OpenFiles() const { return openFiles.size(); }
 
 private:
-    int OnIoctl(const FakeDevice& device, unsigned code, void* argument) const;
-    int OnCommand(const FakeDevice& device, void* argument) const;
-
     std::vector<std::string> names;
-    std::map<std::string, FakeDevice> devices;
+    std::map<std::string, int> openErrors;
+    std::map<std::string, Kernel::DevEntry> devices;
     std::map<int, std::string> openFiles;
+    Kernel::Devices answers{[](const std::string& what) { ADD_FAILURE() << what; }};
 };
 
 }  // namespace ZendraTest

@@ -2,7 +2,7 @@
  * @file
  * @brief Takes the library's calls of open, close, ioctl, sleep, system, opendir, readdir and closedir.
  *
- * The test executable defines these functions, so that the library's calls arrive here. Each fails closed: a
+ * They arrive here from kernel/systemCalls.h, in a child execvp as well. Each fails closed: a
  * shell command, a sleep, an ioctl or a scan of /dev or /sys/block that the running test did not provide for
  * fails that test. Other directories and files are the real ones.
  */

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "kernel/operatorNew.h"
+
 namespace ZendraTest {
 
 Hooks hooks;
@@ -39,35 +41,6 @@ std::atomic<long> liveBlocks{0};
 const pid_t testProcess = getpid();
 /** Set once constructors have run: allocations before that belong to nobody. */
 const bool counting = (SharedTally(), true);
-
-void* Allocate(std::size_t size)
-{
-    if (counting) {
-        Tally& tally = SharedTally();
-        const bool inChild = getpid() != testProcess;
-        if (inChild) {
-            ++tally.takenInChildren;
-        }
-        if (tally.failInChild == inChild && tally.failAfter >= 0 && tally.failAfter-- == 0) {
-            tally.failed = true;
-            throw std::bad_alloc();
-        }
-    }
-    void* const block = std::malloc(size != 0 ? size : 1);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    ++liveBlocks;
-    return block;
-}
-
-void Release(void* block)
-{
-    if (block != nullptr) {
-        --liveBlocks;
-        std::free(block);
-    }
-}
 
 }  // namespace
 
@@ -139,34 +112,30 @@ int Close(int descriptor)
 
 using namespace ZendraTest;
 
-void* operator new(std::size_t size)
+void* Kernel::Allocate(std::size_t size)
 {
-    return Allocate(size);
+    if (counting) {
+        Tally& tally = SharedTally();
+        const bool inChild = getpid() != testProcess;
+        if (inChild) {
+            ++tally.takenInChildren;
+        }
+        if (tally.failInChild == inChild && tally.failAfter >= 0 && tally.failAfter-- == 0) {
+            tally.failed = true;
+            return nullptr;
+        }
+    }
+    void* const block = std::malloc(size != 0 ? size : 1);
+    liveBlocks += block != nullptr ? 1 : 0;
+    return block;
 }
 
-void* operator new[](std::size_t size)
+void Kernel::Release(void* block) noexcept
 {
-    return Allocate(size);
-}
-
-void operator delete(void* block) noexcept
-{
-    Release(block);
-}
-
-void operator delete[](void* block) noexcept
-{
-    Release(block);
-}
-
-void operator delete(void* block, std::size_t) noexcept
-{
-    Release(block);
-}
-
-void operator delete[](void* block, std::size_t) noexcept
-{
-    Release(block);
+    if (block != nullptr) {
+        --liveBlocks;
+        std::free(block);
+    }
 }
 
 extern "C" {
