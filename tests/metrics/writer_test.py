@@ -7,7 +7,9 @@ import os
 import re
 import shutil
 import stat
+import struct
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -353,6 +355,20 @@ class AttackTest(Case):
         for name in os.listdir(self.out()):
             os.unlink(self.out(name))
 
+    def test_the_directory_s_access_list_opens_the_file_to_nobody(self):
+        # Version 2; tag, permissions and user of: the owner, nobody, the group, the mask, others. All may do all.
+        entries = [(0x01, 7, -1), (0x02, 7, NOBODY), (0x04, 7, -1), (0x10, 7, -1), (0x20, 7, -1)]
+        access = struct.pack("<I", 2) + b"".join(struct.pack("<HHi", *entry) for entry in entries)
+        try:
+            os.setxattr(self.out(), "system.posix_acl_default", access)
+        except OSError as error:
+            self.skipTest(f"no access lists here: {error}")
+        script = "! (: >>out/%s) 2>/dev/null"
+        self.assert_written(self.run_attacked(script % NEW_FILE, "sendfile"))
+        self.assert_written(self.run_attacked(script % NEW_FILE, "fsync"))
+        self.attack(script % "zddevices.prom")
+        self.assertEqual(self.read(), NEW)
+
     def test_nobody_wins_a_race(self):
         script = (f"cd $1/home; echo begun; while :; do {self.MOVED_AWAY}; rm out; mv aside out; "
                   f"ln -s ../../secret out/{NEW_FILE}; ln -sf ../../secret out/zddevices.prom; done 2>/dev/null")
@@ -387,4 +403,5 @@ class AttackTest(Case):
 
 
 if __name__ == "__main__":
-    unittest.main(verbosity=2)
+    outcome = unittest.main(verbosity=2, exit=False).result
+    sys.exit(1 if not outcome.wasSuccessful() else 77 if len(outcome.skipped) == outcome.testsRun else 0)
