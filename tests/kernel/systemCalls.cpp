@@ -12,6 +12,15 @@ namespace Kernel {
 
 namespace {
 
+// Where offsets have 64 bits by choice, the names without a number stand for the others.
+#ifdef __USE_FILE_OFFSET64
+constexpr char openName[] = "open64";
+constexpr char readdirName[] = "readdir64";
+#else
+constexpr char openName[] = "open";
+constexpr char readdirName[] = "readdir";
+#endif
+
 thread_local SystemCalls* ofThread = nullptr;
 SystemCalls* ofProcess = nullptr;
 
@@ -57,7 +66,7 @@ unsigned SystemCalls::Sleep(unsigned seconds)
 
 int SystemCalls::Open(const char* path, int flags, mode_t mode)
 {
-    static auto* const real = Next<int(const char*, int, ...)>("open");
+    static auto* const real = Next<int(const char*, int, ...)>(openName);
     return real(path, flags, mode);
 }
 
@@ -81,7 +90,7 @@ DIR* SystemCalls::OpenDirectory(const char* path)
 
 dirent* SystemCalls::ReadDirectory(DIR* directory)
 {
-    static auto* const real = Next<dirent*(DIR*)>("readdir");
+    static auto* const real = Next<dirent*(DIR*)>(readdirName);
     return real(directory);
 }
 
@@ -125,6 +134,7 @@ int open(const char* path, int flags, ...)
     return Kernel::Calls().Open(path, flags, mode);
 }
 
+#ifndef __USE_FILE_OFFSET64
 int open64(const char* path, int flags, ...)
 {
     va_list arguments;
@@ -133,6 +143,7 @@ int open64(const char* path, int flags, ...)
     va_end(arguments);
     return Kernel::Calls().Open(path, flags, mode);
 }
+#endif
 
 int close(int descriptor)
 {
@@ -154,11 +165,13 @@ dirent* readdir(DIR* directory)
     return Kernel::Calls().ReadDirectory(directory);
 }
 
+#ifndef __USE_FILE_OFFSET64
 dirent64* readdir64(DIR* directory)
 {
     static_assert(sizeof(dirent) == sizeof(dirent64));
     return reinterpret_cast<dirent64*>(Kernel::Calls().ReadDirectory(directory));
 }
+#endif
 
 int closedir(DIR* directory)
 {
