@@ -52,7 +52,7 @@ def cached(machine=None):
     machine = machine or architecture.find()
     entries = [entry for entry in cache_directory().glob(f"linux-image-*-{machine.name}_*")
                if (entry / "complete").exists()]
-    if not entries:
+    if not entries or not (machine.is_native or (guest_root(machine) / "complete").exists()):
         return None
     newest = max(entries, key=lambda entry: (entry / "complete").stat().st_mtime)
     return _load(newest, machine)

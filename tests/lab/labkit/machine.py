@@ -84,8 +84,10 @@ def shell(topology, build, *, additions=()):
 
 
 def _image(topology, build, scratch, additions):
+    # First of all: with the kernel of another architecture come the programs that the image begins with.
+    kernel = kernels.get(topology.machine())
     image = Image(scratch / "root", topology.machine())
-    image.add_modules(kernels.get(topology.machine()), extra=topology.modules, without=topology.without_modules)
+    image.add_modules(kernel, extra=topology.modules, without=topology.without_modules)
     for program in build.programs:
         image.add_program(program)
     for name in topology.programs:
