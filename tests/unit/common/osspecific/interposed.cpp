@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "kernel/operatorNew.h"
@@ -16,10 +17,29 @@ Hooks hooks;
 
 namespace {
 
+/** The C library's name for a function of the headers: with 32 bits, those with wide offsets or times have another. */
+const char* LinkedName(const char* name)
+{
+#if __SIZEOF_POINTER__ == 4
+    static const char* const names[][2] = {
+        {"select", "__select64"},
+        {"setsockopt", "__setsockopt64"},
+        {"stat", "__stat64_time64"},
+        {"time", "__time64"},
+    };
+    for (const auto& pair : names) {
+        if (std::strcmp(pair[0], name) == 0) {
+            return pair[1];
+        }
+    }
+#endif
+    return name;
+}
+
 template <typename Function>
 Function* Next(const char* name)
 {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, LinkedName(name)));
 }
 
 /** Shared with forked children. */
