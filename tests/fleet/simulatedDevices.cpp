@@ -107,6 +107,9 @@ Kernel::SystemCalls& Here()
 class FirstCall : public Kernel::SystemCalls {
 public:
     FirstCall() { Kernel::AnswerProcess(this); }
+    ~FirstCall() override { Kernel::AnswerProcess(nullptr); }
+    FirstCall(const FirstCall&) = delete;
+    FirstCall& operator=(const FirstCall&) = delete;
     int Ioctl(int descriptor, unsigned request, void* argument) override
     {
         return Here().Ioctl(descriptor, request, argument);

@@ -43,6 +43,10 @@ bool HoldsLineCounts(const std::string& path)
 class Scripted : public Kernel::SystemCalls {
 public:
     Scripted() { Kernel::AnswerProcess(this); }
+    /** Files are closed behind the last test, too. */
+    ~Scripted() override { Kernel::AnswerProcess(nullptr); }
+    Scripted(const Scripted&) = delete;
+    Scripted& operator=(const Scripted&) = delete;
 
     int System(const char* command) override
     {
