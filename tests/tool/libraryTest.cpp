@@ -43,8 +43,9 @@ std::vector<std::string> Everything(unsigned int status, const std::vector<Recor
 {
     std::vector<std::string> texts{std::to_string(status)};
     for (const Record& record : records) {
-        const std::vector<std::string> fields = TextsOf(record);
-        texts.insert(texts.end(), fields.begin(), fields.end());
+        for (const Field<Record>& field : MembersOf<Record>()) {
+            texts.push_back(record.*field.member);
+        }
     }
     return texts;
 }

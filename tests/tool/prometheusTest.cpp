@@ -13,11 +13,10 @@ namespace {
 
 using ZDSystemDevice::SystemDevice;
 
-Metrics Nothing()
+std::string Render(const Inventory& inventory)
 {
-    Metrics metrics;
-    metrics.begun = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000999));
-    return metrics;
+    return RenderPrometheus(inventory, std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000999)),
+                            0);
 }
 
 const char* const ending = "# HELP zendra_device_files_denied Device files that could not be opened for lack of "
@@ -58,9 +57,9 @@ SystemDevice Disk(const std::string& serial)
 
 std::vector<std::string> DeviceSamples(const std::vector<SystemDevice>& devices)
 {
-    Metrics metrics = Nothing();
-    metrics.devices = devices;
-    return Samples(RenderPrometheus(metrics), "zendra_device_info");
+    Inventory inventory;
+    inventory.devices = devices;
+    return Samples(Render(inventory), "zendra_device_info");
 }
 
 using Lines = std::vector<std::string>;
@@ -127,10 +126,10 @@ TEST(PrometheusFirmware, HasIdVersionAndSerial)
     identity.SoftwareID = identity.Name = "HX 900";
     identity.VersionString = "0102 ";
     identity.SerialNumber = "HX-1";
-    Metrics metrics = Nothing();
-    metrics.firmware = {identity, identity};
+    Inventory inventory;
+    inventory.firmware = {identity, identity};
     const std::string labels = R"(zendra_disk_firmware_info{software_id="HX 900",version="0102",serial="HX-1",)";
-    EXPECT_EQ(Samples(RenderPrometheus(metrics), "zendra_disk_firmware_info"),
+    EXPECT_EQ(Samples(Render(inventory), "zendra_disk_firmware_info"),
               Lines({labels + R"(ordinal="1"} 1)", labels + R"(ordinal="2"} 1)"}));
 }
 
@@ -149,9 +148,9 @@ TEST(PrometheusOptical, EachCapabilityIsASampleOfItsOwn)
         drive.vendor_ = "QEMU    ";
         drive.product_ = "DVD";
         drive.*field = "Yes";
-        Metrics metrics = Nothing();
-        metrics.drives = {drive};
-        const std::string text = RenderPrometheus(metrics);
+        Inventory inventory;
+        inventory.drives = {drive};
+        const std::string text = Render(inventory);
         EXPECT_EQ(Samples(text, "zendra_optical_drive_info"), Lines({"zendra_optical_drive_info" + labels + "} 1"}));
         Lines expected;
         for (const auto& other : capabilities) {
@@ -166,9 +165,9 @@ TEST(PrometheusOptical, SeveralDrivesInOneRecordHaveNoCapability)
 {
     ZDSystemDevice::OpticalProperty drives;
     drives.drive_name_ = "/dev/sr1\tsr0";
-    Metrics metrics = Nothing();
-    metrics.drives = {drives};
-    const std::string text = RenderPrometheus(metrics);
+    Inventory inventory;
+    inventory.drives = {drives};
+    const std::string text = Render(inventory);
     EXPECT_EQ(Samples(text, "zendra_optical_drive_info"),
               Lines({R"(zendra_optical_drive_info{drive="/dev/sr1\\x09sr0",vendor="",product="",ordinal="1"} 1)"}));
     EXPECT_EQ(Samples(text, "zendra_optical_capability"), Lines());
@@ -176,10 +175,12 @@ TEST(PrometheusOptical, SeveralDrivesInOneRecordHaveNoCapability)
 
 TEST(PrometheusScans, SayWhatWasAnsweredAndHowLongItTook)
 {
-    Metrics metrics = Nothing();
-    metrics.scans = {{"tape", "devices", 6U, std::chrono::duration<double>(0.0004567)},
-                     {"disk", "firmware", std::nullopt, std::chrono::duration<double>(20)}};
-    const std::string text = RenderPrometheus(metrics);
+    Inventory inventory;
+    QuestionOutcome tape{{ZDSystemDevice::SYS_DEVICE_TAPE}, 6U, "", "", std::chrono::nanoseconds(456700)};
+    QuestionOutcome disk{
+        {ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, Subject::Firmware}, {}, "", "", std::chrono::seconds(20)};
+    inventory.questions = {tape, disk};
+    const std::string text = Render(inventory);
     EXPECT_EQ(Samples(text, "zendra_device_scan_complete"),
               Lines({R"(zendra_device_scan_complete{class="tape",asked="devices"} 1)",
                      R"(zendra_device_scan_complete{class="disk",asked="firmware"} 0)"}));
@@ -192,7 +193,7 @@ TEST(PrometheusScans, SayWhatWasAnsweredAndHowLongItTook)
 
 TEST(PrometheusDocument, HasNoFamilyForWhatWasNotAskedFor)
 {
-    const std::string text = RenderPrometheus(Nothing());
+    const std::string text = Render({});
     for (const char* family : {"zendra_device_info", "zendra_disk_firmware_info", "zendra_optical"}) {
         EXPECT_EQ(text.find(family), std::string::npos) << text;
     }
@@ -201,11 +202,11 @@ TEST(PrometheusDocument, HasNoFamilyForWhatWasNotAskedFor)
 
 TEST(PrometheusDocument, HasHeadingsForWhatIsNotThere)
 {
-    Metrics metrics = Nothing();
-    metrics.devices.emplace();
-    metrics.firmware.emplace();
-    metrics.drives.emplace();
-    const std::string text = RenderPrometheus(metrics);
+    Inventory inventory;
+    inventory.devices.emplace();
+    inventory.firmware.emplace();
+    inventory.drives.emplace();
+    const std::string text = Render(inventory);
     for (const char* family : {"zendra_device_info", "zendra_disk_firmware_info", "zendra_optical_drive_info",
                                "zendra_optical_capability"}) {
         EXPECT_NE(text.find("# TYPE " + std::string(family) + " gauge\n"), std::string::npos) << text;
@@ -216,12 +217,12 @@ TEST(PrometheusDocument, IsVisibleUtf8WithUniqueSamplesWhateverTheDevicesSay)
 {
     HostileTexts texts(5);
     for (int i = 0; i < 1000; ++i) {
-        Metrics metrics = Nothing();
+        Inventory inventory;
         const SystemDevice device = HostileDevice(texts);
-        metrics.devices = {device, HostileDevice(texts), device};
-        metrics.firmware = {HostileIdentity(texts), HostileIdentity(texts)};
-        metrics.drives = {HostileDrive(texts), HostileDrive(texts)};
-        const std::string text = RenderPrometheus(metrics);
+        inventory.devices = {device, HostileDevice(texts), device};
+        inventory.firmware = {HostileIdentity(texts), HostileIdentity(texts)};
+        inventory.drives = {HostileDrive(texts), HostileDrive(texts)};
+        const std::string text = Render(inventory);
         EXPECT_EQ(ValidUtf8(text), text);
         for (const char c : text) {
             ASSERT_TRUE((static_cast<unsigned char>(c) >= 0x20 && c != 0x7f) || c == '\n') << text;

@@ -135,11 +135,12 @@ TEST(DeviceTable, WithoutHeadingsIsTheSameButForTheFirstLine)
 template <typename Record>
 Record RecordOfDifferentTexts()
 {
-    std::vector<std::string> texts;
-    for (std::size_t i = 1; i <= MembersOf<Record>().size(); ++i) {
-        texts.push_back("f" + std::to_string(i));
+    Record record;
+    int number = 0;
+    for (const Field<Record>& field : MembersOf<Record>()) {
+        record.*field.member = "f" + std::to_string(++number);
     }
-    return RecordFrom<Record>(texts).value();
+    return record;
 }
 
 template <typename Record>
@@ -159,41 +160,19 @@ TEST(Columns, EveryTextOfEveryRecordHasOne)
                                         "f11", "f12", "f13", "f14", "f15", "f16", "f17", "f18", "f19", "f20", "f22"}));
 }
 
-TEST(Texts, AreThoseOfTheRecordInTheOrderOfItsDeclaration)
+TEST(Members, AreInTheOrderOfTheRecordsDeclaration)
 {
-    EXPECT_EQ(TextsOf(Disk()), std::vector<std::string>({"QEMU    ", " QEMU HARDDISK ", "Direct Access Device",
-                                                         "drive-scsi0-0-0-0-serial", "2.5+", "10", "3", "1", "16384"}));
     const auto drive = RecordOfDifferentTexts<ZDSystemDevice::OpticalProperty>();
     EXPECT_EQ(drive.drive_name_ + drive.dvd_ram_write_ + drive.dvd_read_ + drive.ram_w_, "f1f4f7f11");
     const auto identity = RecordOfDifferentTexts<ZDOptions::SoftwareIdentity_>();
     EXPECT_EQ(identity.Description + identity.LastUpdateErrorString + identity.SerialNumber + identity.ExtraInfo,
               "f1f20f21f22");
-    EXPECT_EQ(identity.Category, 3);
-}
-
-TEST(Texts, MakeTheirRecordAgainWhateverTheyHold)
-{
-    HostileTexts hostile(6);
-    for (int i = 0; i < 200; ++i) {
-        std::vector<std::string> texts;
-        while (texts.size() < 9) {
-            texts.push_back(hostile.Next());
-        }
-        EXPECT_EQ(TextsOf(RecordFrom<SystemDevice>(texts).value()), texts);
-    }
-}
-
-TEST(Texts, OfAnotherNumberMakeNoRecord)
-{
-    for (const std::size_t count : {0U, 8U, 10U, 22U}) {
-        EXPECT_FALSE(RecordFrom<SystemDevice>(std::vector<std::string>(count)).has_value()) << count;
-    }
 }
 
 TEST(Fields, NamedTwiceOrForgottenAreNoticed)
 {
     using Device = Field<SystemDevice>;
-    constexpr Device name = {{"A"}, InTable::ByDefault, Content::Text, "a", &SystemDevice::vendor};
+    constexpr Device name = {{"A"}, "a", &SystemDevice::vendor};
     constexpr Device forgotten[] = {name};
     static_assert(!NameEachTextOnce(forgotten), "");
     constexpr Device twice[] = {name, name, name, name, name, name, name, name, name};
@@ -318,9 +297,7 @@ TEST(JsonWriter, EveryByteAtEveryPlaceIsReadBackAsItWas)
             for (std::size_t place = 0; place < size; ++place) {
                 std::string text(size, 'x');
                 text[place] = static_cast<char>(byte);
-                JsonWriter json;
-                json.Text(text);
-                const std::string document = json.Document();
+                const std::string document = ToJson([&text](JsonWriter& json) { WriteText(json, text); });
                 for (const char c : document.substr(0, document.size() - 1)) {
                     ASSERT_TRUE(c >= 0x20 && c < 0x7f) << document;
                 }
@@ -332,50 +309,32 @@ TEST(JsonWriter, EveryByteAtEveryPlaceIsReadBackAsItWas)
 
 TEST(JsonWriter, EscapesWhatIsNotPrintableAscii)
 {
-    JsonWriter json;
-    json.Text("\"\\/\b\f\n\r\t\x01\x7f\u00e9\u2028\U0001f4be\xff");
-    EXPECT_EQ(json.Document(), R"("\"\\/\b\f\n\r\t\u0001\u007F\u00E9\u2028\uD83D\uDCBE\uFFFD")"
-                               "\n");
+    EXPECT_EQ(ToJson([](JsonWriter& json) { WriteText(json, "\"\\/\b\f\n\r\t\x01\x7f\u00e9\u2028\U0001f4be\xff"); }),
+              R"("\"\\/\b\f\n\r\t\u0001\u007F\u00E9\u2028\uD83D\uDCBE\uFFFD")"
+              "\n");
 }
 
-TEST(JsonWriter, IndentsByTwoBlanks)
+TEST(JsonDocument, IsIndentedByTwoBlanks)
 {
-    JsonWriter json;
-    json.BeginObject();
-    json.Key("list");
-    json.BeginArray();
-    json.Number(-1);
-    json.Number(4294967295U);
-    json.Number(1.5);
-    json.Number(10.0);
-    json.Boolean(true);
-    json.Boolean(false);
-    json.Null();
-    json.Text("");
-    json.RecordText("");
-    json.EndArray();
-    json.Key("empty list");
-    json.BeginArray();
-    json.EndArray();
-    json.Key("empty object");
-    json.BeginObject();
-    json.EndObject();
-    json.EndObject();
-    EXPECT_EQ(json.Document(), "{\n"
-                               "  \"list\": [\n"
-                               "    -1,\n"
-                               "    4294967295,\n"
-                               "    1.5,\n"
-                               "    10.0,\n"
-                               "    true,\n"
-                               "    false,\n"
-                               "    null,\n"
-                               "    \"\",\n"
-                               "    null\n"
-                               "  ],\n"
-                               "  \"empty list\": [],\n"
-                               "  \"empty object\": {}\n"
-                               "}\n");
+    const std::string document = RenderDocument("s", {"h", "t"}, [](JsonWriter& json) {
+        json.Key("list");
+        json.StartArray();
+        WriteText(json, "");
+        json.Double(10);
+        json.EndArray();
+        WriteRecordText(json, "text", "");
+    });
+    EXPECT_EQ(document, R"({
+  "schema": "s",
+  "host": "h",
+  "collected_at": "t",
+  "list": [
+    "",
+    10.0
+  ],
+  "text": null
+}
+)");
 }
 
 TEST(JsonDocument, IsCompleteWithoutDevices)

@@ -151,11 +151,11 @@ Answer<Record> Ask(const std::string& question, const Watch* watch)
     }
     Answer<Record> result{answer.at("status"), {}};
     for (const nlohmann::json& texts : answer.at("records")) {
-        std::vector<std::string> fields;
-        for (const nlohmann::json& text : texts) {
-            fields.push_back(FromHex(text));
+        Record& record = result.records.emplace_back();
+        auto text = texts.begin();
+        for (const Field<Record>& field : MembersOf<Record>()) {
+            record.*field.member = FromHex(*text++);
         }
-        result.records.push_back(RecordFrom<Record>(fields).value());
     }
     return result;
 }

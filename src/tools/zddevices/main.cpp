@@ -57,7 +57,7 @@ std::string Render(const Report<Record>& report, const Options& options, const R
         // Without headings the output is for a program that takes each line for a row.
         return options.headings == Headings::None ? std::string() : report.nothingFound + "\n";
     }
-    return RenderTable(TableOf(report.records, options.columns), OutputWidth(), options.headings);
+    return RenderTable(TableOf(report.records, options.columns), TerminalWidth(STDOUT_FILENO), options.headings);
 }
 
 /** What shows on a terminal that devices take their time; none where nobody looks. */
@@ -130,22 +130,13 @@ int ShowWhatIsMissing(const std::vector<Unanswered>& unanswered, const std::vect
 
 int ShowMetrics(const Options& options)
 {
-    Metrics metrics;
-    metrics.begun = std::chrono::system_clock::now();
-    Inventory inventory = TakeInventory(options);
+    const auto begun = std::chrono::system_clock::now();
+    const Inventory inventory = TakeInventory(options);
     const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
-    metrics.deniedFiles = denied.size();
+    WriteOutput(RenderPrometheus(inventory, begun, denied.size()));
     for (const QuestionOutcome& one : inventory.questions) {
-        const DeviceClass& deviceClass = ClassOf(one.question.deviceClass.value());
-        metrics.scans.push_back({deviceClass.word, WordOf(one.question.subject), one.status, one.elapsed});
-    }
-    metrics.devices = std::move(inventory.devices);
-    metrics.firmware = std::move(inventory.firmware);
-    metrics.drives = std::move(inventory.drives);
-    WriteOutput(RenderPrometheus(metrics));
-    for (const Scan& scan : metrics.scans) {
-        if (scan.status && !ScanRan(*scan.status)) {
-            return FailScan(*scan.status);
+        if (one.status && !ScanRan(*one.status)) {
+            return FailScan(*one.status);
         }
     }
     return ShowWhatIsMissing(WhoIsMissing(inventory, true), denied);
@@ -204,7 +195,7 @@ int ShowDiagnosis(const Options& options)
         });
     progress.reset();
     WriteOutput(options.format == Format::Json ? RenderDiagnosisJson(diagnosis, origin)
-                                               : RenderDiagnosis(diagnosis, OutputWidth()));
+                                               : RenderDiagnosis(diagnosis, TerminalWidth(STDOUT_FILENO)));
     return diagnosis.AllVisible() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
 }
 

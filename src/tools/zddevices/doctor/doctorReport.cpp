@@ -33,70 +33,62 @@ const char* WordOf(Visibility visibility)
     return "";
 }
 
-void WriteError(int error, JsonWriter& json)
+void WriteError(JsonWriter& json, const char* key, int error)
 {
+    json.Key(key);
     if (error == 0) {
         json.Null();
         return;
     }
-    json.BeginObject();
+    json.StartObject();
     json.Key("number");
-    json.Number(error);
-    json.Key("name");
+    json.Int(error);
     const char* name = strerrorname_np(error);
-    if (name != nullptr) {
-        json.Text(name);
-    } else {
-        json.Null();
-    }
-    json.Key("text");
-    json.Text(std::generic_category().message(error));
+    WriteRecordText(json, "name", name != nullptr ? name : "");
+    WriteText(json, "text", std::generic_category().message(error));
     json.EndObject();
 }
 
-void WriteRequest(const RequestResult& request, JsonWriter& json)
+void WriteRequest(JsonWriter& json, const RequestResult& request)
 {
-    json.BeginObject();
-    json.Key("request");
-    json.Text(request.request);
-    json.Key("asks");
-    json.Text(request.asks);
-    json.Key("error");
-    WriteError(request.error, json);
-    json.Key("remark");
-    json.RecordText(request.remark);
+    json.StartObject();
+    WriteText(json, "request", request.request);
+    WriteText(json, "asks", request.asks);
+    WriteError(json, "error", request.error);
+    WriteRecordText(json, "remark", request.remark);
     json.EndObject();
 }
 
-void WriteFile(const CheckedFile& file, JsonWriter& json)
+void WriteFile(JsonWriter& json, const CheckedFile& file)
 {
-    json.BeginObject();
-    json.Key("path");
-    json.Text(file.path);
-    json.Key("visibility");
-    json.Text(WordOf(file.visibility));
-    json.Key("asked_through");
-    json.RecordText(file.askedThrough);
-    json.Key("open_error");
-    WriteError(file.openError, json);
-    json.Key("vendor");
-    json.RecordText(file.vendor);
-    json.Key("product");
-    json.RecordText(file.product);
+    json.StartObject();
+    WriteText(json, "path", file.path);
+    WriteText(json, "visibility", WordOf(file.visibility));
+    WriteRecordText(json, "asked_through", file.askedThrough);
+    WriteError(json, "open_error", file.openError);
+    WriteRecordText(json, "vendor", file.vendor);
+    WriteRecordText(json, "product", file.product);
     json.Key("questions");
-    json.BeginArray();
+    json.StartArray();
     for (const RequestResult& request : file.requests) {
-        WriteRequest(request, json);
+        WriteRequest(json, request);
     }
     json.EndArray();
     json.EndObject();
 }
 
-void WriteTexts(const std::vector<std::string>& texts, JsonWriter& json)
+void WriteBool(JsonWriter& json, const char* key, bool value)
 {
-    json.BeginArray();
+    json.Key(key);
+    json.Bool(value);
+}
+
+void WriteTexts(JsonWriter& json, const char* key, const std::vector<std::string>& texts)
+{
+    json.Key(key);
+    json.StartArray();
     for (const std::string& text : texts) {
-        json.Text(text);
+        WriteText(json, text);
     }
     json.EndArray();
 }
@@ -221,46 +213,35 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width)
 
 std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& origin)
 {
-    JsonWriter json;
-    BeginDocument(json, "zddevices-doctor/1", origin);
-    json.Key("all_visible");
-    json.Boolean(diagnosis.AllVisible());
-    json.Key("sg_driver");
-    json.BeginObject();
-    json.Key("loaded");
-    json.Boolean(diagnosis.facts.sgLoaded);
-    json.Key("modprobe_finds_it");
-    json.Boolean(diagnosis.facts.modprobeFindsSg);
-    json.Key("may_be_loaded");
-    json.Boolean(diagnosis.facts.mayLoadModules);
-    json.Key("used");
-    json.Boolean(diagnosis.facts.sgUsed);
-    json.EndObject();
-    json.Key("directory_error");
-    WriteError(diagnosis.facts.directoryError, json);
-    json.Key("seconds_per_device");
-    json.Number(diagnosis.secondsPerDevice);
-    json.Key("classes");
-    json.BeginArray();
-    for (const ClassFiles& one : diagnosis.classes) {
-        json.BeginObject();
-        json.Key("type");
-        json.Text(ClassOf(one.type).word);
-        json.Key("device_files");
-        json.BeginArray();
-        for (const CheckedFile& file : one.files) {
-            WriteFile(file, json);
+    return RenderDocument("zddevices-doctor/1", origin, [&diagnosis](JsonWriter& json) {
+        WriteBool(json, "all_visible", diagnosis.AllVisible());
+        json.Key("sg_driver");
+        json.StartObject();
+        WriteBool(json, "loaded", diagnosis.facts.sgLoaded);
+        WriteBool(json, "modprobe_finds_it", diagnosis.facts.modprobeFindsSg);
+        WriteBool(json, "may_be_loaded", diagnosis.facts.mayLoadModules);
+        WriteBool(json, "used", diagnosis.facts.sgUsed);
+        json.EndObject();
+        WriteError(json, "directory_error", diagnosis.facts.directoryError);
+        json.Key("seconds_per_device");
+        json.Double(diagnosis.secondsPerDevice);
+        json.Key("classes");
+        json.StartArray();
+        for (const ClassFiles& one : diagnosis.classes) {
+            json.StartObject();
+            WriteText(json, "type", ClassOf(one.type).word);
+            json.Key("device_files");
+            json.StartArray();
+            for (const CheckedFile& file : one.files) {
+                WriteFile(json, file);
+            }
+            json.EndArray();
+            json.EndObject();
         }
         json.EndArray();
-        json.EndObject();
-    }
-    json.EndArray();
-    json.Key("not_looked_at");
-    WriteTexts(diagnosis.notLookedAt, json);
-    json.Key("advice");
-    WriteTexts(diagnosis.advice, json);
-    json.EndObject();
-    return json.Document();
+        WriteTexts(json, "not_looked_at", diagnosis.notLookedAt);
+        WriteTexts(json, "advice", diagnosis.advice);
+    });
 }
 
 }  // namespace ZDDevices

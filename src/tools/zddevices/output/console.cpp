@@ -2,13 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <system_error>
 
 namespace Zendra {
@@ -16,15 +15,7 @@ namespace ZDDevices {
 
 namespace {
 
-/** For terminals that do not tell their size, such as serial consoles. */
-constexpr std::size_t usualWidth = 80;
-
 void IgnoreSignal(int /*signal*/) {}
-
-[[noreturn]] void ThrowOutputError()
-{
-    throw std::system_error(errno, std::generic_category(), "standard output cannot be written");
-}
 
 }  // namespace
 
@@ -45,46 +36,31 @@ void PrepareConsole()
     sigaction(SIGPIPE, &action, nullptr);
 }
 
-std::size_t OutputWidth()
-{
-    return isatty(STDOUT_FILENO) == 0 ? 0 : TerminalWidth(STDOUT_FILENO);
-}
-
 std::size_t TerminalWidth(int descriptor)
 {
-    winsize size{};
-    if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
-        return usualWidth;
+    if (isatty(descriptor) == 0) {
+        return 0;
     }
-    return size.ws_col;
+    // For terminals that do not tell their size, such as serial consoles.
+    constexpr std::size_t usualWidth = 80;
+    winsize size{};
+    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : usualWidth;
 }
 
 void WriteOutput(const std::string& text)
 {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t count = write(STDOUT_FILENO, text.data() + written, text.size() - written);
-        if (count >= 0) {
-            written += static_cast<std::size_t>(count);
-        } else if (errno != EINTR) {
-            ThrowOutputError();
-        }
+    ssize_t count = 0;
+    for (std::size_t written = 0; count >= 0 && written < text.size(); written += static_cast<std::size_t>(count)) {
+        count = TEMP_FAILURE_RETRY(write(STDOUT_FILENO, text.data() + written, text.size() - written));
     }
-    if (close(STDOUT_FILENO) != 0 && errno != EINTR) {
-        ThrowOutputError();
+    if (count < 0 || (close(STDOUT_FILENO) != 0 && errno != EINTR)) {
+        throw std::system_error(errno, std::generic_category(), "standard output cannot be written");
     }
 }
 
 void Complain(const char* message) noexcept
 {
-    static const char prefix[] = "zddevices: ";
-    static const char end[] = "\n";
-    iovec parts[] = {{const_cast<char*>(prefix), sizeof(prefix) - 1},
-                     {const_cast<char*>(message), std::strlen(message)},
-                     {const_cast<char*>(end), sizeof(end) - 1}};
-    constexpr int partCount = sizeof(parts) / sizeof(parts[0]);
-    while (writev(STDERR_FILENO, parts, partCount) < 0 && errno == EINTR) {
-    }
+    static_cast<void>(std::fprintf(stderr, "zddevices: %s\n", message));
 }
 
 }  // namespace ZDDevices

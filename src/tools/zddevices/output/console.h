@@ -19,10 +19,7 @@ namespace ZDDevices {
  */
 void PrepareConsole();
 
-/** The columns of the terminal that standard output is; 0 when it is none. */
-std::size_t OutputWidth();
-
-/** The columns of a terminal. */
+/** The columns of a terminal; 0 when the descriptor is none. */
 std::size_t TerminalWidth(int descriptor);
 
 /**
@@ -31,7 +28,7 @@ std::size_t TerminalWidth(int descriptor);
  */
 void WriteOutput(const std::string& text);
 
-/** Writes "zddevices: message" and a line end to standard error. Takes no memory; errors are ignored. */
+/** Writes "zddevices: message" and a line end to standard error. Errors are ignored. */
 void Complain(const char* message) noexcept;
 
 }  // namespace ZDDevices

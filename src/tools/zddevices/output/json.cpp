@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <boost/algorithm/string/replace.hpp>
 #include <charconv>
 #include <climits>
 #include <cstdint>
@@ -15,47 +16,71 @@
 namespace Zendra {
 namespace ZDDevices {
 
-JsonWriter::JsonWriter() : stream(characters), writer(stream)
-{
-    constexpr unsigned int indentation = 2;
-    writer.SetIndent(' ', indentation);
-}
+namespace {
 
-void JsonWriter::Text(std::string_view text)
-{
-    const std::string valid = ValidUtf8(text);
-    writer.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
-}
-
-void JsonWriter::RecordText(std::string_view text)
-{
-    if (text.empty()) {
-        Null();
-    } else {
-        Text(text);
-    }
-}
-
-void JsonWriter::AddressNumber(std::string_view field)
+/** An address field as a number; null when it holds none. */
+void WriteAddressNumber(JsonWriter& json, std::string_view field)
 {
     std::uint16_t number = 0;
     const char* end = field.data() + field.size();
     const std::from_chars_result result = std::from_chars(field.data(), end, number);
     if (result.ec != std::errc() || result.ptr != end) {
-        Null();
+        json.Null();
     } else {
-        Number(static_cast<unsigned int>(number));
+        json.Uint(number);
     }
 }
 
-std::string JsonWriter::Document()
+template <typename Record>
+void WriteRecord(JsonWriter& json, const Record& record)
 {
-    // To JSON it is a character like any other, to a terminal it is none.
-    std::string& text = characters.text;
-    for (std::size_t del = text.find('\x7F'); del != std::string::npos; del = text.find('\x7F', del)) {
-        text.replace(del, 1, "\\u007F");
+    json.StartObject();
+    for (const Field<Record>& field : MembersOf<Record>()) {
+        if (field.key != nullptr && field.content == Content::Number) {
+            json.Key(field.key);
+            WriteAddressNumber(json, record.*field.member);
+        } else if (field.key != nullptr) {
+            WriteRecordText(json, field.key, record.*field.member);
+        }
     }
-    return std::move(text) + '\n';
+    json.EndObject();
+}
+
+}  // namespace
+
+std::string ToJson(const std::function<void(JsonWriter&)>& write)
+{
+    JsonText characters;
+    rapidjson::BasicOStreamWrapper<JsonText> stream(characters);
+    JsonWriter json(stream);
+    constexpr unsigned int indentation = 2;
+    json.SetIndent(' ', indentation);
+    write(json);
+    // To JSON it is a character like any other, to a terminal it is none.
+    boost::algorithm::replace_all(characters.text, "\x7F", "\\u007F");
+    return std::move(characters.text) + '\n';
+}
+
+void WriteText(JsonWriter& json, std::string_view text)
+{
+    const std::string valid = ValidUtf8(text);
+    json.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
+}
+
+void WriteText(JsonWriter& json, const char* key, std::string_view text)
+{
+    json.Key(key);
+    WriteText(json, text);
+}
+
+void WriteRecordText(JsonWriter& json, const char* key, std::string_view text)
+{
+    json.Key(key);
+    if (text.empty()) {
+        json.Null();
+    } else {
+        WriteText(json, text);
+    }
 }
 
 ReportOrigin HereAndNow()
@@ -73,59 +98,46 @@ ReportOrigin HereAndNow()
     return {name, text};
 }
 
-void BeginDocument(JsonWriter& json, const char* schema, const ReportOrigin& origin)
+std::string RenderDocument(const char* schema, const ReportOrigin& origin,
+                           const std::function<void(JsonWriter&)>& write)
 {
-    json.BeginObject();
-    json.Key("schema");
-    json.Text(schema);
-    json.Key("host");
-    json.Text(origin.host);
-    json.Key("collected_at");
-    json.Text(origin.collectedAt);
+    return ToJson([&](JsonWriter& json) {
+        json.StartObject();
+        WriteText(json, "schema", schema);
+        WriteText(json, "host", origin.host);
+        WriteText(json, "collected_at", origin.collectedAt);
+        write(json);
+        json.EndObject();
+    });
 }
 
 template <typename Record>
 std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin)
 {
-    JsonWriter json;
-    BeginDocument(json, KindOf<Record>().schema, origin);
-    json.Key("status");
-    json.BeginObject();
-    json.Key("code");
-    json.Number(report.status);
-    json.Key("name");
-    json.Text(StatusName(report.status));
-    json.EndObject();
-    json.Key("complete");
-    json.Boolean(report.unanswered.empty());
-    if (!report.unanswered.empty()) {
-        json.Key("unanswered");
-        json.BeginArray();
-        for (const Unanswered& unanswered : report.unanswered) {
-            json.Text(unanswered.className);
+    return RenderDocument(KindOf<Record>().schema, origin, [&report](JsonWriter& json) {
+        json.Key("status");
+        json.StartObject();
+        json.Key("code");
+        json.Uint(report.status);
+        WriteText(json, "name", StatusName(report.status));
+        json.EndObject();
+        json.Key("complete");
+        json.Bool(report.unanswered.empty());
+        if (!report.unanswered.empty()) {
+            json.Key("unanswered");
+            json.StartArray();
+            for (const Unanswered& unanswered : report.unanswered) {
+                WriteText(json, unanswered.className);
+            }
+            json.EndArray();
+        }
+        json.Key(KindOf<Record>().recordsKey);
+        json.StartArray();
+        for (const Record& record : report.records) {
+            WriteRecord(json, record);
         }
         json.EndArray();
-    }
-    json.Key(KindOf<Record>().recordsKey);
-    json.BeginArray();
-    for (const Record& record : report.records) {
-        json.BeginObject();
-        for (const Field<Record>& field : MembersOf<Record>()) {
-            if (field.key == nullptr) {
-                continue;
-            }
-            json.Key(field.key);
-            if (field.content == Content::Number) {
-                json.AddressNumber(record.*field.member);
-            } else {
-                json.RecordText(record.*field.member);
-            }
-        }
-        json.EndObject();
-    }
-    json.EndArray();
-    json.EndObject();
-    return json.Document();
+    });
 }
 
 template std::string RenderJson(const Report<ZDSystemDevice::SystemDevice>&, const ReportOrigin&);

@@ -8,6 +8,7 @@
 #include <rapidjson/ostreamwrapper.h>
 #include <rapidjson/prettywriter.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -16,53 +17,32 @@
 namespace Zendra {
 namespace ZDDevices {
 
-/**
- * @brief Writes one JSON document from its first character to its last.
- *
- * It is ASCII whatever the texts hold, has no control characters but line ends, and is indented by two blanks. Within
- * an object each value follows its key.
- */
-class JsonWriter {
-public:
-    JsonWriter();
-
-    void BeginObject() { writer.StartObject(); }
-    void EndObject() { writer.EndObject(); }
-    void BeginArray() { writer.StartArray(); }
-    void EndArray() { writer.EndArray(); }
-
-    void Key(const char* name) { writer.Key(name); }
-
-    /** The text, with U+FFFD for each byte that is not UTF-8. */
-    void Text(std::string_view text);
-    /** As a record holds it: Text(), but null for an empty one. */
-    void RecordText(std::string_view text);
-    /** An address field as a number; null when it holds none. */
-    void AddressNumber(std::string_view field);
-    void Number(int number) { writer.Int(number); }
-    void Number(unsigned int number) { writer.Uint(number); }
-    /** @param number is finite. */
-    void Number(double number) { writer.Double(number); }
-    void Boolean(bool value) { writer.Bool(value); }
-    void Null() { writer.Null(); }
-
-    /** What was written, ended by a line end. To be called once, at the end. */
-    std::string Document();
-
-private:
-    /** Takes the library's characters; unlike the library's own buffers it notices that memory has run out. */
-    struct Characters {
-        using char_type = char;
-        void put(char c) { text.push_back(c); }
-        void flush() {}
-        std::string text;
-    };
-    using Stream = rapidjson::BasicOStreamWrapper<Characters>;
-
-    Characters characters;
-    Stream stream;
-    rapidjson::PrettyWriter<Stream, rapidjson::UTF8<>, rapidjson::ASCII<>> writer;
+/** Takes the library's characters; unlike the library's own buffers it notices that memory has run out. */
+struct JsonText {
+    using char_type = char;
+    void put(char c) { text.push_back(c); }
+    void flush() {}
+    std::string text;
 };
+
+using JsonWriter =
+    rapidjson::PrettyWriter<rapidjson::BasicOStreamWrapper<JsonText>, rapidjson::UTF8<>, rapidjson::ASCII<>>;
+
+/**
+ * @brief The value that `write` writes, ended by a line end.
+ *
+ * It is ASCII whatever the texts hold, has no control characters but line ends, and is indented by two blanks.
+ */
+std::string ToJson(const std::function<void(JsonWriter&)>& write);
+
+/** Writes the text, with U+FFFD for each byte that is not UTF-8. */
+void WriteText(JsonWriter& json, std::string_view text);
+
+/** Writes a key and its text. */
+void WriteText(JsonWriter& json, const char* key, std::string_view text);
+
+/** Writes a key and its text as a record holds it: null for an empty one. */
+void WriteRecordText(JsonWriter& json, const char* key, std::string_view text);
 
 /** Where and when a report was made. */
 struct ReportOrigin {
@@ -74,10 +54,11 @@ struct ReportOrigin {
 /** This host's name and the present time. */
 ReportOrigin HereAndNow();
 
-/** What every document begins with: schema, host and time. The object stays open. */
-void BeginDocument(JsonWriter& json, const char* schema, const ReportOrigin& origin);
+/** A document: schema, host and time, and then the keys and values that `write` writes. */
+std::string RenderDocument(const char* schema, const ReportOrigin& origin,
+                           const std::function<void(JsonWriter&)>& write);
 
-/** The document, ended by a line end. It is ASCII whatever the records hold, so no terminal is at risk. */
+/** The document about the records. */
 template <typename Record>
 std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin);
 

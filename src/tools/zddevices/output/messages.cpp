@@ -1,6 +1,7 @@
 #include "tools/zddevices/output/messages.h"
 
 #include <boost/algorithm/string/join.hpp>
+#include <map>
 #include <set>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
@@ -11,22 +12,16 @@ namespace ZDDevices {
 
 std::string StatusName(unsigned int status)
 {
-    switch (status) {
-    case ZDSystemDevice::DEVICE_RESULT_OK:
-        return "DEVICE_RESULT_OK";
-    case ZDSystemDevice::DEV_OPEN_OK:
-        return "DEV_OPEN_OK";
-    case ZDSystemDevice::DEV_OPEN_FAILED:
-        return "DEV_OPEN_FAILED";
-    case ZDSystemDevice::DEV_SUCCESS:
-        return "DEV_SUCCESS";
-    case ZDSystemDevice::DEV_FAILURE:
-        return "DEV_FAILURE";
-    case ZDSystemDevice::DEVICE_RESULT_NONE:
-        return "DEVICE_RESULT_NONE";
-    default:
-        return "UNKNOWN";
-    }
+    static const std::map<unsigned int, const char*> names = {
+        {ZDSystemDevice::DEVICE_RESULT_OK, "DEVICE_RESULT_OK"},
+        {ZDSystemDevice::DEV_OPEN_OK, "DEV_OPEN_OK"},
+        {ZDSystemDevice::DEV_OPEN_FAILED, "DEV_OPEN_FAILED"},
+        {ZDSystemDevice::DEV_SUCCESS, "DEV_SUCCESS"},
+        {ZDSystemDevice::DEV_FAILURE, "DEV_FAILURE"},
+        {ZDSystemDevice::DEVICE_RESULT_NONE, "DEVICE_RESULT_NONE"},
+    };
+    const auto found = names.find(status);
+    return found == names.end() ? "UNKNOWN" : found->second;
 }
 
 std::string DescribeFailedScan(unsigned int status)

@@ -7,7 +7,9 @@
 #include <locale>
 #include <map>
 #include <utility>
+#include <vector>
 
+#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
@@ -19,8 +21,11 @@ namespace {
 
 using ZDSystemDevice::OpticalProperty;
 
+/** Labels, or samples: their labels; and the value of each. */
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
 /** Labels between their braces: 'class="disk",asked="firmware"'. */
-std::string Labels(const std::vector<std::pair<std::string, std::string>>& labels)
+std::string Labels(const Pairs& labels)
 {
     std::string text;
     for (const auto& [name, value] : labels) {
@@ -30,34 +35,24 @@ std::string Labels(const std::vector<std::pair<std::string, std::string>>& label
 }
 
 /** Microseconds are as much as a scan's duration has to say. */
-std::string Seconds(double seconds)
+std::string Seconds(std::chrono::duration<double> duration)
 {
     constexpr int microseconds = 6;
     std::array<char, 64> text{};
     const auto end =
-        std::to_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::fixed, microseconds);
+        std::to_chars(text.data(), text.data() + text.size(), duration.count(), std::chars_format::fixed, microseconds);
     return {text.data(), end.ptr};
 }
 
-/** One family of metrics; its lines have to stand together. */
-class Family {
-public:
-    Family(const char* familyName, const std::string& help)
-        : name(familyName), lines("# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n")
-    {
+/** A family of metrics, all lines of which have to stand together. Each sample is its labels and its value. */
+std::string Family(const std::string& name, const std::string& help, const Pairs& samples)
+{
+    std::string lines = "# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n";
+    for (const auto& [labels, value] : samples) {
+        lines.append(name).append(labels.empty() ? "" : "{" + labels + "}").append(" " + value + "\n");
     }
-
-    void Add(const std::string& labels, const std::string& value)
-    {
-        lines += name + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
-    }
-
-    const std::string& Lines() const { return lines; }
-
-private:
-    std::string name;
-    std::string lines;
-};
+    return lines;
+}
 
 /** "software_id" for "SOFTWARE-ID". */
 std::string LabelName(std::string heading)
@@ -76,10 +71,8 @@ std::vector<std::string> LabelsOf(const std::vector<Record>& records, const std:
     const std::vector<const Field<Record>*> fields = FieldsOf<Record>(headings);
     std::map<std::string, std::size_t> counts;
     std::vector<std::string> all;
-    all.reserve(records.size());
     for (const Record& record : records) {
-        std::vector<std::pair<std::string, std::string>> labels;
-        labels.reserve(fields.size());
+        Pairs labels;
         for (const Field<Record>* field : fields) {
             labels.emplace_back(LabelName(field->column.heading), LabelText(TextOf(record, *field)));
         }
@@ -94,90 +87,86 @@ template <typename Record>
 std::string Info(const char* name, const char* help, const std::vector<Record>& records,
                  const std::vector<std::string>& headings)
 {
-    Family info(name, help);
+    Pairs samples;
     for (const std::string& labels : LabelsOf(records, headings)) {
-        info.Add(labels, "1");
+        samples.emplace_back(labels, "1");
     }
-    return info.Lines();
+    return Family(name, help, samples);
 }
 
 std::string Capabilities(const std::vector<OpticalProperty>& drives, const std::vector<std::string>& headings)
 {
-    Family capability("zendra_optical_capability",
-                      "Whether the optical drive has the capability: 1 yes, 0 no. Absent where a host has several "
-                      "drives and the capabilities are not known.");
     const std::vector<std::string> labels = LabelsOf(drives, headings);
+    Pairs samples;
     for (std::size_t i = 0; i < drives.size(); ++i) {
         for (const Field<OpticalProperty>& field : KindOf<OpticalProperty>().fields) {
             if (field.content == Content::Capability && !NamesSeveral(drives[i])) {
-                capability.Add(labels[i] + "," + Labels({{"capability", LabelName(field.column.heading)}}),
-                               TextOf(drives[i], field) == "Yes" ? "1" : "0");
+                samples.emplace_back(labels[i] + "," + Labels({{"capability", LabelName(field.column.heading)}}),
+                                     TextOf(drives[i], field) == "Yes" ? "1" : "0");
             }
         }
     }
-    return capability.Lines();
+    return Family("zendra_optical_capability",
+                  "Whether the optical drive has the capability: 1 yes, 0 no. Absent where a host has several drives "
+                  "and the capabilities are not known.",
+                  samples);
 }
 
-std::string Scans(const std::vector<Scan>& scans)
+std::string Scans(const std::vector<QuestionOutcome>& questions)
 {
-    Family complete("zendra_device_scan_complete", "Whether the scan ended in the time that it had.");
-    Family status("zendra_device_scan_status",
-                  "What the scan answered: 0 and 4 it ran, 6 there is no device file of the class, 5 it failed.");
-    Family seconds("zendra_device_scan_seconds", "How long the scan took, or was waited for.");
-    for (const Scan& scan : scans) {
-        const std::string labels = Labels({{"class", scan.deviceClass}, {"asked", scan.asked}});
-        complete.Add(labels, scan.status ? "1" : "0");
-        if (scan.status) {
-            status.Add(labels, std::to_string(*scan.status));
+    Pairs complete;
+    Pairs status;
+    Pairs seconds;
+    for (const QuestionOutcome& one : questions) {
+        const std::string labels = Labels(
+            {{"class", ClassOf(one.question.deviceClass.value()).word}, {"asked", WordOf(one.question.subject)}});
+        complete.emplace_back(labels, one.status ? "1" : "0");
+        if (one.status) {
+            status.emplace_back(labels, std::to_string(*one.status));
         }
-        seconds.Add(labels, Seconds(scan.elapsed.count()));
+        seconds.emplace_back(labels, Seconds(one.elapsed));
     }
-    return complete.Lines() + status.Lines() + seconds.Lines();
+    return Family("zendra_device_scan_complete", "Whether the scan ended in the time that it had.", complete) +
+           Family("zendra_device_scan_status",
+                  "What the scan answered: 0 and 4 it ran, 6 there is no device file of the class, 5 it failed.",
+                  status) +
+           Family("zendra_device_scan_seconds", "How long the scan took, or was waited for.", seconds);
 }
 
 }  // namespace
 
-std::string QuotedLabelValue(const std::string& text)
+std::string QuotedLabelValue(std::string text)
 {
-    std::string quoted = "\"";
-    for (const char c : text) {
-        if (c == '\n') {
-            quoted += "\\n";
-            continue;
-        }
-        if (c == '\\' || c == '"') {
-            quoted += '\\';
-        }
-        quoted += c;
-    }
-    return quoted + '"';
+    boost::algorithm::replace_all(text, "\\", "\\\\");
+    boost::algorithm::replace_all(text, "\"", "\\\"");
+    boost::algorithm::replace_all(text, "\n", "\\n");
+    return '"' + text + '"';
 }
 
-std::string RenderPrometheus(const Metrics& metrics)
+std::string RenderPrometheus(const Inventory& inventory, std::chrono::system_clock::time_point begun,
+                             std::size_t deniedFiles)
 {
     std::string text;
-    if (metrics.devices) {
+    if (inventory.devices) {
         text += Info("zendra_device_info", "A storage device that answered; the address is port:bus:target:lun.",
-                     *metrics.devices, {"ADDRESS", "TYPE", "VENDOR", "PRODUCT", "SERIAL", "FIRMWARE"});
+                     *inventory.devices, {"ADDRESS", "TYPE", "VENDOR", "PRODUCT", "SERIAL", "FIRMWARE"});
     }
-    if (metrics.firmware) {
+    if (inventory.firmware) {
         text += Info("zendra_disk_firmware_info", "The firmware of a disk, RAID volumes and M.2 disks left out.",
-                     *metrics.firmware, {"SOFTWARE-ID", "VERSION", "SERIAL"});
+                     *inventory.firmware, {"SOFTWARE-ID", "VERSION", "SERIAL"});
     }
-    if (metrics.drives) {
+    if (inventory.drives) {
         const std::vector<std::string> labels = {"DRIVE", "VENDOR", "PRODUCT"};
         text += Info("zendra_optical_drive_info", "An optical drive in the kernel's table of such drives.",
-                     *metrics.drives, labels);
-        text += Capabilities(*metrics.drives, labels);
+                     *inventory.drives, labels);
+        text += Capabilities(*inventory.drives, labels);
     }
-    text += Scans(metrics.scans);
-
-    Family denied("zendra_device_files_denied", "Device files that could not be opened for lack of privilege.");
-    denied.Add("", std::to_string(metrics.deniedFiles));
-    Family begun("zendra_device_scan_timestamp_seconds", "When the scans began.");
-    const auto sinceEpoch = std::chrono::duration_cast<std::chrono::seconds>(metrics.begun.time_since_epoch());
-    begun.Add("", std::to_string(sinceEpoch.count()));
-    return text + denied.Lines() + begun.Lines();
+    const auto sinceEpoch = std::chrono::duration_cast<std::chrono::seconds>(begun.time_since_epoch());
+    return text + Scans(inventory.questions) +
+           Family("zendra_device_files_denied", "Device files that could not be opened for lack of privilege.",
+                  {{"", std::to_string(deniedFiles)}}) +
+           Family("zendra_device_scan_timestamp_seconds", "When the scans began.",
+                  {{"", std::to_string(sinceEpoch.count())}});
 }
 
 }  // namespace ZDDevices

@@ -15,14 +15,6 @@ namespace ZDDevices {
 
 namespace {
 
-struct Unref {
-    void operator()(libscols_table* table) const { scols_unref_table(table); }
-};
-
-struct Free {
-    void operator()(char* text) const { std::free(text); }
-};
-
 /** libsmartcols answers 0 or a negative error number. */
 void Check(int result)
 {
@@ -43,18 +35,8 @@ T* Check(T* made)
     return made;
 }
 
-int Flags(Overflow overflow)
-{
-    switch (overflow) {
-    case Overflow::Wrap:
-        return SCOLS_FL_WRAP;
-    case Overflow::Cut:
-        return SCOLS_FL_TRUNC;
-    case Overflow::Keep:
-        break;
-    }
-    return 0;
-}
+/** In the order of Overflow. */
+constexpr int columnFlags[] = {SCOLS_FL_WRAP, SCOLS_FL_TRUNC, 0};
 
 /** The blanks that pad the last column of a wrapped row are of no use to anybody. */
 std::string WithoutTrailingBlanks(const std::string& text)
@@ -72,7 +54,8 @@ std::string WithoutTrailingBlanks(const std::string& text)
 
 std::string RenderTable(const Table& table, std::size_t width, Headings headings)
 {
-    const std::unique_ptr<libscols_table, Unref> layout(Check(scols_new_table()));
+    const std::unique_ptr<libscols_table, decltype(&scols_unref_table)> layout(Check(scols_new_table()),
+                                                                               scols_unref_table);
     // The cells have been made printable; a second encoding would escape the escapes.
     Check(scols_table_enable_noencoding(layout.get(), 1));
     Check(scols_table_enable_noheadings(layout.get(), headings == Headings::None ? 1 : 0));
@@ -81,7 +64,8 @@ std::string RenderTable(const Table& table, std::size_t width, Headings headings
         Check(scols_table_set_termwidth(layout.get(), width));
     }
     for (const Column& column : table.columns) {
-        Check(scols_table_new_column(layout.get(), column.heading, column.share, Flags(column.overflow)));
+        const int flags = columnFlags[static_cast<std::size_t>(column.overflow)];
+        Check(scols_table_new_column(layout.get(), column.heading, column.share, flags));
     }
     for (const std::vector<std::string>& row : table.rows) {
         libscols_line* line = Check(scols_table_new_line(layout.get(), nullptr));
@@ -91,7 +75,7 @@ std::string RenderTable(const Table& table, std::size_t width, Headings headings
     }
     char* lines = nullptr;
     const int result = scols_print_table_to_string(layout.get(), &lines);
-    const std::unique_ptr<char, Free> owner(lines);
+    const std::unique_ptr<char, void (*)(void*)> owner(lines, std::free);
     Check(result);
     return WithoutTrailingBlanks(Check(lines));
 }

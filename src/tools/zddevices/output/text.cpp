@@ -2,11 +2,14 @@
 
 #include <langinfo.h>
 
+#include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
-#include <boost/algorithm/string/trim.hpp>
 #include <boost/locale/utf.hpp>
 #include <cwchar>
 #include <cwctype>
+#include <iterator>
+#include <locale>
+#include <utility>
 
 namespace Zendra {
 namespace ZDDevices {
@@ -18,39 +21,17 @@ namespace {
 using CodePoint = boost::locale::utf::code_point;
 using Utf8 = boost::locale::utf::utf_traits<char>;
 
-struct Character {
-    CodePoint code;
-    std::size_t length;
-    bool valid;
-};
-
-/** The first character of a text that is not empty; a byte that starts none counts alone. */
-Character FirstCharacter(std::string_view text)
-{
-    const char* next = text.data();
-    const CodePoint code = Utf8::decode(next, text.data() + text.size());
-    if (code == boost::locale::utf::illegal || code == boost::locale::utf::incomplete) {
-        return {0, 1, false};
-    }
-    return {code, static_cast<std::size_t>(next - text.data()), true};
-}
-
 bool LocaleIsUtf8()
 {
     return boost::algorithm::iequals(nl_langinfo(CODESET), "UTF-8", std::locale::classic());
 }
-
-struct Range {
-    CodePoint first;
-    CodePoint last;
-};
 
 /**
  * Characters that the C library calls printable or that terminals disagree on, and that show nothing or change
  * how their neighbours are shown (Unicode's Bidi_Control and Default_Ignorable_Code_Point, line and paragraph
  * separators, interlinear annotation).
  */
-constexpr Range unseen[] = {
+constexpr std::pair<CodePoint, CodePoint> unseen[] = {
     {0x00AD, 0x00AD}, {0x034F, 0x034F}, {0x061C, 0x061C},   {0x115F, 0x1160},   {0x17B4, 0x17B5},   {0x180B, 0x180F},
     {0x200B, 0x200F}, {0x2028, 0x202E}, {0x2060, 0x206F},   {0x3164, 0x3164},   {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},
     {0xFFA0, 0xFFA0}, {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF},
@@ -58,12 +39,8 @@ constexpr Range unseen[] = {
 
 bool IsUnseen(CodePoint code)
 {
-    for (const Range& range : unseen) {
-        if (code >= range.first && code <= range.last) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(std::begin(unseen), std::end(unseen),
+                       [code](const auto& range) { return code >= range.first && code <= range.second; });
 }
 
 bool IsPrintableAscii(CodePoint code)
@@ -81,53 +58,57 @@ bool ShowsItself(CodePoint code, bool localeIsUtf8)
     return std::iswprint(static_cast<std::wint_t>(code)) != 0 && wcwidth(static_cast<wchar_t>(code)) > 0;
 }
 
-void AppendEscaped(std::string& out, std::string_view bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    for (const char byte : bytes) {
-        const auto value = static_cast<unsigned char>(byte);
-        out += "\\x";
-        out += digits[value >> 4U];
-        out += digits[value & 0x0FU];
-    }
-}
-
-/** The text with every character written as \xNN that does not stay, and every byte that is none. */
-template <typename Stays>
-std::string Escaped(std::string_view text, Stays stays)
+/**
+ * The text with what `replace` makes of it in place of each byte that is not UTF-8, and of the bytes of each character
+ * that does not stay. `stays` gets a character and the text that begins with it.
+ */
+template <typename Stays, typename Replace>
+std::string Replaced(std::string_view text, Stays stays, Replace replace)
 {
     std::string out;
     out.reserve(text.size());
     while (!text.empty()) {
-        const Character first = FirstCharacter(text);
-        const std::string_view bytes = text.substr(0, first.length);
-        const bool looksEscaped = first.code == '\\' && text.size() > 1 && text[1] == 'x';
-        if (first.valid && stays(first.code) && !looksEscaped) {
-            out += bytes;
+        const char* next = text.data();
+        const CodePoint code = Utf8::decode(next, text.data() + text.size());
+        const bool isCharacter = boost::locale::utf::is_valid_codepoint(code);
+        const auto length = isCharacter ? static_cast<std::size_t>(next - text.data()) : 1;
+        if (isCharacter && stays(code, text)) {
+            out += text.substr(0, length);
         } else {
-            AppendEscaped(out, bytes);
+            out += replace(text.substr(0, length));
         }
-        text.remove_prefix(first.length);
+        text.remove_prefix(length);
     }
     return out;
 }
 
-bool IsWhiteSpace(char c)
+/** The text with every character that does not stay, and every byte that is not UTF-8, written as \xNN. */
+template <typename Stays>
+std::string Escaped(std::string_view text, Stays stays)
 {
-    return c == ' ' || (c >= '\t' && c <= '\r');
+    return Replaced(
+        text,
+        [stays](CodePoint code, std::string_view rest) {
+            return stays(code) && !boost::algorithm::starts_with(rest, "\\x");
+        },
+        [](std::string_view bytes) {
+            static const char digits[] = "0123456789abcdef";
+            std::string escaped;
+            for (const char byte : bytes) {
+                const auto value = static_cast<unsigned char>(byte);
+                escaped.append({'\\', 'x', digits[value >> 4U], digits[value & 0x0FU]});
+            }
+            return escaped;
+        });
 }
 
-bool IsWhiteSpaceOrControl(char c)
+std::string_view WithoutPadding(std::string_view text)
 {
-    return static_cast<unsigned char>(c) <= 0x20 || c == 0x7F;
-}
-
-std::string WithoutPadding(std::string_view text)
-{
-    std::string core(text);
-    boost::algorithm::trim_left_if(core, IsWhiteSpace);
-    boost::algorithm::trim_right_if(core, IsWhiteSpaceOrControl);
-    return core;
+    text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+    while (!text.empty() && (static_cast<unsigned char>(text.back()) <= 0x20 || text.back() == 0x7F)) {
+        text.remove_suffix(1);
+    }
+    return text;
 }
 
 }  // namespace
@@ -146,7 +127,7 @@ std::string PrintableLines(std::string_view text)
 
 std::string CellText(std::string_view text)
 {
-    const std::string core = WithoutPadding(text);
+    const std::string_view core = WithoutPadding(text);
     return core.empty() ? unknownText : Printable(core);
 }
 
@@ -163,19 +144,8 @@ std::string ValidUtf8(std::string_view text)
     if (boost::algorithm::all(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
         return std::string(text);
     }
-    static const char replacement[] = "\xEF\xBF\xBD";  // U+FFFD
-    std::string out;
-    out.reserve(text.size());
-    while (!text.empty()) {
-        const Character first = FirstCharacter(text);
-        if (first.valid) {
-            out += text.substr(0, first.length);
-        } else {
-            out += replacement;
-        }
-        text.remove_prefix(first.length);
-    }
-    return out;
+    return Replaced(
+        text, [](CodePoint, std::string_view) { return true; }, [](std::string_view) { return "\xEF\xBF\xBD"; });
 }
 
 }  // namespace ZDDevices

@@ -14,17 +14,17 @@ std::string Address(const Device& device);
 /** A part of the address. */
 constexpr Field<Device> Number(const char* heading, const char* key, std::string Device::*member)
 {
-    return {{heading, 0.05, Overflow::Keep}, InTable::WhenAsked, Content::Number, key, member};
+    return {{heading, 0.05, Overflow::Keep}, key, member, nullptr, InTable::WhenAsked, Content::Number};
 }
 
 constexpr Field<Device> fields[] = {
     // Heading, share of the width, when too wide, key in JSON, text.
-    ComposedField({"ADDRESS", 0.10, Overflow::Keep}, Address),
-    TextField({"TYPE", 0.20, Overflow::Cut}, "device_type", &Device::device_type),
-    TextField({"VENDOR", 0.10, Overflow::Wrap}, "vendor", &Device::vendor),
-    TextField({"PRODUCT", 0.25, Overflow::Wrap}, "product", &Device::product),
-    TextField({"FIRMWARE", 0.10, Overflow::Wrap}, "firmware_revision", &Device::firmware_revision),
-    TextField({"SERIAL", 0.25, Overflow::Wrap}, "serial_number", &Device::serial_number),
+    {{"ADDRESS", 0.10, Overflow::Keep}, nullptr, nullptr, Address},
+    {{"TYPE", 0.20, Overflow::Cut}, "device_type", &Device::device_type},
+    {{"VENDOR", 0.10, Overflow::Wrap}, "vendor", &Device::vendor},
+    {{"PRODUCT", 0.25, Overflow::Wrap}, "product", &Device::product},
+    {{"FIRMWARE", 0.10, Overflow::Wrap}, "firmware_revision", &Device::firmware_revision},
+    {{"SERIAL", 0.25, Overflow::Wrap}, "serial_number", &Device::serial_number},
     Number("PORT", "port", &Device::port),
     Number("BUS", "bus", &Device::bus),
     Number("TARGET", "target", &Device::target),

@@ -12,9 +12,7 @@
 #include <cstddef>
 #include <functional>
 #include <iterator>
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "common/options/softwareIdentity.h"
@@ -42,29 +40,15 @@ template <typename Record>
 struct Field {
     /** In the table. The metrics' label is the heading in small letters. */
     Column column;
-    InTable inTable;
-    Content content;
     /** In JSON; null for a field that JSON leaves out. */
     const char* key;
     /** The text; null for a composed one. */
     std::string Record::*member;
     /** Composes the text; for a field without a member. */
     std::string (*compose)(const Record& record) = nullptr;
+    InTable inTable = InTable::ByDefault;
+    Content content = Content::Text;
 };
-
-/** A text of the record that the table shows by default. */
-template <typename Record>
-constexpr Field<Record> TextField(Column column, const char* key, std::string Record::*member)
-{
-    return {column, InTable::ByDefault, Content::Text, key, member};
-}
-
-/** A composed text that the table shows by default. */
-template <typename Record>
-constexpr Field<Record> ComposedField(Column column, std::string (*compose)(const Record& record))
-{
-    return {column, InTable::ByDefault, Content::Text, nullptr, nullptr, compose};
-}
 
 /** What there is to know about one kind of record. */
 template <typename Record>
@@ -103,8 +87,8 @@ constexpr bool NameEachTextOnce(const Field<Record> (&fields)[count])
         }
         members += fields[i].member != nullptr ? 1 : 0;
     }
-    // The record has room for so many texts, and for no other.
-    return members * sizeof(std::string) <= sizeof(Record) && (members + 1) * sizeof(std::string) > sizeof(Record);
+    // What is left of the record has no room for another text.
+    return sizeof(Record) - members * sizeof(std::string) < sizeof(std::string);
 }
 
 /** The fields that are texts of the record, in the order in which the record declares them. */
@@ -123,33 +107,6 @@ const std::vector<Field<Record>>& MembersOf()
         return found;
     }();
     return members;
-}
-
-/** Every text of the record, in the order in which the record declares them. */
-template <typename Record>
-std::vector<std::string> TextsOf(const Record& record)
-{
-    std::vector<std::string> texts;
-    texts.reserve(MembersOf<Record>().size());
-    for (const Field<Record>& field : MembersOf<Record>()) {
-        texts.push_back(record.*field.member);
-    }
-    return texts;
-}
-
-/** The record of which TextsOf() gave these texts; none when there are more or fewer. */
-template <typename Record>
-std::optional<Record> RecordFrom(std::vector<std::string> texts)
-{
-    const std::vector<Field<Record>>& members = MembersOf<Record>();
-    if (texts.size() != members.size()) {
-        return std::nullopt;
-    }
-    Record record;
-    for (std::size_t i = 0; i < texts.size(); ++i) {
-        record.*members[i].member = std::move(texts[i]);
-    }
-    return record;
 }
 
 /** The field's text, as the device gave it or as it is composed. */
