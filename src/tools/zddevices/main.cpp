@@ -90,18 +90,10 @@ std::vector<Unanswered> WhoIsMissing(const Inventory& inventory, bool withSubjec
 }
 
 /** The class whose device files the answer depends on; none when it is all of them. */
-std::optional<ZDSystemDevice::SysDeviceType> AskedClass(const Options& options)
+std::optional<ZDSystemDevice::SysDeviceType> AskedClass(const Inventory& inventory)
 {
-    switch (options.command) {
-    case Command::Optical:
-        return ZDSystemDevice::SYS_DEVICE_CDDVD;
-    case Command::Firmware:
-        return ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
-    case Command::Doctor:
-    case Command::Devices:
-        break;
-    }
-    return options.type;
+    const std::vector<QuestionOutcome>& questions = inventory.questions;
+    return questions.size() == 1 ? questions.front().question.deviceClass : std::nullopt;
 }
 
 int FailUsage(const std::string& message)
@@ -132,7 +124,7 @@ int ShowMetrics(const Options& options)
 {
     const auto begun = std::chrono::system_clock::now();
     const Inventory inventory = TakeInventory(options);
-    const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
+    const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(inventory));
     WriteOutput(RenderPrometheus(inventory, begun, denied.size()));
     for (const QuestionOutcome& one : inventory.questions) {
         if (one.status && !ScanRan(*one.status)) {
@@ -143,15 +135,14 @@ int ShowMetrics(const Options& options)
 }
 
 template <typename Record>
-int ShowReport(const Options& options, const ReportOrigin& origin, Report<Record> report,
-               std::vector<Unanswered> unanswered)
+int ShowReport(const Options& options, const ReportOrigin& origin, const Inventory& inventory, Report<Record> report)
 {
-    report.unanswered = std::move(unanswered);
+    report.unanswered = WhoIsMissing(inventory, false);
     if (!report.unanswered.empty()) {
         report.nothingFound = options.timeLimit ? "Nothing was found in time." : "Nothing was found.";
     }
     // Asked after the scan: loading the sg driver has made the device files of the generic class.
-    const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(options));
+    const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(inventory));
     WriteOutput(Render(report, options, origin));
     if (report.unanswered.empty() && !ScanRan(report.status)) {
         return FailScan(report.status);
@@ -172,16 +163,14 @@ int Show(const Options& options)
     }
     const ReportOrigin origin = HereAndNow();
     Inventory found = TakeInventory(options);
-    std::vector<Unanswered> missing = WhoIsMissing(found, false);
     if (found.drives) {
-        return ShowReport(options, origin, DescribeOptical(found.status, std::move(*found.drives)), std::move(missing));
+        return ShowReport(options, origin, found, DescribeOptical(found.status, std::move(*found.drives)));
     }
     if (found.firmware) {
-        return ShowReport(options, origin, DescribeFirmware(found.status, std::move(*found.firmware)),
-                          std::move(missing));
+        return ShowReport(options, origin, found, DescribeFirmware(found.status, std::move(*found.firmware)));
     }
-    return ShowReport(options, origin, DescribeDevices(found.status, std::move(found.devices.value()), options.type),
-                      std::move(missing));
+    return ShowReport(options, origin, found,
+                      DescribeDevices(found.status, std::move(found.devices.value()), options.type));
 }
 
 int ShowDiagnosis(const Options& options)

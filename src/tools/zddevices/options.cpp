@@ -67,19 +67,28 @@ const Words<Format> formats = {{"json", Format::Json}, {"prometheus", Format::Pr
 
 const Words<unsigned int> logLevels = {{"0", 0}, {"1", 1}, {"2", 2}, {"3", 3}, {"4", 4}};
 
-std::vector<std::string> KnownColumns(Command command)
-{
-    switch (command) {
-    case Command::Optical:
-        return HeadingsOf<ZDSystemDevice::OpticalProperty>();
-    case Command::Firmware:
-        return HeadingsOf<ZDOptions::SoftwareIdentity_>();
-    case Command::Doctor:
-    case Command::Devices:
-        break;
-    }
-    return HeadingsOf<ZDSystemDevice::SystemDevice>();
-}
+/** What runs in place of the list of devices. */
+struct Subcommand {
+    Command command;
+    const char* name;
+    const char* description;
+    /** The headings that --columns knows. */
+    std::vector<std::string> (*headings)();
+};
+
+constexpr Subcommand subcommands[] = {
+    {Command::Optical, "optical", "What the optical drive can read and write",
+     HeadingsOf<ZDSystemDevice::OpticalProperty>},
+    {Command::Firmware, "firmware",
+     "The disks' firmware as CIM software identities,\n"
+     "without RAID volumes and M.2 disks",
+     HeadingsOf<ZDOptions::SoftwareIdentity_>},
+    {Command::Doctor, "doctor",
+     "What this host lets the library see, and what\n"
+     "to do where that is not everything. Loads the\n"
+     "sg driver, as every scan does",
+     HeadingsOf<ZDSystemDevice::SystemDevice>},
+};
 
 /** 'unknown format "x" (json, prometheus or table)'. */
 CLI::ParseError Unknown(const std::string& what, const std::string& word, std::vector<std::string> known)
@@ -157,33 +166,21 @@ public:
 /** Options that are good by themselves, and make no sense together. */
 void RefuseNonsense(const Options& options, const CLI::App& app)
 {
-    if (options.type && options.command != Command::Devices) {
-        throw CLI::ValidationError("--type makes no sense with a subcommand");
-    }
-    if (options.command == Command::Doctor) {
-        // It writes no table, and says by itself what was asked and answered.
-        for (const char* option : {"--columns", "--no-headings", "--log-level"}) {
-            if (app.count(option) > 0) {
-                throw CLI::ValidationError(std::string(option) + " makes no sense with doctor");
-            }
+    const auto refuse = [&app](bool nonsense, const std::string& option, const char* why) {
+        if (nonsense && app.count(option) > 0) {
+            throw CLI::ValidationError(option + why);
         }
-        if (options.format == Format::Prometheus) {
-            throw CLI::ValidationError("--format prometheus makes no sense with doctor");
-        }
+    };
+    refuse(options.command != Command::Devices, "--type", " makes no sense with a subcommand");
+    // It writes no table, and says by itself what was asked and answered.
+    const bool doctor = options.command == Command::Doctor;
+    for (const char* option : {"--columns", "--no-headings", "--log-level"}) {
+        refuse(doctor, option, " makes no sense with doctor");
     }
+    refuse(doctor && options.format == Format::Prometheus, "--format", " prometheus makes no sense with doctor");
     for (const char* option : {"--no-headings", "--columns"}) {
-        if (options.format != Format::Table && app.count(option) > 0) {
-            throw CLI::ValidationError(std::string(option) + " makes sense for a table only");
-        }
+        refuse(options.format != Format::Table, option, " makes sense for a table only");
     }
-}
-
-/** A subcommand that takes the program's options, before its name or after it. */
-const CLI::App* AddSubcommand(CLI::App& app, const std::string& name, const std::string& description)
-{
-    CLI::App* subcommand = app.add_subcommand(name, description);
-    subcommand->fallthrough();
-    return subcommand;
 }
 
 }  // namespace
@@ -226,25 +223,21 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                    "the classes that did not")
         ->type_name("SECONDS");
 
-    const CLI::App* optical = AddSubcommand(app, "optical", "What the optical drive can read and write");
-    const CLI::App* firmware = AddSubcommand(app, "firmware",
-                                             "The disks' firmware as CIM software identities,\n"
-                                             "without RAID volumes and M.2 disks");
-    const CLI::App* doctor = AddSubcommand(app, "doctor",
-                                           "What this host lets the library see, and what\n"
-                                           "to do where that is not everything. Loads the\n"
-                                           "sg driver, as every scan does");
+    for (const Subcommand& one : subcommands) {
+        // The program's options are taken before the subcommand's name and after it.
+        app.add_subcommand(one.name, one.description)->fallthrough();
+    }
     app.require_subcommand(0, 1);
 
     try {
         app.parse(argc, argv);
         Options options;
-        if (optical->parsed()) {
-            options.command = Command::Optical;
-        } else if (firmware->parsed()) {
-            options.command = Command::Firmware;
-        } else if (doctor->parsed()) {
-            options.command = Command::Doctor;
+        auto* headings = &HeadingsOf<ZDSystemDevice::SystemDevice>;
+        for (const Subcommand& one : subcommands) {
+            if (app.got_subcommand(one.name)) {
+                options.command = one.command;
+                headings = one.headings;
+            }
         }
         options.format = MeaningOf(format, formats, "format");
         options.headings = noHeadings ? Headings::None : Headings::Shown;
@@ -258,7 +251,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
             options.timeLimit = ParseSeconds(timeLimit);
         }
         if (app.count("--columns") > 0) {
-            options.columns = ParseColumns(columns, KnownColumns(options.command));
+            options.columns = ParseColumns(columns, headings());
         }
         RefuseNonsense(options, app);
         return options;
