@@ -106,23 +106,6 @@ TEST(AddressColumn, OneFieldOtherThanZeroIsAnAddress)
     EXPECT_EQ(AddressOf(disk), "0:-:0:1");
 }
 
-TEST(DeviceTable, HasHeadingsAndTrimmedCells)
-{
-    SystemDevice empty;
-    EXPECT_EQ(TableText<SystemDevice>({Disk(), empty}),
-              "ADDRESS      TYPE                 VENDOR PRODUCT       FIRMWARE SERIAL\n"
-              "10:1:3:16384 Direct Access Device QEMU   QEMU HARDDISK 2.5+     drive-scsi0-0-0-0-serial\n"
-              "-            -                    -      -             -        -\n");
-}
-
-TEST(DeviceTable, TakesTheColumnsThatAreAskedFor)
-{
-    EXPECT_EQ(TableText<SystemDevice>({Disk()}, {"LUN", "SERIAL", "LUN", "PORT", "BUS", "TARGET"}),
-              "LUN   SERIAL                   LUN   PORT BUS TARGET\n"
-              "16384 drive-scsi0-0-0-0-serial 16384 10   1   3\n");
-    EXPECT_EQ(TableText<SystemDevice>({SystemDevice()}, {"PORT", "VENDOR"}), "PORT VENDOR\n-    -\n");
-}
-
 TEST(DeviceTable, WithoutHeadingsIsTheSameButForTheFirstLine)
 {
     const Table table = TableOf(std::vector<SystemDevice>{Disk(), SystemDevice()}, {"VENDOR", "PORT"});
@@ -179,38 +162,6 @@ TEST(Fields, NamedTwiceOrForgottenAreNoticed)
     static_assert(!NameEachTextOnce(twice), "");
 }
 
-TEST(DeviceTable, WithoutATerminalEveryRowIsOneWholeLine)
-{
-    SystemDevice disk = Disk();
-    disk.product = std::string(300, 'P');
-    disk.serial_number = std::string(300, 'S');
-    const std::vector<std::string> lines = Lines(TableText<SystemDevice>({disk, disk}));
-    ASSERT_EQ(lines.size(), 3U);
-    EXPECT_NE(lines[1].find(disk.product), std::string::npos);
-    EXPECT_NE(lines[2].find(disk.serial_number), std::string::npos);
-}
-
-TEST(DeviceTable, OnATerminalLinesFitAndSerialNumbersStayWhole)
-{
-    SystemDevice disk = Disk();
-    disk.serial_number = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-    for (const std::size_t width : {60U, 80U, 132U, 200U}) {
-        const std::string table = RenderTable(TableOf(std::vector<SystemDevice>{disk}, {}), width);
-        const std::vector<std::string> lines = Lines(table);
-        const std::size_t column = lines.at(0).find("SERIAL");
-        ASSERT_NE(column, std::string::npos);
-        std::string serial;
-        for (std::size_t i = 0; i < lines.size(); ++i) {
-            EXPECT_LE(Width(lines[i]), static_cast<int>(width)) << table;
-            EXPECT_TRUE(lines[i].empty() || lines[i].back() != ' ') << table;
-            if (i > 0 && lines[i].size() > column) {
-                serial += lines[i].substr(column);
-            }
-        }
-        EXPECT_EQ(serial, disk.serial_number) << table;
-    }
-}
-
 TEST(DeviceTable, WideCharactersCountTwice)
 {
     SystemDevice disk = Disk();
@@ -253,21 +204,6 @@ TEST(Table, HostileTextsNeverLeaveTheirLines)
     }
 }
 
-TEST(DeviceJson, HoldsTheFieldsInTheOrderOfTheRecordAndUntrimmed)
-{
-    EXPECT_EQ(ObjectOf(Disk()).dump(),
-              R"({"vendor":"QEMU    ","product":" QEMU HARDDISK ","device_type":"Direct Access Device",)"
-              R"("serial_number":"drive-scsi0-0-0-0-serial","firmware_revision":"2.5+","port":10,"target":3,"bus":1,)"
-              R"("lun":16384})");
-}
-
-TEST(DeviceJson, EmptyTextsAndAddressFieldsAreNull)
-{
-    EXPECT_EQ(ObjectOf(SystemDevice()).dump(),
-              R"({"vendor":null,"product":null,"device_type":null,"serial_number":null,"firmware_revision":null,)"
-              R"("port":null,"target":null,"bus":null,"lun":null})");
-}
-
 TEST(DeviceJson, ZerosAndTheLargestNumberAreNumbers)
 {
     EXPECT_EQ(PortOf("0"), 0);
@@ -286,25 +222,6 @@ TEST(DeviceJson, BlankTextIsNotAnEmptyText)
     SystemDevice device;
     device.vendor = "  ";
     EXPECT_EQ(ObjectOf(device).at("vendor"), "  ");
-}
-
-TEST(JsonWriter, EveryByteAtEveryPlaceIsReadBackAsItWas)
-{
-    constexpr int bytes = 256;
-    constexpr std::size_t longest = 19;
-    for (int byte = 0; byte < bytes; ++byte) {
-        for (std::size_t size = 1; size <= longest; ++size) {
-            for (std::size_t place = 0; place < size; ++place) {
-                std::string text(size, 'x');
-                text[place] = static_cast<char>(byte);
-                const std::string document = ToJson([&text](JsonWriter& json) { WriteText(json, text); });
-                for (const char c : document.substr(0, document.size() - 1)) {
-                    ASSERT_TRUE(c >= 0x20 && c < 0x7f) << document;
-                }
-                ASSERT_EQ(nlohmann::json::parse(document), ValidUtf8(text)) << document;
-            }
-        }
-    }
 }
 
 TEST(JsonWriter, EscapesWhatIsNotPrintableAscii)
@@ -335,15 +252,6 @@ TEST(JsonDocument, IsIndentedByTwoBlanks)
   "text": null
 }
 )");
-}
-
-TEST(JsonDocument, IsCompleteWithoutDevices)
-{
-    const Report<SystemDevice> report =
-        DescribeDevices(ZDSystemDevice::DEVICE_RESULT_NONE, {}, ZDSystemDevice::SYS_DEVICE_TAPE);
-    const auto document = nlohmann::ordered_json::parse(RenderJson(report, {"host", "2024-02-29T12:00:00Z"}));
-    EXPECT_EQ(document.dump(), R"({"schema":"zddevices/1","host":"host","collected_at":"2024-02-29T12:00:00Z",)"
-                               R"("status":{"code":6,"name":"DEVICE_RESULT_NONE"},"complete":true,"devices":[]})");
 }
 
 template <typename Record>
@@ -440,18 +348,6 @@ TEST(Optical, SeveralDrivesInOneRecordAreRemarkedOn)
     EXPECT_NE(DescribeOptical(0, {drives}).remark.find("several optical drives"), std::string::npos);
 }
 
-TEST(Firmware, TableHoldsIdVersionAndSerial)
-{
-    ZDOptions::SoftwareIdentity_ identity;
-    identity.SoftwareID = identity.Name = "QEMU HARDDISK";
-    identity.VersionString = " 2.5+ \x06";
-    identity.SerialNumber = "QM00001 ";
-    EXPECT_EQ(TableText<ZDOptions::SoftwareIdentity_>({identity, ZDOptions::SoftwareIdentity_()}),
-              "SOFTWARE-ID   VERSION SERIAL\n"
-              "QEMU HARDDISK 2.5+    QM00001\n"
-              "-             -       -\n");
-}
-
 TEST(Firmware, KeysAreThePropertyNamesInOrder)
 {
     const auto object = ObjectOf(ZDOptions::SoftwareIdentity_());
@@ -486,18 +382,6 @@ TEST(Status, OnlyTheAnswersOfAListOperationMeanThatTheScanRan)
     for (const unsigned int status : {1U, 2U, 3U, 5U, 7U, 0xFFFFFFFFU}) {
         EXPECT_FALSE(ScanRan(status)) << status;
     }
-}
-
-TEST(HereAndNow, TimeIsUtcInWholeSeconds)
-{
-    const ReportOrigin origin = HereAndNow();
-    EXPECT_FALSE(origin.host.empty());
-    std::tm utc{};
-    const char* end = strptime(origin.collectedAt.c_str(), "%Y-%m-%dT%H:%M:%SZ", &utc);
-    ASSERT_NE(end, nullptr) << origin.collectedAt;
-    EXPECT_EQ(*end, '\0');
-    EXPECT_LE(timegm(&utc), std::time(nullptr));
-    EXPECT_GT(timegm(&utc), std::time(nullptr) - 600);
 }
 
 }  // namespace

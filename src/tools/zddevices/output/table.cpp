@@ -29,9 +29,7 @@ void Check(int result)
 template <typename T>
 T* Check(T* made)
 {
-    if (made == nullptr) {
-        throw std::bad_alloc();
-    }
+    Check(made != nullptr ? 0 : -ENOMEM);
     return made;
 }
 
