@@ -84,8 +84,6 @@ public:
         return std::string(bytes.begin(), bytes.end());
     }
 
-    Bytes Rest() { return Take(left); }
-
     std::string RestText() { return TakeText(left); }
 
 private:

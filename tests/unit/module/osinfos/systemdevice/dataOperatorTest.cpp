@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -770,32 +771,6 @@ TEST_F(DataOperatorTest, NearMissesOfTheSenseConditionsAreNotRetried)
     }
 }
 
-TEST_F(DataOperatorTest, SenseWithoutTheCheckBitIsNeitherRetriedNorReported)
-{
-    for (const unsigned info : {0U, 2U, 0xfffffffeU}) {
-        ExpectReport(
-            [info](sg_io_hdr& header) {
-                WriteSense(header, 6, 0x29, 0x00);
-                header.masked_status = 1;
-                header.status = 2;
-                header.host_status = 3;
-                header.driver_status = 4;
-                header.info = info;
-            },
-            {});
-    }
-}
-
-TEST_F(DataOperatorTest, OnlyBitZeroOfInfoIsTheCheckBit)
-{
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 0x7;
-            header.host_status = 1;
-        },
-        {L4("SG Host status=1")});
-}
-
 TEST_F(DataOperatorTest, FiveUnitAttentionsSleepFiveTimesAndReturnTheFifthStatus)
 {
     const Lines attempt = Join({CommandTrace(), RetryTrace(), {SenseReport(6, 0x29, 0)}});
@@ -899,72 +874,83 @@ TEST_F(DataOperatorTest, FileThatCannotBeReopenedForTheCommandAnswersOpenFailed)
 
 // ExecPassThruCmd: reports
 
-TEST_F(DataOperatorTest, EighteenSenseBytesGiveExactlyOneReportLine)
+TEST_F(DataOperatorTest, ReportTellsWhatTheHeaderHolds)
 {
-    ExpectReport([](sg_io_hdr& header) { WriteSense(header, 5, 0x24, 0x00); },
-                 {L4("SCSI sense data: 70050000a00002400000")});
+    const Bytes none;
+    const Bytes refused = {0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0, 0, 0, 0, 0};
+    std::string wholeBuffer;
+    for (int i = 0; i < 32; ++i) {
+        wholeBuffer += "a5";
+    }
+    const struct {
+        const char* name;
+        unsigned info;
+        Bytes sense;
+        unsigned char written;
+        unsigned char maskedStatus;
+        unsigned char status;
+        unsigned short hostStatus;
+        unsigned short driverStatus;
+        Lines report;
+    } cases[] = {
+        {"the check bit alone", 1, none, 0, 0, 0, 0, 0, {}},
+        {"no check bit", 0, refused, 18, 1, 2, 3, 4, {}},
+        {"other bits than the check bit", 0xfffffffe, refused, 18, 1, 2, 3, 4, {}},
+        {"the check bit among others", 7, none, 0, 0, 0, 1, 0, {L4("SG Host status=1")}},
+        {"one line of sense", 1, refused, 18, 0, 0, 0, 0, {L4("SCSI sense data: 70050000a00002400000")}},
+        {"no leading zeros", 1, {0xF0, 0x0A, 0xB3, 0xFF, 0x00}, 4, 0, 0, 0, 0, {L4("SCSI sense data: f0ab3ff")}},
+        {"the buffer's length", 1, Bytes(32, 0xa5), 32, 0, 0, 0, 0, {L4("SCSI sense data: " + wholeBuffer)}},
+        {"beyond the buffer", 1, Bytes(32, 0xa5), 33, 0, 0, 0, 0, {L4("SCSI sense data: " + wholeBuffer)}},
+        {"far beyond the buffer", 1, Bytes(32, 0xa5), 255, 0, 0, 0, 0, {L4("SCSI sense data: " + wholeBuffer)}},
+        {"numbers after sense are hexadecimal",
+         1,
+         {0x70},
+         1,
+         1,
+         'A',
+         31,
+         0xABCD,
+         {L4("SCSI sense data: 70"), L4("SG SCSI status=A"), L4("SG Host status=1f"), L4("SG Driver status=abcd")}},
+        {"numbers without sense are decimal",
+         1,
+         none,
+         0,
+         0x7f,
+         'z',
+         31,
+         65535,
+         {L4("SG SCSI status=z"), L4("SG Host status=31"), L4("SG Driver status=65535")}},
+        {"driver status alone", 1, none, 0, 0, 0, 0, 8, {L4("SG Driver status=8")}},
+        {"the masked status is tested", 1, none, 0, 0, 2, 0, 0, {}},
+        {"the raw status is written", 1, none, 0, 1, 0, 0, 0, {L4(std::string("SG SCSI status=") + '\0')}},
+        {"as one byte", 1, none, 0, 1, 0xff, 0, 0, {L4("SG SCSI status=\xff")}},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.name);
+        ExpectReport(
+            [&one](sg_io_hdr& header) {
+                std::copy(one.sense.begin(), one.sense.end(), header.sbp);
+                header.info = one.info;
+                header.sb_len_wr = one.written;
+                header.masked_status = one.maskedStatus;
+                header.status = one.status;
+                header.host_status = one.hostStatus;
+                header.driver_status = one.driverStatus;
+            },
+            one.report);
+    }
 }
 
-TEST_F(DataOperatorTest, SenseBytesAreLowerCaseHexadecimalWithoutLeadingZerosOrSeparators)
+TEST_F(DataOperatorTest, UnitAttentionWithoutTheCheckBitIsNotRetried)
 {
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.sb_len_wr = 3;
-            header.sbp[0] = 0x70;
-            header.sbp[1] = 0x00;
-            header.sbp[2] = 0x05;
-        },
-        {L4("SCSI sense data: 7005")});
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.sb_len_wr = 4;
-            header.sbp[0] = 0xF0;
-            header.sbp[1] = 0x0A;
-            header.sbp[2] = 0xB3;
-            header.sbp[3] = 0xFF;
-        },
-        {L4("SCSI sense data: f0ab3ff")});
-}
-
-TEST_F(DataOperatorTest, CheckConditionOutsideTheRetryConditionsIsStillASuccess)
-{
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            WriteSense(header, 5, 0x20, 0x00);
-            header.masked_status = 1;
-            header.status = 2;
-        },
-        {SenseReport(5, 0x20, 0x00), L4("SG SCSI status=\x02")});
-}
-
-TEST_F(DataOperatorTest, ReportLinesComeInOrderAndTheBaseStaysHexadecimalAfterSenseBytes)
-{
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.sb_len_wr = 1;
-            header.sbp[0] = 0x70;
-            header.masked_status = 1;
-            header.status = 'A';
-            header.host_status = 31;
-            header.driver_status = 0xABCD;
-        },
-        {L4("SCSI sense data: 70"), L4("SG SCSI status=A"), L4("SG Host status=1f"), L4("SG Driver status=abcd")});
-}
-
-TEST_F(DataOperatorTest, NumbersAreDecimalWhenNoSenseBytesWereWritten)
-{
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.masked_status = 0x7f;
-            header.status = 'z';
-            header.host_status = 31;
-            header.driver_status = 65535;
-        },
-        {L4("SG SCSI status=z"), L4("SG Host status=31"), L4("SG Driver status=65535")});
+    for (const unsigned info : {0U, 0xfffffffeU}) {
+        ExpectReport(
+            [info](sg_io_hdr& header) {
+                WriteSense(header, 6, 0x29, 0x00);
+                header.info = info;
+            },
+            {});
+    }
 }
 
 TEST_F(DataOperatorTest, BaseIsDecimalAgainInAnAttemptWithoutSenseBytes)
@@ -996,47 +982,6 @@ TEST_F(DataOperatorTest, BaseIsDecimalAgainInAnAttemptWithoutSenseBytes)
                             });
 }
 
-TEST_F(DataOperatorTest, EachReportStandsAloneWhenOnlyItsFieldIsSet)
-{
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.driver_status = 8;
-        },
-        {L4("SG Driver status=8")});
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.host_status = 65535;
-        },
-        {L4("SG Host status=65535")});
-    ExpectReport([](sg_io_hdr& header) { header.info = 1; }, {});
-}
-
-TEST_F(DataOperatorTest, MaskedStatusIsTestedAndTheRawStatusWritten)
-{
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.status = 0x02;  // masked_status stays 0
-        },
-        {});
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.masked_status = 0x01;
-            header.status = 0x00;
-        },
-        {L4(std::string("SG SCSI status=") + '\0')});
-    ExpectReport(
-        [](sg_io_hdr& header) {
-            header.info = 1;
-            header.masked_status = 0x01;
-            header.status = 0xff;
-        },
-        {L4("SG SCSI status=\xff")});
-}
-
 TEST_F(DataOperatorTest, RetryIsLoggedAndSleptBeforeTheReportOfTheSameAttempt)
 {
     ExpectTraceAtEveryLevel(Join({VersionTrace(),
@@ -1061,24 +1006,6 @@ TEST_F(DataOperatorTest, RetryIsLoggedAndSleptBeforeTheReportOfTheSameAttempt)
                                 ExpectCommand([](sg_io_hdr&) { return 0; });
                                 EXPECT_EQ(DEV_SUCCESS, Send());
                             });
-}
-
-TEST_F(DataOperatorTest, SenseLengthAboveTheBufferReportsTheBufferOnly)
-{
-    for (const int written : {32, 33, 64, 255}) {
-        SCOPED_TRACE(written);
-        std::string sense;
-        for (int i = 0; i < 32; ++i) {
-            sense += "a5";
-        }
-        ExpectReport(
-            [written](sg_io_hdr& header) {
-                std::memset(header.sbp, 0xa5, 32);
-                header.info = 1;
-                header.sb_len_wr = static_cast<unsigned char>(written);
-            },
-            {L4("SCSI sense data: " + sense)});
-    }
 }
 
 // ExecPassThruCmd goes through the virtual ExecIoCtl
