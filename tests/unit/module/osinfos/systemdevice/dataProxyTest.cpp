@@ -10,6 +10,7 @@
 
 #include "common/logger/log.h"
 #include "support/allocations.h"
+#include "support/busDevices.h"
 #include "support/deviceTest.h"
 #include "support/expectedLogs.h"
 #include "support/groupingLocale.h"
@@ -197,32 +198,13 @@ TEST_F(DataProxyTest, OtherClassesThanOpticalAnswerTheOpticalQuestionSilentlyAnd
 TEST_F(DataProxyTest, InitBusDevLeavesNothingOfThePreviousDevice)
 {
     Scripted<TapeProxy> proxy;
-    BusDevice device;
-    device.hostAdapter = 1;
-    device.bus = 2;
-    device.spareNumber = 3;
-    device.targetId = 4;
-    device.lun = 5;
-    for (std::string* text :
-         {&device.devId, &device.spareText, &device.productId, &device.vendorId, &device.revision, &device.serialNum,
-          &device.otherIdentInfo, &device.shortIdent, &device.deviceType, &device.inquiryString}) {
-        *text = "left over from a device whose texts were long";
-    }
+    BusDevice device = Used();
     Trace::Take();
     Zendra::Log::SetMinLogLevel(4);
     proxy.InitBusDev(device);
     Zendra::Log::SetMinLogLevel(0);
     EXPECT_EQ(Lines(), Trace::Take());
-    EXPECT_EQ(0, device.hostAdapter);
-    EXPECT_EQ(0, device.bus);
-    EXPECT_EQ(0, device.spareNumber);
-    EXPECT_EQ(0, device.targetId);
-    EXPECT_EQ(0, device.lun);
-    for (const std::string* text :
-         {&device.devId, &device.spareText, &device.productId, &device.vendorId, &device.revision, &device.serialNum,
-          &device.otherIdentInfo, &device.shortIdent, &device.deviceType, &device.inquiryString}) {
-        EXPECT_EQ("", *text);
-    }
+    EXPECT_EQ("0/0/0/0/0{}{}{}{}{}{}{}{}{}{}", All(device));
 }
 
 TEST_F(DataProxyTest, DeviceTypeIsGivenInWords)
@@ -360,12 +342,7 @@ TEST_F(StoreBusDevTest, OnlyReadsItsRecord)
     std::vector<SystemDevice> devices;
     BusDevice device = FilledDevice();
     proxy.StoreBusDev(device, devices);
-    const BusDevice fresh = FilledDevice();
-    EXPECT_EQ(fresh.hostAdapter, device.hostAdapter);
-    EXPECT_EQ(fresh.spareNumber, device.spareNumber);
-    EXPECT_EQ(fresh.revision, device.revision);
-    EXPECT_EQ(fresh.otherIdentInfo, device.otherIdentInfo);
-    EXPECT_EQ(fresh.inquiryString, device.inquiryString);
+    EXPECT_EQ(All(FilledDevice()), All(device));
 }
 
 TEST_F(StoreBusDevTest, RecordAndTraceIgnoreAThousandsGroupingLocale)

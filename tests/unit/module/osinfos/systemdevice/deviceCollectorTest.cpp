@@ -148,24 +148,6 @@ TEST_F(DeviceCollectorTest, DiskSeenAsSdAndSgIsListedOnceWithTheGenericRecord)
     EXPECT_EQ((Lines{generic}), One(1));
 }
 
-TEST_F(DeviceCollectorTest, TapeSeenAsStAndSgIsListedOnceWithTheTapeRecord)
-{
-    FakeHost host;
-    host.Add("sg0", ScsiDevice(1, "HP", "Ultrium", "viaG", "HU1", 3, 0, 4, 0));
-    host.Add("st0", ScsiDevice(1, "HP", "Ultrium", "viaT", "HU1", 3, 0, 4, 0));
-    host.Install();
-    EXPECT_EQ((Lines{Record("HP", "Ultrium", "Sequential Access Device", "HU1", "viaT", "3", "4", "0", "0")}), All());
-}
-
-TEST_F(DeviceCollectorTest, OpticalDriveSeenAsSrAndSgIsListedOnceWithTheGenericRecord)
-{
-    FakeHost host;
-    host.Add("sr0", ScsiDevice(5, "HL-DT-ST", "DVDRAM", "viaR", "", 1, 0, 0, 0));
-    host.Add("sg0", ScsiDevice(5, "HL-DT-ST", "DVDRAM", "viaG", "", 1, 0, 0, 0));
-    host.Install();
-    EXPECT_EQ((Lines{Record("HL-DT-ST", "DVDRAM", "CD-ROM Device", "", "viaG", "1", "0", "0", "0")}), All());
-}
-
 TEST_F(DeviceCollectorTest, DiskAndOpticalDriveAtOneAddressLeaveTheDisk)
 {
     FakeHost host;
@@ -183,96 +165,6 @@ TEST_F(DeviceCollectorTest, TwoDisksWithoutAddressAreBothListedWithEmptyAddresse
     host.Install();
     EXPECT_EQ((Lines{DiskRecord("FIRST", "", "", "", ""), DiskRecord("SECOND", "", "", "", "")}), All());
     EXPECT_EQ((Lines{DiskRecord("FIRST", "0", "0", "0", "0"), DiskRecord("SECOND", "0", "0", "0", "0")}), One(2));
-}
-
-TEST_F(DeviceCollectorTest, OnlyAllFourZerosCountAsNoAddress)
-{
-    FakeHost host;
-    host.Add("sda", Disk("LUN", 0, 0, 0, 1));
-    host.Add("sdb", Disk("TARGET", 0, 0, 1, 0));
-    host.Add("sdc", Disk("BUS", 0, 1, 0, 0));
-    host.Add("sdd", Disk("PORT", 1, 0, 0, 0));
-    host.Install();
-    EXPECT_EQ((Lines{DiskRecord("LUN", "0", "0", "0", "1"), DiskRecord("BUS", "0", "0", "1", "0"),
-                     DiskRecord("TARGET", "0", "1", "0", "0"), DiskRecord("PORT", "1", "0", "0", "0")}),
-              All());
-}
-
-TEST_F(DeviceCollectorTest, OrderIsThatOfTheKeyTextSoThatAdapter10ComesBeforeAdapter2)
-{
-    FakeHost host;
-    host.Add("sda", Disk("TWO", 2, 0, 0, 0));
-    host.Add("sdb", Disk("TEN", 10, 0, 0, 0));
-    host.Add("sdc", Disk("TEN.9", 10, 0, 9, 0));
-    host.Add("sdd", Disk("TEN.12", 10, 0, 12, 0));
-    host.Add("sde", Disk("TEN.1", 10, 0, 1, 0));
-    host.Install();
-    EXPECT_EQ((Lines{DiskRecord("TEN", "10", "0", "0", "0"), DiskRecord("TEN.12", "10", "12", "0", "0"),
-                     DiskRecord("TEN.1", "10", "1", "0", "0"), DiskRecord("TEN.9", "10", "9", "0", "0"),
-                     DiskRecord("TWO", "2", "0", "0", "0")}),
-              All());
-}
-
-TEST_F(DeviceCollectorTest, KeyOrdersByPortThenTargetThenBusThenLun)
-{
-    FakeHost host;
-    host.Add("sda", Disk("A", 5, 1, 0, 9));
-    host.Add("sdb", Disk("B", 5, 0, 1, 0));
-    host.Add("sdc", Disk("C", 5, 0, 0, 2));
-    host.Add("sdd", Disk("D", 4, 9, 9, 9));
-    host.Install();
-    EXPECT_EQ((Lines{DiskRecord("D", "4", "9", "9", "9"), DiskRecord("C", "5", "0", "0", "2"),
-                     DiskRecord("A", "5", "0", "1", "9"), DiskRecord("B", "5", "1", "0", "0")}),
-              All());
-}
-
-TEST_F(DeviceCollectorTest, CounterKeysSortAmongTheRealAddresses)
-{
-    FakeHost host;
-    host.Add("sda", Disk("NONE1", 0, 0, 0, 0));
-    host.Add("sdb", Disk("PORT2", 2, 0, 0, 0));
-    host.Add("sdc", Disk("PORT0", 0, 0, 9, 0));
-    host.Add("sdd", Disk("NONE2", 0, 0, 0, 0));
-    host.Add("sde", Disk("PORT1.0", 1, 0, 0, 0));
-    host.Add("sdf", Disk("PORT1.2", 1, 0, 2, 0));
-    host.Install();
-    EXPECT_EQ((Lines{DiskRecord("PORT0", "0", "9", "0", "0"), DiskRecord("PORT1.0", "1", "0", "0", "0"),
-                     DiskRecord("NONE1", "", "", "", ""), DiskRecord("PORT1.2", "1", "2", "0", "0"),
-                     DiskRecord("PORT2", "2", "0", "0", "0"), DiskRecord("NONE2", "", "", "", "")}),
-              All());
-}
-
-TEST_F(DeviceCollectorTest, TenthDeviceWithoutAddressSortsBeforeTheSecond)
-{
-    FakeHost host;
-    Lines expected;
-    for (int i = 1; i <= 12; ++i) {
-        host.Add("sd" + std::string(1, static_cast<char>('a' + i)), Disk("N" + std::to_string(i), 0, 0, 0, 0));
-    }
-    // Behind "Port:1" comes "0", "1" or "2" before the "|" of the first.
-    for (const int i : {10, 11, 12, 1, 2, 3, 4, 5, 6, 7, 8, 9}) {
-        expected.push_back(DiskRecord("N" + std::to_string(i), "", "", "", ""));
-    }
-    host.Install();
-    EXPECT_EQ(expected, All());
-}
-
-TEST_F(DeviceCollectorTest, RealAddressOneOneOneOneAndTheFirstWithoutAddressShareAKey)
-{
-    {
-        FakeHost host;
-        host.Add("sda", Disk("REAL", 1, 1, 1, 1));
-        host.Add("sdb", Disk("NONE", 0, 0, 0, 0));
-        host.Install();
-        EXPECT_EQ((Lines{DiskRecord("REAL", "1", "1", "1", "1")}), All());
-    }
-    {
-        FakeHost host;
-        host.Add("sda", Disk("NONE", 0, 0, 0, 0));
-        host.Add("sdb", Disk("REAL", 1, 1, 1, 1));
-        host.Install();
-        EXPECT_EQ((Lines{DiskRecord("NONE", "", "", "", "")}), All());
-    }
 }
 
 TEST_F(DeviceCollectorTest, CounterGoesOnAcrossClassesAndCountsTheLostOnesToo)

@@ -88,18 +88,47 @@ TEST(MergeByAddress, AnyListIsOrderedAndThinnedAsByAMapOfWholeKeys)
     EXPECT_GT(thinned, 3000U);
 }
 
-TEST(MergeByAddress, LongKeysThatDifferAtTheirEndsOnly)
+TEST(MergeByAddress, OrderIsThatOfTheKeyText)
 {
-    const std::vector<SystemDevice> devices = {
-        DeviceAt("10000", "10000", "0", "65535", "a"), DeviceAt("10000", "10000", "0", "6553", "b"),
-        DeviceAt("10000", "10000", "0", "65535", "c"), DeviceAt("10000", "1000", "0", "65535", "d"),
-        DeviceAt("1000", "10000", "0", "65535", "e")};
-    std::vector<SystemDevice> merged;
-    MergeByAddress(devices, merged);
-    EXPECT_EQ(MergedByMap(devices), Descriptions(merged));
-    EXPECT_EQ(std::vector<std::string>(
-                  {"10000/10000/0/6553 b", "10000/10000/0/65535 a", "10000/1000/0/65535 d", "1000/10000/0/65535 e"}),
-              Descriptions(merged));
+    const struct {
+        const char* name;
+        std::vector<SystemDevice> devices;
+        std::vector<std::string> merged;
+    } cases[] = {
+        {"only four zeros are no address",
+         {DeviceAt("0", "0", "0", "1", "lun"), DeviceAt("0", "1", "0", "0", "target"),
+          DeviceAt("0", "0", "1", "0", "bus"), DeviceAt("1", "0", "0", "0", "port"),
+          DeviceAt("0", "0", "0", "0", "none")},
+         {"0/0/0/1 lun", "0/0/1/0 bus", "0/1/0/0 target", "1/0/0/0 port", "/// none"}},
+        {"10 and 12 before 1 and 2",
+         {DeviceAt("2", "0", "0", "0", "a"), DeviceAt("10", "9", "0", "0", "b"), DeviceAt("10", "12", "0", "0", "c"),
+          DeviceAt("10", "1", "0", "0", "d")},
+         {"10/12/0/0 c", "10/1/0/0 d", "10/9/0/0 b", "2/0/0/0 a"}},
+        {"port, target, bus, LUN",
+         {DeviceAt("5", "0", "1", "9", "a"), DeviceAt("5", "1", "0", "0", "b"), DeviceAt("5", "0", "0", "2", "c"),
+          DeviceAt("4", "9", "9", "9", "d")},
+         {"4/9/9/9 d", "5/0/0/2 c", "5/0/1/9 a", "5/1/0/0 b"}},
+        {"those without address are counted",
+         {DeviceAt("0", "0", "0", "0", "a"), DeviceAt("2", "0", "0", "0", "b"), DeviceAt("0", "0", "0", "0", "c"),
+          DeviceAt("1", "0", "0", "0", "d"), DeviceAt("1", "2", "0", "0", "e")},
+         {"1/0/0/0 d", "/// a", "1/2/0/0 e", "2/0/0/0 b", "/// c"}},
+        {"the real address came first",
+         {DeviceAt("1", "1", "1", "1", "real"), DeviceAt("0", "0", "0", "0", "none")},
+         {"1/1/1/1 real"}},
+        {"the one without address came first",
+         {DeviceAt("0", "0", "0", "0", "none"), DeviceAt("1", "1", "1", "1", "real")},
+         {"/// none"}},
+        {"long keys that differ at their ends only",
+         {DeviceAt("10000", "10000", "0", "65535", "a"), DeviceAt("10000", "10000", "0", "6553", "b"),
+          DeviceAt("10000", "10000", "0", "65535", "c"), DeviceAt("10000", "1000", "0", "65535", "d"),
+          DeviceAt("1000", "10000", "0", "65535", "e")},
+         {"10000/10000/0/6553 b", "10000/10000/0/65535 a", "10000/1000/0/65535 d", "1000/10000/0/65535 e"}}};
+    for (const auto& one : cases) {
+        std::vector<SystemDevice> merged;
+        MergeByAddress(one.devices, merged);
+        EXPECT_EQ(one.merged, Descriptions(merged)) << one.name;
+        EXPECT_EQ(one.merged, MergedByMap(one.devices)) << one.name;
+    }
 }
 
 TEST(MergeByAddress, WhatTheListHeldStaysInFront)

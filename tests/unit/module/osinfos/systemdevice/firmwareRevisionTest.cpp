@@ -12,6 +12,7 @@
 #include "common/logger/log.h"
 #include "module/osinfos/systemdevice/dataProxy_linux.h"
 #include "support/allocations.h"
+#include "support/busDevices.h"
 #include "support/deviceTest.h"
 #include "support/expectedLogs.h"
 #include "support/privateSysBlock.h"
@@ -25,30 +26,35 @@ using namespace ZendraTest;
 const Lines entry = {L4("Entry  DataProxy::GetFirmwareVersionFile() ")};
 const Lines entryAndExit = Logs::NoFirmware();
 
-// The directory of sysfs
-
-class FirmwarePath : public DeviceTest {
+/** Asks one proxy, whose own messages are not in the trace. */
+template <class ProxyOfClass>
+class FirmwareLookup : public DeviceTest {
 protected:
-    void Expect(const std::string& path, const std::string& expected, const Lines& log)
-    {
-        Trace::Take();
-        ExpectTraceAtEveryLevel(log, [&] { EXPECT_EQ(expected, Proxy().GetFirmwareVersionFilePath(path)); });
-    }
-
     void SetUp() override
     {
         DeviceTest::SetUp();
-        owned = std::make_unique<Scripted<TapeProxy>>();
+        owned = std::make_unique<Scripted<ProxyOfClass>>();
+        Trace::Take();
     }
     void TearDown() override
     {
         owned.reset();
         DeviceTest::TearDown();
     }
-    TapeProxy& Proxy() { return *owned; }
+    ProxyOfClass& Proxy() { return *owned; }
 
 private:
-    std::unique_ptr<Scripted<TapeProxy>> owned;
+    std::unique_ptr<Scripted<ProxyOfClass>> owned;
+};
+
+// The directory of sysfs
+
+class FirmwarePath : public FirmwareLookup<TapeProxy> {
+protected:
+    void Expect(const std::string& path, const std::string& expected, const Lines& log)
+    {
+        ExpectTraceAtEveryLevel(log, [&] { EXPECT_EQ(expected, Proxy().GetFirmwareVersionFilePath(path)); });
+    }
 };
 
 TEST_F(FirmwarePath, EntryOfTheSameNameIsFoundWithoutAnExitLine)
@@ -147,7 +153,7 @@ TEST_F(FirmwarePath, DirectoryStreamIsClosedWhenMemoryRunsOut)
 
 // The files of sysfs
 
-class FirmwareFile : public DeviceTest {
+class FirmwareFile : public FirmwareLookup<CDDVDProxy> {
 protected:
     void Expect(const std::string& path, const std::string& expected, const Lines& log)
     {
@@ -158,21 +164,6 @@ protected:
     {
         return L1("Fail in get firmware version from /sys/block/" + file + ".");
     }
-
-    void SetUp() override
-    {
-        DeviceTest::SetUp();
-        owned = std::make_unique<Scripted<CDDVDProxy>>();
-    }
-    void TearDown() override
-    {
-        owned.reset();
-        DeviceTest::TearDown();
-    }
-    CDDVDProxy& Proxy() { return *owned; }
-
-private:
-    std::unique_ptr<Scripted<CDDVDProxy>> owned;
 };
 
 TEST_F(FirmwareFile, FirmwareRevIsReadWithItsLineFeed)
@@ -181,7 +172,6 @@ TEST_F(FirmwareFile, FirmwareRevIsReadWithItsLineFeed)
     PrivateSysBlock::Write("sda/device/firmware_rev", "1A01\n");
     PrivateSysBlock::Write("sda/device/rev", "other\n");
     ListSysBlock({"sda"});
-    Trace::Take();
     Expect("/dev/sda", "1A01\n", entry);
 }
 
@@ -190,7 +180,6 @@ TEST_F(FirmwareFile, RevIsReadWhereFirmwareRevIsMissingAndTheMissingFileIsLogged
     REQUIRE_PRIVATE_SYS_BLOCK();
     PrivateSysBlock::Write("sr0/device/rev", "1.00\n");
     ListSysBlock({"sr0"});
-    Trace::Take();
     Expect("/dev/sr0", "1.00\n", Join({entry, {Failed("sr0/device/firmware_rev")}}));
 }
 
@@ -199,14 +188,12 @@ TEST_F(FirmwareFile, BothFilesMissingLeaveTwoLines)
     REQUIRE_PRIVATE_SYS_BLOCK();
     PrivateSysBlock::MakeDirectory("sr0/device");
     ListSysBlock({"sr0"});
-    Trace::Take();
     Expect("/dev/sr0", "", Join({entry, {Failed("sr0/device/firmware_rev"), Failed("sr0/device/rev")}}));
 }
 
 TEST_F(FirmwareFile, NoEntryOpensNoFile)
 {
     ListSysBlock({});
-    Trace::Take();
     Expect("/dev/st0", "", entryAndExit);
 }
 
@@ -216,7 +203,6 @@ TEST_F(FirmwareFile, FilesOfTheEntryThatWonAreRead)
     PrivateSysBlock::Write("sda/device/firmware_rev", "of sda\n");
     PrivateSysBlock::Write("sdab/device/firmware_rev", "of sdab\n");
     ListSysBlock({"sda", "sdab"});
-    Trace::Take();
     Expect("/dev/sdab", "of sda\n", entry);
 }
 
@@ -226,7 +212,6 @@ TEST_F(FirmwareFile, EmptyFirmwareRevIsTheAnswer)
     PrivateSysBlock::Write("sda/device/firmware_rev", "");
     PrivateSysBlock::Write("sda/device/rev", "other\n");
     ListSysBlock({"sda"});
-    Trace::Take();
     Expect("/dev/sda", "", entry);
 }
 
@@ -236,7 +221,6 @@ TEST_F(FirmwareFile, FileThatOpensButCannotBeReadGivesNothing)
     PrivateSysBlock::MakeDirectory("sda/device/firmware_rev");
     PrivateSysBlock::Write("sda/device/rev", "other\n");
     ListSysBlock({"sda"});
-    Trace::Take();
     Expect("/dev/sda", "", entry);
 }
 
@@ -249,7 +233,6 @@ TEST_F(FirmwareFile, EveryByteOfTheFileIsKept)
     content += std::string(100000, 'x');
     PrivateSysBlock::Write("sda/device/firmware_rev", content);
     ListSysBlock({"sda"});
-    Trace::Take();
     Expect("/dev/sda", content, entry);
 }
 
@@ -257,44 +240,25 @@ TEST_F(FirmwareFile, EveryByteOfTheFileIsKept)
 
 class AtaUpdate : public DeviceTest {};
 
-TEST_F(AtaUpdate, LogsItsEntryOnly)
+TEST_F(AtaUpdate, LogsItsEntryOnlyAndReturnsTheStatusOfTheQuestion)
 {
-    for (const int status : {4, 5, 3}) {
+    for (const int status : {4, 5, 3, 0, 2}) {
         for (const unsigned level : {4U, 3U, 1U, 0U}) {
-            Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", AtaData("M", "R", "S"), status)});
+            Scripted<PhysicalDriveProxy> proxy(
+                {AtaIdentify("/dev/sda", AtaData("WDC WD40EFRX", " 1A 01  ", "SERIAL"), status)});
             Trace::Take();
             Zendra::Log::SetMinLogLevel(level);
-            BusDevice device;
+            BusDevice device = Used();
             EXPECT_EQ(static_cast<unsigned>(status), proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
             Zendra::Log::SetMinLogLevel(0);
             EXPECT_EQ(AtLevel(level, {L4("Entry  UpdateFirmwareVersionForSdDisk() ")}), Trace::Take());
+            BusDevice expected = Used();
+            if (status == 4) {
+                expected.productId = "WDC";
+                expected.revision = "1A01";
+            }
+            EXPECT_EQ(All(expected), All(device));
         }
-    }
-}
-
-TEST_F(AtaUpdate, RevisionAndProductComeFromTheAnswerBehindItsHeader)
-{
-    Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", AtaData("WDC WD40EFRX", " 1A 01  ", "SERIAL"))});
-    BusDevice device;
-    device.vendorId = "ATA";
-    device.serialNum = "kept";
-    EXPECT_EQ(4U, proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
-    EXPECT_EQ("ATA", device.vendorId);
-    EXPECT_EQ("WDC", device.productId);
-    EXPECT_EQ("1A01", device.revision);
-    EXPECT_EQ("kept", device.serialNum);
-}
-
-TEST_F(AtaUpdate, FailureIsReturnedAndChangesNothing)
-{
-    for (const int status : {3, 5, 0, 2}) {
-        Scripted<PhysicalDriveProxy> proxy({AtaIdentify("/dev/sda", AtaData("M", "R", "S"), status)});
-        BusDevice device;
-        device.revision = "old";
-        device.productId = "old too";
-        EXPECT_EQ(static_cast<unsigned>(status), proxy.UpdateFirmwareVersionForSdDisk("/dev/sda", device));
-        EXPECT_EQ("old", device.revision);
-        EXPECT_EQ("old too", device.productId);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/busDevices.h"
 #include "support/expectedLogs.h"
 #include "support/groupingLocale.h"
 #include "support/guardedBuffer.h"
@@ -17,6 +18,7 @@ namespace Zendra {
 namespace ZDSystemDevice {
 namespace {
 
+using ZendraTest::All;
 using ZendraTest::AtaData;
 using ZendraTest::Bytes;
 using ZendraTest::GroupingLocale;
@@ -25,46 +27,11 @@ using ZendraTest::InquiryData;
 using ZendraTest::NvmeData;
 using ZendraTest::Padded;
 using ZendraTest::SerialPageData;
+using ZendraTest::Used;
 
 AnswerBytes View(const Bytes& bytes)
 {
     return {bytes.data(), bytes.size()};
-}
-
-/** Every text and number of a record in one comparable line. */
-std::string All(const BusDevice& device)
-{
-    std::string text = std::to_string(device.hostAdapter) + "/" + std::to_string(device.bus) + "/" +
-                       std::to_string(device.spareNumber) + "/" + std::to_string(device.targetId) + "/" +
-                       std::to_string(device.lun);
-    for (const std::string* field :
-         {&device.devId, &device.spareText, &device.productId, &device.vendorId, &device.revision, &device.serialNum,
-          &device.otherIdentInfo, &device.shortIdent, &device.deviceType, &device.inquiryString}) {
-        text += "{" + *field + "}";
-    }
-    return text;
-}
-
-/** A record with something in every field, to see what a query leaves alone. */
-BusDevice Used()
-{
-    BusDevice device;
-    device.hostAdapter = 11;
-    device.bus = 12;
-    device.spareNumber = 13;
-    device.targetId = 14;
-    device.lun = 15;
-    device.devId = "old devId";
-    device.spareText = "old spareText";
-    device.productId = "old productId";
-    device.vendorId = "old vendorId";
-    device.revision = "old revision";
-    device.serialNum = "old serialNum";
-    device.otherIdentInfo = "old otherIdentInfo";
-    device.shortIdent = "old shortIdent";
-    device.deviceType = "old deviceType";
-    device.inquiryString = "old inquiryString";
-    return device;
 }
 
 TEST(AnswerBytes, TextEndsAtTheFirstNulAtTheFieldsEndAndAtTheEndOfTheAnswer)
@@ -112,14 +79,45 @@ BusDevice Decode(const Bytes& data)
     return device;
 }
 
-TEST(ReadInquiry, StandardDataFillsFiveTexts)
+TEST(ReadInquiry, TextsAreCutAsTheirFieldsNeed)
 {
-    const BusDevice device = Decode(InquiryData(0x00, "SEAGATE", "ST3300657SS", "0008"));
-    EXPECT_EQ("SEAGATE", device.vendorId);
-    EXPECT_EQ("ST3300657SS", device.productId);
-    EXPECT_EQ("0008", device.revision);
-    EXPECT_EQ("Direct Access Device", device.deviceType);
-    EXPECT_EQ("SEAGATE ST3300657SS     0008", device.inquiryString);
+    const std::string zeros(16, '\0');
+    const struct {
+        const char* name;
+        Bytes data;
+        std::string vendor;
+        std::string product;
+        std::string revision;
+        std::string whole;
+    } cases[] = {{"usual", InquiryData(0, "SEAGATE", "ST3300657SS", "0008"), "SEAGATE", "ST3300657SS", "0008",
+                  "SEAGATE ST3300657SS     0008"},
+                 {"full width", InquiryData(0, "ABCDEFGH", "0123456789abcdef", "WXYZ"), "ABCDEFGH", "0123456789abcdef",
+                  "WXYZ", "ABCDEFGH0123456789abcdefWXYZ"},
+                 {"the vendor stands in for a product of zeros", InquiryData(0, "  ATA   ", zeros, "1.0"), "ATA", "ATA",
+                  "1.0 ", "  ATA   "},
+                 {"uncut where it is blank", InquiryData(0, "", zeros, ""), "        ", "        ", "    ", "        "},
+                 {"but not for blanks", InquiryData(0, "ATA", "", "1.0"), "ATA", Padded("", 16), "1.0 ",
+                  Padded("ATA", 24) + "1.0 "},
+                 {"nothing stands in for both", InquiryData(0, zeros.substr(8), zeros, "1.0"), "", "", "1.0 ", ""},
+                 {"zeros only", Bytes(96, 0), "", "", "", ""},
+                 {"blanks and tabs only", InquiryData(0, " \t \t    ", "\t", ""), " \t \t    ", Padded("\t", 16),
+                  "    ", " \t \t    " + Padded("\t", 20)},
+                 {"both ends are cut", InquiryData(0, "\t A \tB \t", " \tDVD  RW\t ", " 1 "), "A \tB", "DVD  RW",
+                  " 1  ", "\t A \tB \t" + Padded(" \tDVD  RW\t ", 16) + " 1  "},
+                 {"of no other white space", InquiryData(0, "\nA\r", "\vB\n", ""), "\nA\r", "\vB\n", "    ",
+                  Padded("\nA\r", 8) + Padded("\vB\n", 20)},
+                 {"bytes above 127", InquiryData(0, "\xff\xa0V\x80", "\xc3\xa9", "\xff\xff\xff\xff"), "\xff\xa0V\x80",
+                  "\xc3\xa9", "\xff\xff\xff\xff",
+                  Padded("\xff\xa0V\x80", 8) + Padded("\xc3\xa9", 16) + "\xff\xff\xff\xff"}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.name);
+        const BusDevice device = Decode(one.data);
+        EXPECT_EQ(one.vendor, device.vendorId);
+        EXPECT_EQ(one.product, device.productId);
+        EXPECT_EQ(one.revision, device.revision);
+        EXPECT_EQ(one.whole, device.inquiryString);
+        EXPECT_EQ("Direct Access Device", device.deviceType);
+    }
 }
 
 TEST(ReadInquiry, TouchesNothingElse)
@@ -136,54 +134,6 @@ TEST(ReadInquiry, TouchesNothingElse)
     EXPECT_EQ(All(expected), All(device));
 }
 
-TEST(ReadInquiry, FullWidthTextsDoNotRunIntoOneAnother)
-{
-    const BusDevice device = Decode(InquiryData(0x00, "ABCDEFGH", "0123456789abcdef", "WXYZ"));
-    EXPECT_EQ("ABCDEFGH", device.vendorId);
-    EXPECT_EQ("0123456789abcdef", device.productId);
-    EXPECT_EQ("WXYZ", device.revision);
-    EXPECT_EQ("ABCDEFGH0123456789abcdefWXYZ", device.inquiryString);
-}
-
-TEST(ReadInquiry, PaddedVendorStandsInForAProductOfZeros)
-{
-    Bytes data = InquiryData(0x00, "  ATA   ", "", "");
-    std::fill(data.begin() + 16, data.begin() + 32, static_cast<unsigned char>(0));
-    const BusDevice device = Decode(data);
-    EXPECT_EQ("ATA", device.vendorId);
-    EXPECT_EQ("ATA", device.productId);
-}
-
-TEST(ReadInquiry, BlankProductIsNotReplacedByTheVendor)
-{
-    const BusDevice device = Decode(InquiryData(0x00, "ATA", "", "1.0"));
-    EXPECT_EQ("ATA", device.vendorId);
-    EXPECT_EQ("                ", device.productId);
-}
-
-TEST(ReadInquiry, TextsOfBlanksAndTabsOnlyAreLeftAsTheyAre)
-{
-    const BusDevice device = Decode(InquiryData(0x00, " \t \t    ", "\t", ""));
-    EXPECT_EQ(" \t \t    ", device.vendorId);
-    EXPECT_EQ("\t               ", device.productId);
-    EXPECT_EQ("    ", device.revision);
-}
-
-TEST(ReadInquiry, BlanksAndTabsAreCutAtBothEndsAndKeptInside)
-{
-    const BusDevice device = Decode(InquiryData(0x00, "\t A \tB \t", " \tDVD  RW\t ", " 1 "));
-    EXPECT_EQ("A \tB", device.vendorId);
-    EXPECT_EQ("DVD  RW", device.productId);
-    EXPECT_EQ(" 1  ", device.revision);
-}
-
-TEST(ReadInquiry, OtherWhiteSpaceIsNotCut)
-{
-    const BusDevice device = Decode(InquiryData(0x00, "\nA\r", "\vB\n", ""));
-    EXPECT_EQ("\nA\r", device.vendorId);
-    EXPECT_EQ("\vB\n", device.productId);
-}
-
 TEST(ReadInquiry, EveryTextEndsAtItsFirstZeroByte)
 {
     Bytes data = InquiryData(0x00, "VEND", "PRODUCT", "12");
@@ -197,35 +147,6 @@ TEST(ReadInquiry, EveryTextEndsAtItsFirstZeroByte)
     EXPECT_EQ("VE", device.inquiryString);
 }
 
-TEST(ReadInquiry, AllZeroDataGivesEmptyTextsAndADirectAccessDevice)
-{
-    const BusDevice device = Decode(Bytes(96, 0));
-    EXPECT_EQ("", device.vendorId);
-    EXPECT_EQ("", device.productId);
-    EXPECT_EQ("", device.revision);
-    EXPECT_EQ("", device.inquiryString);
-    EXPECT_EQ("Direct Access Device", device.deviceType);
-}
-
-TEST(ReadInquiry, EmptyVendorLeavesAnEmptyProductEmpty)
-{
-    Bytes data = InquiryData(0x00, "", "", "1.0");
-    std::fill(data.begin() + 8, data.begin() + 32, static_cast<unsigned char>(0));
-    const BusDevice device = Decode(data);
-    EXPECT_EQ("", device.vendorId);
-    EXPECT_EQ("", device.productId);
-    EXPECT_EQ("1.0 ", device.revision);
-}
-
-TEST(ReadInquiry, ProductOfZerosTakesABlankVendorUncut)
-{
-    Bytes data = InquiryData(0x00, "", "", "");
-    std::fill(data.begin() + 16, data.begin() + 32, static_cast<unsigned char>(0));
-    const BusDevice device = Decode(data);
-    EXPECT_EQ("        ", device.vendorId);
-    EXPECT_EQ("        ", device.productId);
-}
-
 TEST(ReadInquiry, DeviceTypeIsTheLowFourBitsOfByteZero)
 {
     for (unsigned type = 0; type < 256; ++type) {
@@ -235,14 +156,6 @@ TEST(ReadInquiry, DeviceTypeIsTheLowFourBitsOfByteZero)
     EXPECT_EQ("Optical Card Reader Device", Decode(InquiryData(0x7f, "V", "P", "R")).deviceType);
     EXPECT_EQ("Direct Access Device", Decode(InquiryData(0x10, "V", "P", "R")).deviceType);
     EXPECT_EQ("Sequential Access Device", Decode(InquiryData(0x11, "V", "P", "R")).deviceType);
-}
-
-TEST(ReadInquiry, BytesAbove127AreKept)
-{
-    const BusDevice device = Decode(InquiryData(0x00, "\xff\xa0V\x80", "\xc3\xa9", "\xff\xff\xff\xff"));
-    EXPECT_EQ("\xff\xa0V\x80", device.vendorId);
-    EXPECT_EQ("\xc3\xa9", device.productId);
-    EXPECT_EQ("\xff\xff\xff\xff", device.revision);
 }
 
 /** The record that was Used() before the page was read. */

@@ -9,9 +9,9 @@
 
 #include "common/logger/log.h"
 #include "module/osinfos/systemdevice/dataProxy_linux.h"
+#include "support/busDevices.h"
 #include "support/deviceTest.h"
 #include "support/expectedLogs.h"
-#include "support/groupingLocale.h"
 #include "support/guardedBuffer.h"
 #include "support/scriptedOperator.h"
 
@@ -44,42 +44,6 @@ protected:
     std::string path = "/dev/sdb";
 };
 
-/** Every text and number of a record in one comparable line. */
-std::string All(const BusDevice& device)
-{
-    std::string text = std::to_string(device.hostAdapter) + "/" + std::to_string(device.bus) + "/" +
-                       std::to_string(device.spareNumber) + "/" + std::to_string(device.targetId) + "/" +
-                       std::to_string(device.lun);
-    for (const std::string* field :
-         {&device.devId, &device.spareText, &device.productId, &device.vendorId, &device.revision, &device.serialNum,
-          &device.otherIdentInfo, &device.shortIdent, &device.deviceType, &device.inquiryString}) {
-        text += "{" + *field + "}";
-    }
-    return text;
-}
-
-/** A record with something in every field, to see what a query leaves alone. */
-BusDevice Used()
-{
-    BusDevice device;
-    device.hostAdapter = 11;
-    device.bus = 12;
-    device.spareNumber = 13;
-    device.targetId = 14;
-    device.lun = 15;
-    device.devId = "old devId";
-    device.spareText = "old spareText";
-    device.productId = "old productId";
-    device.vendorId = "old vendorId";
-    device.revision = "old revision";
-    device.serialNum = "old serialNum";
-    device.otherIdentInfo = "old otherIdentInfo";
-    device.shortIdent = "old shortIdent";
-    device.deviceType = "old deviceType";
-    device.inquiryString = "old inquiryString";
-    return device;
-}
-
 // ProcessInquiryData
 
 TEST_F(IdentityQueries, InquiryDataIsReadSilentlyFrom36Bytes)
@@ -104,22 +68,28 @@ TEST_F(IdentityQueries, InquiryDataIsReadSilentlyFrom36Bytes)
 
 class PassthroughDispatcher : public IdentityQueries {
 protected:
-    /** Runs the serial page through the dispatcher and returns the record; starts from Used(). */
-    void ExpectSerial(const Bytes& page, const std::string& serial, const Lines& log)
+    /** Sends a request of this type for a Used() record, which must then be as expected. */
+    static void Expect(const Step& step, int type, const BusDevice& expected, const Lines& log = {},
+                       int status = DEV_SUCCESS)
     {
-        ExpectTrace<SCSIProxy>(log, {SerialPage("/dev/sg3", page)}, [&serial](Scripted<SCSIProxy>& proxy) {
+        ExpectTrace<SCSIProxy>(log, {step}, [&](Scripted<SCSIProxy>& proxy) {
             Bytes buffer(4096, 0);
             ReqPassThruParam request;
             request.driveName = "/dev/sg3";
-            request.cdb = serialinquiry_cmd;
+            request.cdb = type == PT_SERIAL_INQUIRY ? serialinquiry_cmd : inquiry_cmd;
             request.cdbLength = 6;
             request.dataBuffer = buffer.data();
             BusDevice device = Used();
-            EXPECT_EQ(DEV_SUCCESS, proxy.SendRcvPassthroughCMD(request, device, PT_SERIAL_INQUIRY));
-            BusDevice expected = Used();
-            expected.serialNum = serial;
+            EXPECT_EQ(status, proxy.SendRcvPassthroughCMD(request, device, static_cast<Passthrough_cmd_type>(type)));
             EXPECT_EQ(All(expected), All(device));
         });
+    }
+
+    static void ExpectSerial(const Bytes& page, const std::string& serial, const std::string& message)
+    {
+        BusDevice expected = Used();
+        expected.serialNum = serial;
+        Expect(SerialPage("/dev/sg3", page), PT_SERIAL_INQUIRY, expected, {L4(message)});
     }
 };
 
@@ -139,70 +109,36 @@ TEST_F(PassthroughDispatcher, NoOperatorIsAFailureThatTouchesNothing)
 TEST_F(PassthroughDispatcher, FailureOfTheOperatorIsReturnedAsItIs)
 {
     for (const int status : {3, 5, 0, 2, -1}) {
-        for (const Passthrough_cmd_type type : {PT_STD_INQUIRY, PT_SERIAL_INQUIRY}) {
-            ExpectTrace<SCSIProxy>({}, {Inquiry("/dev/sg3", {}, status)}, [&](Scripted<SCSIProxy>& proxy) {
-                Bytes buffer(4096, 0);
-                ReqPassThruParam request;
-                request.driveName = "/dev/sg3";
-                request.cdb = inquiry_cmd;
-                request.cdbLength = 6;
-                request.dataBuffer = buffer.data();
-                BusDevice device = Used();
-                EXPECT_EQ(status, proxy.SendRcvPassthroughCMD(request, device, type));
-                EXPECT_EQ(All(Used()), All(device));
-            });
-        }
+        Expect(Inquiry("/dev/sg3", {}, status), PT_STD_INQUIRY, Used(), {}, status);
+        Expect(SerialPage("/dev/sg3", {}, status), PT_SERIAL_INQUIRY, Used(), {}, status);
     }
 }
 
 TEST_F(PassthroughDispatcher, StandardInquiryIsDecodedIntoTheRecord)
 {
-    ExpectTrace<SCSIProxy>({}, {Inquiry("/dev/sg3", InquiryData(0x05, "HL-DT-ST", "DVDRAM", "1.00"))},
-                           [](Scripted<SCSIProxy>& proxy) {
-                               Bytes buffer(4096, 0);
-                               ReqPassThruParam request;
-                               request.driveName = "/dev/sg3";
-                               request.cdb = inquiry_cmd;
-                               request.cdbLength = 6;
-                               request.dataBuffer = buffer.data();
-                               BusDevice device;
-                               EXPECT_EQ(DEV_SUCCESS, proxy.SendRcvPassthroughCMD(request, device, PT_STD_INQUIRY));
-                               EXPECT_EQ("HL-DT-ST", device.vendorId);
-                               EXPECT_EQ("DVDRAM", device.productId);
-                               EXPECT_EQ("1.00", device.revision);
-                               EXPECT_EQ("CD-ROM Device", device.deviceType);
-                               EXPECT_EQ("HL-DT-STDVDRAM          1.00", device.inquiryString);
-                           });
+    BusDevice expected = Used();
+    expected.vendorId = "HL-DT-ST";
+    expected.productId = "DVDRAM";
+    expected.revision = "1.00";
+    expected.deviceType = "CD-ROM Device";
+    expected.inquiryString = "HL-DT-STDVDRAM          1.00";
+    Expect(Inquiry("/dev/sg3", InquiryData(0x05, "HL-DT-ST", "DVDRAM", "1.00")), PT_STD_INQUIRY, expected);
 }
 
 TEST_F(PassthroughDispatcher, AnyOtherTypeTouchesNothing)
 {
     for (const int type : {1, 10, 12, -1, 128}) {
-        ExpectTrace<SCSIProxy>(
-            {}, {Inquiry("/dev/sg3", InquiryData(0, "V", "P", "R"))}, [type](Scripted<SCSIProxy>& proxy) {
-                Bytes buffer(4096, 0);
-                ReqPassThruParam request;
-                request.driveName = "/dev/sg3";
-                request.cdb = inquiry_cmd;
-                request.cdbLength = 6;
-                request.dataBuffer = buffer.data();
-                BusDevice device = Used();
-                EXPECT_EQ(DEV_SUCCESS,
-                          proxy.SendRcvPassthroughCMD(request, device, static_cast<Passthrough_cmd_type>(type)));
-                EXPECT_EQ(All(Used()), All(device));
-            });
+        Expect(Inquiry("/dev/sg3", InquiryData(0, "V", "P", "R")), type, Used());
     }
 }
 
 TEST_F(PassthroughDispatcher, SerialPageIsLoggedAsItWasTaken)
 {
-    ExpectSerial(SerialPageData("  WD-WCAYUJ123456   "), "  WD-WCAYUJ123456   ",
-                 {L4("Serial Number:   WD-WCAYUJ123456   ")});
-    ExpectSerial(SerialPageData(std::string(32, 'S')), std::string(32, 'S'),
-                 {L4("Serial Number: " + std::string(32, 'S'))});
-    ExpectSerial(SerialPageData(std::string(33, 'S')), "old serialNum", {L4("Size pointer is too large.")});
-    ExpectSerial(SerialPageData("X"), "", {L4("Size pointer is too small, size<=1")});
-    ExpectSerial(SerialPageData(std::string(4, '\0')), "", {L4("Serial Number: ")});
+    ExpectSerial(SerialPageData("  WD-WCAYUJ123456   "), "  WD-WCAYUJ123456   ", "Serial Number:   WD-WCAYUJ123456   ");
+    ExpectSerial(SerialPageData(std::string(32, 'S')), std::string(32, 'S'), "Serial Number: " + std::string(32, 'S'));
+    ExpectSerial(SerialPageData(std::string(33, 'S')), "old serialNum", "Size pointer is too large.");
+    ExpectSerial(SerialPageData("X"), "", "Size pointer is too small, size<=1");
+    ExpectSerial(SerialPageData(std::string(4, '\0')), "", "Serial Number: ");
 }
 
 // SendRcvIOCTLCMD
@@ -569,18 +505,6 @@ TEST_F(GenericQuery, SerialPageTooLargeOrTooSmallIsLoggedBeforeTheExitLine)
     Expect(true, {Inquiry(path, disk), ScsiId(path, 0, 0, 0, 1), SerialPage(path, SerialPageData("S"))},
            Join({begin, {L4("Size pointer is too small, size<=1")}, Logs::GenericExit()}), DEV_SUCCESS, Used(),
            expected);
-}
-
-TEST_F(GenericQuery, AddressTextIgnoresAThousandsGroupingLocale)
-{
-    const GroupingLocale locale;
-    BusDevice expected = Addressed(Identified(), 65535, 12345, 1000, 54321);
-    expected.serialNum = "SERIAL";
-    Expect(true,
-           {Inquiry(path, disk), ScsiId(path, 65535, 1000, 12345, 54321), SerialPage(path, SerialPageData("SERIAL"))},
-           Join({Logs::GenericEntry(true), Logs::AddressFromSg("Port:65535|Target:12345|Bus:1000|Lun:54321"),
-                 Logs::Serial("SERIAL"), Logs::GenericExit()}),
-           DEV_SUCCESS, expected);
 }
 
 // GetDriverData

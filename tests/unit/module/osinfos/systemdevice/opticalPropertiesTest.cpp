@@ -113,22 +113,12 @@ protected:
         host.Install();
     }
 
-    static Lines ProbeLog() { return Join({{L4("Entry CDDVDProxy::GetDeviceInfo()")}, Logs::GenericEntry(false)}); }
-
     Lines Records(unsigned status = 0)
     {
         CDDVDProxy proxy;
         std::vector<OpticalProperty> properties;
         EXPECT_EQ(status, proxy.GetCDDVDOptList(properties));
         return Texts(properties);
-    }
-
-    Lines RecordsOf(const std::string& table)
-    {
-        FakeHost host;
-        AddDrive(host);
-        WriteTable(table);
-        return Records();
     }
 
     std::string tableFile;
@@ -213,33 +203,6 @@ TEST_F(OpticalProperties, RecordIsAppended)
     EXPECT_EQ("/dev/sr0", properties[1].drive_name_);
 }
 
-TEST_F(OpticalProperties, TwoDrivesMatchNoDeviceFileAndHaveNoCapability)
-{
-    FakeHost host;
-    AddDrive(host, "sr0");
-    AddDrive(host, "sr1");
-    WriteTable(Table("sr1\tsr0", "1\t1"));
-    EXPECT_EQ((Lines{"{/dev/sr1\tsr0}{}{}{Yes}{No}{No}{Yes}{No}{No}{No}{No}"}), Records());
-}
-
-TEST_F(OpticalProperties, DriveThatDoesNotAnswerOnlyLosesItsVendorAndProduct)
-{
-    FakeHost host;
-    FakeDevice silent;
-    silent.scsi = false;
-    host.Add("sr0", silent);
-    AddDrive(host, "sr1");
-    WriteTable("drive name:\tsr0\n");
-    EXPECT_EQ((Lines{"{/dev/sr0}{}{}" + noCapabilities}), Records());
-    WriteTable("drive name:\tsr1\n");
-    EXPECT_EQ((Lines{"{/dev/sr1}{HL-DT-ST}{DVDRAM}" + noCapabilities}), Records());
-}
-
-TEST_F(OpticalProperties, TableWithoutADriveNameLeavesTheFirstThreeFieldsEmpty)
-{
-    EXPECT_EQ((Lines{"{}{}{}{No}{No}{Yes}{No}{No}{No}{No}{No}"}), RecordsOf("Can write CD-R: 1\n"));
-}
-
 TEST_F(OpticalProperties, EmptyTableAppendsNothingAndWritesNoClosingMessage)
 {
     FakeHost host;
@@ -251,33 +214,6 @@ TEST_F(OpticalProperties, EmptyTableAppendsNothingAndWritesNoClosingMessage)
                      L4("reading cdrom information is incomplete."), L4("Entry CDDVDProxy::~CDDVDProxy()"),
                      L4("Entry destructure ~DataProxy() ")}),
               TableMessages(Trace::Take()));
-}
-
-TEST_F(OpticalProperties, MissingTableAppendsNothing)
-{
-    FakeHost host;
-    AddDrive(host);
-    unlink(tableFile.c_str());
-    EXPECT_EQ(Lines(), Records());
-}
-
-TEST_F(OpticalProperties, NineteenLinesAreIncompleteAndTwentyAreNot)
-{
-    for (const int lineEnds : {18, 19}) {
-        FakeHost host;
-        AddDrive(host);
-        std::string table = "Can write CD-R: 1\n";
-        for (int i = 1; i < lineEnds; ++i) {
-            table += "\n";
-        }
-        WriteTable(table);
-        Zendra::Log::SetMinLogLevel(4);
-        EXPECT_EQ((Lines{"{}{}{}{No}{No}{Yes}{No}{No}{No}{No}{No}"}), Records());
-        const Lines messages = TableMessages(Trace::Take());
-        ASSERT_LT(2U, messages.size());
-        EXPECT_EQ(L4("cat cdrom lines =      " + std::to_string(lineEnds + 1)), messages[1]);
-        EXPECT_EQ(lineEnds == 18, messages[2] == L4("reading cdrom information is incomplete.")) << messages[2];
-    }
 }
 
 // The worker and the facade
