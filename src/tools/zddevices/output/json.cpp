@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <boost/algorithm/string/replace.hpp>
 #include <charconv>
 #include <climits>
 #include <cstdint>
@@ -57,8 +56,11 @@ std::string ToJson(const std::function<void(JsonWriter&)>& write)
     json.SetIndent(' ', indentation);
     write(json);
     // To JSON it is a character like any other, to a terminal it is none.
-    boost::algorithm::replace_all(characters.text, "\x7F", "\\u007F");
-    return std::move(characters.text) + '\n';
+    std::string& text = characters.text;
+    for (std::size_t del = text.find('\x7F'); del != std::string::npos; del = text.find('\x7F', del)) {
+        text.replace(del, 1, "\\u007F");
+    }
+    return std::move(text) + '\n';
 }
 
 void WriteText(JsonWriter& json, std::string_view text)
