@@ -10,6 +10,7 @@ import json
 import os
 import pty
 import re
+import select
 import shlex
 import shutil
 import signal
@@ -491,6 +492,7 @@ HANGS = {"hang": True}
 IMPROPER = "its process gave no proper answer"
 ALL_CLASSES = ["tape", "scsi", "disk", "optical"]
 LONG = "300"  # seconds, for runs that must not need them
+PATIENCE = 120  # seconds, after which a program counts as broken
 
 
 def found(*records):
@@ -498,8 +500,8 @@ def found(*records):
 
 
 def wait_for(condition):
-    """The condition's value as soon as it is one. The limit is for a program that is broken."""
-    end = time.monotonic() + 120
+    """The condition's value as soon as it is one."""
+    end = time.monotonic() + PATIENCE
     while time.monotonic() < end:
         value = condition()
         if value:
@@ -570,7 +572,12 @@ class ProgressTest(Case):
                                    preexec_fn=preexec_fn, **streams)
         os.close(terminal)
         screen = Screen()
+        end = time.monotonic() + PATIENCE
         while True:
+            if not select.select([controller], [], [], max(0, end - time.monotonic()))[0]:
+                process.kill()
+                process.communicate()
+                self.fail(f"still running; shown so far: {screen.seen()}")
             try:
                 part = os.read(controller, 65536)
             except OSError:
@@ -580,7 +587,7 @@ class ProgressTest(Case):
                 with open(go, "w", encoding="ascii"):
                     pass
         os.close(controller)
-        out, err = process.communicate()
+        out, err = process.communicate(timeout=PATIENCE)
         return process.returncode, screen, (out or b"").decode() + (err or b"").decode()
 
     def slow(self, device, answer):

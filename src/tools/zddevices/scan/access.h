@@ -19,24 +19,35 @@ namespace Zendra {
 namespace ZDDevices {
 
 /**
+ * @brief The names in /dev, those of directories among them, in no order.
+ * @throws std::system_error when /dev cannot be listed.
+ */
+std::vector<std::string> ListDeviceDirectory();
+
+/**
  * @brief Those of the names in /dev that the library opens for a class, or for all of them; each once, in natural
  * order.
  */
 std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names,
                                          std::optional<ZDSystemDevice::SysDeviceType> type);
 
+/** Whether an error of a system call says that this process lacks the privilege. */
+bool IsPrivilegeLacking(int error);
+
 /** Whether this process may not read the file, for lack of privilege. Opens nothing. */
 bool MayNotRead(const std::string& path);
 
-/** The group whose members may open the file; none for root's own, whose members hardly exist. */
-std::string OpeningGroup(const std::string& path);
+bool IsDirectory(const std::string& path);
 
 /** A device file that exists and may not be opened by this process. */
 struct DeniedFile {
     std::string path;
-    /** The group whose members may open the file; empty when there is none. */
+    /** The group whose members may open the file; empty for none and for root's own, whose members hardly exist. */
     std::string group;
 };
+
+/** The file with its group. */
+DeniedFile DeniedFileAt(const std::string& path);
 
 /**
  * @brief The device files of a class, or of all of them, that this process may not open for reading.

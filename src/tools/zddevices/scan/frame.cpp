@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace Zendra {
 namespace ZDDevices {
@@ -11,10 +12,11 @@ namespace {
 
 using Length = std::uint32_t;
 
-void AppendLength(std::size_t length, std::string& bytes)
+/** Appends the bytes behind their number. */
+void AppendWithLength(const std::string& text, std::string& bytes)
 {
-    const Length number = static_cast<Length>(length);
-    bytes.append(reinterpret_cast<const char*>(&number), sizeof(number));
+    const auto length = static_cast<Length>(text.size());
+    bytes.append(reinterpret_cast<const char*>(&length), sizeof(length)).append(text);
 }
 
 /** The length that the bytes begin with, which is cut off them; none when there are too few. */
@@ -32,13 +34,8 @@ std::optional<std::size_t> TakeLength(std::string_view& bytes)
 /** The frame in what stands behind the number of its bytes. */
 std::optional<Frame> ReadFrame(std::string_view bytes)
 {
-    Frame frame;
-    frame.kind = static_cast<Frame::Kind>(bytes.empty() ? '\0' : bytes.front());
-    const bool oneText = frame.kind == Frame::Kind::DeviceFile || frame.kind == Frame::Kind::Failure;
-    if (!oneText && frame.kind != Frame::Kind::Answer) {
-        return std::nullopt;
-    }
-    bytes.remove_prefix(1);
+    Frame frame{static_cast<Frame::Kind>(bytes.empty() ? '\0' : bytes.front()), {}};
+    bytes.remove_prefix(bytes.empty() ? 0 : 1);
     while (!bytes.empty()) {
         const std::optional<std::size_t> length = TakeLength(bytes);
         if (!length || *length > bytes.size()) {
@@ -47,10 +44,9 @@ std::optional<Frame> ReadFrame(std::string_view bytes)
         frame.texts.emplace_back(bytes.substr(0, *length));
         bytes.remove_prefix(*length);
     }
-    if (oneText && frame.texts.size() != 1) {
-        return std::nullopt;
-    }
-    return frame;
+    const bool hasOneText = frame.kind == Frame::Kind::DeviceFile || frame.kind == Frame::Kind::Failure;
+    const bool isFrame = frame.kind == Frame::Kind::Answer || (hasOneText && frame.texts.size() == 1);
+    return isFrame ? std::make_optional(std::move(frame)) : std::nullopt;
 }
 
 }  // namespace
@@ -59,12 +55,11 @@ std::string FrameBytes(const Frame& frame)
 {
     std::string body(1, static_cast<char>(frame.kind));
     for (const std::string& text : frame.texts) {
-        AppendLength(text.size(), body);
-        body += text;
+        AppendWithLength(text, body);
     }
     std::string bytes;
-    AppendLength(body.size(), bytes);
-    return bytes + body;
+    AppendWithLength(body, bytes);
+    return bytes;
 }
 
 std::optional<Frame> FrameReader::Next()

@@ -38,7 +38,7 @@ std::string FrameBytes(const Frame& frame);
 /** Makes frames of bytes that come in pieces. Holds no more than one frame's bytes and a piece. */
 class FrameReader {
 public:
-    void Append(const char* bytes, std::size_t size) { received.append(bytes, broken ? 0 : size); }
+    void Append(const std::string& bytes) { received.append(bytes, 0, broken ? 0 : bytes.size()); }
 
     /** The next whole frame; none while there is none, and for ever when what came is no frame. */
     std::optional<Frame> Next();

@@ -1,7 +1,10 @@
 #include "tools/zddevices/scan/library.h"
 
+#include <cerrno>
 #include <type_traits>
+#include <utility>
 
+#include "module/osinfos/systemdevice/dataOperator_linux.h"
 #include "module/osinfos/systemdevice/dataProxy_linux.h"
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "module/osinfos/systemdevice/deviceNames.h"
@@ -19,28 +22,59 @@ using ZDSystemDevice::SCSIProxy;
 using ZDSystemDevice::SysDeviceType;
 using ZDSystemDevice::TapeProxy;
 
+/** Asks as the library's own operator does, which it is, and tells what is asked and what came back. */
+class WatchingOperator : public ZDSystemDevice::DataOperator {
+public:
+    explicit WatchingOperator(Watch whoIsTold) : watch(std::move(whoIsTold)) {}
+
+    /** As DataOperator::ExecIoCtl(), through which SCSI commands go, too. */
+    int ExecIoCtl(ZDSystemDevice::ReqIoCtlParam& request) override
+    {
+        watch.before(request.driveName);
+        errno = 0;
+        const int status = DataOperator::ExecIoCtl(request);
+        // Still that of open(2) or ioctl(2): behind them the operator closes the file, which succeeds, and logs.
+        const int error = status == ZDSystemDevice::DEV_SUCCESS ? 0 : errno;
+        if (watch.after) {
+            watch.after({static_cast<unsigned int>(request.ioctlCode), request.ioctlData, status, error});
+        }
+        return status;
+    }
+
+private:
+    Watch watch;
+};
+
+/** A proxy whose requests are watched. */
+template <typename Proxy>
+class Watched : public Proxy {
+public:
+    explicit Watched(const Watch& watch)
+    {
+        auto* const watching = new WatchingOperator(watch);
+        delete this->dataOper;
+        this->dataOper = watching;
+    }
+
+    /** Whether the sg module could be loaded. */
+    bool UsesSgDriver() const { return this->sg_ko_loaded; }
+};
+
 /** What `ask` gives for the proxy of the class. */
 template <typename Ask>
 unsigned int WithProxy(SysDeviceType type, const Watch& watch, Ask ask)
 {
     switch (type) {
-    case ZDSystemDevice::SYS_DEVICE_TAPE: {
-        Watched<TapeProxy> proxy(watch);
-        return ask(proxy);
-    }
-    case ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE: {
-        Watched<PhysicalDriveProxy> proxy(watch);
-        return ask(proxy);
-    }
-    case ZDSystemDevice::SYS_DEVICE_CDDVD: {
-        Watched<CDDVDProxy> proxy(watch);
-        return ask(proxy);
-    }
+    case ZDSystemDevice::SYS_DEVICE_TAPE:
+        return ask(Watched<TapeProxy>(watch));
+    case ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE:
+        return ask(Watched<PhysicalDriveProxy>(watch));
+    case ZDSystemDevice::SYS_DEVICE_CDDVD:
+        return ask(Watched<CDDVDProxy>(watch));
     case ZDSystemDevice::SYS_DEVICE_SCSI:
         break;
     }
-    Watched<SCSIProxy> proxy(watch);
-    return ask(proxy);
+    return ask(Watched<SCSIProxy>(watch));
 }
 
 bool HasPrefix(const std::string& path, const char* prefix)
@@ -49,9 +83,9 @@ bool HasPrefix(const std::string& path, const char* prefix)
 }
 
 template <typename Proxy>
-unsigned int AskFile(Proxy& proxy, BusDevice& bus, std::string& path)
+unsigned int AskFile(Proxy&& proxy, BusDevice& bus, std::string& path)
 {
-    if constexpr (std::is_base_of_v<PhysicalDriveProxy, Proxy>) {
+    if constexpr (std::is_base_of_v<PhysicalDriveProxy, std::decay_t<Proxy>>) {
         if (HasPrefix(path, ZDSystemDevice::DevicePrefix::nvmeDisk)) {
             return static_cast<unsigned int>(proxy.GetNVMEInfo(bus, path));
         }
@@ -68,7 +102,7 @@ DeviceAnswer AskForDevices(std::optional<SysDeviceType> type, const Watch* watch
     DeviceAnswer answer;
     if (watch != nullptr) {
         answer.status =
-            WithProxy(type.value(), *watch, [&](auto& proxy) { return proxy.GetDeviceList(answer.records); });
+            WithProxy(type.value(), *watch, [&](auto&& proxy) { return proxy.GetDeviceList(answer.records); });
     } else if (type) {
         answer.status = ZDSystemDevice::DeviceCollector().GetIndividualDevice(answer.records, *type);
     } else {
@@ -105,7 +139,7 @@ FirmwareAnswer AskForFirmware(const Watch* watch)
 DeviceFileAnswer AskDeviceFile(SysDeviceType type, std::string path, const Watch& watch)
 {
     BusDevice bus;
-    const unsigned int status = WithProxy(type, watch, [&](auto& proxy) { return AskFile(proxy, bus, path); });
+    const unsigned int status = WithProxy(type, watch, [&](auto&& proxy) { return AskFile(proxy, bus, path); });
     return {status == ZDSystemDevice::DEV_SUCCESS, bus.vendorId, bus.productId};
 }
 

@@ -7,16 +7,37 @@
 #ifndef ZENDRA_ZDDEVICES_LIBRARY_H
 #define ZENDRA_ZDDEVICES_LIBRARY_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
-#include "tools/zddevices/scan/watchingOperator.h"
+#include "tools/zddevices/scan/worker.h"
 
 namespace Zendra {
 namespace ZDDevices {
+
+/** One ioctl on a device file that has been asked. */
+struct DeviceRequest {
+    /** The ioctl's request number. */
+    unsigned int code;
+    /** Its argument, as the kernel left it. */
+    const void* argument;
+    /** DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED. */
+    int status;
+    /** The error number of ioctl(2), or of open(2) where the file was not opened; 0 where nothing failed. */
+    int error;
+};
+
+/** Who is told of requests. */
+struct Watch {
+    /** Called before each request. */
+    NoteDeviceFile before;
+    /** Called after each request; may be empty. */
+    std::function<void(const DeviceRequest& request)> after = nullptr;
+};
 
 /** Status and records of one call. */
 template <typename Record>

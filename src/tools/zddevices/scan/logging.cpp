@@ -3,13 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <string>
 
 #include "common/logger/log.h"
 #include "tools/zddevices/output/text.h"
-#include "tools/zddevices/scan/logControl.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -20,7 +18,7 @@ namespace {
  * A descriptor of our own, closed in children that exec: a forked child logs too, after its standard error has
  * been led into a pipe.
  */
-std::atomic<int> logDescriptor{-1};
+int logDescriptor = -1;
 
 void WriteLogLine(unsigned level, const char* file, int line, const std::string& message)
 {

@@ -1,12 +1,47 @@
 /**
  * @file
  * @brief The library's log messages on this program's standard error.
+ *
+ * The logging library may be somebody else's, whose class has its imported members alone: no SetMinLogLevel(), no
+ * SetSink(). The program must compile against such a class all the same.
  */
 #ifndef ZENDRA_ZDDEVICES_LOGGING_H
 #define ZENDRA_ZDDEVICES_LOGGING_H
 
+#include <string>
+#include <type_traits>
+
 namespace Zendra {
 namespace ZDDevices {
+
+/** Receives log messages; as in common/logger/log.h. */
+using LogSink = void (*)(unsigned level, const char* file, int line, const std::string& message);
+
+template <typename Logger, typename = void>
+constexpr bool takesLevel = false;
+template <typename Logger>
+constexpr bool takesLevel<Logger, std::void_t<decltype(Logger::SetMinLogLevel(0U))>> = true;
+
+template <typename Logger, typename = void>
+constexpr bool takesSink = false;
+template <typename Logger>
+constexpr bool takesSink<Logger, std::void_t<decltype(Logger::SetSink(LogSink{}))>> = true;
+
+/**
+ * @brief Sets the level up to which messages are written, and, where that can be chosen, who writes them.
+ * @return whether the class's level can be set; nothing is changed otherwise.
+ */
+template <typename Logger>
+bool DirectLog([[maybe_unused]] unsigned int level, [[maybe_unused]] LogSink sink)
+{
+    if constexpr (takesLevel<Logger>) {
+        if constexpr (takesSink<Logger>) {
+            Logger::SetSink(sink);
+        }
+        Logger::SetMinLogLevel(level);
+    }
+    return takesLevel<Logger>;
+}
 
 /**
  * @brief From now on writes the library's messages up to `level` to standard error, as "[level] file:line text".

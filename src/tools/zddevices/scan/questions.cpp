@@ -1,7 +1,6 @@
 #include "tools/zddevices/scan/questions.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstddef>
 #include <stdexcept>
 #include <utility>
@@ -48,11 +47,6 @@ std::optional<unsigned int> TakeAnswer(std::optional<Strings> answer, std::optio
     if (texts.size() % members.size() != 1) {
         return std::nullopt;
     }
-    unsigned int status = 0;
-    const char* const end = texts[0].data() + texts[0].size();
-    if (std::from_chars(texts[0].data(), end, status).ptr != end) {
-        return std::nullopt;
-    }
     auto next = texts.begin() + 1;
     while (next != texts.end()) {
         Record& record = records->emplace_back();
@@ -60,31 +54,27 @@ std::optional<unsigned int> TakeAnswer(std::optional<Strings> answer, std::optio
             record.*field.member = std::move(*next++);
         }
     }
-    return status;
+    return static_cast<unsigned int>(std::stoul(texts.front()));
 }
 
 Strings Ask(const Question& question, const Watch* watch)
 {
-    switch (question.subject) {
-    case Subject::Firmware:
+    if (question.subject == Subject::Firmware) {
         return TextsOfAnswer(AskForFirmware(watch));
-    case Subject::Capabilities:
+    }
+    if (question.subject == Subject::Capabilities) {
         return TextsOfAnswer(AskForOptical(watch));
-    case Subject::Devices:
-        break;
     }
     return TextsOfAnswer(AskForDevices(question.deviceClass, watch));
 }
 
 std::optional<unsigned int> TakeAnswerOf(const Question& question, std::optional<Strings> answer, Inventory& inventory)
 {
-    switch (question.subject) {
-    case Subject::Firmware:
+    if (question.subject == Subject::Firmware) {
         return TakeAnswer(std::move(answer), inventory.firmware);
-    case Subject::Capabilities:
+    }
+    if (question.subject == Subject::Capabilities) {
         return TakeAnswer(std::move(answer), inventory.drives);
-    case Subject::Devices:
-        break;
     }
     return TakeAnswer(std::move(answer), inventory.devices);
 }
@@ -103,42 +93,31 @@ unsigned int StatusOf(const std::vector<QuestionOutcome>& questions)
 
 const char* WordOf(Subject subject)
 {
-    switch (subject) {
-    case Subject::Firmware:
+    if (subject == Subject::Firmware) {
         return "firmware";
-    case Subject::Capabilities:
-        return "capabilities";
-    case Subject::Devices:
-        break;
     }
-    return "devices";
+    return subject == Subject::Capabilities ? "capabilities" : "devices";
 }
 
 std::vector<Question> QuestionsOf(const Options& options)
 {
     const Question firmware{ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, Subject::Firmware};
     const Question capabilities{ZDSystemDevice::SYS_DEVICE_CDDVD, Subject::Capabilities};
-    switch (options.command) {
-    case Command::Firmware:
+    if (options.command == Command::Firmware) {
         return {firmware};
-    case Command::Optical:
-        return {capabilities};
-    case Command::Doctor:
-    case Command::Devices:
-        break;
     }
-    if (options.type) {
+    if (options.command == Command::Optical) {
+        return {capabilities};
+    }
+    const bool forMetrics = options.format == Format::Prometheus;
+    if (options.type || (LibraryLogs(options) && !forMetrics)) {
         return {{options.type}};
     }
-    if (LibraryLogs(options) && options.format != Format::Prometheus) {
-        return {Question{}};
-    }
     std::vector<Question> questions;
-    questions.reserve(deviceClasses.size());
     for (const DeviceClass& one : deviceClasses) {
         questions.push_back({one.type});
     }
-    if (options.format == Format::Prometheus) {
+    if (forMetrics) {
         questions.insert(questions.end(), {firmware, capabilities});
     }
     return questions;
@@ -147,18 +126,17 @@ std::vector<Question> QuestionsOf(const Options& options)
 Inventory TakeInventory(const Options& options, Observer* observer)
 {
     const std::vector<Question> questions = QuestionsOf(options);
+    const bool logs = LibraryLogs(options);
     std::vector<Task> tasks;
     tasks.reserve(questions.size());
     for (const Question& question : questions) {
-        tasks.emplace_back([&question, logs = LibraryLogs(options)](const NoteDeviceFile& noteDeviceFile) {
+        tasks.emplace_back([&question, logs](const NoteDeviceFile& noteDeviceFile) {
             const Watch watch{noteDeviceFile};
             return Ask(question, logs ? nullptr : &watch);
         });
     }
-    std::vector<Outcome> outcomes =
-        RunWorkers(tasks, options.timeLimit, observer, LibraryLogs(options) ? 1 : allAtOnce);
+    std::vector<Outcome> outcomes = RunWorkers(tasks, options.timeLimit, observer, logs ? 1 : allAtOnce);
     Inventory inventory;
-    inventory.questions.reserve(questions.size());
     for (std::size_t i = 0; i < questions.size(); ++i) {
         Outcome& outcome = outcomes[i];
         if (outcome.threw && !options.timeLimit) {

@@ -3,24 +3,25 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <boost/format.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <iomanip>
+#include <filesystem>
+#include <list>
 #include <new>
-#include <sstream>
 #include <utility>
 
 #include "common/descriptor.h"
 #include "tools/zddevices/scan/frame.h"
-#include "tools/zddevices/scan/inheritedFiles.h"
 
 namespace Zendra {
 namespace ZDDevices {
@@ -31,6 +32,9 @@ using Clock = std::chrono::steady_clock;
 
 /** What is longer is written in pieces, between which other workers' lines may come. */
 constexpr std::size_t longestLine = 1024UL * 1024;
+
+/** As much as a pipe holds. */
+constexpr std::size_t longestPiece = 65536;
 
 /** A process that can be killed at all is gone by then, on a busy host too. */
 constexpr Duration graceAfterKill = std::chrono::milliseconds(250);
@@ -53,6 +57,18 @@ bool WriteAll(int descriptor, const std::string& bytes)
     return true;
 }
 
+/** What waits in a pipe, or a piece of it; closes the pipe at its end. */
+std::string ReadPiece(Descriptor& pipe)
+{
+    std::string piece(pipe.IsOpen() ? longestPiece : 0, '\0');
+    const ssize_t count = pipe.IsOpen() ? read(pipe.Get(), piece.data(), piece.size()) : 0;
+    piece.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    if (count == 0) {
+        pipe.Close();
+    }
+    return piece;
+}
+
 bool MakePipe(Descriptor& readEnd, Descriptor& writeEnd)
 {
     std::array<int, 2> ends{};
@@ -64,192 +80,106 @@ bool MakePipe(Descriptor& readEnd, Descriptor& writeEnd)
     return fcntl(ends[0], F_SETFL, O_NONBLOCK) == 0;
 }
 
-bool SendFrame(int descriptor, Frame::Kind kind, std::vector<std::string> texts)
+/**
+ * Puts something harmless behind every descriptor that this worker has inherited, so that nobody waits for it. The
+ * numbers stay taken: loggers keep copies of standard error, and a number that became free would be given to the next
+ * device file. Standard error and its copies lead into `messages`, all others to a directory that takes no output;
+ * `answer` stays. Without /proc only the standard descriptors are changed.
+ */
+bool LetGoOfInheritedFiles(int answer, int messages)
 {
-    return WriteAll(descriptor, FrameBytes({kind, std::move(texts)}));
+    std::vector<int> inherited;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        inherited.push_back(std::stoi(entry.path().filename()));
+    }
+    struct stat standardError {};
+    const Descriptor nowhere(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!nowhere.IsOpen() || fstat(STDERR_FILENO, &standardError) != 0) {
+        return false;
+    }
+    for (const int number : inherited) {
+        struct stat file {};
+        if (number <= STDERR_FILENO || number == answer || number == messages || number == nowhere.Get() ||
+            fstat(number, &file) != 0) {
+            continue;
+        }
+        const bool isStandardError = file.st_dev == standardError.st_dev && file.st_ino == standardError.st_ino &&
+                                     file.st_rdev == standardError.st_rdev;
+        dup3(isStandardError ? messages : nowhere.Get(), number, O_CLOEXEC);
+    }
+    return dup2(nowhere.Get(), STDIN_FILENO) == STDIN_FILENO && dup2(nowhere.Get(), STDOUT_FILENO) == STDOUT_FILENO &&
+           dup2(messages, STDERR_FILENO) == STDERR_FILENO;
 }
 
 [[noreturn]] void DoWork(const Task& task, int answer, int messages) noexcept
 {
-    if (!LetGoOfInheritedFiles(answer, messages)) {
-        _exit(EXIT_FAILURE);
-    }
+    const auto send = [answer](Frame::Kind kind, std::vector<std::string> texts) {
+        return WriteAll(answer, FrameBytes({kind, std::move(texts)}));
+    };
+    const auto noteDeviceFile = [send, last = std::string()](const std::string& deviceFile) mutable {
+        if (deviceFile != last) {
+            last = deviceFile;
+            // A frame that cannot be written has no reader any more, and this process is about to be killed.
+            send(Frame::Kind::DeviceFile, {deviceFile});
+        }
+    };
     bool sent = false;
     try {
-        const auto noteDeviceFile = [answer, last = std::string()](const std::string& deviceFile) mutable {
-            if (deviceFile != last) {
-                last = deviceFile;
-                // A frame that cannot be written has no reader any more, and this process is about to be killed.
-                SendFrame(answer, Frame::Kind::DeviceFile, {deviceFile});
-            }
-        };
-        sent = SendFrame(answer, Frame::Kind::Answer, task(noteDeviceFile));
+        sent = LetGoOfInheritedFiles(answer, messages) && send(Frame::Kind::Answer, task(noteDeviceFile));
     } catch (const std::bad_alloc&) {
-        sent = SendFrame(answer, Frame::Kind::Failure, {"out of memory"});
+        sent = send(Frame::Kind::Failure, {"out of memory"});
     } catch (const std::exception& error) {
-        sent = SendFrame(answer, Frame::Kind::Failure, {error.what()});
+        sent = send(Frame::Kind::Failure, {error.what()});
     } catch (...) {
-        sent = SendFrame(answer, Frame::Kind::Failure, {"unknown failure"});
+        sent = send(Frame::Kind::Failure, {"unknown failure"});
     }
     // Not exit(): what is to be done at the end of the program is the parent's.
     _exit(sent ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 
-std::string Seconds(Duration duration)
-{
-    std::ostringstream text;
-    text << std::setprecision(std::numeric_limits<double>::digits10) << std::chrono::duration<double>(duration).count();
-    return text.str() + " s";
-}
-
-/** One worker, from before its start until it has ended or is left behind. */
+/** One worker, from its start until it has ended or is left behind. */
 class Worker {
 public:
-    explicit Worker(const Task& work) : task(&work) {}
-
-    void Start()
+    /** Starts it. @param result is complete when the worker does not run any more. */
+    Worker(const Task& task, Outcome& result, Observer* watcher) : outcome(result), observer(watcher)
     {
-        started = Clock::now();
-        waiting.since = started;
-        waits = false;
         Descriptor answerEnd;
         Descriptor messageEnd;
         if (!MakePipe(answer, answerEnd) || !MakePipe(messages, messageEnd)) {
-            return GiveUp("no pipe could be made: " + std::string(std::strerror(errno)));
+            outcome.failure = "no pipe could be made: " + std::string(std::strerror(errno));
+            return;
         }
         const pid_t parent = getpid();
         process = fork();
         if (process < 0) {
-            return GiveUp("no process could be started: " + std::string(std::strerror(errno)));
-        }
-        if (process == 0) {
+            outcome.failure = "no process could be started: " + std::string(std::strerror(errno));
+        } else if (process == 0) {
             // A group of its own, so that what it starts can be killed with it.
             setpgid(0, 0);
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             if (getppid() != parent) {
                 _exit(EXIT_FAILURE);
             }
-            DoWork(*task, answerEnd.Get(), messageEnd.Get());
+            DoWork(task, answerEnd.Get(), messageEnd.Get());
+        } else {
+            // Again, for the worker may not have run yet when it is to be killed.
+            setpgid(process, process);
         }
-        // Again, for the worker may not have run yet when it is to be killed.
-        setpgid(process, process);
     }
 
-    bool WaitsForItsStart() const { return waits; }
     bool IsRunning() const { return process > 0; }
     bool HasClosed() const { return !answer.IsOpen(); }
     /** Whether more of an answer must be on its way. */
     bool IsWithinFrame() const { return reader.IsWithinFrame(); }
-    int AnswerDescriptor() const { return answer.Get(); }
-    int MessageDescriptor() const { return messages.Get(); }
+    std::array<int, 2> Pipes() const { return {answer.Get(), messages.Get()}; }
     const Waiting& WhatItWaitsFor() const { return waiting; }
-    Outcome TakeOutcome() { return std::move(outcome); }
 
-    /** Takes in what has come through the pipes. */
-    void Read(Observer* observer)
+    /** Takes in a piece of what has come through the pipes; whether there was any. */
+    bool Read()
     {
-        Drain(answer, [this](const char* bytes, std::size_t size) {
-            reader.Append(bytes, size);
-            TakeFrames();
-            return !broken;
-        });
-        if (broken && answer.IsOpen()) {
-            Kill();
-            answer.Close();
-        }
-        Drain(messages, [this, observer](const char* bytes, std::size_t size) {
-            unwritten.append(bytes, size);
-            const std::size_t end = unwritten.rfind('\n');
-            if (end != std::string::npos) {
-                PassOn(end + 1, observer);
-            } else if (unwritten.size() > longestLine) {
-                PassOn(unwritten.size(), observer);
-            }
-            return true;
-        });
-    }
-
-    /** Whether the worker has ended; then the outcome is there. */
-    bool Reap(Observer* observer)
-    {
-        int status = 0;
-        const pid_t result = waitpid(process, &status, WNOHANG);
-        if (result == 0 || (result < 0 && errno == EINTR)) {
-            return false;
-        }
-        process = noProcess;
-        Read(observer);
-        PassOn(unwritten.size(), observer);
-        const bool ended = result > 0 && WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS;
-        if (result < 0) {
-            GiveUp("its end could not be seen");
-        } else if (WIFSIGNALED(status) && !broken) {
-            GiveUp("its process was ended by signal " + std::to_string(WTERMSIG(status)) + " (" +
-                   strsignal(WTERMSIG(status)) + ")");
-        } else if (!ended || broken || !lastFrame || reader.IsWithinFrame()) {
-            GiveUp(improperAnswer);
-        } else if (lastFrame->kind == Frame::Kind::Answer) {
-            outcome.answer = std::move(lastFrame->texts);
-        } else {
-            GiveUp(lastFrame->texts.front());
-            outcome.threw = late.empty();
-        }
-        End();
-        return true;
-    }
-
-    /** The time is over. */
-    void BeLate(Duration limit)
-    {
-        late = "no answer within " + Seconds(limit);
-        if (IsRunning()) {
-            Kill();
-        } else if (waits) {
-            waits = false;
-            GiveUp(late);
-        }
-    }
-
-    /** If it is still there, it cannot be ended. */
-    void Leave(Observer* observer)
-    {
-        if (IsRunning()) {
-            process = noProcess;
-            PassOn(unwritten.size(), observer);
-            GiveUp(late);
-            End();
-        }
-    }
-
-private:
-    static constexpr pid_t noProcess = -1;
-
-    void Kill() const
-    {
-        // Without a worker the number would mean every process of this user.
-        if (IsRunning()) {
-            kill(-process, SIGKILL);
-            kill(process, SIGKILL);
-        }
-    }
-
-    void GiveUp(const std::string& failure)
-    {
-        outcome.deviceFile = waiting.deviceFile;
-        outcome.failure = late.empty() ? failure : late;
-        answer.Close();
-        messages.Close();
-    }
-
-    void End()
-    {
-        outcome.elapsed = Clock::now() - started;
-        answer.Close();
-        messages.Close();
-    }
-
-    void TakeFrames()
-    {
+        const std::string frames = ReadPiece(answer);
+        reader.Append(frames);
         while (std::optional<Frame> frame = reader.Next()) {
             if (lastFrame) {
                 broken = true;
@@ -260,25 +190,77 @@ private:
             }
         }
         broken = broken || reader.IsBroken();
+        if (broken && answer.IsOpen()) {
+            Kill();
+            answer.Close();
+        }
+        const std::string text = ReadPiece(messages);
+        unwritten += text;
+        const std::size_t lines = unwritten.rfind('\n') + 1;
+        PassOn(lines == 0 && unwritten.size() > longestLine ? unwritten.size() : lines);
+        return !frames.empty() || !text.empty();
     }
 
-    /** Gives away what waits in the pipe, until `take` wants no more; closes the pipe at its end. */
-    template <typename Take>
-    static void Drain(Descriptor& pipe, Take take)
+    /** Completes the outcome of a worker that has ended. */
+    void Reap()
     {
-        std::array<char, 65536> chunk;
-        while (pipe.IsOpen()) {
-            const ssize_t count = read(pipe.Get(), chunk.data(), chunk.size());
-            if (count == 0) {
-                pipe.Close();
-            } else if (count < 0 ? errno != EINTR : !take(chunk.data(), static_cast<std::size_t>(count))) {
-                return;
-            }
+        int status = 0;
+        const pid_t result = waitpid(process, &status, WNOHANG);
+        if (result == 0) {
+            return;
+        }
+        process = none;
+        while (Read()) {
+        }
+        if (result < 0) {
+            End("its end could not be seen");
+        } else if (WIFSIGNALED(status) && !broken) {
+            End((boost::format("its process was ended by signal %d (%s)") % WTERMSIG(status) %
+                 strsignal(WTERMSIG(status)))
+                    .str());
+        } else if (status != 0 || broken || !lastFrame || reader.IsWithinFrame()) {
+            End(improperAnswer);
+        } else if (lastFrame->kind == Frame::Kind::Answer) {
+            outcome.answer = std::move(lastFrame->texts);
+            End({});
+        } else {
+            outcome.threw = late.empty();
+            End(lastFrame->texts.front());
         }
     }
 
+    void BeLate(const std::string& failure)
+    {
+        late = failure;
+        Kill();
+    }
+
+    /** It could not be killed. */
+    void Leave() { End(late); }
+
+private:
+    void Kill() const
+    {
+        // Without a worker the number would mean every process of this user.
+        if (IsRunning()) {
+            kill(-process, SIGKILL);
+            kill(process, SIGKILL);
+        }
+    }
+
+    void End(const std::string& failure)
+    {
+        process = none;
+        PassOn(unwritten.size());
+        if (!outcome.answer) {
+            outcome.failure = late.empty() ? failure : late;
+            outcome.deviceFile = waiting.deviceFile;
+        }
+        outcome.elapsed = Clock::now() - started;
+    }
+
     /** Writes the first bytes of the messages to standard error. */
-    void PassOn(std::size_t size, Observer* observer)
+    void PassOn(std::size_t size)
     {
         if (size == 0) {
             return;
@@ -290,62 +272,48 @@ private:
         unwritten.erase(0, size);
     }
 
-    const Task* task;
-    bool waits = true;
-    pid_t process = noProcess;
-    Clock::time_point started;
+    static constexpr pid_t none = -1;
+
+    Outcome& outcome;
+    Observer* observer;
+    pid_t process = none;
+    Clock::time_point started = Clock::now();
     Descriptor answer;
     Descriptor messages;
     FrameReader reader;
     std::optional<Frame> lastFrame;
     bool broken = false;
-    Waiting waiting;
+    Waiting waiting{{}, started};
     std::string unwritten;
+    /** The failure when its time is over; empty before. */
     std::string late;
-    Outcome outcome;
 };
 
 /** Waits until a worker has written, ended or closed its pipes, or until so much time has passed. */
-void Wait(const std::vector<Worker>& workers, std::optional<Duration> longest)
+void Wait(const std::list<Worker>& workers, std::optional<Duration> longest)
 {
-    std::vector<pollfd> descriptors;
+    std::vector<pollfd> pipes;
     for (const Worker& worker : workers) {
-        for (const int descriptor : {worker.AnswerDescriptor(), worker.MessageDescriptor()}) {
-            if (descriptor != Descriptor::none) {
-                descriptors.push_back({descriptor, POLLIN, 0});
-            }
+        for (const int pipe : worker.Pipes()) {
+            // One that is closed has a negative number, which poll(2) passes over.
+            pipes.push_back({pipe, POLLIN, 0});
         }
-        if (worker.IsRunning() && worker.HasClosed()) {
+        if (worker.HasClosed()) {
             longest = std::min(longest.value_or(reapInterval), reapInterval);
         }
     }
     constexpr int forEver = -1;
     // Rounded up: who waits a little less than it should comes back for nothing.
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(longest.value_or(Duration::zero()));
-    poll(descriptors.data(), descriptors.size(),
-         longest ? std::max(static_cast<int>(milliseconds.count()), 0) : forEver);
+    poll(pipes.data(), pipes.size(), longest ? std::max(static_cast<int>(milliseconds.count()), 0) : forEver);
     if (std::none_of(workers.begin(), workers.end(), [](const Worker& worker) { return worker.IsWithinFrame(); })) {
         // Device files follow one another in microseconds. Those of the next moment are taken in together, which halves
         // what this process costs on a host of a thousand.
-        for (pollfd& one : descriptors) {
+        for (pollfd& one : pipes) {
             one.events = 0;
         }
-        poll(descriptors.data(), descriptors.size(), 1);
+        poll(pipes.data(), pipes.size(), 1);
     }
-}
-
-/** Starts workers that wait for it while fewer than `atATime` are running; how many are then running. */
-std::size_t StartWorkers(std::vector<Worker>& workers, std::size_t atATime)
-{
-    auto running = static_cast<std::size_t>(
-        std::count_if(workers.begin(), workers.end(), [](const Worker& worker) { return worker.IsRunning(); }));
-    for (Worker& worker : workers) {
-        if (running < atATime && worker.WaitsForItsStart()) {
-            worker.Start();
-            running += worker.IsRunning() ? 1 : 0;
-        }
-    }
-    return running;
 }
 
 }  // namespace
@@ -356,39 +324,54 @@ std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Du
     // Ended workers stay until they are waited for, whatever our caller made of the signal.
     static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
     const Clock::time_point started = Clock::now();
-    std::vector<Worker> workers(tasks.begin(), tasks.end());
+    const double seconds = std::chrono::duration<double>(limit.value_or(Duration::zero())).count();
+    const std::string late = (boost::format("no answer within %.15g s") % seconds).str();
+    std::vector<Outcome> outcomes(tasks.size());
+    std::list<Worker> running;
+    std::size_t next = 0;
     bool killed = false;
-    while (StartWorkers(workers, atATime) > 0) {
+    for (;;) {
+        for (; next < tasks.size() && running.size() < atATime && !killed; ++next) {
+            running.emplace_back(tasks[next], outcomes[next], observer);
+            if (!running.back().IsRunning()) {
+                running.pop_back();
+            }
+        }
+        if (running.empty()) {
+            break;
+        }
+        const auto timeLeft = [&] { return *limit + (killed ? graceAfterKill : Duration()) - (Clock::now() - started); };
         std::optional<Duration> longest;
         if (limit) {
-            longest = (killed ? *limit + graceAfterKill : *limit) - (Clock::now() - started);
+            longest = timeLeft();
         }
         if (observer != nullptr) {
             longest = std::min(longest.value_or(observeInterval), observeInterval);
         }
-        Wait(workers, longest);
-        std::vector<Waiting> running;
-        for (Worker& worker : workers) {
-            if (worker.IsRunning()) {
-                worker.Read(observer);
-                if (!(worker.HasClosed() || killed) || !worker.Reap(observer)) {
-                    running.push_back(worker.WhatItWaitsFor());
-                }
+        Wait(running, longest);
+        for (Worker& worker : running) {
+            worker.Read();
+            if (killed || worker.HasClosed()) {
+                worker.Reap();
             }
         }
-        const Duration passed = Clock::now() - started;
-        if (limit && passed >= (killed ? *limit + graceAfterKill : *limit)) {
-            for (Worker& worker : workers) {
-                killed ? worker.Leave(observer) : worker.BeLate(*limit);
+        running.remove_if([](const Worker& worker) { return !worker.IsRunning(); });
+        if (limit && timeLeft() <= Duration::zero()) {
+            for (Worker& worker : running) {
+                killed ? worker.Leave() : worker.BeLate(late);
             }
             killed = true;
         }
         if (observer != nullptr && !running.empty()) {
-            observer->StillRunning(running);
+            std::vector<Waiting> waiting(running.size());
+            std::transform(running.begin(), running.end(), waiting.begin(),
+                           [](const Worker& worker) { return worker.WhatItWaitsFor(); });
+            observer->StillRunning(waiting);
         }
     }
-    std::vector<Outcome> outcomes(workers.size());
-    std::transform(workers.begin(), workers.end(), outcomes.begin(), [](Worker& one) { return one.TakeOutcome(); });
+    for (; next < tasks.size(); ++next) {
+        outcomes[next].failure = late;
+    }
     return outcomes;
 }
 
