@@ -415,7 +415,7 @@ TEST(Doctor, ACheckedFileComesThroughBetweenProcessesWhole)
     EXPECT_EQ(copy.requests[0].error, EIO);
     EXPECT_EQ(copy.requests[1].remark, "odd");
     EXPECT_THROW(CheckedFileFrom({}), std::runtime_error);
-    EXPECT_THROW(CheckedFileFrom({"/dev/st0", "", "0", "x", "", ""}), std::runtime_error);
+    EXPECT_THROW(CheckedFileFrom({"/dev/st0", "", "0", "x", "", ""}), std::invalid_argument);
 }
 
 TEST(Doctor, FilesAreAskedInWorkersAndKeepTheirOrder)

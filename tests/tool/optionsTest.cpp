@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "toolTests.h"
-#include "tools/zddevices/scan/logControl.h"
+#include "tools/zddevices/scan/logging.h"
 
 namespace Zendra {
 namespace ZDDevices {

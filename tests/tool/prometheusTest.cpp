@@ -176,9 +176,10 @@ TEST(PrometheusOptical, SeveralDrivesInOneRecordHaveNoCapability)
 TEST(PrometheusScans, SayWhatWasAnsweredAndHowLongItTook)
 {
     Inventory inventory;
-    QuestionOutcome tape{{ZDSystemDevice::SYS_DEVICE_TAPE}, 6U, "", "", std::chrono::nanoseconds(456700)};
-    QuestionOutcome disk{
-        {ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, Subject::Firmware}, {}, "", "", std::chrono::seconds(20)};
+    QuestionOutcome tape{{}, {ZDSystemDevice::SYS_DEVICE_TAPE}, 6U};
+    tape.elapsed = std::chrono::nanoseconds(456700);
+    QuestionOutcome disk{{}, {ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, Subject::Firmware}, {}};
+    disk.elapsed = std::chrono::seconds(20);
     inventory.questions = {tape, disk};
     const std::string text = Render(inventory);
     EXPECT_EQ(Samples(text, "zendra_device_scan_complete"),

@@ -176,6 +176,30 @@ TEST(Workers, LateChildrenDoNotKeepTheOthersAnswersBack)
     EXPECT_LT(outcomes[1].elapsed, outcomes[0].elapsed);
 }
 
+TEST(Workers, TheLimitDoesNotBeginAnewWithEachOutput)
+{
+    const auto talkFor2Seconds = [](const std::function<void(int)>& say) {
+        for (int i = 0; i < 20; ++i) {
+            usleep(100000);
+            say(i);
+        }
+        return Texts{"late"};
+    };
+    const Task sendsFrames = [&](const NoteDeviceFile& noteDeviceFile) {
+        return talkFor2Seconds([&](int i) { noteDeviceFile("/dev/sd" + std::to_string(i)); });
+    };
+    const Task sendsMessages = [&](const NoteDeviceFile& /*noteDeviceFile*/) {
+        return talkFor2Seconds([](int i) { std::cerr << i << std::endl; });
+    };
+    for (const Task& task : {sendsFrames, sendsMessages}) {
+        testing::internal::CaptureStderr();
+        const Outcome outcome = RunWorkers({task}, milliseconds(500)).at(0);
+        testing::internal::GetCapturedStderr();
+        EXPECT_EQ(outcome.answer, std::nullopt);
+        EXPECT_EQ(outcome.failure, "no answer within 0.5 s");
+    }
+}
+
 TEST(Workers, TheLimitIsNamed)
 {
     EXPECT_EQ(RunOne([]() -> std::string { Hang(); }, shortLimit).failure, "no answer within 0.2 s");
@@ -586,7 +610,7 @@ TEST(Frames, ComeThroughInPiecesOfAnySize)
         std::size_t next = 0;
         for (std::size_t first = 0; first < bytes.size(); first += size) {
             const std::string piece = bytes.substr(first, size);
-            reader.Append(piece.data(), piece.size());
+            reader.Append(piece);
             while (const std::optional<Frame> frame = reader.Next()) {
                 ASSERT_LT(next, frames.size());
                 EXPECT_EQ(frame->kind, frames[next].kind);
@@ -614,10 +638,10 @@ TEST(Frames, WhatIsNoneIsBrokenAndStaysSo)
          {tooLong, unknown, textTooLong, textTooShort, std::string(4, '\0'), FrameBytes({Frame::Kind::DeviceFile, {}}),
           FrameBytes({Frame::Kind::Failure, {"a", "b"}})}) {
         FrameReader reader;
-        reader.Append(bytes.data(), bytes.size());
+        reader.Append(bytes);
         EXPECT_FALSE(reader.Next());
         EXPECT_TRUE(reader.IsBroken());
-        reader.Append(good.data(), good.size());
+        reader.Append(good);
         EXPECT_FALSE(reader.Next());
         EXPECT_TRUE(reader.IsBroken());
     }
@@ -634,7 +658,7 @@ TEST(Frames, HostileBytesAreReadWithoutHarm)
             bytes[generator() % bytes.size()] = static_cast<char>(generator());
         }
         FrameReader reader;
-        reader.Append(bytes.data(), bytes.size());
+        reader.Append(bytes);
         if (const std::optional<Frame> frame = reader.Next()) {
             EXPECT_EQ(FrameBytes(*frame), bytes.substr(0, FrameBytes(*frame).size()));
             ++whole;

@@ -11,19 +11,16 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <array>
 #include <boost/format.hpp>
 #include <cerrno>
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
-#include <system_error>
 
 #include "tools/zddevices/scan/access.h"
-#include "tools/zddevices/scan/library.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -77,69 +74,59 @@ std::string DescribeNvmeAnswer(const nvme_admin_cmd& command)
     return empty ? "the device gave no data" : std::string();
 }
 
-/** Splits what the requests of a check have brought into the error of open(2) and the rest. */
-void Note(const DeviceRequest& request, CheckedFile& file)
-{
-    if (request.status == ZDSystemDevice::DEV_OPEN_FAILED && file.requests.empty()) {
-        file.openError = request.error;
-    } else {
-        file.requests.push_back(Describe(request));
-    }
-}
+/** A request that the library makes. */
+struct KnownRequest {
+    unsigned int code;
+    const char* name;
+    const char* asks;
+};
 
-Visibility VisibilityOf(const CheckedFile& file, bool listed)
-{
-    if (listed) {
-        return Visibility::Visible;
-    }
-    if (file.openError == 0) {
-        return Visibility::NoUsableAnswer;
-    }
-    return file.openError == EACCES || file.openError == EPERM ? Visibility::Denied : Visibility::CannotBeOpened;
-}
+constexpr std::array<KnownRequest, 7> knownRequests = {{
+    {SG_GET_VERSION_NUM, "SG_GET_VERSION_NUM", "the version of the SCSI command interface"},
+    {SG_IO, "SG_IO", "INQUIRY, standard data"},
+    {SG_GET_SCSI_ID, "SG_GET_SCSI_ID", "the SCSI address"},
+    {SCSI_IOCTL_GET_IDLUN, "SCSI_IOCTL_GET_IDLUN", "channel, target and LUN"},
+    {SCSI_IOCTL_GET_BUS_NUMBER, "SCSI_IOCTL_GET_BUS_NUMBER", "the SCSI host's number"},
+    {HDIO_DRIVE_CMD, "HDIO_DRIVE_CMD", "ATA IDENTIFY DEVICE"},
+    {NVME_IOCTL_ADMIN_CMD, "NVME_IOCTL_ADMIN_CMD", "NVMe Identify Controller"},
+}};
 
-int NumberFrom(const std::string& digits)
+/** What is odd about the answer to a request; empty when nothing is. */
+std::string DescribeAnswer(const DeviceRequest& request)
 {
-    int number = 0;
-    const char* const end = digits.data() + digits.size();
-    const std::from_chars_result result = std::from_chars(digits.data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end || number < 0) {
-        throw std::runtime_error("a process gave no number");
+    switch (request.code) {
+    case SG_GET_VERSION_NUM:
+        return *static_cast<const int*>(request.argument) < firstVersionWithSgIo
+                   ? "too old to carry commands; the library then sends none"
+                   : "";
+    case SG_IO:
+        return DescribeScsiAnswer(*static_cast<const sg_io_hdr_t*>(request.argument));
+    case NVME_IOCTL_ADMIN_CMD:
+        return DescribeNvmeAnswer(*static_cast<const nvme_admin_cmd*>(request.argument));
+    default:
+        return {};
     }
-    return number;
 }
 
 }  // namespace
 
 RequestResult Describe(const DeviceRequest& request)
 {
-    const bool answered = request.error == 0;
-    switch (request.code) {
-    case SG_GET_VERSION_NUM: {
-        const bool tooOld = answered && *static_cast<const int*>(request.argument) < firstVersionWithSgIo;
-        return {"SG_GET_VERSION_NUM", "the version of the SCSI command interface", request.error,
-                tooOld ? "too old to carry commands; the library then sends none" : ""};
+    RequestResult result{(boost::format("ioctl 0x%x") % request.code).str(), "something else", request.error, {}};
+    for (const KnownRequest& known : knownRequests) {
+        if (known.code == request.code) {
+            result.request = known.name;
+            result.asks = known.asks;
+        }
     }
-    case SG_IO: {
-        const auto& header = *static_cast<const sg_io_hdr_t*>(request.argument);
-        const bool asksForPage = (header.cmdp[pageBitByte] & pageBit) != 0;
-        return {"SG_IO", asksForPage ? "INQUIRY, unit serial number" : "INQUIRY, standard data", request.error,
-                answered ? DescribeScsiAnswer(header) : std::string()};
+    if (request.code == SG_IO &&
+        (static_cast<const sg_io_hdr_t*>(request.argument)->cmdp[pageBitByte] & pageBit) != 0) {
+        result.asks = "INQUIRY, unit serial number";
     }
-    case SG_GET_SCSI_ID:
-        return {"SG_GET_SCSI_ID", "the SCSI address", request.error, {}};
-    case SCSI_IOCTL_GET_IDLUN:
-        return {"SCSI_IOCTL_GET_IDLUN", "channel, target and LUN", request.error, {}};
-    case SCSI_IOCTL_GET_BUS_NUMBER:
-        return {"SCSI_IOCTL_GET_BUS_NUMBER", "the SCSI host's number", request.error, {}};
-    case HDIO_DRIVE_CMD:
-        return {"HDIO_DRIVE_CMD", "ATA IDENTIFY DEVICE", request.error, {}};
-    case NVME_IOCTL_ADMIN_CMD:
-        return {"NVME_IOCTL_ADMIN_CMD", "NVMe Identify Controller", request.error,
-                answered ? DescribeNvmeAnswer(*static_cast<const nvme_admin_cmd*>(request.argument)) : std::string()};
-    default:
-        return {(boost::format("ioctl 0x%x") % request.code).str(), "something else", request.error, {}};
+    if (request.error == 0) {
+        result.remark = DescribeAnswer(request);
     }
+    return result;
 }
 
 dev_t CharacterDevice(const std::string& path)
@@ -175,11 +162,19 @@ CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::strin
         return file;
     }
     file.askedThrough = asked == path ? "" : asked;
-    const DeviceFileAnswer answer =
-        AskDeviceFile(type, asked, {noteDeviceFile, [&file](const DeviceRequest& request) { Note(request, file); }});
-    file.visibility = VisibilityOf(file, answer.listed);
+    const DeviceFileAnswer answer = AskDeviceFile(
+        type, asked, {noteDeviceFile, [&file](const DeviceRequest& request) {
+                          if (request.status == ZDSystemDevice::DEV_OPEN_FAILED && file.requests.empty()) {
+                              file.openError = request.error;
+                          } else {
+                              file.requests.push_back(Describe(request));
+                          }
+                      }});
     if (answer.listed) {
+        file.visibility = Visibility::Visible;
         file.openError = 0;
+    } else if (file.openError != 0) {
+        file.visibility = IsPrivilegeLacking(file.openError) ? Visibility::Denied : Visibility::CannotBeOpened;
     }
     file.vendor = answer.vendor;
     file.product = answer.product;
@@ -207,13 +202,12 @@ CheckedFile CheckedFileFrom(const std::vector<std::string>& texts)
     if (texts.size() < textsOfFile || (texts.size() - textsOfFile) % textsOfRequest != 0) {
         throw std::runtime_error("a process gave no checked device file");
     }
-    CheckedFile file{texts[0], texts[1], static_cast<Visibility>(NumberFrom(texts[2])), NumberFrom(texts[3]), {},
+    CheckedFile file{texts[0], texts[1], static_cast<Visibility>(std::stoi(texts[2])), std::stoi(texts[3]), {},
                      texts[4], texts[5]};
     for (std::size_t i = textsOfFile; i < texts.size(); i += textsOfRequest) {
-        file.requests.push_back({texts[i], texts[i + 1], NumberFrom(texts[i + 2]), texts[i + 3]});
+        file.requests.push_back({texts[i], texts[i + 1], std::stoi(texts[i + 2]), texts[i + 3]});
     }
     return file;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -16,10 +16,9 @@
 #include <vector>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
-#include "tools/zddevices/scan/watchingOperator.h"
+#include "tools/zddevices/scan/library.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** One request to a device and what came back. */
 struct RequestResult {
@@ -84,10 +83,9 @@ CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::strin
 /** The texts by which a checked file passes from one process to another. */
 std::vector<std::string> TextsOf(const CheckedFile& file);
 
-/** @throws std::runtime_error for texts that TextsOf() did not make. */
+/** @throws std::exception for other texts than TextsOf() makes. */
 CheckedFile CheckedFileFrom(const std::vector<std::string>& texts);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

@@ -1,16 +1,19 @@
 #include "tools/zddevices/doctor/doctor.h"
 
+#include <linux/capability.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <boost/algorithm/string/join.hpp>
-#include <boost/algorithm/string/predicate.hpp>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <regex>
 #include <set>
 #include <system_error>
 
@@ -21,8 +24,7 @@
 #include "tools/zddevices/scan/access.h"
 #include "tools/zddevices/scan/library.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -33,71 +35,35 @@ const std::string deviceDirectory = "/dev/";
 /** So many devices are asked at a time: enough that a host of sick ones answers soon, few enough for small hosts. */
 constexpr std::size_t devicesAtATime = 32;
 
-bool StartsWith(const std::string& text, const char* prefix)
+bool MayLoadModules()
 {
-    return boost::algorithm::starts_with(text, prefix);
-}
-
-/** Whether the process has a capability; <linux/capability.h> numbers them. */
-bool HasCapability(unsigned int number)
-{
-    constexpr int hexadecimal = 16;
-    const std::string label = "CapEff:";
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (StartsWith(line, label.c_str())) {
-            return (std::strtoull(line.c_str() + label.size(), nullptr, hexadecimal) >> number & 1U) != 0;
-        }
-    }
-    return false;
-}
-
-bool ModulesAreLocked()
-{
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> capabilities{};
     int locked = 0;
     std::ifstream("/proc/sys/kernel/modules_disabled") >> locked;
-    return locked != 0;
+    return locked == 0 && syscall(SYS_capget, &header, capabilities.data()) == 0 &&
+           (capabilities[0].effective & CAP_TO_MASK(CAP_SYS_MODULE)) != 0;
 }
 
 std::vector<std::string> FilesOf(SysDeviceType type, const HostFacts& facts)
 {
-    std::vector<std::string> names = facts.names;
-    if (type == ZDSystemDevice::SYS_DEVICE_SCSI) {
-        // The library decides by "modprobe sg" alone which of the two kinds it takes, not by what is there.
-        const char* unused = facts.sgUsed ? "sd" : "sg";
-        names.erase(std::remove_if(names.begin(), names.end(),
-                                   [&](const std::string& name) { return StartsWith(name, unused); }),
-                    names.end());
-    }
+    std::vector<std::string> names;
+    // The library decides by "modprobe sg" alone which of the two kinds the generic class takes, not by what is there.
+    const std::string unused = facts.sgUsed ? "sd" : "sg";
+    std::copy_if(facts.names.begin(), facts.names.end(), std::back_inserter(names), [&](const std::string& name) {
+        return type != ZDSystemDevice::SYS_DEVICE_SCSI || name.rfind(unused, 0) != 0;
+    });
     return DeviceFileNames(names, type);
-}
-
-/** Whether a name is one of the prefix and behind it letters, or digits, and nothing else. */
-bool IsNumbered(const std::string& name, const char* prefix, bool byLetters)
-{
-    if (!StartsWith(name, prefix) || name == prefix) {
-        return false;
-    }
-    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(std::strlen(prefix)), name.end(),
-                       [&](char c) { return byLetters ? c >= 'a' && c <= 'z' : c >= '0' && c <= '9'; });
-}
-
-/** A whole disk of whatever driver, SCSI and IDE left aside: vda, xvda, mmcblk0, nvme0n1. */
-bool IsDiskName(const std::string& name)
-{
-    const std::size_t nameSpace = name.rfind('n');
-    return IsNumbered(name, "vd", true) || IsNumbered(name, "xvd", true) || IsNumbered(name, "mmcblk", false) ||
-           (nameSpace != std::string::npos && IsNumbered(name.substr(0, nameSpace), "nvme", false) &&
-            IsNumbered(name.substr(nameSpace), "n", false));
 }
 
 /** Whole disks of drivers that speak no SCSI or ATA, and NVMe disks beyond the tenth controller. */
 std::vector<std::string> NotLookedAt(const HostFacts& facts)
 {
+    const std::regex wholeDisk("vd[a-z]+|xvd[a-z]+|mmcblk[0-9]+|nvme[0-9]+n[0-9]+");
     const std::vector<std::string> lookedAt = DeviceFileNames(facts.names, std::nullopt);
     std::vector<std::string> found;
     for (const std::string& name : facts.names) {
-        if (IsDiskName(name) && std::find(lookedAt.begin(), lookedAt.end(), name) == lookedAt.end()) {
+        if (std::regex_match(name, wholeDisk) && std::find(lookedAt.begin(), lookedAt.end(), name) == lookedAt.end()) {
             found.push_back(deviceDirectory + name);
         }
     }
@@ -105,36 +71,28 @@ std::vector<std::string> NotLookedAt(const HostFacts& facts)
     return found;
 }
 
-/** "1 device file" or "3 device files", and their names in brackets. */
-std::string Count(const std::vector<std::string>& paths, const std::string& what)
+/** Whether this one keeps no device from the user. */
+bool IsSettled(const CheckedFile& file)
 {
-    std::vector<std::string> printable(paths.size());
-    std::transform(paths.begin(), paths.end(), printable.begin(),
-                   [](const std::string& path) { return Printable(path); });
-    return std::to_string(paths.size()) + " " + what + (paths.size() == 1 ? "" : "s") + " (" +
-           boost::algorithm::join(printable, ", ") + ")";
+    return file.visibility == Visibility::Visible || file.visibility == Visibility::NotAsked;
 }
+
+using Condition = bool (*)(const CheckedFile& file);
 
 /**
  * The files of a kind, each once, without those whose device is visible in some class: without the
  * sg driver a disk's file stands in two.
  */
-template <typename Condition>
 std::vector<std::string> PathsWhere(const Diagnosis& diagnosis, Condition condition)
 {
     std::set<std::string> settled;
-    for (const ClassFiles& one : diagnosis.classes) {
-        for (const CheckedFile& file : one.files) {
-            if (file.visibility == Visibility::Visible || file.visibility == Visibility::NotAsked) {
-                settled.insert(file.path);
-            }
-        }
-    }
     std::vector<std::string> paths;
-    for (const ClassFiles& one : diagnosis.classes) {
-        for (const CheckedFile& file : one.files) {
-            if (condition(file) && settled.insert(file.path).second) {
-                paths.push_back(file.path);
+    for (const Condition take : {IsSettled, condition}) {
+        for (const ClassFiles& one : diagnosis.classes) {
+            for (const CheckedFile& file : one.files) {
+                if (take(file) && settled.insert(file.path).second && take == condition) {
+                    paths.push_back(file.path);
+                }
             }
         }
     }
@@ -149,91 +107,99 @@ bool WasRefusedARequest(const CheckedFile& file)
                        [](const RequestResult& request) { return request.error == EACCES; });
 }
 
-void AdviseOnSg(const HostFacts& facts, std::vector<std::string>& advice)
+/** What to do about some device files: their number and names, and how the sentence goes on. */
+struct FileAdvice {
+    std::vector<std::string> paths;
+    /** For one file, and for several. */
+    const char* verb;
+    const char* pluralVerb;
+    std::string rest;
+};
+
+/** What to do about device files that were asked or left out. */
+std::vector<FileAdvice> AdviseOnFiles(const Diagnosis& diagnosis)
 {
-    if (facts.sgUsed) {
-        return;
-    }
-    const std::string consequence = "Until then the generic class asks /dev/sd* instead, where only ATA disks answer.";
-    if (!facts.modprobeFindsSg && facts.sgLoaded) {
-        advice.push_back("The sg driver is loaded, but \"modprobe sg\", by which a scan makes sure of it, fails here: "
-                         "see that modprobe is in the PATH (/usr/sbin) and that /lib/modules is that of the running "
-                         "kernel. " +
-                         consequence);
-    } else if (!facts.modprobeFindsSg) {
-        advice.push_back("The sg driver is not loaded and \"modprobe sg\" finds none: see that modprobe is in the PATH "
-                         "(/usr/sbin), and that the modules of the running kernel are installed; in a container, load "
-                         "it on its host. " +
-                         consequence);
-    } else {
-        advice.push_back("The sg driver is not loaded and this process may not load it: run \"modprobe sg\" as root "
-                         "once, or have it loaded at boot (/etc/modules-load.d). " +
-                         consequence);
-    }
+    const auto pathsWhere = [&](Condition condition) { return PathsWhere(diagnosis, condition); };
+    return {
+        {pathsWhere(WasRefusedARequest), "could", "could",
+         std::string("be opened, but the kernel keeps a command that is needed there from this user; ") +
+             (diagnosis.facts.userIsRoot ? "even root may not here: grant this container or service the capabilities "
+                                           "CAP_SYS_ADMIN and CAP_SYS_RAWIO."
+                                         : "run zddevices as root. Membership of the group is not enough for it.")},
+        {pathsWhere([](const CheckedFile& one) { return one.openError == EBUSY; }), "is", "are",
+         "in use by another program; ask again when it has ended."},
+        {pathsWhere([](const CheckedFile& one) {
+             return one.visibility == Visibility::CannotBeOpened && one.openError != EBUSY;
+         }),
+         "cannot be opened: no device or no driver is behind it;",
+         "cannot be opened: no device or no driver is behind them;",
+         "attach the device, load its driver, or remove what is left of it."},
+        {pathsWhere([](const CheckedFile& one) { return one.visibility == Visibility::NoAnswerInTime; }), "has", "have",
+         "not answered in time: look at the kernel's messages (dmesg), at cables and power. A scan waits there too; "
+         "zddevices --timeout bounds it."},
+        {pathsWhere([](const CheckedFile& one) {
+             return one.visibility == Visibility::NoUsableAnswer && !WasRefusedARequest(one);
+         }),
+         "can", "can",
+         "be opened, but nothing there answers as a SCSI, ATA or NVMe device; if it should, look at the kernel's "
+         "messages (dmesg)."},
+    };
+}
+
+/** "3 device files (/dev/sda, ...) are " and the rest. */
+std::string Sentence(const FileAdvice& advice)
+{
+    const bool one = advice.paths.size() == 1;
+    return std::to_string(advice.paths.size()) + (one ? " device file (" : " device files (") +
+           Printable(boost::algorithm::join(advice.paths, ", ")) + ") " + (one ? advice.verb : advice.pluralVerb) +
+           " " + advice.rest;
+}
+
+/** What to do about the sg driver that is not used. */
+std::string AdviseOnSg(const HostFacts& facts)
+{
+    const char* const advice =
+        facts.modprobeFindsSg
+            ? "The sg driver is not loaded and this process may not load it: run \"modprobe sg\" as root once, or have "
+              "it loaded at boot (/etc/modules-load.d)."
+        : facts.sgLoaded
+            ? "The sg driver is loaded, but \"modprobe sg\", by which a scan makes sure of it, fails here: see that "
+              "modprobe is in the PATH (/usr/sbin) and that /lib/modules is that of the running kernel."
+            : "The sg driver is not loaded and \"modprobe sg\" finds none: see that modprobe is in the PATH "
+              "(/usr/sbin), and that the modules of the running kernel are installed; in a container, load it on its "
+              "host.";
+    return std::string(advice) + " Until then the generic class asks /dev/sd* instead, where only ATA disks answer.";
 }
 
 std::vector<std::string> Advise(const Diagnosis& diagnosis)
 {
     const HostFacts& facts = diagnosis.facts;
-    std::vector<std::string> advice;
     if (facts.directoryError != 0) {
-        advice.push_back("The device files cannot be listed (/dev): " + DescribeError(facts.directoryError) +
-                         (facts.userIsRoot ? "." : "; run zddevices as root."));
-        return advice;
+        return {"The device files cannot be listed (/dev): " + DescribeError(facts.directoryError) +
+                (facts.userIsRoot ? "." : "; run zddevices as root.")};
     }
-    const std::vector<std::string> deniedPaths =
-        PathsWhere(diagnosis, [](const CheckedFile& one) { return one.visibility == Visibility::Denied; });
-    if (!deniedPaths.empty()) {
-        std::vector<DeniedFile> denied;
-        denied.reserve(deniedPaths.size());
-        for (const std::string& path : deniedPaths) {
-            denied.push_back({path, OpeningGroup(path)});
-        }
+    std::vector<std::string> advice;
+    std::vector<DeniedFile> denied;
+    for (const std::string& path :
+         PathsWhere(diagnosis, [](const CheckedFile& one) { return one.visibility == Visibility::Denied; })) {
+        denied.push_back(DeniedFileAt(path));
+    }
+    if (!denied.empty()) {
         advice.push_back(DescribeDenied(denied, facts.userIsRoot) + ".");
     }
-    const std::vector<std::string> refused = PathsWhere(diagnosis, WasRefusedARequest);
-    if (!refused.empty()) {
-        advice.push_back(Count(refused, "device file") +
-                         " could be opened, but the kernel keeps a command that is needed there from this user; " +
-                         (facts.userIsRoot ? "even root may not here: grant this container or service the capabilities "
-                                             "CAP_SYS_ADMIN and CAP_SYS_RAWIO."
-                                           : "run zddevices as root. Membership of the group is not enough for it."));
+    for (const FileAdvice& one : AdviseOnFiles(diagnosis)) {
+        if (!one.paths.empty()) {
+            advice.push_back(Sentence(one));
+        }
     }
-    const std::vector<std::string> busy =
-        PathsWhere(diagnosis, [](const CheckedFile& one) { return one.openError == EBUSY; });
-    if (!busy.empty()) {
-        advice.push_back(Count(busy, "device file") + (busy.size() == 1 ? " is" : " are") +
-                         " in use by another program; ask again when it has ended.");
+    if (!facts.sgUsed) {
+        advice.push_back(AdviseOnSg(facts));
     }
-    const std::vector<std::string> absent = PathsWhere(diagnosis, [](const CheckedFile& one) {
-        return one.visibility == Visibility::CannotBeOpened && one.openError != EBUSY;
-    });
-    if (!absent.empty()) {
-        advice.push_back(Count(absent, "device file") + " cannot be opened: no device or no driver is behind " +
-                         (absent.size() == 1 ? "it" : "them") +
-                         "; attach the device, load its driver, or remove what " + "is left of it.");
-    }
-    const std::vector<std::string> late =
-        PathsWhere(diagnosis, [](const CheckedFile& one) { return one.visibility == Visibility::NoAnswerInTime; });
-    if (!late.empty()) {
-        advice.push_back(Count(late, "device file") + (late.size() == 1 ? " has" : " have") +
-                         " not answered in time: look at the kernel's messages (dmesg), at cables and power. A scan "
-                         "waits there too; zddevices --timeout bounds it.");
-    }
-    const std::vector<std::string> useless = PathsWhere(diagnosis, [](const CheckedFile& one) {
-        return one.visibility == Visibility::NoUsableAnswer && !WasRefusedARequest(one);
-    });
-    if (!useless.empty()) {
-        advice.push_back(Count(useless, "device file") +
-                         " can be opened, but nothing there answers as a SCSI, ATA or NVMe device; if it should, look "
-                         "at the kernel's messages (dmesg).");
-    }
-    AdviseOnSg(facts, advice);
     if (!diagnosis.notLookedAt.empty()) {
-        advice.push_back(Count(diagnosis.notLookedAt, "device file") +
-                         (diagnosis.notLookedAt.size() == 1 ? " is" : " are") +
-                         " not among those that the library looks at (virtio, Xen and memory cards answer no SCSI or "
-                         "ATA command; NVMe names end at nvme9n9); nothing can be done about that here.");
+        advice.push_back(Sentence(
+            {diagnosis.notLookedAt, "is", "are",
+             "not among those that the library looks at (virtio, Xen and memory cards answer no SCSI or ATA command; "
+             "NVMe names end at nvme9n9); nothing can be done about that here."}));
     }
     if (std::all_of(diagnosis.classes.begin(), diagnosis.classes.end(),
                     [](const ClassFiles& one) { return one.files.empty(); })) {
@@ -252,32 +218,27 @@ bool Diagnosis::AllVisible() const
 
 HostFacts LookAtHost(Duration limit)
 {
-    constexpr unsigned int capabilityToLoadModules = 16;
-    const std::string yes = "yes";
-    HostFacts facts;
     // modprobe may hang, as a device may. With -D it only looks for the module; busybox knows that, too.
-    const Outcome sg = RunWorkers({[&yes](const NoteDeviceFile& /*noteDeviceFile*/) -> std::vector<std::string> {
-                                      const bool used = LoadSgDriver();
-                                      const bool found = used || std::system("modprobe -D sg >/dev/null 2>&1") == 0;
-                                      return {used ? yes : "", found ? yes : ""};
-                                  }},
-                                  limit)
-                           .front();
-    facts.sgUsed = sg.answer && sg.answer->front() == yes;
+    const Task askForSg = [](const NoteDeviceFile& /*noteDeviceFile*/) -> std::vector<std::string> {
+        return {LoadSgDriver() ? "used" : std::system("modprobe -D sg >/dev/null 2>&1") == 0 ? "found" : "missing"};
+    };
+    const Outcome sg = RunWorkers({askForSg}, limit).front();
+    const std::string answer = sg.answer ? sg.answer->front() : "";
     std::error_code error;
+    HostFacts facts;
+    facts.sgUsed = answer == "used";
     facts.sgLoaded = std::filesystem::exists("/sys/module/sg", error);
-    facts.modprobeFindsSg = facts.sgUsed || (!facts.sgLoaded && sg.answer && sg.answer->back() == yes);
-    facts.mayLoadModules = HasCapability(capabilityToLoadModules) && !ModulesAreLocked();
+    facts.modprobeFindsSg = facts.sgUsed || (!facts.sgLoaded && answer == "found");
+    facts.mayLoadModules = MayLoadModules();
     facts.userIsRoot = geteuid() == 0;
     try {
-        for (const auto& entry : std::filesystem::directory_iterator(deviceDirectory)) {
-            if (!entry.is_directory(error)) {
-                facts.names.push_back(entry.path().filename().string());
-            }
-        }
-    } catch (const std::filesystem::filesystem_error& failure) {
+        facts.names = ListDeviceDirectory();
+    } catch (const std::system_error& failure) {
         facts.directoryError = failure.code().value();
     }
+    facts.names.erase(std::remove_if(facts.names.begin(), facts.names.end(),
+                                     [](const std::string& name) { return IsDirectory(deviceDirectory + name); }),
+                      facts.names.end());
     return facts;
 }
 
@@ -321,5 +282,4 @@ Diagnosis Diagnose(const HostFacts& facts, Duration limitPerDevice, const CheckD
     return diagnosis;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -17,8 +17,7 @@
 #include "tools/zddevices/doctor/deviceFileCheck.h"
 #include "tools/zddevices/scan/worker.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** How long one device may take when the user does not say. */
 constexpr Duration usualTimePerDevice = std::chrono::seconds(10);
@@ -81,7 +80,6 @@ std::vector<CheckedFile> CheckInWorkers(ZDSystemDevice::SysDeviceType type, cons
 /** Decides what to ask, has it asked, and draws the conclusions. */
 Diagnosis Diagnose(const HostFacts& facts, Duration limitPerDevice, const CheckDeviceFiles& checkDeviceFiles);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

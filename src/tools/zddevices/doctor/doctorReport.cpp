@@ -1,5 +1,7 @@
 #include "tools/zddevices/doctor/doctorReport.h"
 
+#include <algorithm>
+#include <array>
 #include <boost/format.hpp>
 #include <cstring>
 #include <sstream>
@@ -9,28 +11,48 @@
 #include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/output/text.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
-const std::vector<std::pair<Visibility, const char*>> visibilityWords = {
-    {Visibility::Visible, "visible"},
-    {Visibility::Denied, "denied"},
-    {Visibility::CannotBeOpened, "cannot_be_opened"},
-    {Visibility::NoUsableAnswer, "no_usable_answer"},
-    {Visibility::NoAnswerInTime, "no_answer_in_time"},
-    {Visibility::NotAsked, "not_asked"},
+struct VisibilityWords {
+    Visibility visibility;
+    /** In JSON. */
+    const char* word;
+    /** For people; details may follow. */
+    const char* verdict;
 };
 
-const char* WordOf(Visibility visibility)
+constexpr std::array<VisibilityWords, 6> visibilityTable = {{
+    {Visibility::Visible, "visible", "visible"},
+    {Visibility::Denied, "denied", "NOT VISIBLE: open: "},
+    {Visibility::CannotBeOpened, "cannot_be_opened", "NOT VISIBLE: open: "},
+    {Visibility::NoUsableAnswer, "no_usable_answer", "NOT VISIBLE: does not answer as a device that is listed"},
+    {Visibility::NoAnswerInTime, "no_answer_in_time", "NOT VISIBLE: no answer within "},
+    {Visibility::NotAsked, "not_asked", "may be opened; not asked, because that would rewind the tape"},
+}};
+
+const VisibilityWords& WordsOf(Visibility visibility)
 {
-    for (const auto& [value, word] : visibilityWords) {
-        if (value == visibility) {
-            return word;
-        }
+    return *std::find_if(visibilityTable.begin(), visibilityTable.end(),
+                         [&](const VisibilityWords& one) { return one.visibility == visibility; });
+}
+
+/** An array of what `write` makes of each item. */
+template <typename Item, typename Write>
+void WriteArray(JsonWriter& json, const char* key, const std::vector<Item>& items, Write write)
+{
+    json.Key(key);
+    json.StartArray();
+    for (const Item& item : items) {
+        write(json, item);
     }
-    return "";
+    json.EndArray();
+}
+
+void WriteItem(JsonWriter& json, const std::string& text)
+{
+    WriteText(json, text);
 }
 
 void WriteError(JsonWriter& json, const char* key, int error)
@@ -63,17 +85,20 @@ void WriteFile(JsonWriter& json, const CheckedFile& file)
 {
     json.StartObject();
     WriteText(json, "path", file.path);
-    WriteText(json, "visibility", WordOf(file.visibility));
+    WriteText(json, "visibility", WordsOf(file.visibility).word);
     WriteRecordText(json, "asked_through", file.askedThrough);
     WriteError(json, "open_error", file.openError);
     WriteRecordText(json, "vendor", file.vendor);
     WriteRecordText(json, "product", file.product);
-    json.Key("questions");
-    json.StartArray();
-    for (const RequestResult& request : file.requests) {
-        WriteRequest(json, request);
-    }
-    json.EndArray();
+    WriteArray(json, "questions", file.requests, WriteRequest);
+    json.EndObject();
+}
+
+void WriteClass(JsonWriter& json, const ClassFiles& one)
+{
+    json.StartObject();
+    WriteText(json, "type", ClassOf(one.type).word);
+    WriteArray(json, "device_files", one.files, WriteFile);
     json.EndObject();
 }
 
@@ -83,58 +108,33 @@ void WriteBool(JsonWriter& json, const char* key, bool value)
     json.Bool(value);
 }
 
-void WriteTexts(JsonWriter& json, const char* key, const std::vector<std::string>& texts)
+std::string DescribeSg(const HostFacts& facts)
 {
-    json.Key(key);
-    json.StartArray();
-    for (const std::string& text : texts) {
-        WriteText(json, text);
-    }
-    json.EndArray();
-}
-
-std::string DescribeSg(const Diagnosis& diagnosis)
-{
-    if (diagnosis.facts.sgUsed) {
+    if (facts.sgUsed) {
         return "loaded";
     }
-    if (diagnosis.facts.sgLoaded) {
-        return "loaded, but not used: \"modprobe sg\" fails";
-    }
-    return diagnosis.facts.modprobeFindsSg ? "not loaded, and this user may not load it"
-                                           : "not loaded, and cannot be: \"modprobe sg\" fails";
-}
-
-std::string Names(const CheckedFile& file)
-{
-    std::string names;
-    for (const std::string& name : {file.vendor, file.product}) {
-        const std::string cell = CellText(name);
-        if (cell != unknownText) {
-            names += (names.empty() ? "" : " ") + cell;
-        }
-    }
-    return names;
+    return facts.sgLoaded          ? "loaded, but not used: \"modprobe sg\" fails"
+           : facts.modprobeFindsSg ? "not loaded, and this user may not load it"
+                                   : "not loaded, and cannot be: \"modprobe sg\" fails";
 }
 
 std::string Verdict(const CheckedFile& file, double secondsPerDevice)
 {
-    switch (file.visibility) {
-    case Visibility::Visible: {
-        const std::string names = Names(file);
-        return names.empty() ? "visible" : "visible: " + names;
+    std::string verdict = WordsOf(file.visibility).verdict;
+    if (file.visibility == Visibility::Visible) {
+        std::string separator = ": ";
+        for (const std::string& name : {file.vendor, file.product}) {
+            const std::string cell = CellText(name);
+            if (cell != unknownText) {
+                verdict += std::exchange(separator, " ") + cell;
+            }
+        }
+    } else if (file.visibility == Visibility::NoAnswerInTime) {
+        verdict += (boost::format("%g seconds") % secondsPerDevice).str();
+    } else if (file.openError != 0) {
+        verdict += DescribeError(file.openError);
     }
-    case Visibility::Denied:
-    case Visibility::CannotBeOpened:
-        return "NOT VISIBLE: open: " + DescribeError(file.openError);
-    case Visibility::NoAnswerInTime:
-        return (boost::format("NOT VISIBLE: no answer within %g seconds") % secondsPerDevice).str();
-    case Visibility::NotAsked:
-        return "may be opened; not asked, because that would rewind the tape";
-    case Visibility::NoUsableAnswer:
-        break;
-    }
-    return "NOT VISIBLE: does not answer as a device that is listed";
+    return verdict;
 }
 
 std::string DescribeFile(const CheckedFile& file, double secondsPerDevice)
@@ -169,13 +169,13 @@ std::string Item(const std::string& item, std::size_t width)
 std::string DescribeClass(const ClassFiles& one, const Diagnosis& diagnosis)
 {
     const DeviceClass& words = ClassOf(one.type);
-    std::string text = std::string(words.title) + ": ";
     const bool inPlaceOfSg = one.type == ZDSystemDevice::SYS_DEVICE_SCSI && !diagnosis.facts.sgUsed;
-    if (one.files.empty()) {
-        return text + "no device file (" + (inPlaceOfSg ? "/dev/sd*" : words.files) + ")\n";
-    }
-    text += std::to_string(one.files.size()) + (one.files.size() == 1 ? " device file" : " device files");
-    if (inPlaceOfSg) {
+    const std::size_t count = one.files.size();
+    std::string text = std::string(words.title) + ": " + (count == 0 ? "no" : std::to_string(count)) +
+                       (count > 1 ? " device files" : " device file");
+    if (count == 0) {
+        text += std::string(" (") + (inPlaceOfSg ? "/dev/sd*" : words.files) + ")";
+    } else if (inPlaceOfSg) {
         text += ", the disks' in place of the sg driver's";
     }
     text += "\n";
@@ -195,7 +195,7 @@ std::string DescribeError(int error)
 
 std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width)
 {
-    std::string text = "Driver for generic SCSI devices (sg): " + DescribeSg(diagnosis) + "\n";
+    std::string text = "Driver for generic SCSI devices (sg): " + DescribeSg(diagnosis.facts) + "\n";
     if (diagnosis.facts.directoryError == 0) {
         for (const ClassFiles& one : diagnosis.classes) {
             text += "\n" + DescribeClass(one, diagnosis);
@@ -214,35 +214,22 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width)
 std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& origin)
 {
     return RenderDocument("zddevices-doctor/1", origin, [&diagnosis](JsonWriter& json) {
+        const HostFacts& facts = diagnosis.facts;
         WriteBool(json, "all_visible", diagnosis.AllVisible());
         json.Key("sg_driver");
         json.StartObject();
-        WriteBool(json, "loaded", diagnosis.facts.sgLoaded);
-        WriteBool(json, "modprobe_finds_it", diagnosis.facts.modprobeFindsSg);
-        WriteBool(json, "may_be_loaded", diagnosis.facts.mayLoadModules);
-        WriteBool(json, "used", diagnosis.facts.sgUsed);
+        WriteBool(json, "loaded", facts.sgLoaded);
+        WriteBool(json, "modprobe_finds_it", facts.modprobeFindsSg);
+        WriteBool(json, "may_be_loaded", facts.mayLoadModules);
+        WriteBool(json, "used", facts.sgUsed);
         json.EndObject();
-        WriteError(json, "directory_error", diagnosis.facts.directoryError);
+        WriteError(json, "directory_error", facts.directoryError);
         json.Key("seconds_per_device");
         json.Double(diagnosis.secondsPerDevice);
-        json.Key("classes");
-        json.StartArray();
-        for (const ClassFiles& one : diagnosis.classes) {
-            json.StartObject();
-            WriteText(json, "type", ClassOf(one.type).word);
-            json.Key("device_files");
-            json.StartArray();
-            for (const CheckedFile& file : one.files) {
-                WriteFile(json, file);
-            }
-            json.EndArray();
-            json.EndObject();
-        }
-        json.EndArray();
-        WriteTexts(json, "not_looked_at", diagnosis.notLookedAt);
-        WriteTexts(json, "advice", diagnosis.advice);
+        WriteArray(json, "classes", diagnosis.classes, WriteClass);
+        WriteArray(json, "not_looked_at", diagnosis.notLookedAt, WriteItem);
+        WriteArray(json, "advice", diagnosis.advice, WriteItem);
     });
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

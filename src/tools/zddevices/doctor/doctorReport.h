@@ -10,8 +10,7 @@
 #include "tools/zddevices/doctor/doctor.h"
 #include "tools/zddevices/output/json.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** "Permission denied (EACCES)". */
 std::string DescribeError(int error);
@@ -25,7 +24,6 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width = 0);
 /** For programs; ASCII, ended by a line end. */
 std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& origin);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

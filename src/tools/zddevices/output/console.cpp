@@ -47,13 +47,18 @@ std::size_t TerminalWidth(int descriptor)
     return ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : usualWidth;
 }
 
-void WriteOutput(const std::string& text)
+bool WriteAll(int descriptor, const std::string& text)
 {
     ssize_t count = 0;
     for (std::size_t written = 0; count >= 0 && written < text.size(); written += static_cast<std::size_t>(count)) {
-        count = TEMP_FAILURE_RETRY(write(STDOUT_FILENO, text.data() + written, text.size() - written));
+        count = TEMP_FAILURE_RETRY(write(descriptor, text.data() + written, text.size() - written));
     }
-    if (count < 0 || (close(STDOUT_FILENO) != 0 && errno != EINTR)) {
+    return count >= 0;
+}
+
+void WriteOutput(const std::string& text)
+{
+    if (!WriteAll(STDOUT_FILENO, text) || (close(STDOUT_FILENO) != 0 && errno != EINTR)) {
         throw std::system_error(errno, std::generic_category(), "standard output cannot be written");
     }
 }

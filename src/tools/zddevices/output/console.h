@@ -22,6 +22,9 @@ void PrepareConsole();
 /** The columns of a terminal; 0 when the descriptor is none. */
 std::size_t TerminalWidth(int descriptor);
 
+/** Writes the whole text; false, with errno, when it cannot be written. */
+bool WriteAll(int descriptor, const std::string& text);
+
 /**
  * @brief Writes the whole text to standard output and closes it: some file systems report errors only then.
  * @throws std::system_error with a message fit for the user.

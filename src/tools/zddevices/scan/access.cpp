@@ -15,8 +15,7 @@
 #include "module/osinfos/systemdevice/deviceNames.h"
 #include "tools/zddevices/deviceClass.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -116,5 +115,4 @@ std::vector<DeniedFile> FindDeniedFiles(std::optional<SysDeviceType> type)
     return denied;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -15,8 +15,7 @@
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /**
  * @brief The names in /dev, those of directories among them, in no order.
@@ -59,7 +58,6 @@ DeniedFile DeniedFileAt(const std::string& path);
  */
 std::vector<DeniedFile> FindDeniedFiles(std::optional<ZDSystemDevice::SysDeviceType> type);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

@@ -5,8 +5,7 @@
 #include <string_view>
 #include <utility>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -75,5 +74,4 @@ std::optional<Frame> FrameReader::Next()
     return frame;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

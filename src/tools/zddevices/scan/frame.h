@@ -13,8 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 struct Frame {
     enum class Kind : char {
@@ -54,7 +53,6 @@ private:
     bool broken = false;
 };
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

@@ -10,8 +10,7 @@
 #include "module/osinfos/systemdevice/deviceNames.h"
 #include "module/osinfos/systemdevice/firmwareIdentity.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -148,5 +147,4 @@ bool LoadSgDriver()
     return Watched<SCSIProxy>({[](const std::string& /*deviceFile*/) {}}).UsesSgDriver();
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

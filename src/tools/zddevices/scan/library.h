@@ -16,8 +16,7 @@
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/scan/worker.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** One ioctl on a device file that has been asked. */
 struct DeviceRequest {
@@ -77,7 +76,6 @@ DeviceFileAnswer AskDeviceFile(ZDSystemDevice::SysDeviceType type, std::string p
 /** Loads the sg driver as each list does. @return whether the generic class then asks the files of that driver. */
 bool LoadSgDriver();
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

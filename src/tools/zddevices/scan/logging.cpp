@@ -7,10 +7,10 @@
 #include <string>
 
 #include "common/logger/log.h"
+#include "tools/zddevices/output/console.h"
 #include "tools/zddevices/output/text.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -28,8 +28,7 @@ void WriteLogLine(unsigned level, const char* file, int line, const std::string&
     if (text.back() != '\n') {
         text += '\n';
     }
-    while (write(logDescriptor, text.data(), text.size()) < 0 && errno == EINTR) {
-    }
+    WriteAll(logDescriptor, text);
     errno = callersErrno;
 }
 
@@ -43,5 +42,4 @@ bool EnableLog(unsigned int level)
     return DirectLog<Log>(level, WriteLogLine);
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -11,21 +11,20 @@
 #include <string>
 #include <type_traits>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** Receives log messages; as in common/logger/log.h. */
 using LogSink = void (*)(unsigned level, const char* file, int line, const std::string& message);
 
 template <typename Logger, typename = void>
-constexpr bool takesLevel = false;
+inline constexpr bool takesLevel = false;
 template <typename Logger>
-constexpr bool takesLevel<Logger, std::void_t<decltype(Logger::SetMinLogLevel(0U))>> = true;
+inline constexpr bool takesLevel<Logger, std::void_t<decltype(Logger::SetMinLogLevel(0U))>> = true;
 
 template <typename Logger, typename = void>
-constexpr bool takesSink = false;
+inline constexpr bool takesSink = false;
 template <typename Logger>
-constexpr bool takesSink<Logger, std::void_t<decltype(Logger::SetSink(LogSink{}))>> = true;
+inline constexpr bool takesSink<Logger, std::void_t<decltype(Logger::SetSink(LogSink{}))>> = true;
 
 /**
  * @brief Sets the level up to which messages are written, and, where that can be chosen, who writes them.
@@ -53,7 +52,6 @@ bool DirectLog([[maybe_unused]] unsigned int level, [[maybe_unused]] LogSink sin
  */
 bool EnableLog(unsigned int level);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

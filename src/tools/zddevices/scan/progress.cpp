@@ -1,17 +1,14 @@
 #include "tools/zddevices/scan/progress.h"
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <iterator>
 
 #include "tools/zddevices/output/console.h"
 #include "tools/zddevices/output/text.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -30,12 +27,6 @@ bool IsInForeground()
 {
     const pid_t foreground = tcgetpgrp(STDERR_FILENO);
     return foreground == -1 || foreground == getpgrp();
-}
-
-void WriteToTerminal(const std::string& text)
-{
-    while (write(STDERR_FILENO, text.data(), text.size()) < 0 && errno == EINTR) {
-    }
 }
 
 }  // namespace
@@ -77,17 +68,16 @@ void Progress::StillRunning(const std::vector<Waiting>& workers)
     const std::string text =
         ("zddevices: " + DescribeProgress(workers, started, now)).substr(0, TerminalWidth(STDERR_FILENO) - 1);
     const std::size_t blanks = shown > text.size() ? shown - text.size() : 0;
-    WriteToTerminal("\r" + text + std::string(blanks, ' '));
+    WriteAll(STDERR_FILENO, "\r" + text + std::string(blanks, ' '));
     shown = text.size();
 }
 
 void Progress::Erase()
 {
     if (shown > 0) {
-        WriteToTerminal("\r" + std::string(shown, ' ') + "\r");
+        WriteAll(STDERR_FILENO, "\r" + std::string(shown, ' ') + "\r");
         shown = 0;
     }
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -16,8 +16,7 @@
 
 #include "tools/zddevices/scan/worker.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** "asking /dev/sdb (12 s), /dev/sg3 (3 s)", longest first; devices that are not known are left out. */
 std::string DescribeProgress(const std::vector<Waiting>& workers, std::chrono::steady_clock::time_point started,
@@ -43,7 +42,6 @@ private:
     std::size_t shown = 0;
 };
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

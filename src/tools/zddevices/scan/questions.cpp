@@ -10,8 +10,7 @@
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/scan/library.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -35,48 +34,49 @@ Strings TextsOfAnswer(Answer<Record> answer)
     return texts;
 }
 
-/** Appends the records of an answer to `records`; the status, or none when there is no answer or the texts are none. */
+/** Moves the records of an answer to `records`; its status, or none when there is no answer. */
 template <typename Record>
-std::optional<unsigned int> TakeAnswer(std::optional<Strings> answer, std::optional<std::vector<Record>>& records)
+std::optional<unsigned int> TakeAnswer(QuestionOutcome& outcome, std::optional<std::vector<Record>>& records)
 {
     if (!records) {
         records.emplace();
     }
-    Strings texts = answer.value_or(Strings());
-    const std::vector<Field<Record>>& members = MembersOf<Record>();
-    if (texts.size() % members.size() != 1) {
+    if (!outcome.answer) {
         return std::nullopt;
     }
-    auto next = texts.begin() + 1;
-    while (next != texts.end()) {
+    for (auto text = outcome.answer->begin() + 1; text != outcome.answer->end();) {
         Record& record = records->emplace_back();
-        for (const Field<Record>& field : members) {
-            record.*field.member = std::move(*next++);
+        for (const Field<Record>& field : MembersOf<Record>()) {
+            record.*field.member = std::move(*text++);
         }
     }
-    return static_cast<unsigned int>(std::stoul(texts.front()));
+    return static_cast<unsigned int>(std::stoul(outcome.answer->front()));
 }
 
 Strings Ask(const Question& question, const Watch* watch)
 {
-    if (question.subject == Subject::Firmware) {
+    switch (question.subject) {
+    case Subject::Firmware:
         return TextsOfAnswer(AskForFirmware(watch));
-    }
-    if (question.subject == Subject::Capabilities) {
+    case Subject::Capabilities:
         return TextsOfAnswer(AskForOptical(watch));
+    case Subject::Devices:
+        break;
     }
     return TextsOfAnswer(AskForDevices(question.deviceClass, watch));
 }
 
-std::optional<unsigned int> TakeAnswerOf(const Question& question, std::optional<Strings> answer, Inventory& inventory)
+std::optional<unsigned int> TakeAnswerOf(QuestionOutcome& outcome, Inventory& inventory)
 {
-    if (question.subject == Subject::Firmware) {
-        return TakeAnswer(std::move(answer), inventory.firmware);
+    switch (outcome.question.subject) {
+    case Subject::Firmware:
+        return TakeAnswer(outcome, inventory.firmware);
+    case Subject::Capabilities:
+        return TakeAnswer(outcome, inventory.drives);
+    case Subject::Devices:
+        break;
     }
-    if (question.subject == Subject::Capabilities) {
-        return TakeAnswer(std::move(answer), inventory.drives);
-    }
-    return TakeAnswer(std::move(answer), inventory.devices);
+    return TakeAnswer(outcome, inventory.devices);
 }
 
 unsigned int StatusOf(const std::vector<QuestionOutcome>& questions)
@@ -114,6 +114,7 @@ std::vector<Question> QuestionsOf(const Options& options)
         return {{options.type}};
     }
     std::vector<Question> questions;
+    questions.reserve(deviceClasses.size());
     for (const DeviceClass& one : deviceClasses) {
         questions.push_back({one.type});
     }
@@ -135,19 +136,15 @@ Inventory TakeInventory(const Options& options, Observer* observer)
             return Ask(question, logs ? nullptr : &watch);
         });
     }
-    std::vector<Outcome> outcomes = RunWorkers(tasks, options.timeLimit, observer, logs ? 1 : allAtOnce);
     Inventory inventory;
-    for (std::size_t i = 0; i < questions.size(); ++i) {
-        Outcome& outcome = outcomes[i];
+    for (Outcome& outcome : RunWorkers(tasks, options.timeLimit, observer, logs ? 1 : allAtOnce)) {
         if (outcome.threw && !options.timeLimit) {
             throw std::runtime_error(outcome.failure);
         }
-        QuestionOutcome one{questions[i], std::nullopt, outcome.failure, outcome.deviceFile, outcome.elapsed};
-        one.status = TakeAnswerOf(questions[i], std::move(outcome.answer), inventory);
-        if (!one.status && one.failure.empty()) {
-            one.failure = improperAnswer;
-        }
-        inventory.questions.push_back(std::move(one));
+        const Question& question = questions[inventory.questions.size()];
+        QuestionOutcome& one = inventory.questions.emplace_back(QuestionOutcome{std::move(outcome), question, {}});
+        one.status = TakeAnswerOf(one, inventory);
+        one.answer.reset();
     }
     inventory.status = StatusOf(inventory.questions);
     if (inventory.devices && !options.type && questions.front().deviceClass) {
@@ -158,5 +155,4 @@ Inventory TakeInventory(const Options& options, Observer* observer)
     return inventory;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -14,8 +14,7 @@
 #include "tools/zddevices/options.h"
 #include "tools/zddevices/scan/worker.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** What a class of devices can be asked for. */
 enum class Subject { Devices, Firmware, Capabilities };
@@ -29,16 +28,11 @@ struct Question {
     Subject subject = Subject::Devices;
 };
 
-/** What became of a question. */
-struct QuestionOutcome {
+/** What became of a question; the answer's records are in the Inventory. */
+struct QuestionOutcome : Outcome {
     Question question;
     /** What the library answered; absent when it did not, or not in time. */
     std::optional<unsigned int> status;
-    /** Why there is no answer, for people; empty when there is one. */
-    std::string failure;
-    /** The device file that was being asked when there was no answer; empty when that is not known. */
-    std::string deviceFile;
-    Duration elapsed{};
 };
 
 /** What all questions together have brought to light. */
@@ -75,7 +69,6 @@ std::vector<Question> QuestionsOf(const Options& options);
  */
 Inventory TakeInventory(const Options& options, Observer* observer);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

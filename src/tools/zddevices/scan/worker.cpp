@@ -21,10 +21,10 @@
 #include <utility>
 
 #include "common/descriptor.h"
+#include "tools/zddevices/output/console.h"
 #include "tools/zddevices/scan/frame.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -43,19 +43,6 @@ constexpr Duration graceAfterKill = std::chrono::milliseconds(250);
 constexpr Duration reapInterval = std::chrono::milliseconds(1);
 
 constexpr Duration observeInterval = std::chrono::milliseconds(200);
-
-bool WriteAll(int descriptor, const std::string& bytes)
-{
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-        const ssize_t count = write(descriptor, bytes.data() + written, bytes.size() - written);
-        if (count < 0 && errno != EINTR) {
-            return false;
-        }
-        written += count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
-    return true;
-}
 
 /** What waits in a pipe, or a piece of it; closes the pipe at its end. */
 std::string ReadPiece(Descriptor& pipe)
@@ -340,7 +327,9 @@ std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Du
         if (running.empty()) {
             break;
         }
-        const auto timeLeft = [&] { return *limit + (killed ? graceAfterKill : Duration()) - (Clock::now() - started); };
+        const auto timeLeft = [&] {
+            return *limit + (killed ? graceAfterKill : Duration()) - (Clock::now() - started);
+        };
         std::optional<Duration> longest;
         if (limit) {
             longest = timeLeft();
@@ -375,5 +364,4 @@ std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Du
     return outcomes;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -16,8 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 using Duration = std::chrono::nanoseconds;
 
@@ -58,10 +57,7 @@ struct Waiting {
 /** Is told about workers that take their time. */
 class Observer {
 public:
-    Observer() = default;
     virtual ~Observer() = default;
-    Observer(const Observer&) = delete;
-    Observer& operator=(const Observer&) = delete;
 
     /** Called several times a second with what each worker that has not answered is waiting for. */
     virtual void StillRunning(const std::vector<Waiting>& workers) = 0;
@@ -89,7 +85,6 @@ constexpr std::size_t allAtOnce = std::numeric_limits<std::size_t>::max();
 std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Duration> limit,
                                 Observer* observer = nullptr, std::size_t atATime = allAtOnce);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif
