@@ -34,6 +34,7 @@ std::string RefusalOf(const std::string& text)
     std::vector<std::string> words;
     boost::algorithm::split(words, text, boost::algorithm::is_any_of(" "));
     std::vector<const char*> arguments;
+    arguments.reserve(words.size());
     for (const std::string& word : words) {
         arguments.push_back(word.c_str());
     }
