@@ -42,12 +42,7 @@ zendra_command_blocks:
 	/* All zeros, hence not among the initialised blocks; with room of its own. */
 	.section .bss.zendra_test_unit_ready, "aw", %nobits
 	.balign 32
-	.globl _ZN6Zendra14ZDSystemDevice15test_unit_readyE
-	.protected _ZN6Zendra14ZDSystemDevice15test_unit_readyE
-	.type _ZN6Zendra14ZDSystemDevice15test_unit_readyE, %object
-	.size _ZN6Zendra14ZDSystemDevice15test_unit_readyE, 6
-_ZN6Zendra14ZDSystemDevice15test_unit_readyE:
-	.zero 6
+	block 15test_unit_readyE, 6, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00
 	.zero 16
 
 	.section .note.GNU-stack, "", %progbits

@@ -17,8 +17,7 @@
 
 #include "common/logger/logLine.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 namespace {
 
@@ -122,22 +121,17 @@ void LogErrorStatus(const sg_io_hdr_t& header, const SenseBuffer& sense)
         }
         ZENDRA_LOG(4, text.str());
     }
-    if (header.masked_status != 0) {
-        text.str("");
-        // Asks for one field and writes the other, and that as a character (oddity: raw-status-character).
-        text << "SG SCSI status=" << header.status;
-        ZENDRA_LOG(4, text.str());
-    }
-    if (header.host_status != 0) {
-        text.str("");
-        text << "SG Host status=" << header.host_status;
-        ZENDRA_LOG(4, text.str());
-    }
-    if (header.driver_status != 0) {
-        text.str("");
-        text << "SG Driver status=" << header.driver_status;
-        ZENDRA_LOG(4, text.str());
-    }
+    const auto logStatus = [&text](bool wanted, const char* name, auto status) {
+        if (wanted) {
+            text.str("");
+            text << name << status;
+            ZENDRA_LOG(4, text.str());
+        }
+    };
+    // Asks for one field and writes the other, and that as a character (oddity: raw-status-character).
+    logStatus(header.masked_status != 0, "SG SCSI status=", header.status);
+    logStatus(header.host_status != 0, "SG Host status=", header.host_status);
+    logStatus(header.driver_status != 0, "SG Driver status=", header.driver_status);
 }
 
 }  // namespace
@@ -177,10 +171,7 @@ int DataOperator::ExecIoCtl(ReqIoCtlParam& request)
     }
     // Request numbers are unsigned; as int, those with the top bit set would reach ioctl sign-extended.
     const unsigned int ioctlCode = static_cast<unsigned int>(request.ioctlCode);
-    int result = -1;
-    if (IsAllowed(ioctlCode)) {
-        result = ioctl(fileDescriptor, ioctlCode, request.ioctlData);
-    }
+    const int result = IsAllowed(ioctlCode) ? ioctl(fileDescriptor, ioctlCode, request.ioctlData) : -1;
     CloseDev();
     ZENDRA_LOG(4, "Exit DataOperator::ExecIoCtl(), ret = " << result);
     return result >= 0 ? DEV_SUCCESS : DEV_FAILURE;
@@ -232,5 +223,4 @@ int DataOperator::ExecPassThruCmd(ReqPassThruParam& request)
     return status;
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice

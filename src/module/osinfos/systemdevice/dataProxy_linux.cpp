@@ -31,8 +31,7 @@
 #include "module/osinfos/systemdevice/opticalTable.h"
 #include "module/osinfos/systemdevice/sysBlock.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 namespace {
 
@@ -124,6 +123,14 @@ void PreferFirmwareVersion(const std::string& path, SysBlock& sysBlock, BusDevic
     }
 }
 
+/** The device files whose names begin with `prefix`. */
+std::vector<std::string> FilesOf(DataProxy& proxy, std::string prefix)
+{
+    std::vector<std::string> files;
+    proxy.ScanDeviceFiles(prefix, files);
+    return files;
+}
+
 /** Probes the files one after the other and stores each device that answers. */
 template <typename Probe>
 void ProbeEach(DataProxy& proxy, std::vector<std::string>& files, std::vector<SystemDevice>& devices, Probe probe)
@@ -171,10 +178,7 @@ unsigned int ProbeDisk(PhysicalDriveProxy& proxy, BusDevice& bus, std::string& p
                        SysBlock& sysBlock)
 {
     ZENDRA_LOG(4, "Entry PhysicalDriveProxy::GetDeviceInfo()");
-    int status = DEV_FAILURE;
-    if (useGeneric) {
-        status = proxy.GetGenericDeviceData(path, bus, false);
-    }
+    int status = useGeneric ? proxy.GetGenericDeviceData(path, bus, false) : static_cast<int>(DEV_FAILURE);
     if (!useGeneric || status != DEV_SUCCESS || BothNamesEmpty(bus)) {
         status = proxy.GetDriverData(path, bus);
     }
@@ -472,9 +476,7 @@ CDDVDProxy::~CDDVDProxy()
 unsigned int CDDVDProxy::GetDeviceList(std::vector<SystemDevice>& devices)
 {
     ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
-    std::string prefix = DevicePrefix::optical;
-    std::vector<std::string> files;
-    ScanDeviceFiles(prefix, files);
+    std::vector<std::string> files = FilesOf(*this, DevicePrefix::optical);
     if (files.empty()) {
         return DEVICE_RESULT_NONE;
     }
@@ -499,9 +501,7 @@ void CDDVDProxy::InitOpticalPropertyStruct(OpticalProperty& prop)
 unsigned int CDDVDProxy::GetCDDVDOptList(std::vector<OpticalProperty>& options)
 {
     ZENDRA_LOG(4, "Entry CDDVDProxy::GetCDDVDOptList()");
-    std::string prefix = DevicePrefix::optical;
-    std::vector<std::string> files;
-    ScanDeviceFiles(prefix, files);
+    std::vector<std::string> files = FilesOf(*this, DevicePrefix::optical);
     if (files.empty()) {
         return DEVICE_RESULT_NONE;
     }
@@ -509,7 +509,6 @@ unsigned int CDDVDProxy::GetCDDVDOptList(std::vector<OpticalProperty>& options)
     std::vector<std::pair<std::string, BusDevice>> drives;
     for (std::string& path : files) {
         BusDevice bus;
-        InitBusDev(bus);
         if (ProbeOptical(*this, bus, path, sysBlock) == DEV_SUCCESS) {
             drives.emplace_back(path, bus);
         }
@@ -529,7 +528,6 @@ unsigned int CDDVDProxy::GetCDDVDOptList(std::vector<OpticalProperty>& options)
     }
 
     OpticalProperty prop;
-    InitOpticalPropertyStruct(prop);
     OpticalTable::StoreRows(rows, prop);
     for (const auto& [path, bus] : drives) {
         if (path == prop.drive_name_) {
@@ -561,12 +559,9 @@ TapeProxy::~TapeProxy()
 unsigned int TapeProxy::GetDeviceList(std::vector<SystemDevice>& devices)
 {
     ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
-    std::string prefix = DevicePrefix::tape;
-    std::vector<std::string> files;
-    ScanDeviceFiles(prefix, files);
+    std::vector<std::string> files = FilesOf(*this, DevicePrefix::tape);
     if (files.empty()) {
-        prefix = DevicePrefix::nonRewindingTape;
-        ScanDeviceFiles(prefix, files);
+        files = FilesOf(*this, DevicePrefix::nonRewindingTape);
     }
     if (files.empty()) {
         return DEVICE_RESULT_NONE;
@@ -603,15 +598,9 @@ PhysicalDriveProxy::~PhysicalDriveProxy()
 unsigned int PhysicalDriveProxy::GetDeviceList(std::vector<SystemDevice>& devices)
 {
     ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
-    std::vector<std::string> ideFiles;
-    std::vector<std::string> scsiFiles;
-    std::vector<std::string> nvmeFiles;
-    std::string prefix = DevicePrefix::ideDisk;
-    ScanDeviceFiles(prefix, ideFiles);
-    prefix = DevicePrefix::scsiDisk;
-    ScanDeviceFiles(prefix, scsiFiles);
-    prefix = DevicePrefix::nvmeDisk;
-    ScanDeviceFiles(prefix, nvmeFiles);
+    std::vector<std::string> ideFiles = FilesOf(*this, DevicePrefix::ideDisk);
+    std::vector<std::string> scsiFiles = FilesOf(*this, DevicePrefix::scsiDisk);
+    std::vector<std::string> nvmeFiles = FilesOf(*this, DevicePrefix::nvmeDisk);
     if (ideFiles.empty() && scsiFiles.empty() && nvmeFiles.empty()) {
         return DEVICE_RESULT_NONE;
     }
@@ -681,9 +670,7 @@ SCSIProxy::~SCSIProxy()
 unsigned int SCSIProxy::GetDeviceList(std::vector<SystemDevice>& devices)
 {
     ZENDRA_LOG(4, "Entry DataProxy::GetDeviceList()");
-    std::string prefix = sg_ko_loaded ? DevicePrefix::genericScsi : DevicePrefix::scsiDisk;
-    std::vector<std::string> files;
-    ScanDeviceFiles(prefix, files);
+    std::vector<std::string> files = FilesOf(*this, sg_ko_loaded ? DevicePrefix::genericScsi : DevicePrefix::scsiDisk);
     if (files.empty()) {
         return DEVICE_RESULT_NONE;
     }
@@ -710,5 +697,4 @@ unsigned int SCSIProxy::GetDeviceInfo(BusDevice& bus, std::string& path)
     return ProbeGeneric(*this, sg_ko_loaded, bus, path, sysBlock);
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice

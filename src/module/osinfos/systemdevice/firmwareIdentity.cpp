@@ -4,15 +4,7 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <string>
 
-namespace Zendra {
-namespace ZDSystemDevice {
-
-namespace {
-
-/** CIM_SoftwareIdentity.Classifications: firmware. */
-const char firmwareClassification[] = "10";
-
-}  // namespace
+namespace Zendra::ZDSystemDevice {
 
 bool HasFirmwareIdentity(const SystemDevice& disk)
 {
@@ -33,9 +25,8 @@ ZDOptions::SoftwareIdentity_ FirmwareIdentityOf(const SystemDevice& disk)
     identity.SerialNumber = disk.serial_number;
     identity.Name = identity.SoftwareID;
     identity.VersionString = disk.firmware_revision;
-    identity.Classifications = firmwareClassification;
+    identity.Classifications = "10";  // CIM: firmware
     return identity;
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice
