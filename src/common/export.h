@@ -18,16 +18,14 @@
 #define ZENDRA_EXPORT __attribute__((visibility("default")))
 
 /**
- * @brief Marks exported data, and keeps executables from addressing it directly.
- *
- * An executable that addresses a variable of a shared library directly gets a copy relocation: the variable
- * is copied into the executable, away from the objects that lay beside it. A weak reference is never resolved
- * that way in position-independent code, the default of g++ and clang: it goes through the global offset
- * table to the library's own bytes. Code compiled with -fno-pie is refused by the linker, because the symbols
- * are also protected; that is better than a torn table. A weak reference alone does not make the linker keep a
- * library, so a header that declares such data also names something of the library for certain. (The attribute
- * nodirect_extern_access is no alternative: it bars copy relocations from the whole executable, type information
- * included.)
+ * Marks exported data, and keeps executables from addressing it directly. An executable that addresses a variable of a
+ * shared library directly gets a copy relocation: the variable is copied into the executable, away from the objects
+ * that lay beside it. A weak reference is never resolved that way in position-independent code, the default of g++ and
+ * clang: it goes through the global offset table to the library's own bytes. Code compiled with -fno-pie is refused by
+ * the linker, because the symbols are also protected; that is better than a torn table. A weak reference alone does not
+ * make the linker keep a library, so a header that declares such data also names something of the library for certain.
+ * (The attribute nodirect_extern_access is no alternative: it bars copy relocations from the whole executable, type
+ * information included.)
  */
 #define ZENDRA_EXPORTED_DATA ZENDRA_EXPORT __attribute__((weak))
 

@@ -17,17 +17,16 @@
 
 #include "common/export.h"
 
+/** The code base. */
 namespace Zendra {
 
 /** One log message, emitted when destroyed. Each object belongs to one thread. */
 class ZENDRA_EXPORT Log {
 public:
     /**
-     * @brief Receives every emitted message, in the thread that emits it.
-     *
-     * `message` is the text as it was streamed: it may hold line ends, NUL and any other byte, and it is valid
-     * during the call only. A sink may be called from several threads at once, and in a forked child before
-     * its exec. What it throws is swallowed.
+     * Receives every emitted message, in the thread that emits it. `message` is the text as it was streamed: it may
+     * hold line ends, NUL and any other byte, and it is valid during the call only. A sink may be called from several
+     * threads at once, and in a forked child before its exec. What it throws is swallowed.
      */
     using Sink = void (*)(unsigned level, const char* file, int line, const std::string& message);
 
@@ -54,11 +53,10 @@ public:
     static void SetMinLogLevel(unsigned level);
 
     /**
-     * @brief Directs messages to `sink`; null restores the default sink.
-     *
-     * The default sink writes "[level] file:line message" and a line end, with one write(2), to the standard
-     * error that the process had when the library was loaded: through a close-on-exec duplicate of its own,
-     * so that it keeps working in a forked child that has redirected descriptor 2. It takes no lock.
+     * Directs messages to `sink`; null restores the default sink. The default sink writes "[level] file:line message"
+     * and a line end, with one write(2), to the standard error that the process had when the library was loaded:
+     * through a close-on-exec duplicate of its own, so that it keeps working in a forked child that has redirected
+     * descriptor 2. It takes no lock.
      */
     static void SetSink(Sink sink);
 

@@ -152,7 +152,6 @@ enum class OutputEnd { Reached, TimedOut, SelectFailed };
 
 /**
  * Appends to `output` what comes out of the pipe, up to its end.
- *
  * @param endless no limit to each wait; otherwise `timeout` seconds.
  * @param traced  one message a chunk.
  */

@@ -3,11 +3,10 @@
  * @brief Operating-system services for the whole code base: files, directories, the console, child processes,
  *        name and port probes.
  *
- * Free functions without state between calls and without locks. Nothing here knows a device. Failures are
- * answered by result (false, 0, an empty text, "Error", -1) and most of them by a log message; what is thrown
- * is std::bad_alloc alone, when memory runs out. Paths are bytes, taken as they stand; what follows a NUL in a
- * name or in an argument is not seen by the system. Several parameters are taken by value: that is part of
- * the exported symbols.
+ * Free functions without state between calls and without locks. Nothing here knows a device. Failures are answered by
+ * result (false, 0, an empty text, "Error", -1) and most of them by a log message; what is thrown is std::bad_alloc
+ * alone, when memory runs out. Paths are bytes, taken as they stand; what follows a NUL in a name or in an argument is
+ * not seen by the system. Several parameters are taken by value: that is part of the exported symbols.
  */
 #ifndef ZENDRA_COMMON_OSSPECIFIC_OSSPECIFIC_LIN_H
 #define ZENDRA_COMMON_OSSPECIFIC_OSSPECIFIC_LIN_H
@@ -24,10 +23,8 @@ namespace Zendra {
 namespace zd_utils {
 
 /**
- * @brief The current local time as fourteen digits, year to second ("20250203090705").
- *
- * Follows a change of the environment variable TZ; must not run while another thread changes the environment.
- *
+ * The current local time as fourteen digits, year to second ("20250203090705"). Follows a change of the environment
+ * variable TZ; must not run while another thread changes the environment.
  * @return the digits; empty when the clock shows a year that local time cannot express.
  */
 ZENDRA_EXPORT std::string FormatTime();
@@ -38,10 +35,8 @@ ZENDRA_EXPORT std::string FormatTime();
 namespace OSSpecific {
 
 /**
- * @brief Tells whether the real (not the effective) user is root.
- *
- * Asks the user database, which may be on the network; not to be called from two threads at once.
- *
+ * Tells whether the real (not the effective) user is root. Asks the user database, which may be on the network; not to
+ * be called from two threads at once.
  * @return true when the password entry of the real user id carries the user id 0; false for any other user and
  *         when there is no such entry.
  */
@@ -54,23 +49,18 @@ ZENDRA_EXPORT std::string GetConsumerRootPath();
 ZENDRA_EXPORT std::string GetCurrentDir();
 
 /**
- * @brief Waits for one key on standard input, without echo, line editing or signal keys.
- *
- * Blocks until a character arrives or standard input ends. The terminal attributes of descriptor 0 are changed
- * for the length of the call and restored before it returns; when descriptor 0 is no terminal nothing is
- * changed, and one character is read from it. The character comes through the C library's `stdin`, which may
- * take in more than the one it hands out. Not to be called while another thread uses the terminal.
- *
+ * Waits for one key on standard input, without echo, line editing or signal keys. Blocks until a character arrives or
+ * standard input ends. The terminal attributes of descriptor 0 are changed for the length of the call and restored
+ * before it returns; when descriptor 0 is no terminal nothing is changed, and one character is read from it. The
+ * character comes through the C library's `stdin`, which may take in more than the one it hands out. Not to be called
+ * while another thread uses the terminal.
  * @return the character as an unsigned value, or EOF.
  */
 ZENDRA_EXPORT int GetKeyboardChar();
 
 /**
- * @brief Tells whether a key waits on descriptor 0. Never blocks.
- *
- * Changes and restores the terminal attributes as GetKeyboardChar() does. Does not see what the C library's
- * `stdin` has already taken in.
- *
+ * Tells whether a key waits on descriptor 0. Never blocks. Changes and restores the terminal attributes as
+ * GetKeyboardChar() does. Does not see what the C library's `stdin` has already taken in.
  * @return true when a read would not block (a key, or the end of input), and also when the state could not be
  *         asked, so a read after a true answer may still block; false otherwise.
  */
@@ -89,26 +79,22 @@ ZENDRA_EXPORT bool FileExists(const std::string& path);
 ZENDRA_EXPORT std::int64_t GetFileSize(std::string path);
 
 /**
- * @brief Creates one directory, mode 0777 less the process's umask; not its missing parents.
- *
- * Returns nothing: DirExists() tells the outcome. A failure is logged at level 1, an existing `path` too.
- * Needs write permission in the parent directory.
+ * Creates one directory, mode 0777 less the process's umask; not its missing parents. Returns nothing: DirExists()
+ * tells the outcome. A failure is logged at level 1, an existing `path` too. Needs write permission in the parent
+ * directory.
  */
 ZENDRA_EXPORT void CreateDir(std::string path);
 
 /**
- * @brief Names the directories in a directory, links followed.
+ * Names the directories in a directory, links followed.
  * @return the bare names without "." and "..", in the order in which the file system yields them; an entry that
  *         cannot be looked at is left out. Empty when `path` cannot be opened.
  */
 ZENDRA_EXPORT std::vector<std::string> FindSubDirs(const std::string& path);
 
 /**
- * @brief Reads from a descriptor up to its end.
- *
- * Blocks as long as the descriptor does. The descriptor stays the caller's and stays open, positioned behind
- * what was read.
- *
+ * Reads from a descriptor up to its end. Blocks as long as the descriptor does. The descriptor stays the caller's and
+ * stays open, positioned behind what was read.
  * @param fd        open for reading.
  * @param path      names the file in the log, nothing else.
  * @param logResult logs the whole contents at level 4 once the end was reached.
@@ -118,10 +104,8 @@ ZENDRA_EXPORT std::vector<std::string> FindSubDirs(const std::string& path);
 ZENDRA_EXPORT std::string GetFileContents(int fd, const std::string& path, bool logResult);
 
 /**
- * @brief The contents of a file.
- *
- * Blocks where opening or reading does: on a named pipe, until somebody has written and closed it.
- *
+ * The contents of a file. Blocks where opening or reading does: on a named pipe, until somebody has written and closed
+ * it.
  * @return what GetFileContents() returns; the text "Error" when `path` cannot be opened, which a file with
  *         just these five bytes cannot be told from.
  */
@@ -147,16 +131,14 @@ ZENDRA_EXPORT std::string CaptureFile(std::string path);
 //   any child in another thread, takes the exit code away: the result is then -1.
 
 /**
- * @brief Runs a command line, split at single blanks, without quoting and without a shell.
- *
- * The text before the first blank is the program, found along PATH; between each two blanks, and behind the last
- * one, stands one argument, which may be empty. No blank: no arguments. Otherwise as the overload below.
+ * Runs a command line, split at single blanks, without quoting and without a shell. The text before the first blank is
+ * the program, found along PATH; between each two blanks, and behind the last one, stands one argument, which may be
+ * empty. No blank: no arguments. Otherwise as the overload below.
  */
 ZENDRA_EXPORT int SpawnProcess(const std::string& commandLine, std::string* outputPtr, int timeout);
 
 /**
- * @brief Runs a program, found along PATH, with the caller's environment.
- *
+ * Runs a program, found along PATH, with the caller's environment.
  * @param exePath the program, and its own argv[0].
  * @param params  argv[1] and on.
  * @param outputPtr what the program writes is appended here; not null.
@@ -170,12 +152,9 @@ ZENDRA_EXPORT int SpawnProcess(const std::string& exePath, const std::vector<std
                                std::string* outputPtr, int timeout);
 
 /**
- * @brief Runs a program with the caller's environment and, should that not end with 0, once more with another.
- *
- * First SpawnProcessIn() with `tryflag` 1. When its result is not 0 (a program that ran and failed included) and
- * `envVars` is not empty, empties `*outputPtr`, with what it held before the call, and runs SpawnProcessIn()
- * with `tryflag` 2.
- *
+ * Runs a program with the caller's environment and, should that not end with 0, once more with another. First
+ * SpawnProcessIn() with `tryflag` 1. When its result is not 0 (a program that ran and failed included) and `envVars` is
+ * not empty, empties `*outputPtr`, with what it held before the call, and runs SpawnProcessIn() with `tryflag` 2.
  * @return the result of the last run.
  */
 ZENDRA_EXPORT int SpawnProcess(const std::string& exePath, const std::string& arg0,
@@ -183,19 +162,15 @@ ZENDRA_EXPORT int SpawnProcess(const std::string& exePath, const std::string& ar
                                int timeout, std::string* outputPtr);
 
 /**
- * @brief Runs a program with a given argv[0] and, if asked for, a given environment, and traces the run.
- *
- * At log level 4 every chunk logs all output so far, which is quadratic in the size of the output, and the
- * child logs before its exec.
- *
+ * Runs a program with a given argv[0] and, if asked for, a given environment, and traces the run. At log level 4 every
+ * chunk logs all output so far, which is quadratic in the size of the output, and the child logs before its exec.
  * @param exePath the program.
  * @param arg0    its argv[0].
  * @param params  argv[1] and on.
  * @param envVars "name=value" texts, for `tryflag` 2.
  * @param timeout seconds; any negative value waits without limit.
- * @param tryflag 1 finds the program along PATH and passes the caller's environment; 2 takes `exePath` as a path
- *                and passes exactly `envVars`; with another value no program is run and the child's exit code
- *                is 0.
+ * @param tryflag 1 finds the program along PATH and passes the caller's environment; 2 takes `exePath` as a path and
+ *                passes exactly `envVars`; with another value no program is run and the child's exit code is 0.
  * @param outputPtr what the program writes is appended here; not null.
  * @return the exit code, 0 to 255, after a normal end; 255 is also that of a program that could not be executed,
  *         and the output then ends with the reason. -1 on death by a signal, time-out, failed wait, no pipe, no
@@ -206,12 +181,9 @@ ZENDRA_EXPORT int SpawnProcessIn(const std::string& exePath, const std::string& 
                                  int timeout, int tryflag, std::string* outputPtr);
 
 /**
- * @brief Obtains a file's contents, running the program that writes the file where needed.
- *
- * The program runs when there is no `filePath` (FileExists()), or when `force` is set, which first removes the
- * file; it runs as by the basic SpawnProcess(), with at most 360 seconds between two chunks of its output. How
- * it ended does not matter.
- *
+ * Obtains a file's contents, running the program that writes the file where needed. The program runs when there is no
+ * `filePath` (FileExists()), or when `force` is set, which first removes the file; it runs as by the basic
+ * SpawnProcess(), with at most 360 seconds between two chunks of its output. How it ended does not matter.
  * @param exePath  the program, found along PATH, and its own argv[0].
  * @param params   its argv[1] and on.
  * @param filePath the file that it writes.
@@ -223,20 +195,16 @@ ZENDRA_EXPORT void CapFileViaProc(std::string exePath, std::vector<std::string> 
                                   std::string& output, bool force);
 
 /**
- * @brief Kills a process with SIGKILL, first through kill(2), then through the shell's kill as well.
- *
- * Returns nothing, whether or not there was such a process. A negative `pid` and 0 have their meaning of
- * kill(2): a process group, and -1 every process that the caller may signal. Needs the target's user id, or
- * CAP_KILL. Blocks while the shell runs; a child of the caller that was killed remains to be waited for.
+ * Kills a process with SIGKILL, first through kill(2), then through the shell's kill as well. Returns nothing, whether
+ * or not there was such a process. A negative `pid` and 0 have their meaning of kill(2): a process group, and -1 every
+ * process that the caller may signal. Needs the target's user id, or CAP_KILL. Blocks while the shell runs; a child of
+ * the caller that was killed remains to be waited for.
  */
 ZENDRA_EXPORT void TerminateProcess(int pid);
 
 /**
- * @brief Tells whether a host name resolves to an IPv4 address.
- *
- * Blocks as long as the system's resolver does: with name servers that do not answer, commonly ten seconds and
- * more. Not to be called from two threads at once.
- *
+ * Tells whether a host name resolves to an IPv4 address. Blocks as long as the system's resolver does: with name
+ * servers that do not answer, commonly ten seconds and more. Not to be called from two threads at once.
  * @param hostname the name.
  * @param second   ignored.
  * @return 0 when it resolves, -1 when it does not.
@@ -244,11 +212,9 @@ ZENDRA_EXPORT void TerminateProcess(int pid);
 ZENDRA_EXPORT int DetectHostnameAvailable(std::string hostname, std::string second);
 
 /**
- * @brief Finds a TCP port that can be bound: 5988 or else the highest free one from 65535 down to 1024.
- *
- * Does not block, but a search over a host with every port taken makes 64513 attempts. The port is free at the
- * moment of the probe only: nothing reserves it.
- *
+ * Finds a TCP port that can be bound: 5988 or else the highest free one from 65535 down to 1024. Does not block, but a
+ * search over a host with every port taken makes 64513 attempts. The port is free at the moment of the probe only:
+ * nothing reserves it.
  * @param address IPv4 address in dotted notation, of this host. A text that is no address stands for
  *        255.255.255.255, which Linux lets a socket bind to.
  * @return the port. 65535 too when none can be bound, be it that `address` is not this host's; in that case, and

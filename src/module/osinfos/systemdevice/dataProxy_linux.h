@@ -3,9 +3,9 @@
  * @brief The probing family: one proxy per class of devices.
  *
  * A proxy finds the device files of its class in /dev, asks each device who it is, and turns the answers into
- * records. It sends commands through its operator only (dataOperator_linux.h) and keeps nothing between calls.
- * A proxy is used by one thread. Device errors are answered by status; memory exhaustion throws
- * std::bad_alloc.
+ * records. It sends commands through its operator only (dataOperator_linux.h) and keeps nothing between calls. It is
+ * used by one thread. Device errors are answered by status; memory exhaustion throws std::bad_alloc. What takes the
+ * path of a device file and asks sysfs throws std::out_of_range when the path is shorter than "/dev/".
  */
 #ifndef ZENDRA_SYSTEMDEVICE_DATAPROXY_LINUX_H
 #define ZENDRA_SYSTEMDEVICE_DATAPROXY_LINUX_H
@@ -18,17 +18,15 @@
 #include "module/osinfos/systemdevice/dataOperator_linux.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 /** What all classes of devices share. Its own list operations find nothing. */
 class ZENDRA_EXPORT DataProxy {
 public:
     /**
-     * @brief Loads the kernel's sg module (through a shell and modprobe) and makes the operator.
-     *
-     * Neither failing is an error: without the module `sg_ko_loaded` is false, without memory `dataOper` is
-     * null, and every query then answers DEV_FAILURE.
+     * Loads the kernel's sg module (through a shell and modprobe) and makes the operator. Neither failing is an error:
+     * without the module `sg_ko_loaded` is false, without memory `dataOper` is null, and every query then answers
+     * DEV_FAILURE.
      */
     DataProxy();
 
@@ -39,17 +37,15 @@ public:
     DataProxy& operator=(const DataProxy&) = delete;
 
     /**
-     * @brief Appends one record per device of the class that answers.
-     *
-     * Blocks while every device file of the class is asked (see DataOperator::ExecPassThruCmd for how long).
-     *
+     * Appends one record per device of the class that answers. Blocks while every device file of the class is asked
+     * (see DataOperator::ExecPassThruCmd for how long).
      * @return DEVICE_RESULT_OK when there is a device file, whether or not any device answered;
      *         DEVICE_RESULT_NONE when there is none, with `devices` untouched.
      */
     virtual unsigned int GetDeviceList(std::vector<SystemDevice>& devices);
 
     /**
-     * @brief Appends what the optical drives can do; classes without such records append nothing.
+     * Appends what the optical drives can do; classes without such records append nothing.
      * @return DEVICE_RESULT_OK; DEV_SUCCESS from the generic SCSI class.
      */
     virtual unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options);
@@ -61,11 +57,9 @@ public:
     std::string GetDeviceTypeString(unsigned char code);
 
     /**
-     * @brief Appends the paths of the device files whose names begin with `prefix`, in directory order.
-     *
-     * "st" leaves out the standard streams and the tape mode variants, "sd" partitions, "nvme" the controllers
-     * nvme0 to nvme9 and everything with a longer name than nvme0n1.
-     *
+     * Appends the paths of the device files whose names begin with `prefix`, in directory order. "st" leaves out the
+     * standard streams and the tape mode variants, "sd" partitions, "nvme" the controllers nvme0 to nvme9 and
+     * everything with a longer name than nvme0n1.
      * @return 0, or 0xFFFFFFFF when /dev cannot be read.
      */
     unsigned int ScanDeviceFiles(std::string& prefix, std::vector<std::string>& files);
@@ -74,42 +68,31 @@ public:
     void StoreBusDev(BusDevice& bus, std::vector<SystemDevice>& devices);
 
     /**
-     * @brief The sysfs directory of the block device at `path`: "/sys/block/" + name + "/", or empty.
-     *
-     * Takes the first entry of /sys/block whose name occurs anywhere in the device's name.
-     *
-     * @throws std::out_of_range when `path` is shorter than "/dev/".
+     * The sysfs directory of the block device at `path`: "/sys/block/" + name + "/", or empty. Takes the first entry of
+     * /sys/block whose name occurs anywhere in the device's name.
      */
     std::string GetFirmwareVersionFilePath(const std::string& path);
 
-    /**
-     * @brief The firmware revision that sysfs holds for the device at `path`, with its line feed, or empty.
-     * @throws std::out_of_range when `path` is shorter than "/dev/".
-     */
+    /** The firmware revision that sysfs holds for the device at `path`, with its line feed, or empty. */
     std::string GetFirmwareVersionFromFile(const std::string& path);
 
     /**
-     * @brief Sends one SCSI command and reads its answer into `bus` as `type` says.
-     *
-     * Of SPC VPD page 0x80 the length is byte 3, the serial number begins at byte 4; one of more than 32 characters
-     * leaves the old, one of none or one empties it.
-     *
+     * Sends one SCSI command and reads its answer into `bus` as `type` says. Of SPC VPD page 0x80 the length is byte 3,
+     * the serial number begins at byte 4; one of more than 32 characters leaves the old, one of none or one empties it.
      * @return DEV_SUCCESS, or the status of the failed command with `bus` untouched.
      */
     int SendRcvPassthroughCMD(ReqPassThruParam& param, BusDevice& bus, Passthrough_cmd_type type);
 
     /**
-     * @brief Sends one ioctl and reads its answer into `bus` as the ioctl's number says.
-     *
-     * HDIO_DRIVE_CMD: 516 bytes, 4 of header and the ATA IDENTIFY DEVICE data. NVME_IOCTL_ADMIN_CMD: its data
-     * address points at the 4096 bytes of NVMe Identify Controller data, two of which are overwritten.
-     *
+     * Sends one ioctl and reads its answer into `bus` as the ioctl's number says. HDIO_DRIVE_CMD: 516 bytes, 4 of
+     * header and the ATA IDENTIFY DEVICE data. NVME_IOCTL_ADMIN_CMD: its data address points at the 4096 bytes of NVMe
+     * Identify Controller data, two of which are overwritten.
      * @return DEV_SUCCESS, or the status of the failed ioctl with `bus` untouched.
      */
     int SendRcvIOCTLCMD(ReqIoCtlParam& param, BusDevice& bus);
 
     /**
-     * @brief Reads SPC standard INQUIRY data: type (byte 0), vendor (8-15), product (16-31), revision (32-35).
+     * Reads SPC standard INQUIRY data: type (byte 0), vendor (8-15), product (16-31), revision (32-35).
      * @param data at least 36 bytes, which are only read; the caller's.
      * @param bus  gets the texts; not null. Its address and serial number stay.
      * @return 0, always.
@@ -117,7 +100,7 @@ public:
     int ProcessInquiryData(unsigned char* data, BusDevice* bus);
 
     /**
-     * @brief Asks a SCSI device for its identity, its address and, from disks and tapes, its serial number.
+     * Asks a SCSI device for its identity, its address and, from disks and tapes, its serial number.
      * @param driveName path of the device file.
      * @param bus   gets what the device answered; what it did not answer stays.
      * @param is_sg whether the address comes from SG_GET_SCSI_ID (sg nodes) or from the SCSI ioctls (others).
@@ -127,11 +110,9 @@ public:
     int GetGenericDeviceData(std::string& driveName, BusDevice& bus, bool is_sg);
 
     /**
-     * @brief Asks an ATA disk for its identity (IDENTIFY DEVICE through HDIO_DRIVE_CMD).
-     *
-     * Serial number: words 10-19, firmware revision: 23-26, model: 27-46, of which the first word becomes the vendor
-     * and the second the product. Takes CAP_SYS_RAWIO and CAP_SYS_ADMIN.
-     *
+     * Asks an ATA disk for its identity (IDENTIFY DEVICE through HDIO_DRIVE_CMD). Serial number: words 10-19, firmware
+     * revision: 23-26, model: 27-46, of which the first word becomes the vendor and the second the product. Takes
+     * CAP_SYS_RAWIO and CAP_SYS_ADMIN.
      * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
      */
     int GetDriverData(std::string& driveName, BusDevice& bus);
@@ -140,13 +121,11 @@ protected:
     /** Replaces the revision by the one that sysfs holds, where it holds one. */
     void PreferFirmwareVersionFromFile(const std::string& path, BusDevice& bus);
 
-    /** Deletes the operator; for the destructors of the classes that own one. */
+    /** For the destructors of the classes that own an operator. */
     void DeleteOperator();
 
-    /** Whether the sg module could be loaded. */
-    bool sg_ko_loaded;
-    /** Carries every command; owned, deleted by the subclass's destructor; null when memory ran out. */
-    DataOperatorInterface* dataOper;
+    bool sg_ko_loaded;                ///< Whether the sg module could be loaded.
+    DataOperatorInterface* dataOper;  ///< Carries every command; owned; null when memory ran out.
 };
 
 /** Optical drives: /dev/sr*. */
@@ -157,12 +136,9 @@ public:
     unsigned int GetDeviceList(std::vector<SystemDevice>& devices) override;
 
     /**
-     * @brief Appends what the host's optical drive can do, after /proc/sys/dev/cdrom/info.
-     *
-     * The kernel's table has a column per drive and is read as if it had one: with two drives the record
-     * names none of them and denies everything. Runs `cat` on the table, for 360 seconds of silence at most,
-     * after asking every optical device file who it is.
-     *
+     * Appends what the host's optical drive can do, after /proc/sys/dev/cdrom/info. The kernel's table has a column per
+     * drive and is read as if it had one: with two drives the record names none of them and denies everything. Runs
+     * `cat` on the table, for 360 seconds of silence at most, after asking every optical device file who it is.
      * @return DEVICE_RESULT_OK, with one record appended unless the table has no row at all; DEVICE_RESULT_NONE,
      *         with `options` untouched, when there is no optical device file.
      */
@@ -172,9 +148,8 @@ public:
     void InitOpticalPropertyStruct(OpticalProperty& prop);
 
     /**
-     * @brief Probes one device file: SCSI INQUIRY, else ATA IDENTIFY; then the revision that sysfs holds.
+     * Probes one device file: SCSI INQUIRY, else ATA IDENTIFY; then the revision that sysfs holds.
      * @return DEV_SUCCESS, or the status of ATA IDENTIFY, which decides where INQUIRY failed or named nothing.
-     * @throws std::out_of_range when `path` is shorter than "/dev/".
      */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
 };
@@ -188,9 +163,8 @@ public:
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
 
     /**
-     * @brief Probes one device file: SCSI INQUIRY, else ATA IDENTIFY; then the revision that sysfs holds.
+     * Probes one device file: SCSI INQUIRY, else ATA IDENTIFY; then the revision that sysfs holds.
      * @return DEV_SUCCESS when INQUIRY was answered, even without names; otherwise the status of ATA IDENTIFY.
-     * @throws std::out_of_range when `path` is shorter than "/dev/".
      */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
 };
@@ -204,30 +178,22 @@ public:
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
 
     /**
-     * @brief Probes one SCSI, SATA or IDE disk.
-     *
-     * Of disks whose vendor contains "ATA", those at /dev/sd* are asked for their ATA identity too.
-     *
-     * @param bus  gets what the disk answered.
-     * @param path path of the device file.
-     * @param useGeneric whether SCSI INQUIRY is tried before ATA IDENTIFY.
+     * Probes one SCSI, SATA or IDE disk into `bus`; `useGeneric` tries SCSI INQUIRY before ATA IDENTIFY. Of disks whose
+     * vendor contains "ATA", those at /dev/sd* are asked for their ATA identity too; of the others sysfs is asked.
      * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED, as the last command sent went.
-     * @throws std::out_of_range when `path` is shorter than "/dev/" and the vendor contains "ATA".
      */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path, bool useGeneric);
 
     /**
-     * @brief Asks an NVMe disk for its identity (Identify Controller).
-     *
-     * Serial number: bytes 4-22, model number: 24-62, firmware revision: from 64 up to the next NUL. The vendor becomes
-     * "NVMe". Takes CAP_SYS_ADMIN, on kernels before 6.2.
-     *
+     * Asks an NVMe disk for its identity (Identify Controller). Serial number: bytes 4-22, model number: 24-62,
+     * firmware revision: from 64 up to the next NUL. The vendor becomes "NVMe". Takes CAP_SYS_ADMIN, on kernels
+     * before 6.2.
      * @return DEV_SUCCESS, or DEV_FAILURE or DEV_OPEN_FAILED with `bus` untouched.
      */
     int GetNVMEInfo(BusDevice& bus, std::string& driveName);
 
     /**
-     * @brief Replaces revision and product by those of ATA IDENTIFY DEVICE (words 23-26 and 27-46).
+     * Replaces revision and product by those of ATA IDENTIFY DEVICE (words 23-26 and 27-46).
      * @return DEV_SUCCESS, or the status of the failed command with `bus` untouched.
      */
     unsigned int UpdateFirmwareVersionForSdDisk(const std::string& path, BusDevice& bus);
@@ -242,15 +208,13 @@ public:
     unsigned int GetCDDVDOptList(std::vector<OpticalProperty>& options) override;
 
     /**
-     * @brief Probes one device file: SCSI INQUIRY, or ATA IDENTIFY where the sg module is not loaded or INQUIRY
-     *        named nothing; then the revision that sysfs holds.
+     * Probes one device file: SCSI INQUIRY, or ATA IDENTIFY where the sg module is not loaded or INQUIRY named nothing;
+     * then the revision that sysfs holds.
      * @return DEV_SUCCESS, DEV_FAILURE or DEV_OPEN_FAILED.
-     * @throws std::out_of_range when `path` is shorter than "/dev/".
      */
     unsigned int GetDeviceInfo(BusDevice& bus, std::string& path);
 };
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice
 
 #endif

@@ -10,8 +10,7 @@
 #include "module/osinfos/systemdevice/firmwareIdentity.h"
 #include "module/osinfos/systemdevice/sysDevice.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 namespace {
 
@@ -107,5 +106,4 @@ DeviceCollector::GetDiskDriverSoftwareIdentities(std::vector<Zendra::ZDOptions::
     return result;
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice

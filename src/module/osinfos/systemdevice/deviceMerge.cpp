@@ -7,8 +7,7 @@
 
 #include "common/concatenate.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 namespace {
 
@@ -49,5 +48,4 @@ void MergeByAddress(std::vector<SystemDevice> accumulated, std::vector<SystemDev
     }
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice

@@ -12,22 +12,18 @@
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 /**
- * @brief Appends to `devices` each device of `accumulated` once, ordered by address.
- *
- * Of several records with one address the first is kept. Those without an address are all kept, with empty address
- * fields. DeviceCollector::GetAllDevice() says which order that is.
- *
+ * Appends to `devices` each device of `accumulated` once, ordered by address. Of several records with one address the
+ * first is kept. Those without an address are all kept, with empty address fields. DeviceCollector::GetAllDevice() says
+ * which order that is.
  * @param accumulated the records of the classes behind each other: tape, generic SCSI, disk, optical.
  * @param devices     the caller's list; what it holds already stays in front.
  * @throws std::bad_alloc when memory runs out; what was appended stays.
  */
 void MergeByAddress(std::vector<SystemDevice> accumulated, std::vector<SystemDevice>& devices);
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice
 
 #endif

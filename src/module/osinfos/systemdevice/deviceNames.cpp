@@ -5,8 +5,7 @@
 #include <cstddef>
 #include <iterator>
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 namespace {
 
@@ -69,5 +68,4 @@ std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names, 
     return taken;
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice

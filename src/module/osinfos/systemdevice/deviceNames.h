@@ -14,8 +14,7 @@
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 /** What the names of device files begin with. */
 namespace DevicePrefix {
@@ -30,25 +29,21 @@ constexpr const char* optical = "sr";
 }  // namespace DevicePrefix
 
 /**
- * @brief Whether a scan for `prefix` takes the file called `name`.
- *
- * The name must begin with the prefix. "st" leaves out every name that ends in a letter (in the current locale): the
- * tape mode variants st0a, st0l, st0m and the standard streams. "sd" leaves out every name that ends in a digit:
- * partitions. "nvme" leaves out names of 5 characters, the controllers nvme0 to nvme9, and names of more than 7, the
- * length of nvme0n1. Any other prefix leaves nothing out.
+ * Whether a scan for `prefix` takes the file called `name`. The name must begin with the prefix. "st" leaves out every
+ * name that ends in a letter (in the current locale): the tape mode variants st0a, st0l, st0m and the standard streams.
+ * "sd" leaves out every name that ends in a digit: partitions. "nvme" leaves out names of 5 characters, the controllers
+ * nvme0 to nvme9, and names of more than 7, the length of nvme0n1. Any other prefix leaves nothing out.
  */
 bool IsDeviceFileName(std::string_view prefix, std::string_view name);
 
 /**
- * @brief Those of `names` that the list of a class is made from, prefix by prefix and else in the order of `names`.
- *
- * Tapes are st or, where there is none, nst. Generic SCSI devices are sg or, where there is none, sd: without its
- * module, which decides for the library, no sg file exists. Disks are hd, sd and nvme. Optical drives are sr. Any
- * other type is SYS_DEVICE_SCSI.
+ * Those of `names` that the list of a class is made from, prefix by prefix and else in the order of `names`. Tapes are
+ * st or, where there is none, nst. Generic SCSI devices are sg or, where there is none, sd: without its module, which
+ * decides for the library, no sg file exists. Disks are hd, sd and nvme. Optical drives are sr. Any other type is
+ * SYS_DEVICE_SCSI.
  */
 std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names, SysDeviceType type);
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice
 
 #endif

@@ -11,8 +11,7 @@
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 /** Whether the disk has a firmware identity: of RAID volumes and M.2 disks others report the firmware. */
 bool HasFirmwareIdentity(const SystemDevice& disk);
@@ -23,7 +22,6 @@ bool IsNamedByVendor(const SystemDevice& disk);
 /** The identity: the disk's name without blanks around it, serial number and revision as the record has them. */
 ZDOptions::SoftwareIdentity_ FirmwareIdentityOf(const SystemDevice& disk);
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice
 
 #endif

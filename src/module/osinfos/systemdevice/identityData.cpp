@@ -7,8 +7,7 @@
 
 #include "common/concatenate.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 namespace {
 
@@ -162,5 +161,4 @@ void StoreIdLun(std::uint32_t packed, BusDevice& bus)
     bus.bus = byteAt(16);
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice

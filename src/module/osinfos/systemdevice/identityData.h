@@ -19,8 +19,7 @@
 
 #include "module/osinfos/systemdevice/busDevice.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 /** A run of bytes in an answer. */
 struct Field {
@@ -56,10 +55,8 @@ constexpr unsigned char typeTape = 1;
 constexpr Field vendor{8, 8};
 constexpr Field product{16, 16};
 constexpr Field revision{32, 4};
-/** The three together. */
-constexpr Field identity{8, 28};
-/** Bytes that are looked at. */
-constexpr std::size_t length = 36;
+constexpr Field identity{8, 28};    ///< The three together.
+constexpr std::size_t length = 36;  ///< Bytes that are looked at.
 }  // namespace Inquiry
 
 /** SPC VPD page 0x80, Unit Serial Number. */
@@ -67,9 +64,7 @@ namespace SerialPage {
 constexpr std::size_t lengthByte = 3;
 constexpr std::size_t serialOffset = 4;
 constexpr std::size_t longestSerial = 32;
-/** One character counts as none (oddity: serial-of-one). */
-constexpr std::size_t shortestSerial = 2;
-/** Bytes that are looked at. */
+constexpr std::size_t shortestSerial = 2;  ///< One character counts as none (oddity: serial-of-one).
 constexpr std::size_t length = serialOffset + longestSerial;
 }  // namespace SerialPage
 
@@ -84,10 +79,7 @@ constexpr std::size_t dataLength = 512;
 constexpr Field serialNumber{20, 20};
 constexpr Field firmwareRevision{46, 8};
 constexpr Field model{54, 40};
-/** Characters of the model that BusDevice::shortIdent takes. */
-constexpr std::size_t shortModelLength = 23;
-
-/** Header and data. */
+constexpr std::size_t shortModelLength = 23;  ///< Of BusDevice::shortIdent.
 using Buffer = std::array<unsigned char, headerLength + dataLength>;
 }  // namespace AtaIdentify
 
@@ -111,34 +103,25 @@ std::string_view DeviceTypeText(unsigned char code);
 std::string AddressText(const BusDevice& bus);
 
 /**
- * @brief Reads SPC standard INQUIRY data.
- *
- * Type (byte 0, its low four bits) in words, vendor (8-15), product (16-31), revision (32-35), all three as
- * `inquiryString`. Vendor and product lose blanks and tabs at both ends; an empty product becomes the vendor. The
- * record's address and serial number stay.
+ * Reads standard INQUIRY data: the type in words, vendor, product and revision, all three as `inquiryString`. Vendor
+ * and product lose blanks and tabs at both ends; an empty product becomes the vendor. Address and serial number stay.
  */
 void ReadInquiry(AnswerBytes answer, BusDevice& bus);
 
 /** What ReadSerialPage() did with a serial number. */
 enum class SerialNumber {
-    /** It stands in the record. */
-    Taken,
-    /** Longer than 32 bytes; the record has the old one. */
-    TooLong,
-    /** Of no byte or one; the record's is empty. */
-    TooShort
+    Taken,    ///< It stands in the record.
+    TooLong,  ///< Longer than 32 bytes; the record has the old one.
+    TooShort  ///< Of no byte or one; the record's is empty.
 };
 
-/** @brief Reads SPC VPD page 0x80: the length is byte 3, the serial number begins at byte 4. */
+/** Reads the Unit Serial Number page. */
 SerialNumber ReadSerialPage(AnswerBytes answer, BusDevice& bus);
 
 /** The texts of ATA IDENTIFY DEVICE data, their characters in reading order. */
 struct AtaIdentity {
-    /** Words 27-46, 40 characters at most. */
     std::string model;
-    /** Words 23-26, 8 characters at most. */
     std::string firmwareRevision;
-    /** Words 10-19, 20 characters at most. */
     std::string serialNumber;
 };
 
@@ -149,30 +132,24 @@ AtaIdentify::Buffer AtaIdentifyRequest();
 AtaIdentity ReadAtaIdentity(AnswerBytes buffer);
 
 /**
- * @brief Makes the device the one that ATA IDENTIFY DEVICE describes.
- *
- * The model's first word becomes the vendor and its second the product; a word that is not there leaves the record's.
- * The revision and the serial number keep their blanks. The address stays, and becomes `otherIdentInfo`.
+ * Makes the device the one of `identity`. The model's first word becomes the vendor and its second the product; a word
+ * that is not there leaves the record's. Revision and serial number keep their blanks; the address stays, and becomes
+ * `otherIdentInfo`.
  */
 void StoreAtaIdentity(const AtaIdentity& identity, BusDevice& bus);
 
-/** @brief Takes the revision, without any of its blanks, and as product the model up to its first blank. */
+/** Takes the revision, without any of its blanks, and as product the model up to its first blank. */
 void StoreAtaFirmware(const AtaIdentity& identity, BusDevice& bus);
 
-/**
- * @brief Reads NVMe Identify Controller data: serial number (bytes 4-22), model (24-62), revision (from 64).
- *
- * The vendor becomes "NVMe" and the type that of a disk. No text loses its blanks; the address stays.
- */
+/** The vendor becomes "NVMe" and the type that of a disk. No text loses its blanks; the address stays. */
 void ReadNvmeIdentity(AnswerBytes answer, BusDevice& bus);
 
-/** @brief Takes the address that SG_GET_SCSI_ID answers, each number cut to 16 bits. */
+/** Takes the address that SG_GET_SCSI_ID answers, each number cut to 16 bits. */
 void StoreScsiId(const sg_scsi_id& answer, BusDevice& bus);
 
-/** @brief Takes what SCSI_IOCTL_GET_IDLUN packs: target in bits 0-7, LUN in 8-15, channel in 16-23. */
+/** Takes what SCSI_IOCTL_GET_IDLUN packs: target in bits 0-7, LUN in 8-15, channel in 16-23. */
 void StoreIdLun(std::uint32_t packed, BusDevice& bus);
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice
 
 #endif

@@ -7,9 +7,7 @@
 #include <sstream>
 #include <utility>
 
-namespace Zendra {
-namespace ZDSystemDevice {
-namespace OpticalTable {
+namespace Zendra::ZDSystemDevice::OpticalTable {
 
 namespace {
 
@@ -70,6 +68,4 @@ void StoreRows(const Rows& rows, OpticalProperty& drive)
     }
 }
 
-}  // namespace OpticalTable
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice::OpticalTable

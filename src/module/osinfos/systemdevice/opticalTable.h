@@ -15,10 +15,7 @@
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
-
-namespace OpticalTable {
+namespace Zendra::ZDSystemDevice::OpticalTable {
 
 constexpr const char* path = "/proc/sys/dev/cdrom/info";
 /** Characters; a longer line ends the table. */
@@ -36,15 +33,11 @@ std::vector<std::string> SplitLines(const std::string& table);
 Rows ReadRows(const std::vector<std::string>& lines);
 
 /**
- * @brief Takes over what the rows say: the drive's path and its capabilities; vendor and product stay.
- *
- * What has no row stays. A capability is "Yes" where the row says exactly "1", otherwise "No".
+ * Takes over what the rows say: the drive's path and its capabilities; vendor and product stay. What has no row stays.
+ * A capability is "Yes" where the row says exactly "1", otherwise "No".
  */
 void StoreRows(const Rows& rows, OpticalProperty& drive);
 
-}  // namespace OpticalTable
-
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice::OpticalTable
 
 #endif

@@ -5,8 +5,7 @@
 #include <cerrno>
 #include <memory>
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 namespace {
 
@@ -54,5 +53,4 @@ std::optional<std::string> SysBlock::DirectoryOf(const std::string& deviceName)
     return first != positions.end() ? blockDirectory + first->first + "/" : std::string();
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice

@@ -6,8 +6,7 @@
 #include "common/logger/logLine.h"
 #include "module/osinfos/systemdevice/dataProxy_linux.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 SysDevice::SysDevice(SysDeviceType type) : deviceType(type)
 {
@@ -58,5 +57,4 @@ unsigned int SysDevice::GetOpticalData(std::vector<OpticalProperty>& out)
     return result;
 }
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice

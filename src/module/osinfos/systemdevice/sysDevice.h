@@ -12,8 +12,7 @@
 #include "common/export.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDSystemDevice {
+namespace Zendra::ZDSystemDevice {
 
 class DataProxy;
 
@@ -23,19 +22,18 @@ public:
     /** Any type other than the four known ones is treated as SYS_DEVICE_SCSI. */
     explicit SysDevice(SysDeviceType type);
 
-    /** Makes the proxy of the class; the caller, who includes dataProxy_linux.h, deletes it. Null when memory ran out.
-     */
+    /** Makes the proxy of the class; the caller deletes it (see dataProxy_linux.h). Null when memory ran out. */
     DataProxy* makeDataProxy();
 
     /**
-     * @brief Appends the devices of the class. Loads the sg module; blocks while the devices are asked.
+     * Appends the devices of the class. Loads the sg module; blocks while the devices are asked.
      * @return DEVICE_RESULT_OK (also when memory ran out before the scan) or DEVICE_RESULT_NONE.
      * @throws std::bad_alloc when memory runs out during the scan; what was appended stays, and the proxy is lost.
      */
     unsigned int GetData(std::vector<SystemDevice>& out);
 
     /**
-     * @brief Appends the capability records of the class, which only optical drives have.
+     * Appends the capability records of the class, which only optical drives have.
      * @return what the class answers: DEVICE_RESULT_OK (also when memory ran out before the scan),
      *         DEVICE_RESULT_NONE, or DEV_SUCCESS from the generic SCSI class, with nothing done.
      * @throws std::bad_alloc when memory runs out during the scan; the proxy is lost.
@@ -46,7 +44,6 @@ private:
     SysDeviceType deviceType;
 };
 
-}  // namespace ZDSystemDevice
-}  // namespace Zendra
+}  // namespace Zendra::ZDSystemDevice
 
 #endif
