@@ -9,8 +9,7 @@
 #include "toolTests.h"
 #include "tools/zddevices/output/messages.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 using Names = std::vector<std::string>;
@@ -138,5 +137,4 @@ TEST(DescribeDenied, FileNamesCannotSteerATerminal)
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -25,8 +25,7 @@ extern "C" int close(int descriptor)
     return reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"))(descriptor);
 }
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 std::error_code FailureOfWriting()
@@ -56,5 +55,4 @@ TEST(WriteOutput, TakesAnInterruptedCloseForDone)
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -6,11 +6,16 @@
 #include <scsi/scsi_ioctl.h>
 #include <scsi/sg.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -20,8 +25,7 @@
 #include "toolTests.h"
 #include "tools/zddevices/doctor/doctorReport.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 /** The answer to an SG_IO request, with this SCSI status and sense data. */
@@ -436,14 +440,22 @@ TEST(Doctor, FilesAreAskedInWorkersAndKeepTheirOrder)
 
 TEST(Doctor, ADeviceThatDoesNotAnswerCostsItsTimeAndNoMore)
 {
-    // No worker can answer so soon.
+    // The library never gets beyond loading its module.
+    char directory[] = "/tmp/doctorTest.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(directory));
+    const std::string modprobe = std::string(directory) + "/modprobe";
+    std::ofstream(modprobe) << "#!/bin/sh\nexec sleep 60\n";
+    ASSERT_EQ(0, chmod(modprobe.c_str(), S_IRWXU));
+    const std::string path = std::getenv("PATH");
+    setenv("PATH", (std::string(directory) + ":" + path).c_str(), 1);
     const std::vector<CheckedFile> files = CheckInWorkers(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, {"/nowhere/sda"},
-                                                          std::chrono::nanoseconds(1), nullptr);
+                                                          std::chrono::milliseconds(100), nullptr);
+    setenv("PATH", path.c_str(), 1);
+    std::filesystem::remove_all(directory);
     ASSERT_EQ(files.size(), 1U);
     EXPECT_EQ(files[0].path, "/nowhere/sda");
     EXPECT_EQ(files[0].visibility, Visibility::NoAnswerInTime);
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

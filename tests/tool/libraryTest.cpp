@@ -16,8 +16,7 @@
 #include "tools/zddevices/scan/library.h"
 #include "tools/zddevices/scan/questions.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 using ZDSystemDevice::SystemDevice;
@@ -259,5 +258,4 @@ TEST_F(Library, TheWatchIsToldOfEachFileAndOfEachFailureWithItsError)
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

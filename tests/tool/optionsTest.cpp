@@ -7,8 +7,7 @@
 #include "toolTests.h"
 #include "tools/zddevices/scan/logging.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 CommandLine Parse(std::vector<const char*> arguments)
@@ -217,5 +216,4 @@ TEST(LogControl, SaysSoWhereThereIsNeither)
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

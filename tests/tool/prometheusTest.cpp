@@ -7,8 +7,7 @@
 #include "toolTests.h"
 #include "tools/zddevices/output/text.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 using ZDSystemDevice::SystemDevice;
@@ -242,5 +241,4 @@ TEST(PrometheusDocument, IsVisibleUtf8WithUniqueSamplesWhateverTheDevicesSay)
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

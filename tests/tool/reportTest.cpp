@@ -11,8 +11,7 @@
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 using ZDSystemDevice::SystemDevice;
@@ -385,5 +384,4 @@ TEST(Status, OnlyTheAnswersOfAListOperationMeanThatTheScanRan)
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -51,8 +51,7 @@ extern "C" int prctl(int option, ...) noexcept
     return static_cast<int>(syscall(SYS_prctl, option, argument));
 }
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -188,5 +187,4 @@ bool LoadSgDriver()
     return false;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

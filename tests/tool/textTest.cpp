@@ -24,8 +24,7 @@ extern "C" char* nl_langinfo(nl_item item) noexcept
     return answer;
 }
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 using namespace std::string_literals;
@@ -184,5 +183,4 @@ TEST(ValidUtf8, ResultIsAlwaysUtf8)
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -15,8 +15,7 @@
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** Sets the locale that decides which characters are printable; back to UTF-8 at the end. */
 class CharacterSet {
@@ -118,7 +117,6 @@ inline ZDOptions::SoftwareIdentity_ HostileIdentity(HostileTexts& texts)
     return identity;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

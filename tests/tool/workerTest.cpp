@@ -30,8 +30,7 @@ extern "C" int kill(pid_t process, int signal) noexcept
     return static_cast<int>(syscall(SYS_kill, process, signal));
 }
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 namespace {
 
 using std::chrono::milliseconds;
@@ -696,5 +695,4 @@ TEST(Progress, NamesTheDevicesThatAreKnownLongestFirst)
 }
 
 }  // namespace
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -12,8 +12,7 @@
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** A class of devices. */
 struct DeviceClass {
@@ -50,7 +49,6 @@ constexpr const DeviceClass& ClassOf(ZDSystemDevice::SysDeviceType type)
     throw std::invalid_argument("no class of devices has this number");
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

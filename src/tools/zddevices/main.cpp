@@ -30,8 +30,7 @@
 #include "tools/zddevices/scan/progress.h"
 #include "tools/zddevices/scan/questions.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -204,8 +203,7 @@ int Run(int argc, const char* const* argv)
 
 }  // namespace
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 int main(int argc, char** argv)
 {

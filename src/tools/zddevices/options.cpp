@@ -15,8 +15,7 @@
 #include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/records/field.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -272,5 +271,4 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
     }
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

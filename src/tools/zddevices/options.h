@@ -14,8 +14,7 @@
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/output/table.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** The subcommands; Devices is what runs without one. */
 enum class Command { Devices, Optical, Firmware, Doctor };
@@ -52,7 +51,6 @@ using CommandLine = std::variant<Options, TextWanted, UsageError>;
 /** Reads the command line; does nothing else. */
 CommandLine ParseCommandLine(int argc, const char* const* argv);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

@@ -10,8 +10,7 @@
 #include <cstdlib>
 #include <system_error>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -68,5 +67,4 @@ void Complain(const char* message) noexcept
     static_cast<void>(std::fprintf(stderr, "zddevices: %s\n", message));
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

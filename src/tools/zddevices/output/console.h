@@ -8,8 +8,7 @@
 #include <cstddef>
 #include <string>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /**
  * @brief Makes descriptors 0 to 2 safe and broken pipes an error like any other. First thing in main().
@@ -34,7 +33,6 @@ void WriteOutput(const std::string& text);
 /** Writes "zddevices: message" and a line end to standard error. Errors are ignored. */
 void Complain(const char* message) noexcept;
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

@@ -12,8 +12,7 @@
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/records/field.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -146,5 +145,4 @@ template std::string RenderJson(const Report<ZDSystemDevice::SystemDevice>&, con
 template std::string RenderJson(const Report<ZDSystemDevice::OpticalProperty>&, const ReportOrigin&);
 template std::string RenderJson(const Report<ZDOptions::SoftwareIdentity_>&, const ReportOrigin&);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -14,8 +14,7 @@
 
 #include "tools/zddevices/records/report.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** Takes the library's characters; unlike the library's own buffers it notices that memory has run out. */
 struct JsonText {
@@ -62,7 +61,6 @@ std::string RenderDocument(const char* schema, const ReportOrigin& origin,
 template <typename Record>
 std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

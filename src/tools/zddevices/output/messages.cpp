@@ -7,8 +7,7 @@
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/output/text.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 std::string StatusName(unsigned int status)
 {
@@ -61,5 +60,4 @@ std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot
     return text;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -11,8 +11,7 @@
 #include "tools/zddevices/records/report.h"
 #include "tools/zddevices/scan/access.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** "DEVICE_RESULT_OK", ...; "UNKNOWN" for a number that the library does not use. */
 std::string StatusName(unsigned int status);
@@ -25,7 +24,6 @@ std::string DescribeUnanswered(const Unanswered& unanswered);
 /** Which files these are and what to do about them. */
 std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

@@ -14,8 +14,7 @@
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -169,5 +168,4 @@ std::string RenderPrometheus(const Inventory& inventory, std::chrono::system_clo
                   {{"", std::to_string(sinceEpoch.count())}});
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

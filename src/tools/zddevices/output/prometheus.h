@@ -13,8 +13,7 @@
 
 #include "tools/zddevices/scan/questions.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** A label's value, in its quotation marks: backslash, quotation mark and line feed are written as the format asks. */
 std::string QuotedLabelValue(std::string text);
@@ -34,7 +33,6 @@ std::string QuotedLabelValue(std::string text);
 std::string RenderPrometheus(const Inventory& inventory, std::chrono::system_clock::time_point begun,
                              std::size_t deniedFiles);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

@@ -10,8 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -78,5 +77,4 @@ std::string RenderTable(const Table& table, std::size_t width, Headings headings
     return WithoutTrailingBlanks(Check(lines));
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** What happens to a cell that is too wide for the terminal. */
 enum class Overflow {
@@ -49,7 +48,6 @@ enum class Headings { Shown, None };
  */
 std::string RenderTable(const Table& table, std::size_t width, Headings headings = Headings::Shown);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

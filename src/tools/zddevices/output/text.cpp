@@ -11,8 +11,7 @@
 #include <locale>
 #include <utility>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 const char* const unknownText = "-";
 
@@ -148,5 +147,4 @@ std::string ValidUtf8(std::string_view text)
         text, [](CodePoint, std::string_view) { return true; }, [](std::string_view) { return "\xEF\xBF\xBD"; });
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -11,8 +11,7 @@
 #include <string>
 #include <string_view>
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** What a table shows where a text is not known. */
 extern const char* const unknownText;
@@ -50,7 +49,6 @@ std::string LabelText(std::string_view text);
 /** The text as UTF-8: each byte that is not part of a UTF-8 character becomes U+FFFD; all others stay. */
 std::string ValidUtf8(std::string_view text);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

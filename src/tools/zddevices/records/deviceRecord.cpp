@@ -2,8 +2,7 @@
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -63,5 +62,4 @@ Report<Device> DescribeDevices(unsigned int status, std::vector<Device> devices,
     return {status, std::move(devices), {}, type ? ClassOf(*type).nothingFound : "No storage devices found.", {}};
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

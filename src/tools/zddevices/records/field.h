@@ -20,8 +20,7 @@
 #include "tools/zddevices/output/table.h"
 #include "tools/zddevices/output/text.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** When the table has a column for a field. */
 enum class InTable { ByDefault, WhenAsked };
@@ -166,7 +165,6 @@ std::vector<std::string> HeadingsOf()
     return headings;
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

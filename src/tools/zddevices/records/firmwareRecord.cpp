@@ -1,8 +1,7 @@
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -56,5 +55,4 @@ Report<Identity> DescribeFirmware(unsigned int status, std::vector<Identity> ide
     return {status, std::move(identities), {}, "No disk firmware found.", {}};
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

@@ -5,8 +5,7 @@
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 namespace {
 
@@ -88,5 +87,4 @@ Report<Drive> DescribeOptical(unsigned int status, std::vector<Drive> drives)
     return {status, std::move(drives), {}, ClassOf(ZDSystemDevice::SYS_DEVICE_CDDVD).nothingFound, remark};
 }
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices

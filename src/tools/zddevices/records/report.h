@@ -12,8 +12,7 @@
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
-namespace Zendra {
-namespace ZDDevices {
+namespace Zendra::ZDDevices {
 
 /** Whether a scan that answered this ran: with or without devices. */
 constexpr bool ScanRan(unsigned int status)
@@ -67,7 +66,6 @@ Report<ZDSystemDevice::OpticalProperty> DescribeOptical(unsigned int status,
 /** Whether the record stands for several drives, whose capabilities are then not known. */
 bool NamesSeveral(const ZDSystemDevice::OpticalProperty& drive);
 
-}  // namespace ZDDevices
-}  // namespace Zendra
+}  // namespace Zendra::ZDDevices
 
 #endif

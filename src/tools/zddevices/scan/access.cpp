@@ -1,6 +1,5 @@
 #include "tools/zddevices/scan/access.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
@@ -9,7 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
+#include <filesystem>
 #include <system_error>
 
 #include "module/osinfos/systemdevice/deviceNames.h"
@@ -23,23 +22,18 @@ using ZDSystemDevice::SysDeviceType;
 
 constexpr const char* deviceDirectory = "/dev";
 
-struct DirectoryCloser {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
-
 }  // namespace
 
 std::vector<std::string> ListDeviceDirectory()
 {
-    const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(deviceDirectory));
     std::vector<std::string> names;
-    errno = directory ? 0 : errno;
-    while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
-        names.emplace_back(entry->d_name);
-        errno = 0;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(deviceDirectory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        names.push_back(entry->path().filename().string());
     }
-    if (errno != 0) {
-        throw std::system_error(errno, std::generic_category(), std::string(deviceDirectory) + " cannot be listed");
+    if (error) {
+        throw std::system_error(error, std::string(deviceDirectory) + " cannot be listed");
     }
     return names;
 }
