@@ -22,30 +22,20 @@ namespace Zendra::ZDDevices {
 
 /** One request to a device and what came back. */
 struct RequestResult {
-    /** The ioctl's name. */
-    std::string request;
-    /** What it asks for, in words. */
-    std::string asks;
-    /** The kernel's error number; 0 when it answered. */
-    int error = 0;
-    /** What was odd about the answer; empty when nothing was. */
-    std::string remark;
+    std::string request;  ///< The ioctl's name.
+    std::string asks;     ///< What it asks for, in words.
+    int error = 0;        ///< The kernel's error number; 0 when it answered.
+    std::string remark;   ///< What was odd about the answer; empty when nothing was.
 };
 
 /** Whether the library lists the device behind a file. */
 enum class Visibility {
-    /** It does. */
-    Visible,
-    /** This user may not open the file. */
-    Denied,
-    /** The file cannot be opened for another reason. */
-    CannotBeOpened,
-    /** The device was asked and gave nothing that the library takes for a device. */
-    NoUsableAnswer,
-    /** Nothing came back in time. */
-    NoAnswerInTime,
-    /** A rewinding tape node without a twin that could be asked; it may be opened. */
-    NotAsked
+    Visible,         ///< It does.
+    Denied,          ///< This user may not open the file.
+    CannotBeOpened,  ///< The file cannot be opened for another reason.
+    NoUsableAnswer,  ///< The device was asked and gave nothing that the library takes for a device.
+    NoAnswerInTime,  ///< Nothing came back in time.
+    NotAsked         ///< A rewinding tape node without a twin that could be asked; it may be opened.
 };
 
 /** What is known of one device file. */
@@ -54,8 +44,7 @@ struct CheckedFile {
     /** The file that was opened in its place; empty when it was opened itself or nothing was. */
     std::string askedThrough;
     Visibility visibility = Visibility::NoUsableAnswer;
-    /** Of open(2); 0 when the file was opened. */
-    int openError = 0;
+    int openError = 0;  ///< Of open(2); 0 when the file was opened.
     /** In the order in which the library made them. */
     std::vector<RequestResult> requests;
     /** As the library lists them; empty where no device answered. */

@@ -26,18 +26,12 @@ constexpr Duration usualTimePerDevice = std::chrono::seconds(10);
 struct HostFacts {
     /** Whether the generic class uses the sg driver: "modprobe sg", which every list begins with, succeeds. */
     bool sgUsed = false;
-    /** Whether the sg driver is part of the running kernel. */
-    bool sgLoaded = false;
-    /** Whether modprobe finds a module to load, or nothing to do. */
-    bool modprobeFindsSg = false;
-    /** Whether this process may load a module that is not loaded yet. */
-    bool mayLoadModules = false;
-    /** Whether this process has the effective user id of root. */
-    bool userIsRoot = false;
-    /** The error of listing /dev; 0 when it was listed. */
-    int directoryError = 0;
-    /** What is in /dev, directories left out. */
-    std::vector<std::string> names;
+    bool sgLoaded = false;           ///< Whether the sg driver is part of the running kernel.
+    bool modprobeFindsSg = false;    ///< Whether modprobe finds a module to load, or nothing to do.
+    bool mayLoadModules = false;     ///< Whether this process may load a module that is not loaded yet.
+    bool userIsRoot = false;         ///< Whether this process has the effective user id of root.
+    int directoryError = 0;          ///< The error of listing /dev; 0 when it was listed.
+    std::vector<std::string> names;  ///< What is in /dev, directories left out.
 };
 
 /** The device files of one class. */
@@ -52,12 +46,9 @@ struct Diagnosis {
     HostFacts facts;
     /** Tape, generic, disk, optical. */
     std::vector<ClassFiles> classes;
-    /** Device files of disks that the library never looks at, as paths. */
-    std::vector<std::string> notLookedAt;
-    /** How long each device had, in seconds. */
-    double secondsPerDevice = 0;
-    /** What to do, one thing each, fit for a terminal. */
-    std::vector<std::string> advice;
+    std::vector<std::string> notLookedAt;  ///< Device files of disks that the library never looks at, as paths.
+    double secondsPerDevice = 0;           ///< How long each device had, in seconds.
+    std::vector<std::string> advice;       ///< What to do, one thing each, fit for a terminal.
 
     /** Whether no device file hides its device from this user. */
     bool AllVisible() const;
