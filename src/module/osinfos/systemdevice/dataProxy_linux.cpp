@@ -254,7 +254,14 @@ unsigned int DataProxy::GetCDDVDOptList(std::vector<OpticalProperty>& /*options*
 
 void DataProxy::InitBusDev(BusDevice& bus)
 {
-    bus = BusDevice();
+    bus.hostAdapter = bus.bus = bus.spareNumber = bus.targetId = bus.lun = 0;
+    // Emptied and not made anew: texts find the room of the last device's (0.2 of 128 million instructions, 500 disks).
+    for (std::string BusDevice::*text :
+         {&BusDevice::devId, &BusDevice::spareText, &BusDevice::productId, &BusDevice::vendorId, &BusDevice::revision,
+          &BusDevice::serialNum, &BusDevice::otherIdentInfo, &BusDevice::shortIdent, &BusDevice::deviceType,
+          &BusDevice::inquiryString}) {
+        (bus.*text).clear();
+    }
 }
 
 std::string DataProxy::GetDeviceTypeString(unsigned char code)

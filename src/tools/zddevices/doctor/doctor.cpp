@@ -1,5 +1,6 @@
 #include "tools/zddevices/doctor/doctor.h"
 
+#include <fnmatch.h>
 #include <linux/capability.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -13,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <system_error>
 
@@ -59,11 +59,12 @@ std::vector<std::string> FilesOf(SysDeviceType type, const HostFacts& facts)
 /** Whole disks of drivers that speak no SCSI or ATA, and NVMe disks beyond the tenth controller. */
 std::vector<std::string> NotLookedAt(const HostFacts& facts)
 {
-    const std::regex wholeDisk("vd[a-z]+|xvd[a-z]+|mmcblk[0-9]+|nvme[0-9]+n[0-9]+");
+    constexpr const char* wholeDisk = "@(vd+([a-z])|xvd+([a-z])|mmcblk+([0-9])|nvme+([0-9])n+([0-9]))";
     const std::vector<std::string> lookedAt = DeviceFileNames(facts.names, std::nullopt);
     std::vector<std::string> found;
     for (const std::string& name : facts.names) {
-        if (std::regex_match(name, wholeDisk) && std::find(lookedAt.begin(), lookedAt.end(), name) == lookedAt.end()) {
+        if (fnmatch(wholeDisk, name.c_str(), FNM_EXTMATCH) == 0 &&
+            std::find(lookedAt.begin(), lookedAt.end(), name) == lookedAt.end()) {
             found.push_back(deviceDirectory + name);
         }
     }
