@@ -95,7 +95,8 @@ class Case(unittest.TestCase):
 
     def environment(self, script=None, locale="C.UTF-8"):
         environment = {key: value for key, value in os.environ.items() if not key.startswith("LC_")}
-        environment.update(LC_ALL=locale)
+        # Away from UTC, where local time would pass for it.
+        environment.update(LC_ALL=locale, TZ="JST-9")
         if script is not None:
             path = os.path.join(self.directory, "script.json")
             with open(path, "w", encoding="ascii") as file:

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -382,6 +383,10 @@ TEST(Workers, MessagesComeThroughLineByLine)
                 for (int half = 0; half < 2; ++half) {
                     const std::string text(100, letter);
                     EXPECT_EQ(write(STDERR_FILENO, text.data(), text.size()), 100);
+                    // Until the half line has been read, so that it is there alone.
+                    for (int unread = 1; ioctl(STDERR_FILENO, FIONREAD, &unread) == 0 && unread > 0;) {
+                        usleep(100);
+                    }
                 }
                 EXPECT_EQ(write(STDERR_FILENO, "\n", 1), 1);
             }
