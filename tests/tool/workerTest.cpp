@@ -460,6 +460,8 @@ TEST(Workers, ACallerThatIgnoresItsChildrenGetsAnswersToo)
 
 TEST(Workers, WithoutDescriptorsThereIsAFailureForEachTask)
 {
+    // A sanitizer that meets a type for the first time needs descriptors of its own.
+    RunWorkers({}, longLimit);
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{3, before.rlim_max};
