@@ -20,7 +20,7 @@ from . import architecture, programs
 from .problem import Problem
 
 # What a guest of another architecture takes besides our programs, with all that it depends on.
-GUEST_PACKAGES = ("busybox-static", "kmod", "libstdc++6", "libsmartcols1")
+GUEST_PACKAGES = ("busybox-static", "kmod", "libstdc++6", "libsmartcols1", "libudev1")
 
 # Knows the mirror of this host.
 DEBIAN_ROOT = Path(__file__).resolve().parents[3] / "scripts" / "debian-root"

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstdint>
@@ -16,32 +17,29 @@ namespace Zendra::ZDDevices {
 
 namespace {
 
-/** An address field as a number; null when it holds none. */
-void WriteAddressNumber(JsonWriter& json, std::string_view field)
+/** Decimal digits as a number; null when there are none. */
+void WriteNumber(JsonWriter& json, std::string_view digits)
 {
-    std::uint16_t number = 0;
-    const char* end = field.data() + field.size();
-    const std::from_chars_result result = std::from_chars(field.data(), end, number);
+    std::uint64_t number = 0;
+    const char* end = digits.data() + digits.size();
+    const std::from_chars_result result = std::from_chars(digits.data(), end, number);
     if (result.ec != std::errc() || result.ptr != end) {
         json.Null();
     } else {
-        json.Uint(number);
+        json.Uint64(number);
     }
 }
 
-template <typename Record>
-void WriteRecord(JsonWriter& json, const Record& record)
+/** Texts that each end with a line end, as an array. */
+void WriteLines(JsonWriter& json, std::string_view lines)
 {
-    json.StartObject();
-    for (const Field<Record>& field : MembersOf<Record>()) {
-        if (field.key != nullptr && field.content == Content::Number) {
-            json.Key(field.key);
-            WriteAddressNumber(json, record.*field.member);
-        } else if (field.key != nullptr) {
-            WriteRecordText(json, field.key, record.*field.member);
-        }
+    json.StartArray();
+    while (!lines.empty()) {
+        const std::string_view line = lines.substr(0, lines.find('\n'));
+        WriteText(json, line);
+        lines.remove_prefix(std::min(line.size() + 1, lines.size()));
     }
-    json.EndObject();
+    json.EndArray();
 }
 
 }  // namespace
@@ -113,6 +111,24 @@ std::string RenderDocument(const char* schema, const ReportOrigin& origin,
 }
 
 template <typename Record>
+void WriteRecord(JsonWriter& json, const Record& record)
+{
+    json.StartObject();
+    for (const Field<Record>& field : MembersOf<Record>()) {
+        if (field.key == nullptr) {
+            continue;
+        }
+        if (field.content == Content::Number || field.content == Content::Lines) {
+            json.Key(field.key);
+            (field.content == Content::Number ? WriteNumber : WriteLines)(json, record.*field.member);
+        } else {
+            WriteRecordText(json, field.key, record.*field.member);
+        }
+    }
+    json.EndObject();
+}
+
+template <typename Record>
 std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin)
 {
     return RenderDocument(KindOf<Record>().schema, origin, [&report](JsonWriter& json) {
@@ -141,6 +157,8 @@ std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin)
     });
 }
 
+template void WriteRecord(JsonWriter&, const StorageDevice&);
+template std::string RenderJson(const Report<StorageDevice>&, const ReportOrigin&);
 template std::string RenderJson(const Report<ZDSystemDevice::SystemDevice>&, const ReportOrigin&);
 template std::string RenderJson(const Report<ZDSystemDevice::OpticalProperty>&, const ReportOrigin&);
 template std::string RenderJson(const Report<ZDOptions::SoftwareIdentity_>&, const ReportOrigin&);

@@ -57,6 +57,10 @@ ReportOrigin HereAndNow();
 std::string RenderDocument(const char* schema, const ReportOrigin& origin,
                            const std::function<void(JsonWriter&)>& write);
 
+/** Writes the record as an object. */
+template <typename Record>
+void WriteRecord(JsonWriter& json, const Record& record);
+
 /** The document about the records. */
 template <typename Record>
 std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin);

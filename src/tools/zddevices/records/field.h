@@ -2,8 +2,9 @@
  * @file
  * @brief What a kind of record consists of, field by field.
  *
- * Each kind has one table of fields, in deviceRecord.cpp, firmwareRecord.cpp and opticalRecord.cpp. The table for
- * people, JSON, metrics and what one process tells another are all made from it: a new column is a new row there.
+ * Each kind has one table of fields, in deviceRecord.cpp, storageDevice.cpp, firmwareRecord.cpp and opticalRecord.cpp.
+ * The table for people, JSON, metrics and what one process tells another are all made from it: a new column is a new
+ * row there.
  */
 #ifndef ZENDRA_ZDDEVICES_FIELD_H
 #define ZENDRA_ZDDEVICES_FIELD_H
@@ -19,6 +20,7 @@
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/output/table.h"
 #include "tools/zddevices/output/text.h"
+#include "tools/zddevices/records/storageDevice.h"
 
 namespace Zendra::ZDDevices {
 
@@ -28,8 +30,10 @@ enum class InTable { ByDefault, WhenAsked };
 /** What a field's text says. */
 enum class Content {
     Text,
-    /** Decimal digits; JSON has a number from 0 to 65535 in their place. */
+    /** Decimal digits; JSON has a number in their place. */
     Number,
+    /** Any number of texts, each ended by a line end; JSON has an array of them. */
+    Lines,
     /** "Yes" or "No" to what the heading names; the metrics have a sample for it. */
     Capability
 };
@@ -67,6 +71,8 @@ template <typename Record>
 const RecordKind<Record>& KindOf();
 template <>
 const RecordKind<ZDSystemDevice::SystemDevice>& KindOf<ZDSystemDevice::SystemDevice>();
+template <>
+const RecordKind<StorageDevice>& KindOf<StorageDevice>();
 template <>
 const RecordKind<ZDSystemDevice::OpticalProperty>& KindOf<ZDSystemDevice::OpticalProperty>();
 template <>
@@ -115,6 +121,17 @@ std::string TextOf(const Record& record, const Field<Record>& field)
     return field.member != nullptr ? record.*field.member : field.compose(record);
 }
 
+/** The field as people see it: fit to be printed, without the white space that pads a text, "-" for an empty one. */
+template <typename Record>
+std::string CellOf(const Record& record, const Field<Record>& field)
+{
+    std::string text = TextOf(record, field);
+    if (field.content == Content::Lines) {
+        std::replace(text.begin(), text.end(), '\n', ' ');
+    }
+    return CellText(text);
+}
+
 /** The fields of these headings, in their order; those of the table by default for no heading. */
 template <typename Record>
 std::vector<const Field<Record>*> FieldsOf(const std::vector<std::string>& headings)
@@ -148,7 +165,7 @@ Table TableOf(const std::vector<Record>& records, const std::vector<std::string>
     for (const Record& record : records) {
         std::vector<std::string>& row = table.rows.emplace_back();
         for (const Field<Record>* field : fields) {
-            row.push_back(CellText(TextOf(record, *field)));
+            row.push_back(CellOf(record, *field));
         }
     }
     return table;

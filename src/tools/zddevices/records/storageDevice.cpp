@@ -1,0 +1,133 @@
+#include "tools/zddevices/records/storageDevice.h"
+
+#include <charconv>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "tools/zddevices/records/field.h"
+
+namespace Zendra::ZDDevices {
+
+namespace {
+
+using Device = StorageDevice;
+
+std::string Address(const Device& device);
+std::string Type(const Device& device);
+std::string Size(const Device& device);
+
+/** A column that stays as it is, and that a table has when asked for. */
+constexpr Field<Device> Extra(const char* heading, const char* key, std::string Device::*member,
+                              Content content = Content::Text)
+{
+    return {{heading, 0.05, Overflow::Keep}, key, member, nullptr, InTable::WhenAsked, content};
+}
+
+constexpr Field<Device> fields[] = {
+    // Heading, share of the width, when too wide, key in JSON, text.
+    {{"DEVICE", 0.05, Overflow::Keep}, "device", &Device::device},
+    {{"TYPE", 0.05, Overflow::Keep}, nullptr, nullptr, Type},
+    {{"SIZE", 0.05, Overflow::Keep}, nullptr, nullptr, Size},
+    {{"VENDOR", 0.10, Overflow::Wrap}, "vendor", &Device::vendor},
+    {{"PRODUCT", 0.25, Overflow::Wrap}, "product", &Device::product},
+    {{"FIRMWARE", 0.10, Overflow::Wrap}, "firmware_revision", &Device::firmware_revision},
+    {{"SERIAL", 0.25, Overflow::Wrap}, "serial_number", &Device::serial_number},
+    {{"ADDRESS", 0.05, Overflow::Keep}, nullptr, nullptr, Address, InTable::WhenAsked},
+    {{"TYPE-TEXT", 0.20, Overflow::Cut}, "device_type", &Device::device_type, nullptr, InTable::WhenAsked},
+    {{"MODEL", 0.25, Overflow::Wrap}, "model", &Device::model, nullptr, InTable::WhenAsked},
+    {{"REVISION", 0.10, Overflow::Wrap}, "revision", &Device::revision, nullptr, InTable::WhenAsked},
+    {{"WWN", 0.15, Overflow::Wrap}, "wwn", &Device::wwn, nullptr, InTable::WhenAsked},
+    {{"SLOT", 0.15, Overflow::Wrap}, "slot", &Device::slot, nullptr, InTable::WhenAsked},
+    {{"FILES", 0.20, Overflow::Wrap},
+     "device_files",
+     &Device::device_files,
+     nullptr,
+     InTable::WhenAsked,
+     Content::Lines},
+    Extra("TRANSPORT", "transport", &Device::transport),
+    Extra("STATE", "state", &Device::state),
+    Extra("DRIVER", "driver", &Device::driver),
+    Extra("PATHS", nullptr, &Device::paths, Content::Number),
+    Extra("SIZE-BYTES", "size_bytes", &Device::size_bytes, Content::Number),
+    Extra("PORT", "port", &Device::port, Content::Number),
+    Extra("BUS", "bus", &Device::bus, Content::Number),
+    Extra("TARGET", "target", &Device::target, Content::Number),
+    Extra("LUN", "lun", &Device::lun, Content::Number),
+};
+static_assert(NameEachTextOnce(fields), "a text of the record has no field, or several");
+
+std::string Address(const Device& device)
+{
+    return device.port.empty() ? "" : device.port + ":" + device.bus + ":" + device.target + ":" + device.lun;
+}
+
+/** A text of the library's, and a word for it. */
+struct TypeWord {
+    const char* text;
+    const char* word;
+};
+
+constexpr TypeWord typeWords[] = {
+    {"Direct Access Device", "disk"},       {"Sequential Access Device", "tape"},
+    {"Printer Device", "printer"},          {"Processor Device", "processor"},
+    {"Write-Once Device", "worm"},          {"CD-ROM Device", "cd"},
+    {"Scanner Device", "scanner"},          {"Optical Memory Device", "optical"},
+    {"Medium Changer Device", "changer"},   {"Communications Device", "network"},
+    {"Graphic Arts Device", "prepress"},    {"Storage Array Controller", "raid"},
+    {"Enclosure Device", "enclosure"},      {"Simple Direct Access Device", "disk"},
+    {"Optical Card Reader Device", "card"}, {"Optical Based Storage Device", "osd"},
+};
+
+/** NVMe has no types; what answers the library there is a disk. */
+std::string Type(const Device& device)
+{
+    for (const TypeWord& one : typeWords) {
+        if (device.device_type == one.text) {
+            return one.word;
+        }
+    }
+    return device.device_type.empty() && device.transport == "nvme" ? "disk" : device.device_type;
+}
+
+/** As lsblk writes it: powers of 1024, and one decimal where that is not zero ("1.8T", "16M"). */
+std::string Size(const Device& device)
+{
+    std::uint64_t bytes = 0;
+    const std::string& digits = device.size_bytes;
+    if (std::from_chars(digits.data(), digits.data() + digits.size(), bytes).ec != std::errc()) {
+        return {};
+    }
+    constexpr std::string_view units = "BKMGTPE";
+    constexpr unsigned int bitsPerUnit = 10;
+    unsigned int unit = 0;
+    while (unit + 1 < units.size() && bytes >> (unit + 1) * bitsPerUnit != 0) {
+        ++unit;
+    }
+    const unsigned int bits = unit * bitsPerUnit;
+    std::uint64_t whole = bytes >> bits;
+    std::uint64_t rest = bytes - (whole << bits);
+    // lsblk cuts to thousandths, then rounds to tenths; where the product would not fit it cuts first.
+    constexpr std::uint64_t thousand = 1000;
+    rest = rest >= std::numeric_limits<std::uint64_t>::max() / thousand
+               ? (rest >> bitsPerUnit) * thousand >> (bits - bitsPerUnit)
+               : rest * thousand >> bits;
+    constexpr std::uint64_t hundred = 100;
+    constexpr std::uint64_t ten = 10;
+    const std::uint64_t tenths = (rest + hundred / 2) / hundred;
+    whole += tenths / ten;
+    return std::to_string(whole) + (tenths % ten != 0 ? "." + std::to_string(tenths % ten) : "") + units[unit];
+}
+
+}  // namespace
+
+template <>
+const RecordKind<Device>& KindOf<Device>()
+{
+    static const RecordKind<Device> kind = {"zddevices/1", "devices", {std::begin(fields), std::end(fields)}};
+    return kind;
+}
+
+}  // namespace Zendra::ZDDevices

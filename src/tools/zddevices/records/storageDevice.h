@@ -1,0 +1,41 @@
+/**
+ * @file
+ * @brief A storage device of this host: what the library says of it, and what the kernel says.
+ */
+#ifndef ZENDRA_ZDDEVICES_STORAGEDEVICE_H
+#define ZENDRA_ZDDEVICES_STORAGEDEVICE_H
+
+#include <string>
+
+#include "module/osinfos/systemdevice/systemDevice.h"
+
+namespace Zendra::ZDDevices {
+
+/** One device, or, in the list of one class, one device file. Every text is empty where it is not known. */
+struct StorageDevice : ZDSystemDevice::SystemDevice {
+    /** The node that a person uses: "sda", "nvme0n1", "sr0", "st0", else "sg4". */
+    std::string device;
+    /** The paths of all its device files, each ended by a line end; the one of `device` first. */
+    std::string device_files;
+    /** Decimal digits. */
+    std::string size_bytes;
+    /** lsblk's word: "sata", "sas", "usb", "nvme". */
+    std::string transport;
+    /** World-wide name: "0x5000c500a1b2c3d4". */
+    std::string wwn;
+    /** sysfs' word: "running", "offline", "live". */
+    std::string state;
+    /** Driver of the host adapter: "ahci". */
+    std::string driver;
+    /** Enclosure and bay. */
+    std::string slot;
+    /** Model and firmware revision as long as the device gives them. */
+    std::string model;
+    std::string revision;
+    /** How many rows of the list have this `wwn`; decimal digits. */
+    std::string paths;
+};
+
+}  // namespace Zendra::ZDDevices
+
+#endif
