@@ -5,6 +5,8 @@
 #include "tools/zddevices/scan/kernelDevices.h"
 
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -248,6 +250,8 @@ TEST_F(KernelDevicesTest, AnNvmeControllerIsOneDeviceWithItsNamespaces)
     EXPECT_FALSE(found.scsiType);
     EXPECT_TRUE(found.hasDriver);
     EXPECT_EQ(found.sizeBytes, 3UL * 1024 * 1024);
+    EXPECT_EQ(found.namespaces.at("/dev/nvme0n10").sizeBytes, 1024U * 1024);
+    EXPECT_EQ(found.namespaces.at("/dev/nvme0n10").wwn, "eui.00000000000000010");
     EXPECT_EQ(found.transport, "nvme");
     EXPECT_EQ(found.driver, "nvme");
     EXPECT_EQ(found.wwn, "eui.0000000000000001");
@@ -275,6 +279,31 @@ TEST_F(KernelDevicesTest, NamespacesThatTwoControllersReachAreFilesOfBoth)
     EXPECT_EQ(devices.All()[0].wwn, "uuid.x");
     EXPECT_EQ(devices.All()[1].sizeBytes, 4096U);
     EXPECT_EQ(devices.OfFile("/dev/nvme0n1"), &devices.All()[0]);
+    EXPECT_EQ(devices.CountPaths("uuid.x"), 2U);
+    EXPECT_EQ(devices.CountPaths("uuid.y"), 0U);
+}
+
+TEST_F(KernelDevicesTest, AFileIsTheDevicesWhoseNumberItHasWhateverItsName)
+{
+    const fs::path target = Host("pci0", "0", "x") / "target0:0:0";
+    const fs::path disk = Unit(target, "0:0:0:0", "0", {"block/sda"});
+    const fs::path tape = Unit(target, "0:0:0:1", "1", {"scsi_tape/st0"});
+    Link("/sys/dev/block/8:0", disk / "block/sda");
+    Link("/sys/dev/char/9:0", tape / "scsi_tape/st0");
+    const fs::path directory = fs::temp_directory_path() / "zddevicesKernelDevicesTest";
+    fs::remove_all(directory);
+    fs::create_directories(directory);
+    const auto node = [&](const char* name, mode_t kind, unsigned major) {
+        const fs::path path = directory / name;
+        EXPECT_EQ(mknod(path.c_str(), kind | S_IRUSR, makedev(major, 0)), 0);
+        return path.string();
+    };
+    const KernelDevices devices = KernelDevices::Read();
+    ASSERT_EQ(devices.All().size(), 2U);
+    EXPECT_EQ(devices.OfFile(node("sdb", S_IFBLK, 8)), devices.OfAddress("0:0:0:0"));
+    EXPECT_EQ(devices.OfFile(node("tape", S_IFCHR, 9)), devices.OfAddress("0:0:0:1"));
+    EXPECT_EQ(devices.OfFile(node("sdc", S_IFCHR, 8)), nullptr);
+    fs::remove_all(directory);
 }
 
 }  // namespace

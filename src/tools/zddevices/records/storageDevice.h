@@ -29,10 +29,11 @@ struct StorageDevice : ZDSystemDevice::SystemDevice {
     std::string driver;
     /** Enclosure and bay. */
     std::string slot;
-    /** Model and firmware revision as long as the device gives them. */
+    /** As long as the device gives it, without the blanks around it. */
     std::string model;
+    /** Of the firmware, likewise. */
     std::string revision;
-    /** How many rows of the list have this `wwn`; decimal digits. */
+    /** How many devices of this host have this `wwn`, and are therefore ways to one disk; decimal digits. */
     std::string paths;
 };
 

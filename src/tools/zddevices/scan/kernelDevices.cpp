@@ -1,6 +1,8 @@
 #include "tools/zddevices/scan/kernelDevices.h"
 
 #include <libudev.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <array>
@@ -13,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -265,11 +268,17 @@ KernelDevice NvmeController(udev_device& controller)
             }
             const UdevDevice disk(
                 udev_device_new_from_subsystem_sysname(udev_device_get_udev(&controller), "block", entry.c_str()));
-            const std::optional<std::uint64_t> size = disk ? SizeBytes(Attribute(*disk, "size")) : std::nullopt;
-            found.sizeBytes = size ? found.sizeBytes.value_or(0) + *size : found.sizeBytes;
-            found.wwn = found.wwn.empty() && disk ? Attribute(*disk, "wwid") : found.wwn;
-            found.files.push_back(deviceDirectory + entry);
+            NvmeNamespace& one = found.namespaces[found.files.emplace_back(deviceDirectory + entry)];
+            if (disk) {
+                one = {SizeBytes(Attribute(*disk, "size")), Attribute(*disk, "wwid")};
+            }
+            if (one.sizeBytes) {
+                found.sizeBytes = found.sizeBytes.value_or(0) + *one.sizeBytes;
+            }
         }
+    }
+    if (!found.files.empty()) {
+        found.wwn = found.namespaces[found.files.front()].wwn;
     }
     found.files.push_back(deviceDirectory + name);
     found.files.insert(found.files.end(), genericFiles.begin(), genericFiles.end());
@@ -282,7 +291,43 @@ KernelDevice NvmeController(udev_device& controller)
     return found;
 }
 
+/** What the kernel calls the device whose number the file has; the file's own name where it has none. */
+std::string KernelsNameOf(const std::string& path)
+{
+    struct stat file {};
+    if (stat(path.c_str(), &file) == 0 && (S_ISBLK(file.st_mode) || S_ISCHR(file.st_mode))) {
+        const std::string number = std::to_string(major(file.st_rdev)) + ":" + std::to_string(minor(file.st_rdev));
+        std::error_code error;
+        const fs::path link =
+            fs::read_symlink((S_ISBLK(file.st_mode) ? "/sys/dev/block/" : "/sys/dev/char/") + number, error);
+        if (!error) {
+            return link.filename();
+        }
+    }
+    return fs::path(path).filename();
+}
+
 }  // namespace
+
+KernelDevices::KernelDevices(std::vector<KernelDevice> all) : devices(std::move(all))
+{
+    for (std::size_t i = 0; i < devices.size(); ++i) {
+        const KernelDevice& device = devices[i];
+        for (const std::string& file : device.files) {
+            deviceByFile.try_emplace(file, i);
+        }
+        if (!device.address.empty() && !device.files.empty()) {
+            deviceByAddress.try_emplace(device.address, i);
+        }
+        std::set<std::string> names = {device.wwn};
+        for (const auto& [file, one] : device.namespaces) {
+            names.insert(one.wwn);
+        }
+        for (const std::string& name : names) {
+            ++pathsByWwn[name];
+        }
+    }
+}
 
 KernelDevices KernelDevices::Read()
 {
@@ -290,29 +335,37 @@ KernelDevices KernelDevices::Read()
     if (!context) {
         throw std::bad_alloc();
     }
-    KernelDevices found;
+    std::vector<KernelDevice> found;
     const std::map<std::string, std::string> slots = Slots(context.get());
     ForEach(context.get(), "scsi", [&](udev_device& device) {
         if (std::optional<KernelDevice> scsiDevice = ScsiDevice(device, slots)) {
-            found.Add(std::move(*scsiDevice));
+            found.push_back(std::move(*scsiDevice));
         }
     });
-    ForEach(context.get(), "nvme", [&](udev_device& controller) { found.Add(NvmeController(controller)); });
-    return found;
+    ForEach(context.get(), "nvme", [&](udev_device& controller) { found.push_back(NvmeController(controller)); });
+    return KernelDevices(std::move(found));
 }
 
 const KernelDevice* KernelDevices::OfFile(const std::string& path) const
 {
-    const auto found = deviceByFile.find(path);
-    return found == deviceByFile.end() ? nullptr : &devices[found->second];
+    return Find(deviceByFile, deviceDirectory + KernelsNameOf(path));
 }
 
-void KernelDevices::Add(KernelDevice device)
+const KernelDevice* KernelDevices::OfAddress(const std::string& address) const
 {
-    for (const std::string& file : device.files) {
-        deviceByFile.try_emplace(file, devices.size());
-    }
-    devices.push_back(std::move(device));
+    return Find(deviceByAddress, address);
+}
+
+std::size_t KernelDevices::CountPaths(const std::string& wwn) const
+{
+    const auto found = pathsByWwn.find(wwn);
+    return found == pathsByWwn.end() ? 0 : found->second;
+}
+
+const KernelDevice* KernelDevices::Find(const std::map<std::string, std::size_t>& places, const std::string& key) const
+{
+    const auto found = places.find(key);
+    return found == places.end() ? nullptr : &devices[found->second];
 }
 
 }  // namespace Zendra::ZDDevices

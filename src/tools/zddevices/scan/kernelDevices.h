@@ -17,6 +17,13 @@
 
 namespace Zendra::ZDDevices {
 
+/** A namespace of an NVMe controller: a disk of its own to the rest of the system. */
+struct NvmeNamespace {
+    std::optional<std::uint64_t> sizeBytes;
+    /** "eui.0025385971b2b2c4"; empty when not known. */
+    std::string wwn;
+};
+
 /** A SCSI device, or an NVMe controller with its namespaces. */
 struct KernelDevice {
     /**
@@ -30,8 +37,10 @@ struct KernelDevice {
     std::optional<unsigned int> scsiType;
     /** Whether a driver for its type has it (sd, sr, st, ch, ses). Always for NVMe. */
     bool hasDriver = false;
-    /** Of a disk or an optical medium; of an NVMe controller that of all its namespaces. */
+    /** Of a disk or an optical medium; of an NVMe controller that of all its namespaces together. */
     std::optional<std::uint64_t> sizeBytes;
+    /** By their device files. */
+    std::map<std::string, NvmeNamespace> namespaces;
     /** In lsblk's words: "sata", "sas", "usb", "nvme", "fc", "iscsi", "spi" and so on. */
     std::string transport;
     /** "0x5000c500a1b2c3d4" (NAA), "eui.0025385971b2b2c4"; of an NVMe controller that of its first namespace. */
@@ -50,19 +59,33 @@ struct KernelDevice {
 /** All devices that the kernel knows, as they were at one moment. */
 class KernelDevices {
 public:
+    explicit KernelDevices(std::vector<KernelDevice> all);
+
     /** @throws std::bad_alloc. A host without sysfs has no device. */
     static KernelDevices Read();
 
     const std::vector<KernelDevice>& All() const { return devices; }
 
-    /** The device of a device file ("/dev/sda"); null for a file that the kernel ties to none. */
+    /**
+     * @brief The device of a device file ("/dev/sda"); null for a file that the kernel ties to none.
+     *
+     * It is the device whose number the file has, whatever its name: a container may have made it under another one.
+     */
     const KernelDevice* OfFile(const std::string& path) const;
 
+    /** The device with this address that has any file; null when there is none. */
+    const KernelDevice* OfAddress(const std::string& address) const;
+
+    /** How many devices have this world-wide name, or a namespace that has it: the ways to one disk. */
+    std::size_t CountPaths(const std::string& wwn) const;
+
 private:
-    void Add(KernelDevice device);
+    const KernelDevice* Find(const std::map<std::string, std::size_t>& places, const std::string& key) const;
 
     std::vector<KernelDevice> devices;
     std::map<std::string, std::size_t> deviceByFile;
+    std::map<std::string, std::size_t> deviceByAddress;
+    std::map<std::string, std::size_t> pathsByWwn;
 };
 
 }  // namespace Zendra::ZDDevices
