@@ -151,9 +151,15 @@ int FakeSystem::Duplicate(int from, int to)
 
 int FakeSystem::ControlDescriptor(int number, int command, int argument)
 {
-    Require(command == F_SETFD, "fcntl sets flags of descriptors only");
-    At(number, "fcntl").closeOnExec = (argument & FD_CLOEXEC) != 0;
-    return 0;
+    Descriptor& descriptor = At(number, "fcntl");
+    if (command == F_GETFD) {
+        return descriptor.closeOnExec ? FD_CLOEXEC : 0;
+    }
+    RequireEqual(command, F_DUPFD_CLOEXEC, "fcntl asks for flags, or for a copy that is close-on-exec");
+    RequireEqual(argument, STDERR_FILENO + 1, "the copy leaves the standard descriptors alone");
+    Descriptor copy = descriptor;
+    copy.closeOnExec = true;
+    return Add(copy);
 }
 
 int FakeSystem::Execute(const char* path, char* const* arguments, char* const* environment)
@@ -236,6 +242,7 @@ int FakeSystem::Wait(int process, int* status, int options)
 void FakeSystem::PrintError(const char* text)
 {
     Require(inChild, "only a child writes to standard error");
+    Require(At(STDERR_FILENO, "perror").kind == Kind::PipeWrite, "the reason goes into the pipe");
     child.output.push_back(std::string(text) + ": " + std::strerror(errno) + "\n");
 }
 

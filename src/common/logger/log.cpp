@@ -1,7 +1,6 @@
 #include "common/logger/log.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,44 +14,17 @@ namespace {
 std::atomic<unsigned> minLogLevel{0};
 std::atomic<Log::Sink> currentSink{nullptr};
 
+const bool startedWithStandardError = fcntl(STDERR_FILENO, F_GETFD) >= 0;
+
 /**
- * A duplicate of the process's standard error. Taken when the library is loaded and not at the first message:
- * the first message may come from a forked child whose descriptor 2 already leads elsewhere.
+ * Whether descriptor 2 is standard error. Where that was closed, the next file that the program opens gets its number,
+ * and must not get the messages. Such a file is mostly close-on-exec, which standard error never is.
  */
-class StandardErrorCopy {
-public:
-    StandardErrorCopy() : descriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1))
-    {
-        if (descriptor < 0 || fstat(descriptor, &identity) != 0) {
-            descriptor = -1;
-        }
-    }
-    ~StandardErrorCopy()
-    {
-        const int last = Get();
-        descriptor = -1;
-        if (last >= 0) {
-            close(last);
-        }
-    }
-    StandardErrorCopy(const StandardErrorCopy&) = delete;
-    StandardErrorCopy& operator=(const StandardErrorCopy&) = delete;
-
-    /** The descriptor, or -1 when a program that closes whatever it finds open has put another file there. */
-    int Get() const
-    {
-        struct stat now {};
-        const bool same = descriptor >= 0 && fstat(descriptor, &now) == 0 && now.st_dev == identity.st_dev &&
-                          now.st_ino == identity.st_ino && now.st_rdev == identity.st_rdev;
-        return same ? descriptor : -1;
-    }
-
-private:
-    int descriptor;
-    struct stat identity {};
-};
-
-StandardErrorCopy standardError;
+bool HasStandardError()
+{
+    const int flags = fcntl(STDERR_FILENO, F_GETFD);
+    return startedWithStandardError && flags >= 0 && (flags & FD_CLOEXEC) == 0;
+}
 
 void WriteToStandardError(unsigned level, const char* file, int line, const std::string& message)
 {
@@ -62,8 +34,9 @@ void WriteToStandardError(unsigned level, const char* file, int line, const std:
         text += '\n';
     }
     const int callersErrno = errno;
-    const int descriptor = standardError.Get();
-    while (descriptor >= 0 && write(descriptor, text.data(), text.size()) < 0 && errno == EINTR) {
+    if (HasStandardError()) {
+        while (write(STDERR_FILENO, text.data(), text.size()) < 0 && errno == EINTR) {
+        }
     }
     errno = callersErrno;
 }

@@ -54,9 +54,9 @@ public:
 
     /**
      * Directs messages to `sink`; null restores the default sink. The default sink writes "[level] file:line message"
-     * and a line end, with one write(2), to the standard error that the process had when the library was loaded:
-     * through a close-on-exec duplicate of its own, so that it keeps working in a forked child that has redirected
-     * descriptor 2. It takes no lock.
+     * and a line end, with one write(2), to standard error as it is at that moment. It keeps no descriptor of its own
+     * and takes no lock. It writes nothing in a process that was started without standard error, nor while descriptor
+     * 2 is close-on-exec: the number then belongs to a file that the program opened.
      */
     static void SetSink(Sink sink);
 

@@ -122,30 +122,49 @@ struct OutputPipe {
         if (pipe2(ends, O_CLOEXEC) != 0) {
             return false;
         }
-        readEnd = Descriptor(ends[0]);
-        writeEnd = Descriptor(ends[1]);
-        return true;
+        readEnd = AboveStandardError(Descriptor(ends[0]));
+        writeEnd = AboveStandardError(Descriptor(ends[1]));
+        return readEnd.IsOpen() && writeEnd.IsOpen();
     }
 
-    /**
-     * In the child: leads descriptors 1 and 2 into the pipe and closes its own two. Where the caller had closed
-     * some of 0, 1 and 2, the pipe's own descriptors have taken their numbers.
-     */
-    void BecomeStandardOutput() const
+    /** In the child: leads descriptor 1 into the pipe and closes its own two. */
+    void BecomeStandardOutput()
     {
-        const int source = writeEnd.Get();
-        if (source == STDOUT_FILENO) {
-            fcntl(STDOUT_FILENO, F_SETFD, 0);
+        dup2(writeEnd.Get(), STDOUT_FILENO);
+        readEnd.Close();
+        writeEnd.Close();
+    }
+
+private:
+    /** Where the caller had closed descriptor 2, the pipe must not take its number: log messages would end up in it. */
+    static Descriptor AboveStandardError(Descriptor end)
+    {
+        return end.Get() > STDERR_FILENO ? std::move(end)
+                                         : Descriptor(fcntl(end.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    }
+};
+
+/**
+ * Descriptor 2 of a child that logs. What the child's program writes there belongs into the pipe, which is
+ * descriptor 1; what the child logs before it executes the program belongs where its caller's log messages go.
+ */
+class ChildsStandardError {
+public:
+    static void LeadIntoThePipe() { dup2(STDOUT_FILENO, STDERR_FILENO); }
+
+    void LeadWhereTheCallersLeads() const
+    {
+        if (callers.IsOpen()) {
+            dup2(callers.Get(), STDERR_FILENO);
         } else {
-            dup2(source, STDOUT_FILENO);
-        }
-        dup2(STDOUT_FILENO, STDERR_FILENO);
-        for (const int end : {readEnd.Get(), source}) {
-            if (end != STDOUT_FILENO && end != STDERR_FILENO) {
-                close(end);
-            }
+            close(STDERR_FILENO);
         }
     }
+
+private:
+    /** None where the number belongs to some other file, which the logger knows by its being close-on-exec. */
+    Descriptor callers{fcntl(STDERR_FILENO, F_GETFD) == 0 ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
+                                                          : Descriptor::none};
 };
 
 enum class OutputEnd { Reached, TimedOut, SelectFailed };
@@ -206,20 +225,24 @@ std::string OpeningText(int tryflag, const std::string& exePath, const ExecStrin
 }
 
 /** The child of the basic SpawnProcess, which must not log. */
-[[noreturn]] void RunSilentChild(const OutputPipe& pipe, const std::string& exePath, const ExecStrings& arguments)
+[[noreturn]] void RunSilentChild(OutputPipe& pipe, const std::string& exePath, const ExecStrings& arguments)
 {
     pipe.BecomeStandardOutput();
+    ChildsStandardError::LeadIntoThePipe();
     _exit(execvp(exePath.c_str(), arguments.Array()));
 }
 
 int ExecTraced(const std::string& exePath, const ExecStrings& arguments, const ExecStrings& environment, int tryflag)
 {
+    const ChildsStandardError standardError;
     int returned = 0;
     int execError = 0;
     if (tryflag == 1) {
         ZENDRA_LOG(4, "execvp calling, exe_path == " << exePath);
+        ChildsStandardError::LeadIntoThePipe();
         returned = execvp(exePath.c_str(), arguments.Array());
         execError = errno;
+        standardError.LeadWhereTheCallersLeads();
         ZENDRA_LOG(4, "execvp called, exe_path == " << exePath << ", returned value == " << returned);
     } else if (tryflag == 2) {
         const std::vector<char*>& entries = environment.Entries();
@@ -230,8 +253,10 @@ int ExecTraced(const std::string& exePath, const ExecStrings& arguments, const E
             }
         }
         ZENDRA_LOG(4, "execve calling, exe_path == " << exePath);
+        ChildsStandardError::LeadIntoThePipe();
         returned = execve(exePath.c_str(), arguments.Array(), environment.Array());
         execError = errno;
+        standardError.LeadWhereTheCallersLeads();
         ZENDRA_LOG(4, "execve called, exe_path == " << exePath << ", returned value == " << returned);
     } else {
         ZENDRA_LOG(4, "tryflag == unexpected: " << tryflag);
@@ -239,15 +264,17 @@ int ExecTraced(const std::string& exePath, const ExecStrings& arguments, const E
     }
     if (returned < 0) {
         // After either of the two, in the same words. What logs may change errno.
+        ChildsStandardError::LeadIntoThePipe();
         errno = execError;
         std::perror("execve error!");
+        standardError.LeadWhereTheCallersLeads();
         ZENDRA_LOG(4, "exec invocation failed, err msg == " << std::strerror(execError));
     }
     return returned;
 }
 
 /** The child of SpawnProcessIn. What it throws must not reach the caller's frames, which are the parent's. */
-[[noreturn]] void RunTracedChild(const OutputPipe& pipe, const std::string& exePath, const ExecStrings& arguments,
+[[noreturn]] void RunTracedChild(OutputPipe& pipe, const std::string& exePath, const ExecStrings& arguments,
                                  const ExecStrings& environment, int tryflag)
 {
     int exitCode = -1;

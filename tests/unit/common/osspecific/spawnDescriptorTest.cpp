@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <filesystem>
 #include <sstream>
 #include <thread>
 
@@ -106,7 +108,7 @@ void WriteViewBeforeExec(unsigned, const char*, int, const std::string& message)
     if (message.rfind("execvp calling", 0) == 0) {
         std::ostringstream view;
         for (const auto& [number, target] : OpenDescriptors()) {
-            view << number << ' ';
+            view << "fd " << number << ' ' << target << '\n';
         }
         WriteFile(viewBeforeExec, view.str());
     }
@@ -118,17 +120,147 @@ TEST(SpawnDescriptors, OfThePipeItselfAreClosedInTheChildBeforeItsExec)
 {
     const TemporaryDirectory directory;
     viewBeforeExec = directory / "view";
-    std::ostringstream expected;
-    for (const auto& [number, target] : OpenDescriptors()) {
-        expected << number << ' ';
-    }
+    auto before = OpenDescriptors();
     Log::SetSink(WriteViewBeforeExec);
     Log::SetMinLogLevel(4);
     std::string output;
     EXPECT_EQ(Spawn(Function::In, actProgram, {}, output), 0);
     Log::SetMinLogLevel(0);
     Log::SetSink(nullptr);
-    EXPECT_EQ(ReadFile(viewBeforeExec), expected.str());
+
+    auto seen = DescriptorsIn(ReadFile(viewBeforeExec));
+    EXPECT_EQ(seen[STDOUT_FILENO].rfind("pipe:", 0), 0U) << seen[STDOUT_FILENO];
+    seen[STDOUT_FILENO] = before[STDOUT_FILENO];
+    // One more, for what the child logs after a failed exec: a copy of its caller's standard error.
+    ASSERT_EQ(seen.size(), before.size() + 1);
+    for (const auto& [number, target] : seen) {
+        EXPECT_EQ(target, before.count(number) != 0 ? before[number] : before[STDERR_FILENO]) << number;
+    }
+}
+
+namespace {
+
+/** The texts of what the default sink wrote, each with its level in front, and without those of the parent. */
+LogLines ChildsTexts(const std::string& written)
+{
+    LogLines texts;
+    std::istringstream lines(written);
+    std::string line;
+    while (std::getline(lines, line)) {
+        const std::size_t place = line.find(' ', line.find("] ") + 2);
+        const std::string text = place != std::string::npos ? line.substr(place + 1) : "";
+        if (line.rfind("[4] src/common/osspecific/osspecific_lin.cpp:", 0) == 0 &&
+            (text.rfind("Enter pid", 0) == 0 || text.rfind("exec", 0) == 0)) {
+            texts.push_back(text);
+        }
+    }
+    return texts;
+}
+
+}  // namespace
+
+TEST(SpawnedChild, LogsToItsCallersStandardErrorAndNotIntoTheOutput)
+{
+    const TemporaryDirectory directory;
+    RunIsolated([&] {
+        const std::string file = directory / "messages";
+        const int messages = open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        ASSERT_EQ(dup2(messages, STDERR_FILENO), STDERR_FILENO);
+        Log::SetMinLogLevel(4);
+        std::string output;
+        EXPECT_EQ(Spawn(Function::In, "/nonexistent", {}, output), 255);
+        EXPECT_EQ(output, "execve error!: No such file or directory\n");
+        output.clear();
+        EXPECT_EQ(Spawn(Function::In, actProgram, {"out", "one", "err", "two"}, output), 0);
+        EXPECT_EQ(output, "onetwo");
+        Log::SetMinLogLevel(0);
+        EXPECT_EQ(ChildsTexts(ReadFile(file)),
+                  (LogLines{"Enter pid == 0! ", "execvp calling, exe_path == /nonexistent",
+                            "execvp called, exe_path == /nonexistent, returned value == -1",
+                            "exec invocation failed, err msg == No such file or directory", "Enter pid == 0! ",
+                            "execvp calling, exe_path == " + actProgram}));
+    });
+}
+
+TEST(SpawnedChild, LogsIntoNoOutputAndNoOtherFileWhicheverOfTheThreeStandardOnesTheCallerHasClosed)
+{
+    const TemporaryDirectory directory;
+    for (int closed = 0; closed < 8; ++closed) {
+        for (const bool otherFileTakesANumber : {false, true}) {
+            RunIsolated([&] {
+                const std::string trace = " with these of 0, 1 and 2 closed (bits): " + std::to_string(closed);
+                const std::string path = directory / "other";
+                const int saved = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10);
+                WriteFile(path, "");
+                dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+                for (int number = 0; number < 3; ++number) {
+                    if ((closed >> number & 1) != 0) {
+                        close(number);
+                    }
+                }
+                if (otherFileTakesANumber) {
+                    open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
+                }
+                Log::SetMinLogLevel(4);
+                std::string failed;
+                const int failedResult = Spawn(Function::In, "/nonexistent", {}, failed);
+                std::string text;
+                const int textResult = Spawn(Function::In, actProgram, {"out", "one", "err", "two"}, text);
+                Log::SetMinLogLevel(0);
+                dup2(saved, STDOUT_FILENO);
+
+                EXPECT_EQ(failedResult, 255) << trace;
+                EXPECT_EQ(failed, "execve error!: No such file or directory\n") << trace;
+                EXPECT_EQ(textResult, 0) << trace;
+                EXPECT_EQ(text, "onetwo") << trace;
+                EXPECT_EQ(ReadFile(path), "") << trace;
+            });
+        }
+    }
+}
+
+TEST(SpawnedChild, OfACallerWhoseStandardErrorIsFullOrHasNoReaderRunsAllTheSame)
+{
+    for (const bool isFull : {true, false}) {
+        RunIsolated([&] {
+            int ends[2];
+            ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+            close(ends[0]);
+            const int target = isFull ? open("/dev/full", O_WRONLY | O_CLOEXEC) : ends[1];
+            ASSERT_EQ(dup2(target, STDERR_FILENO), STDERR_FILENO);
+            ASSERT_NE(std::signal(SIGPIPE, SIG_IGN), SIG_ERR);
+            Log::SetMinLogLevel(4);
+            std::string output;
+            EXPECT_EQ(Spawn(Function::In, "/nonexistent", {}, output), 255);
+            EXPECT_EQ(output, "execve error!: No such file or directory\n");
+            output.clear();
+            EXPECT_EQ(Spawn(Function::In, actProgram, {"out", "one", "err", "two"}, output), 0);
+            EXPECT_EQ(output, "onetwo");
+            Log::SetMinLogLevel(0);
+        });
+    }
+}
+
+TEST(Daemon, ThatClosesOrRedirectsItsStandardDescriptorsLetsItsStarterGo)
+{
+    for (const std::string way : {"close", "redirect"}) {
+        std::string said;
+        EXPECT_EQ(OSSpecific::SpawnProcess(
+                      "/bin/sh", {"-c", "x=$(\"$0\" \"$1\" 2>&1); echo \"$x\"", daemonProgram, way}, &said, longTime),
+                  0);
+        // Behind the messages that it logged.
+        ASSERT_NE(said.find("execvp calling, exe_path == true\n"), std::string::npos) << said;
+        const std::size_t lastLine = said.rfind('\n', said.size() - 2) + 1;
+        const pid_t daemon = std::stoi(said.substr(lastLine));
+        // Had the starter waited for the daemon's end, it would not run any more.
+        std::error_code error;
+        const auto running = std::filesystem::read_symlink("/proc/" + std::to_string(daemon) + "/exe", error);
+        if (running == std::filesystem::canonical(daemonProgram)) {
+            kill(daemon, SIGKILL);
+        } else {
+            ADD_FAILURE() << "the starter waited for the end of a daemon that did " << way;
+        }
+    }
 }
 
 TEST(SpawnDescriptors, ThatAreNotCloseOnExecReachTheChild)

@@ -27,6 +27,7 @@
 namespace ZendraTest {
 
 const std::string actProgram = ZENDRA_TEST_ACT;
+const std::string daemonProgram = ZENDRA_TEST_DAEMON;
 const std::string describeProgram = ZENDRA_TEST_DESCRIBE;
 const std::string childDirectory = std::filesystem::path(actProgram).parent_path();
 

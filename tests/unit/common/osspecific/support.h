@@ -118,6 +118,7 @@ void EnterPrivateMounts();
 
 /** The child programs. */
 extern const std::string actProgram;
+extern const std::string daemonProgram;
 extern const std::string describeProgram;
 extern const std::string childDirectory;
 
