@@ -98,6 +98,22 @@ TEST(CommandLine, ColumnsAreTakenInTheirOrderWithoutRegardToCapitalsAndBlanks)
     EXPECT_EQ(Good({"firmware", "--columns", "instance-id"}).columns, std::vector<std::string>({"INSTANCE-ID"}));
 }
 
+TEST(CommandLine, FiltersAndOrderNameColumnsOfTheSubcommand)
+{
+    const Options options = Good({"--filter", "Vendor=HAL*", "optical", "--filter= drive =a=b, c", "--sort", "reads",
+                                  "-f", "csv", "--columns", "drive", "--no-headings"});
+    ASSERT_EQ(options.filters.size(), 2U);
+    EXPECT_EQ(options.filters[0].heading, "VENDOR");
+    EXPECT_EQ(options.filters[0].pattern, "HAL*");
+    EXPECT_EQ(options.filters[1].heading, "DRIVE");
+    EXPECT_EQ(options.filters[1].pattern, "a=b, c");
+    EXPECT_EQ(options.sortedBy, "READS");
+    EXPECT_EQ(options.format, Format::Csv);
+    EXPECT_EQ(Good({"--filter", "serial="}).filters.at(0).pattern, "");
+    EXPECT_TRUE(Good({}).filters.empty());
+    EXPECT_EQ(Good({}).sortedBy, "");
+}
+
 TEST(CommandLine, AnUnknownColumnNamesThoseOfTheSubcommand)
 {
     EXPECT_EQ(RefusalOf("--columns serial,color"),
@@ -138,6 +154,16 @@ TEST(CommandLine, WhatIsNotKnownOrGivenTwiceIsRefused)
                              "--columns ",
                              "--columns serial,",
                              "--columns serial --columns port",
+                             "--filter",
+                             "--filter serial",
+                             "--filter =x",
+                             "--filter color=x",
+                             "--filter serial=x port=1",
+                             "--sort",
+                             "--sort ",
+                             "--sort color",
+                             "--sort serial,port",
+                             "--sort serial --sort port",
                              "--no-headings=x"}) {
         EXPECT_FALSE(RefusalOf(text).empty()) << text;
     }
@@ -147,7 +173,7 @@ TEST(CommandLine, RefusalsNameTheValueAndWhatThereIs)
 {
     EXPECT_EQ(RefusalOf("--type floppy"), "unknown type \"floppy\" (tape, scsi, disk or optical)");
     EXPECT_EQ(RefusalOf("--type"), "--type takes one value and may be given once");
-    EXPECT_EQ(RefusalOf("--format x"), "unknown format \"x\" (json, prometheus or table)");
+    EXPECT_EQ(RefusalOf("--format x"), "unknown format \"x\" (csv, json, prometheus or table)");
     EXPECT_EQ(RefusalOf("--log-level 9"), "unknown log level \"9\" (0, 1, 2, 3 or 4)");
     EXPECT_EQ(RefusalOf("--timeout soon"), "--timeout: \"soon\" is no number of seconds from 0.001 to 86400");
 }
@@ -161,9 +187,14 @@ TEST(CommandLine, OptionsThatMakeNoSenseTogetherAreRefused)
     EXPECT_EQ(RefusalOf("doctor --no-headings"), "--no-headings makes no sense with doctor");
     EXPECT_EQ(RefusalOf("doctor --log-level 0"), "--log-level makes no sense with doctor");
     EXPECT_EQ(RefusalOf("doctor --format prometheus"), "--format prometheus makes no sense with doctor");
-    EXPECT_EQ(RefusalOf("--columns serial --format json"), "--columns makes sense for a table only");
-    EXPECT_EQ(RefusalOf("--columns serial --format prometheus"), "--columns makes sense for a table only");
-    EXPECT_EQ(RefusalOf("--no-headings --format json"), "--no-headings makes sense for a table only");
+    EXPECT_EQ(RefusalOf("doctor --sort serial"), "--sort makes no sense with doctor");
+    EXPECT_EQ(RefusalOf("doctor --filter serial=x"), "--filter makes no sense with doctor");
+    EXPECT_EQ(RefusalOf("doctor --format csv"), "--format csv makes no sense with doctor");
+    EXPECT_EQ(RefusalOf("--columns serial --format json"), "--columns makes sense for a table or csv only");
+    EXPECT_EQ(RefusalOf("--columns serial --format prometheus"), "--columns makes sense for a table or csv only");
+    EXPECT_EQ(RefusalOf("--no-headings --format json"), "--no-headings makes sense for a table or csv only");
+    EXPECT_EQ(RefusalOf("--filter serial=x --format prometheus"), "--filter makes no sense with --format prometheus");
+    EXPECT_EQ(RefusalOf("--sort serial --format prometheus"), "--sort makes no sense with --format prometheus");
 }
 
 TEST(CommandLine, HelpFitsEightyColumnsAndHoldsExamplesAndExitCodes)

@@ -4,8 +4,10 @@
 Usage: program_test.py GROUP, where GROUP is the name of a test class without "Test". The programs and the
 schema are named by environment variables (see CMakeLists.txt). Exit code 77: every test was skipped.
 """
+import csv
 import datetime
 import fcntl
+import io
 import json
 import os
 import pty
@@ -208,6 +210,48 @@ class OutputTest(Case):
                          (0, "S64KNX0T123456\ndrive-scsi0-0-0-1\n", ""))
         self.assertEqual(self.run_scripted([], "--no-headings"), (0, "", ""))
 
+    def test_filters_and_order_hold_for_every_format(self):
+        records = [NVME, record(vendor=b"B", port=b"9"), DISK, record(vendor=b" A ", port=b"10")]
+        for arguments, vendors in ((["--sort", "port"], ["B", "QEMU", "A", "NVMe"]), (["--sort", "vendor"], ["A", "B", "NVMe", "QEMU"]),
+                                   (["--filter", "port=1?"], ["QEMU", "A"]), (["--filter", "serial=-"], ["B", "A"]),
+                                   (["--filter", "port=10", "--filter", "serial=[!-]*"], ["QEMU"]),
+                                   (["--filter", "port=10", "--sort", "vendor"], ["A", "QEMU"])):
+            code, out, err = self.run_scripted(records, "-t", "scsi", *arguments, "--columns", "vendor")
+            self.assertEqual((code, out.split(), err), (0, ["VENDOR", *vendors], ""), arguments)
+            _, out, _ = self.run_scripted(records, "-t", "scsi", *arguments, "--columns", "vendor", "-f", "csv")
+            self.assertEqual(out.split("\r\n"), ["VENDOR", *vendors, ""], arguments)
+            _, out, _ = self.run_scripted(records, "-t", "scsi", *arguments, "-f", "json")
+            self.assertEqual([device["vendor"].strip() for device in json.loads(out)["devices"]], vendors, arguments)
+
+    def test_filters_and_order_hold_for_every_kind_of_record(self):
+        other = record(DRIVE_FIELDS, **{**NO_CAPABILITY, "drive_name": b"/dev/sr10"})
+        arguments = ["optical", "--columns", "drive", "--no-headings"]
+        for more, drives in ((["--sort", "drive"], "/dev/sr0\n/dev/sr10\n"), (["--filter", "reads=DVD"], "/dev/sr0\n")):
+            self.assertEqual(self.run_scripted([other, DRIVE], *arguments, *more, call="optical"), (0, drives, ""))
+        arguments = ["firmware", "--filter", "serial=QM*", "--sort", "version", "--columns", "version", "-f", "csv"]
+        self.assertEqual(self.run_scripted([record(IDENTITY_TEXTS), IDENTITY], *arguments, call="firmware"),
+                         (0, "VERSION\r\n2.5+\r\n", ""))
+
+    def test_a_filter_that_nothing_matches_is_said(self):
+        self.assertEqual(self.run_scripted([DISK], "-t", "scsi", "--filter", "serial=x"),
+                         (0, "Nothing matches the filter.\n", ""))
+        self.assertEqual(self.run_scripted([DISK], "-t", "scsi", "--filter", "serial=x", "-f", "csv", "--no-headings"),
+                         (0, "", ""))
+        self.assertEqual(self.run_scripted([], "-t", "scsi", "--filter", "serial=x"),
+                         (0, "No generic SCSI devices found.\n", ""))
+
+    def test_csv_is_read_by_others_and_the_same_in_every_locale(self):
+        texts = [HOSTILE, DISK, record(vendor=b'a,"b"', product="Gerät日".encode(), serial_number=b"=1+1")]
+        code, out, err = self.run_scripted(texts, "-t", "scsi", "-f", "csv")
+        self.assertEqual((code, err), (0, ""))
+        self.assertEqual(self.run_scripted(texts, "-t", "scsi", "-f", "csv", locale="C")[1], out)
+        rows = list(csv.DictReader(io.StringIO(out, newline=""), strict=True))
+        self.assertEqual([row["VENDOR"] for row in rows], ["\\x1b[31mEvil", "QEMU", 'a,"b"'])
+        self.assertEqual([row["SERIAL"] for row in rows], ["", "drive-scsi0-0-0-1", "'=1+1"])
+        self.assertEqual(rows[0]["PRODUCT"], "a\\x0ab\\x0dc\\x9b2J\\xc2\\x9b\\xe2\\x80\\xae\\xff")
+        self.assertEqual(rows[2]["PRODUCT"], "Gerät日")
+        self.assertEqual(out.count("\r\n"), 4)
+
     def test_there_are_no_colours_anywhere(self):
         for variables in ({"NO_COLOR": "1"}, {"CLICOLOR_FORCE": "1", "TERM": "xterm-256color"}):
             with unittest.mock.patch.dict(os.environ, variables):
@@ -226,11 +270,19 @@ class OutputTest(Case):
                 self.assertEqual(self.run_program(*arguments, stdout=full)[0], 1)
 
     def test_a_closed_pipe_is_a_failure_without_noise(self):
-        reader, writer = os.pipe()
-        os.close(reader)
-        with open(writer, "wb") as pipe:
-            code, _, err = self.run_scripted([DISK], stdout=pipe)
-        self.assertEqual((code, err), (1, "zddevices: standard output cannot be written: Broken pipe\n"))
+        for arguments in ([], ["--format", "json"], ["--format", "csv"], ["--format", "prometheus"], ["--help"]):
+            reader, writer = os.pipe()
+            os.close(reader)
+            with open(writer, "wb") as pipe:
+                code, _, err = self.run_scripted([DISK], "-t", "scsi", *arguments, stdout=pipe)
+            self.assertEqual((code, err), (1, ""), arguments)
+
+    def test_who_reads_one_line_gets_it_and_nothing_else(self):
+        # More than a pipe holds, so that the program still writes when its reader has gone.
+        environment = self.environment({"all": {"status": 0, "records": [DISK] * 5000}})
+        result = subprocess.run(f"{shlex.quote(SCRIPTED)} -t scsi | head -1", shell=True, env=environment,
+                                capture_output=True, check=True)
+        self.assertEqual((result.stdout.split()[0], result.stdout.count(b"\n"), result.stderr), (b"ADDRESS", 1, b""))
 
     def test_a_closed_standard_output_is_a_failure(self):
         code, _, err = self.run_scripted([DISK], preexec_fn=lambda: os.close(1))
@@ -296,6 +348,12 @@ class JsonTest(Case):
         self.assertEqual(list(document["devices"][1].values()), [
             "NVMe", "SAMSUNG MZVL2512HCJQ-00B00              ", None, "S64KNX0T123456", "2B2QEXM7\x06",
             None, None, None, None])
+
+    def test_the_document_says_what_it_leaves_out(self):
+        self.assertNotIn("filters", self.document([DISK]))
+        document = self.document([DISK, NVME], "-t", "scsi", "--filter", "serial=S6*", "--filter", "Lun=-")
+        self.assertEqual((document["type"], document["filters"]), ("scsi", ["SERIAL=S6*", "LUN=-"]))
+        self.assertEqual([device["vendor"] for device in document["devices"]], ["NVMe"])
 
     def test_the_locale_changes_nothing(self):
         self.assertEqual(self.document([HOSTILE], locale="C")["devices"], self.document([HOSTILE])["devices"])

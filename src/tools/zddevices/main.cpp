@@ -18,11 +18,13 @@
 #include "tools/zddevices/doctor/doctorReport.h"
 #include "tools/zddevices/options.h"
 #include "tools/zddevices/output/console.h"
+#include "tools/zddevices/output/csv.h"
 #include "tools/zddevices/output/json.h"
 #include "tools/zddevices/output/messages.h"
 #include "tools/zddevices/output/prometheus.h"
 #include "tools/zddevices/output/table.h"
 #include "tools/zddevices/output/text.h"
+#include "tools/zddevices/records/arrange.h"
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
 #include "tools/zddevices/scan/access.h"
@@ -48,6 +50,9 @@ std::string Render(const Report<Record>& report, const Options& options, const R
 {
     if (options.format == Format::Json) {
         return RenderJson(report, origin);
+    }
+    if (options.format == Format::Csv) {
+        return RenderCsv(TableOf(report.records, options.columns, ValueOf<Record>), options.headings);
     }
     if (report.records.empty()) {
         // Without headings the output is for a program that takes each line for a row.
@@ -130,6 +135,19 @@ int ShowMetrics(const Options& options)
     return ShowWhatIsMissing(WhoIsMissing(inventory, true), denied);
 }
 
+/** Leaves the records that are asked for, in the order that is asked for. */
+template <typename Record>
+void Arrange(Report<Record>& report, const Options& options)
+{
+    if (!report.records.empty() && !options.filters.empty()) {
+        Select(report.records, options.filters);
+        report.nothingFound = "Nothing matches the filter.";
+    }
+    if (!options.sortedBy.empty()) {
+        SortBy(report.records, options.sortedBy);
+    }
+}
+
 template <typename Record>
 int ShowReport(const Options& options, const ReportOrigin& origin, const Inventory& inventory, Report<Record> report)
 {
@@ -137,6 +155,7 @@ int ShowReport(const Options& options, const ReportOrigin& origin, const Invento
     if (!report.unanswered.empty()) {
         report.nothingFound = options.timeLimit ? "Nothing was found in time." : "Nothing was found.";
     }
+    Arrange(report, options);
     // Asked after the scan: loading the sg driver has made the device files of the generic class.
     const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(inventory));
     WriteOutput(Render(report, options, origin));
@@ -157,7 +176,11 @@ int Show(const Options& options)
     if (options.format == Format::Prometheus) {
         return ShowMetrics(options);
     }
-    const ReportOrigin origin = HereAndNow();
+    ReportOrigin origin = HereAndNow();
+    origin.type = options.type ? ClassOf(*options.type).word : "";
+    for (const Filter& filter : options.filters) {
+        origin.filters.push_back(filter.heading + "=" + filter.pattern);
+    }
     Inventory found = TakeInventory(options);
     if (found.drives) {
         return ShowReport(options, origin, found, DescribeOptical(found.status, std::move(*found.drives)));
@@ -210,6 +233,8 @@ int main(int argc, char** argv)
     static_cast<void>(std::setlocale(LC_CTYPE, ""));
     try {
         return Run(argc, argv);
+    } catch (const NobodyReads&) {
+        // "zddevices | head -1" has what it wants.
     } catch (const std::bad_alloc&) {
         Complain("out of memory");
     } catch (const std::exception& error) {

@@ -29,6 +29,7 @@ const char* const footer = "Examples:\n"
                            "  zddevices                         every storage device, each listed once\n"
                            "  zddevices --type disk             the disks, as their device files stand\n"
                            "  zddevices --format json | jq -r '.devices[].serial_number'\n"
+                           "  zddevices --filter 'serial=ZC1*'  the devices whose serial numbers begin so\n"
                            "  zddevices optical                 what the optical drive can read and write\n"
                            "  zddevices firmware --format json  disk firmware as CIM software identities\n"
                            "  zddevices --timeout 10            what answers within ten seconds\n"
@@ -62,7 +63,8 @@ Words<ZDSystemDevice::SysDeviceType> Types()
     return types;
 }
 
-const Words<Format> formats = {{"json", Format::Json}, {"prometheus", Format::Prometheus}, {"table", Format::Table}};
+const Words<Format> formats = {
+    {"csv", Format::Csv}, {"json", Format::Json}, {"prometheus", Format::Prometheus}, {"table", Format::Table}};
 
 const Words<unsigned int> logLevels = {{"0", 0}, {"1", 1}, {"2", 2}, {"3", 3}, {"4", 4}};
 
@@ -89,7 +91,7 @@ constexpr Subcommand subcommands[] = {
      HeadingsOf<ZDSystemDevice::SystemDevice>},
 };
 
-/** 'unknown format "x" (json, prometheus or table)'. */
+/** 'unknown format "x" (csv, json, prometheus or table)'. */
 CLI::ParseError Unknown(const std::string& what, const std::string& word, std::vector<std::string> known)
 {
     const std::string last = known.back();
@@ -111,24 +113,39 @@ T MeaningOf(const std::string& word, const Words<T>& words, const std::string& w
     throw Unknown(what, word, known);
 }
 
-/** Headings out of names separated by commas; capitals do not matter, nor do blanks around a name. */
-std::vector<std::string> ParseColumns(const std::string& list, const std::vector<std::string>& known)
+/** The heading of the column; capitals do not matter, nor do blanks around the name. */
+std::string ParseColumn(const std::string& column, const std::vector<std::string>& known)
 {
     const std::locale& classic = std::locale::classic();
-    std::vector<std::string> names;
-    boost::algorithm::split(names, list, boost::algorithm::is_any_of(","));
-    std::vector<std::string> headings;
-    for (std::string& name : names) {
-        boost::algorithm::trim(name, classic);
-        const auto found = std::find_if(known.begin(), known.end(), [&](const std::string& heading) {
-            return boost::algorithm::iequals(heading, name, classic);
-        });
-        if (found == known.end()) {
-            throw Unknown("column", name, known);
-        }
-        headings.push_back(*found);
+    const std::string name = boost::algorithm::trim_copy(column, classic);
+    const auto found = std::find_if(known.begin(), known.end(), [&](const std::string& heading) {
+        return boost::algorithm::iequals(heading, name, classic);
+    });
+    if (found == known.end()) {
+        throw Unknown("column", name, known);
     }
-    return headings;
+    return *found;
+}
+
+/** Headings out of names separated by commas. */
+std::vector<std::string> ParseColumns(const std::string& list, const std::vector<std::string>& known)
+{
+    std::vector<std::string> columns;
+    boost::algorithm::split(columns, list, boost::algorithm::is_any_of(","));
+    for (std::string& column : columns) {
+        column = ParseColumn(column, known);
+    }
+    return columns;
+}
+
+/** "serial=ZC1*". */
+Filter ParseFilter(const std::string& text, const std::vector<std::string>& known)
+{
+    const std::size_t sign = text.find('=');
+    if (sign == std::string::npos) {
+        throw CLI::ValidationError("--filter", "\"" + text + "\" is not of the form COLUMN=PATTERN");
+    }
+    return {ParseColumn(text.substr(0, sign), known), text.substr(sign + 1)};
 }
 
 /** Seconds as a decimal number: as many as somebody would wait. */
@@ -173,12 +190,17 @@ void RefuseNonsense(const Options& options, const CLI::App& app)
     refuse(options.command != Command::Devices, "--type", " makes no sense with a subcommand");
     // It writes no table, and says by itself what was asked and answered.
     const bool doctor = options.command == Command::Doctor;
-    for (const char* option : {"--columns", "--no-headings", "--log-level"}) {
+    for (const char* option : {"--columns", "--no-headings", "--filter", "--sort", "--log-level"}) {
         refuse(doctor, option, " makes no sense with doctor");
     }
-    refuse(doctor && options.format == Format::Prometheus, "--format", " prometheus makes no sense with doctor");
+    refuse(doctor && options.format == Format::Csv, "--format", " csv makes no sense with doctor");
+    const bool metrics = options.format == Format::Prometheus;
+    refuse(doctor && metrics, "--format", " prometheus makes no sense with doctor");
     for (const char* option : {"--no-headings", "--columns"}) {
-        refuse(options.format != Format::Table, option, " makes sense for a table only");
+        refuse(metrics || options.format == Format::Json, option, " makes sense for a table or csv only");
+    }
+    for (const char* option : {"--filter", "--sort"}) {
+        refuse(metrics, option, " makes no sense with --format prometheus");
     }
 }
 
@@ -202,7 +224,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                    "then listed once")
         ->type_name("CLASS");
     std::string format = "table";
-    app.add_option("-f,--format", format, "table (default), json or prometheus")->type_name("FORMAT");
+    app.add_option("-f,--format", format, "table (default), csv, json or prometheus")->type_name("FORMAT");
     std::string columns;
     app.add_option("--columns", columns,
                    "The table's columns, separated by commas, in\n"
@@ -210,6 +232,15 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         ->type_name("LIST");
     bool noHeadings = false;
     app.add_flag("--no-headings", noHeadings, "Leave out the table's first line");
+    std::vector<std::string> filters;
+    app.add_option("--filter", filters,
+                   "Show only what has this in a column: a pattern\n"
+                   "like those for file names. Of several filters\n"
+                   "all have to match")
+        ->type_name("COLUMN=PATTERN")
+        ->allow_extra_args(false);
+    std::string sortedBy;
+    app.add_option("--sort", sortedBy, "Sort by this column, numbers as numbers")->type_name("COLUMN");
     std::string logLevel;
     app.add_option("-l,--log-level", logLevel,
                    "What the library logs on standard error:\n"
@@ -251,6 +282,12 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         }
         if (app.count("--columns") > 0) {
             options.columns = ParseColumns(columns, headings());
+        }
+        for (const std::string& filter : filters) {
+            options.filters.push_back(ParseFilter(filter, headings()));
+        }
+        if (app.count("--sort") > 0) {
+            options.sortedBy = ParseColumn(sortedBy, headings());
         }
         RefuseNonsense(options, app);
         return options;

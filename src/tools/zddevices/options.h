@@ -13,13 +13,14 @@
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/output/table.h"
+#include "tools/zddevices/records/arrange.h"
 
 namespace Zendra::ZDDevices {
 
 /** The subcommands; Devices is what runs without one. */
 enum class Command { Devices, Optical, Firmware, Doctor };
 
-enum class Format { Table, Json, Prometheus };
+enum class Format { Table, Csv, Json, Prometheus };
 
 /** What the user asks for. */
 struct Options {
@@ -32,6 +33,10 @@ struct Options {
     /** The headings of the table's columns, in their order; empty for the columns that are usual. */
     std::vector<std::string> columns;
     Headings headings = Headings::Shown;
+    /** Which records are wanted: those that match all of these. */
+    std::vector<Filter> filters;
+    /** The heading of the column to sort by; empty for the usual order. */
+    std::string sortedBy;
     /** How much the library is to say on standard error; absent when the option was not given. */
     std::optional<unsigned int> logLevel;
 };

@@ -58,6 +58,9 @@ bool WriteAll(int descriptor, const std::string& text)
 void WriteOutput(const std::string& text)
 {
     if (!WriteAll(STDOUT_FILENO, text) || (close(STDOUT_FILENO) != 0 && errno != EINTR)) {
+        if (errno == EPIPE) {
+            throw NobodyReads();
+        }
         throw std::system_error(errno, std::generic_category(), "standard output cannot be written");
     }
 }

@@ -24,9 +24,12 @@ std::size_t TerminalWidth(int descriptor);
 /** Writes the whole text; false, with errno, when it cannot be written. */
 bool WriteAll(int descriptor, const std::string& text);
 
+/** Thrown when standard output is a pipe that nobody reads any more. */
+class NobodyReads {};
+
 /**
  * @brief Writes the whole text to standard output and closes it: some file systems report errors only then.
- * @throws std::system_error with a message fit for the user.
+ * @throws NobodyReads, or std::system_error with a message fit for the user.
  */
 void WriteOutput(const std::string& text);
 

@@ -105,6 +105,17 @@ std::string RenderDocument(const char* schema, const ReportOrigin& origin,
         WriteText(json, "schema", schema);
         WriteText(json, "host", origin.host);
         WriteText(json, "collected_at", origin.collectedAt);
+        if (!origin.type.empty()) {
+            WriteText(json, "type", origin.type);
+        }
+        if (!origin.filters.empty()) {
+            json.Key("filters");
+            json.StartArray();
+            for (const std::string& filter : origin.filters) {
+                WriteText(json, filter);
+            }
+            json.EndArray();
+        }
         write(json);
         json.EndObject();
     });

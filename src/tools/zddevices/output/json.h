@@ -11,6 +11,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/zddevices/records/report.h"
 
@@ -43,17 +44,21 @@ void WriteText(JsonWriter& json, const char* key, std::string_view text);
 /** Writes a key and its text as a record holds it: null for an empty one. */
 void WriteRecordText(JsonWriter& json, const char* key, std::string_view text);
 
-/** Where and when a report was made. */
+/** Where and when a report was made, and what it leaves out. */
 struct ReportOrigin {
     std::string host;
     /** RFC 3339, UTC, whole seconds: "2024-02-29T12:00:00Z". */
     std::string collectedAt;
+    /** The one class of devices that was asked, as on the command line; empty for all. */
+    std::string type = {};
+    /** What each record matches: "SERIAL=ZC1*". */
+    std::vector<std::string> filters = {};
 };
 
 /** This host's name and the present time. */
 ReportOrigin HereAndNow();
 
-/** A document: schema, host and time, and then the keys and values that `write` writes. */
+/** A document: schema, host, time and what it leaves out, and then the keys and values that `write` writes. */
 std::string RenderDocument(const char* schema, const ReportOrigin& origin,
                            const std::function<void(JsonWriter&)>& write);
 

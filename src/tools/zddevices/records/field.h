@@ -47,7 +47,7 @@ struct Field {
     const char* key;
     /** The text; null for a composed one. */
     std::string Record::*member;
-    /** Composes the text; for a field without a member. */
+    /** Composes the text, or what people see of the member in its place. */
     std::string (*compose)(const Record& record) = nullptr;
     InTable inTable = InTable::ByDefault;
     Content content = Content::Text;
@@ -125,11 +125,23 @@ std::string TextOf(const Record& record, const Field<Record>& field)
 template <typename Record>
 std::string CellOf(const Record& record, const Field<Record>& field)
 {
-    std::string text = TextOf(record, field);
+    std::string text = field.compose != nullptr ? field.compose(record) : record.*field.member;
     if (field.content == Content::Lines) {
         std::replace(text.begin(), text.end(), '\n', ' ');
     }
     return CellText(text);
+}
+
+/** The field as a spreadsheet gets it: numbers without units, the same text in every locale, and "" for an empty one.
+ */
+template <typename Record>
+std::string ValueOf(const Record& record, const Field<Record>& field)
+{
+    std::string text = TextOf(record, field);
+    if (field.content == Content::Lines) {
+        std::replace(text.begin(), text.end(), '\n', ' ');
+    }
+    return LabelText(text);
 }
 
 /** The fields of these headings, in their order; those of the table by default for no heading. */
@@ -153,9 +165,10 @@ std::vector<const Field<Record>*> FieldsOf(const std::vector<std::string>& headi
     return chosen;
 }
 
-/** The records for people, with the columns of these headings; by default for no heading. */
+/** The records with the columns of these headings, those by default for no heading. */
 template <typename Record>
-Table TableOf(const std::vector<Record>& records, const std::vector<std::string>& headings)
+Table TableOf(const std::vector<Record>& records, const std::vector<std::string>& headings,
+              std::string (*cellOf)(const Record& record, const Field<Record>& field) = CellOf<Record>)
 {
     const std::vector<const Field<Record>*> fields = FieldsOf<Record>(headings);
     Table table;
@@ -165,7 +178,7 @@ Table TableOf(const std::vector<Record>& records, const std::vector<std::string>
     for (const Record& record : records) {
         std::vector<std::string>& row = table.rows.emplace_back();
         for (const Field<Record>* field : fields) {
-            row.push_back(CellOf(record, *field));
+            row.push_back(cellOf(record, *field));
         }
     }
     return table;

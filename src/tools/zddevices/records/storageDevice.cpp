@@ -30,7 +30,7 @@ constexpr Field<Device> fields[] = {
     // Heading, share of the width, when too wide, key in JSON, text.
     {{"DEVICE", 0.05, Overflow::Keep}, "device", &Device::device},
     {{"TYPE", 0.05, Overflow::Keep}, nullptr, nullptr, Type},
-    {{"SIZE", 0.05, Overflow::Keep}, nullptr, nullptr, Size},
+    {{"SIZE", 0.05, Overflow::Keep}, "size_bytes", &Device::size_bytes, Size, InTable::ByDefault, Content::Number},
     {{"VENDOR", 0.10, Overflow::Wrap}, "vendor", &Device::vendor},
     {{"PRODUCT", 0.25, Overflow::Wrap}, "product", &Device::product},
     {{"FIRMWARE", 0.10, Overflow::Wrap}, "firmware_revision", &Device::firmware_revision},
@@ -51,7 +51,6 @@ constexpr Field<Device> fields[] = {
     Extra("STATE", "state", &Device::state),
     Extra("DRIVER", "driver", &Device::driver),
     Extra("PATHS", nullptr, &Device::paths, Content::Number),
-    Extra("SIZE-BYTES", "size_bytes", &Device::size_bytes, Content::Number),
     Extra("PORT", "port", &Device::port, Content::Number),
     Extra("BUS", "bus", &Device::bus, Content::Number),
     Extra("TARGET", "target", &Device::target, Content::Number),
