@@ -131,7 +131,7 @@ class ExamplesTest(unittest.TestCase):
             for command, output in examples:
                 code, out, err = run("bash", "-euo", "pipefail", "-c", command, env=environment)
                 if output:
-                    self.assertEqual((code, out, err), (0, output, ""), command)
+                    self.assertEqual((code, out.replace("\r\n", "\n"), err), (0, output, ""), command)
                 else:
                     # What the doctor says depends on the host.
                     self.assertIn(code, (0, 3), command)
