@@ -280,12 +280,24 @@ class ExpositionTest(Case):
             self.assertTrue(samples(result.stdout))
 
 
-class ExporterTest(Case):
+class Writing(Case):
+    def setUp(self):
+        super().setUp()
+        os.mkdir(self.path("out"))
+
+    def write_metrics(self, answers, **more):
+        """What the writer leaves for the exporter."""
+        subprocess.run([WRITER, self.path("out")], check=True, stderr=subprocess.DEVNULL,
+                       env=self.environment(answers, ZDDEVICES=SCRIPTED, RUNTIME_DIRECTORY=self.path("run"), **more))
+        with open(self.path("out", "zddevices.prom"), encoding="utf-8") as file:
+            return file.read()
+
+
+class ExporterTest(Writing):
     """A node exporter on a port of the loopback interface, with nothing but its textfile collector."""
 
     def setUp(self):
         super().setUp()
-        os.mkdir(self.path("out"))
         for _ in range(10):
             # Somebody else may take the port before the exporter does.
             if self.start():
@@ -321,12 +333,6 @@ class ExporterTest(Case):
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
         with opener.open(f"http://127.0.0.1:{self.port}/metrics", timeout=60) as response:
             return response.read().decode()
-
-    def write_metrics(self, answers):
-        subprocess.run([WRITER, self.path("out")], check=True,
-                       env=self.environment(answers, ZDDEVICES=SCRIPTED, RUNTIME_DIRECTORY=self.path("run")))
-        with open(self.path("out", "zddevices.prom"), encoding="utf-8") as file:
-            return file.read()
 
     def scrape_error(self):
         return samples(self.scrape(), "node_textfile_scrape_error")["node_textfile_scrape_error", frozenset()]
@@ -417,66 +423,165 @@ class UnitsTest(Case):
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
 
 
-RULE_TESTS = """
-rule_files: [RULES]
-evaluation_interval: 1m
-tests:
-  - interval: 1m
-    input_series:
-      - {series: 'zendra_device_scan_timestamp_seconds{instance="a"}', values: '0x400'}
-      - {series: 'zendra_device_scan_complete{instance="a",class="disk",asked="devices"}', values: '1x60 0x340'}
-      - {series: 'zendra_device_info{instance="a",serial="S1"}', values: '1x200 stale'}
-      - {series: 'zendra_device_info{instance="b",serial="S2"}', values: '1x200 stale'}
-      - {series: 'zendra_device_info{instance="b",serial="S3"}', values: '1x400'}
-      - {series: 'zendra_device_scan_complete{instance="b",class="disk",asked="devices"}', values: '1x400'}
-      - {series: 'zendra_disk_firmware_info{instance="b",software_id="P",version="1",ordinal="1"}', values: '1x400'}
-      - {series: 'zendra_disk_firmware_info{instance="b",software_id="P",version="1",ordinal="2"}', values: '1x400'}
-    alert_rule_test:
-      - {eval_time: 170m, alertname: StorageInventoryOld, exp_alerts: []}
-      - eval_time: 190m
-        alertname: StorageInventoryOld
-        exp_alerts:
-          - exp_labels: {severity: warning, instance: a}
-            exp_annotations: {summary: "a: the storage devices were last listed 3h 10m 0s ago"}
-      - {eval_time: 170m, alertname: StorageScanIncomplete, exp_alerts: []}
-      - eval_time: 220m
-        alertname: StorageScanIncomplete
-        exp_alerts:
-          - exp_labels: {severity: warning, instance: a, class: disk, asked: devices}
-            exp_annotations: {summary: "a: devices of the class disk do not answer"}
-      - {eval_time: 200m, alertname: StorageDeviceGone, exp_alerts: []}
-      - eval_time: 300m
-        alertname: StorageDeviceGone
-        exp_alerts:
-          - exp_labels: {severity: warning, instance: b, serial: S2}
-            exp_annotations: {summary: "b: the device with the serial number S2 is gone"}
-    promql_expr_test:
-      - expr: zendra:disk_firmware:count
-        eval_time: 60m
-        exp_samples: [{labels: 'zendra:disk_firmware:count{software_id="P",version="1"}', value: 2}]
-"""
+def disk(serial, firmware=b"0102"):
+    return device(vendor=b"HALVARD", product=b"HX 900", device_type=b"Direct Access Device", serial_number=serial,
+                  firmware_revision=firmware, port=b"6", target=serial[-1:], bus=b"0", lun=b"0")
 
 
-class RulesTest(Case):
+class Promtool(Writing):
     rules = os.path.join(SOURCES, "zddevices.rules.yml")
 
     def promtool(self, *arguments):
         return subprocess.run([PROMTOOL, *arguments], capture_output=True, text=True, check=False)
 
+    def known(self):
+        """The names of the series that there are."""
+        return {name for name, _ in samples(self.exposition(ONE_OF_EACH))}
+
+
+class RulesTest(Promtool):
+    """Two files of the writer, the second in the place of the first after 200 minutes, and what is said of them when."""
+    minutes = 200
+
     def test_the_rules_are_rules(self):
         result = self.promtool("check", "rules", self.rules)
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
 
-    def test_each_rule_speaks_when_it_should_and_not_before(self):
-        result = self.promtool("test", "rules", self.write("tests.yml", RULE_TESTS.replace("RULES", self.rules)))
+    def series(self, host, before, after):
+        """promtool's notation; the scan's moments are minutes since the beginning, so that they stand in its time."""
+        found = [samples(text) if text else {} for text in (before, after)]
+        for key in sorted(found[0].keys() | found[1].keys(), key=str):
+            name, labels = key
+            if name == "zendra_device_scan_seconds":
+                continue
+            words = [f"{label}={json.dumps(value, ensure_ascii=False)}" for label, value in sorted(labels)]
+            values = [f"{found[0][key]}x{self.minutes - 1}" if key in found[0] else f"_x{self.minutes}"]
+            values.append(f"{found[1][key]}x{self.minutes}" if key in found[1] else "stale")
+            if name == "zendra_device_scan_timestamp_seconds":
+                values = [f"0+60x{self.minutes - 1}"] + ([f"{self.minutes * 60}x{2 * self.minutes}"] if after else ["stale"])
+            series = f"{name}{{{','.join([*words, f'instance={json.dumps(host)}'])}}}"
+            yield {"series": series, "values": " ".join(values)}
+
+    def check(self, hosts, expected):
+        """expected: minutes after the second file came, alert, and its labels and words, or nothing."""
+        series = [one for host, texts in hosts.items() for one in self.series(host, *texts)]
+        alerts = []
+        for minute, name, *found in expected:
+            alerts.append({"eval_time": f"{self.minutes + minute}m", "alertname": name, "exp_alerts": [
+                {"exp_labels": labels, "exp_annotations": {"summary": words}} for labels, words in found]})
+        # JSON is YAML.
+        tests = json.dumps({"rule_files": [self.rules], "evaluation_interval": "1m", "tests": [
+            {"interval": "1m", "input_series": series, "alert_rule_test": alerts, "promql_expr_test": [
+                {"expr": "sum(zendra:disk_firmware:count)", "eval_time": "60m",
+                 "exp_samples": [{"labels": "{}", "value": len(hosts)}]}]}]})
+        result = self.promtool("test", "rules", self.write("tests.yml", tests))
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
 
+    def written(self, *disks, **answers):
+        return self.write_metrics({**ONE_OF_EACH, "2": answer(*disks), "1": answer(*disks), **answers})
+
+    def test_a_device_that_is_gone_new_or_has_other_firmware_is_named(self):
+        before = self.written(disk(b"S1"), disk(b"S2"), disk(b"S3"))
+        after = self.written(disk(b"S1"), disk(b"S3", b"0103"), disk(b"S4"))
+        gone = {"severity": "warning", "instance": "a", "serial": "S2"}, "a: the device with the serial number S2 is gone"
+        new = {"severity": "info", "instance": "a", "serial": "S4"}, "a: the device with the serial number S4 is new"
+        changed = ({"severity": "info", "instance": "a", "serial": "S3", "firmware": "0103"},
+                   "a: the device with the serial number S3 runs firmware 0103 now")
+        self.check({"a": (before, after), "b": (before, before)}, [
+            (-1, "StorageDeviceGone"), (2, "StorageDeviceGone", gone), (190, "StorageDeviceGone", gone),
+            (-1, "StorageDeviceNew"), (2, "StorageDeviceNew", new), (55, "StorageDeviceNew", new),
+            (65, "StorageDeviceNew"),
+            (-1, "StorageFirmwareChanged"), (2, "StorageFirmwareChanged", changed),
+            (55, "StorageFirmwareChanged", changed), (65, "StorageFirmwareChanged")])
+
+    def test_a_host_that_was_never_seen_has_no_new_devices(self):
+        self.check({"a": (self.written(disk(b"S1")),) * 2}, [(-190, "StorageDeviceNew"), (-100, "StorageDeviceNew")])
+
+    def test_an_incomplete_scan_is_told_and_makes_nothing_gone_or_new(self):
+        whole = self.written(disk(b"S1"), disk(b"S2"))
+        part = self.write_metrics({**ONE_OF_EACH, "2": {"hang": True}, "1": answer(disk(b"S1"))}, ZDDEVICES_SECONDS="2")
+        self.assertEqual(samples(part)["zendra_device_scan_complete",
+                                       frozenset({"class": "disk", "asked": "devices"}.items())], 0)
+        told = ({"severity": "warning", "class": "disk", "asked": "devices"}, "devices of the class disk do not answer")
+
+        def of(host):
+            return {**told[0], "instance": host}, f"{host}: {told[1]}"
+        self.check({"a": (whole, part), "b": (part, whole)}, [
+            (-85, "StorageScanIncomplete"), (-75, "StorageScanIncomplete", of("b")),
+            (110, "StorageScanIncomplete"), (125, "StorageScanIncomplete", of("a")),
+            (2, "StorageDeviceGone"), (100, "StorageDeviceGone"), (2, "StorageDeviceNew")])
+
+    def test_an_old_file_and_a_silent_host_are_told(self):
+        text = self.written(disk(b"S1"))
+        silent = {"severity": "warning", "instance": "b"}, "b: tells nothing of its storage devices any more"
+        old = {"severity": "warning", "instance": "a"}, "a: the storage devices were last listed 3h 5m 0s ago"
+        self.check({"a": (text, text), "b": (text, "")}, [
+            (170, "StorageInventoryOld"), (185, "StorageInventoryOld", old),
+            (-1, "StorageHostSilent"), (10, "StorageHostSilent"), (20, "StorageHostSilent", silent)])
+
     def test_the_rules_ask_for_series_that_there_are(self):
-        known = {name for name, _ in samples(self.exposition(ONE_OF_EACH))}
         with open(self.rules, encoding="utf-8") as file:
             asked = set(re.findall(r"\bzendra_\w+", file.read()))
         self.assertTrue(asked)
-        self.assertLessEqual(asked, known)
+        self.assertLessEqual(asked, self.known())
+
+
+class DashboardTest(Promtool):
+    """What Grafana takes for a dashboard, as far as that can be told without it."""
+
+    def setUp(self):
+        super().setUp()
+        with open(os.path.join(SOURCES, "zddevices.dashboard.json"), encoding="utf-8") as file:
+            self.dashboard = json.load(file)
+
+    def test_it_is_a_dashboard(self):
+        self.assertIsInstance(self.dashboard["schemaVersion"], int)
+        self.assertGreaterEqual(self.dashboard["schemaVersion"], 36)
+        self.assertRegex(self.dashboard["uid"], r"^[\w-]{1,40}$")
+        self.assertEqual({"from", "to"}, set(self.dashboard["time"]))
+        self.assertTrue(self.dashboard["title"])
+        self.assertNotIn("id", self.dashboard, "the number in a Grafana that it came from")
+
+    def test_its_panels_have_their_own_place(self):
+        panels = self.dashboard["panels"]
+        self.assertEqual(len({panel["id"] for panel in panels}), len(panels))
+        taken = set()
+        for panel in panels:
+            self.assertIn(panel["type"], ("stat", "table", "timeseries"))
+            self.assertTrue(panel["title"])
+            place = panel["gridPos"]
+            self.assertLessEqual(place["x"] + place["w"], 24)
+            cells = {(x, y) for x in range(place["x"], place["x"] + place["w"])
+                     for y in range(place["y"], place["y"] + place["h"])}
+            self.assertTrue(cells)
+            self.assertEqual(cells & taken, set(), panel["title"])
+            taken |= cells
+            self.assertTrue(panel["targets"])
+            self.assertEqual(len({target["refId"] for target in panel["targets"]}), len(panel["targets"]))
+
+    def test_its_variables_are_there(self):
+        variables = {one["name"] for one in self.dashboard["templating"]["list"]}
+        used = set(re.findall(r"\$\{?(\w+)", json.dumps(self.dashboard["panels"])))
+        self.assertEqual(used, variables)
+
+    def test_each_question_is_one_and_asks_for_series_that_there_are(self):
+        known = self.known()
+        with open(self.rules, encoding="utf-8") as file:
+            alerts = re.findall(r"alert: (\w+)", file.read())
+        questions = [target["expr"] for panel in self.dashboard["panels"] for target in panel["targets"]]
+        self.assertGreater(len(questions), 8)
+        for number, question in enumerate(questions):
+            asked = set(re.findall(r"\bzendra_\w+", question))
+            self.assertLessEqual(asked, known)
+            if not asked:
+                pattern = re.fullmatch(r'ALERTS\{alertname=~"([^"]+)".*\}', question)[1]
+                self.assertTrue(all(re.fullmatch(pattern, name) for name in alerts), pattern)
+        rules = {"groups": [{"name": "questions", "rules": [
+            {"record": f"question:{number}", "expr": question.replace("$instance", ".*")}
+            for number, question in enumerate(questions)]}]}
+        result = self.promtool("check", "rules", self.write("questions.yml", json.dumps(rules)))
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.assertIn(f"{len(questions)} rules found", result.stdout)
 
 
 if __name__ == "__main__":
