@@ -10,6 +10,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 import jinja2
@@ -28,8 +29,8 @@ class FactTest(unittest.TestCase):
         self.addCleanup(scratch.cleanup)
         self.directory = pathlib.Path(scratch.name)
 
-    def ask(self, script=None, mode=0o755, seconds=SECONDS):
-        """What the fact says when zddevices is this script."""
+    def place(self, script=None, mode=0o755, seconds=SECONDS):
+        """The fact, and this script as zddevices."""
         fact = self.directory / "zddevices.fact"
         content = jinja2.Template(TEMPLATE, keep_trailing_newline=True).render(zddevices_fact_seconds=seconds)
         fact.write_text(content, encoding="utf-8")
@@ -37,16 +38,23 @@ class FactTest(unittest.TestCase):
             program = self.directory / "zddevices"
             program.write_text("#!/bin/sh\n" + script + "\n", encoding="utf-8")
             program.chmod(mode)
-        path = "%s:/usr/bin:/bin" % self.directory
-        done = subprocess.run(
-            ["/usr/bin/python3", str(fact)],
-            env={"PATH": path, "LC_ALL": "C"},
+
+    def start(self):
+        return subprocess.Popen(
+            ["/usr/bin/python3", str(self.directory / "zddevices.fact")],
+            env={"PATH": "%s:/usr/bin:/bin" % self.directory, "LC_ALL": "C"},
             stdin=subprocess.DEVNULL,
-            capture_output=True,
-            check=True,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
         )
-        self.assertEqual(done.stderr, b"")
-        return json.loads(done.stdout)
+
+    def ask(self, *arguments, **options):
+        """What the fact says when zddevices is this script."""
+        self.place(*arguments, **options)
+        with self.start() as fact:
+            answer, complaints = fact.communicate()
+        self.assertEqual((fact.returncode, complaints), (0, b""))
+        return json.loads(answer)
 
     @staticmethod
     def reasons(answer):
@@ -112,6 +120,39 @@ class FactTest(unittest.TestCase):
             os.kill(number, signal.SIGKILL)
         self.assertEqual(answer["problems"], [])
         self.assertEqual(answer["inventory"]["schema"], "inventory")
+
+    def test_a_json_that_is_no_document_is_an_error(self):
+        for text in ("[1]", "null", "7"):
+            self.assertEqual(self.reasons(self.ask("echo '%s'" % text)), self.all_documents("error"))
+        deep = self.ask("head -c 100000 /dev/zero | tr '\\0' '['")
+        self.assertEqual(self.reasons(deep), self.all_documents("error"))
+
+    def test_a_fact_that_is_stopped_leaves_no_process(self):
+        numbers = self.directory / "started"
+        for how in (signal.SIGTERM, signal.SIGHUP, signal.SIGKILL):
+            numbers.write_text("", encoding="ascii")
+            self.place("echo $$ >>%s; exec sleep infinity" % numbers, seconds=SECONDS)
+            fact = self.start()
+            while len(numbers.read_text(encoding="ascii").split()) < 3:
+                time.sleep(0.02)
+            fact.send_signal(how)
+            fact.communicate()
+            started = [int(number) for number in numbers.read_text(encoding="ascii").split()]
+            for number in started:
+                self.addCleanup(self.end, number)
+            for _ in range(200):
+                left = [number for number in started if os.path.exists("/proc/%d" % number)]
+                if not left:
+                    break
+                time.sleep(0.05)
+            self.assertEqual(left, [], how)
+
+    @staticmethod
+    def end(number):
+        try:
+            os.kill(number, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
 
     def test_a_program_that_may_not_be_run_is_an_error(self):
         answer = self.ask(GOOD, mode=0o644)
