@@ -201,12 +201,12 @@ class FleetTest(unittest.TestCase):
                 self.assertEqual(self.network.complaints(host.name), "")
 
     def test_12_the_page_names_every_host_and_holds_no_markup_of_a_device(self):
-        page = (self.output / "fleet.html").read_text(encoding="utf-8")
+        page = (self.output / "fleet.html").read_text(encoding="ascii")
         for host in self.hosts:
             with self.subTest(host=host.name):
-                self.assertIn(host.name, page)
+                self.assertIn('"%s"' % host.name, page)
         self.assertNotIn("<img src=x>", page)
-        self.assertIn("&lt;img src=x&gt;", page)
+        self.assertIn("\\u003cimg src=x>", page)
         # No template is looked for in a text.
         self.assertIn("{{7*7}}", page)
 
@@ -238,6 +238,16 @@ class FleetTest(unittest.TestCase):
             with self.subTest(host=host.name):
                 self.assertGreater(counts[host.name]["ok"], 5)
                 self.assertEqual(counts[host.name]["changed"], 0)
+
+    def test_15a_a_failed_installation_leaves_nothing_in_tmp(self):
+        broken = self.network.directory / "broken"
+        broken.mkdir()
+        for package in ("zddevices", "libdevicecollector1", "liblogger2"):
+            (broken / (package + "_9.deb")).write_text("no package", encoding="ascii")
+        done = self.ansible.playbook("install", zendra_hosts="lags", zddevices_packages_directory=broken)
+        self.assertEqual(recap(done)["lags"]["rescued"], 1)
+        self.assertIn("Packages are installed: ", done)
+        self.assertEqual(os.listdir(self.network.root("lags") / "tmp"), [])
 
     def test_16_a_host_that_falls_silent_loses_its_old_answer(self):
         lost = self.network.hosts["four"]
@@ -272,6 +282,13 @@ class FleetTest(unittest.TestCase):
                 # The facts of others stay.
                 self.assertEqual((root / "etc/ansible/facts.d/asleep.fact").exists(), host.endless_fact)
         self.assertTrue((self.network.root("guest") / "usr/sbin/zddevices").exists())
+
+    def test_17a_a_second_removal_is_a_removal(self):
+        counts = recap(self.ansible.playbook("remove"))
+        for host in [host for host in self.reachable_as_root() if host.name != "four"]:
+            with self.subTest(host=host.name):
+                found = {key: counts[host.name][key] for key in ("changed", "failed", "rescued")}
+                self.assertEqual(found, {"changed": 0, "failed": 0, "rescued": 0})
 
     def test_18_a_host_without_the_fact_says_so(self):
         self.ansible.playbook("collect", zendra_output=self.output, zendra_hosts="lags")

@@ -31,6 +31,13 @@ class ActionModule(ActionBase):
                 module_args={"gather_subset": ["!all", "!min", "local"], "filter": ["ansible_local"]},
                 task_vars=task_vars,
             )
+            if gathered.get("failed"):
+                message = self._why(gathered)
+                self._keep(task_vars, {}, [answers.problem("error", message)])
+                result.update(failed=True, msg=message)
+                return result
+            local = gathered["ansible_facts"].get("ansible_local", {})
+            status = self._keep(task_vars, *answers.judge(local, self._task.args.get("refused")))
         except AnsibleConnectionFailure as error:
             self._keep(task_vars, {}, [answers.problem("unreachable", to_text(error))])
             raise
@@ -42,13 +49,6 @@ class ActionModule(ActionBase):
         except Exception as error:
             self._keep(task_vars, {}, [answers.problem("error", to_text(error))])
             raise
-        if gathered.get("failed"):
-            message = self._why(gathered)
-            self._keep(task_vars, {}, [answers.problem("error", message)])
-            result.update(failed=True, msg=message)
-            return result
-
-        status = self._keep(task_vars, *self._judge(gathered["ansible_facts"].get("ansible_local", {})))
         result.update(changed=False, status=status)
         return result
 
@@ -56,21 +56,6 @@ class ActionModule(ActionBase):
     def _why(gathered):
         told = [gathered.get(key) for key in ("msg", "module_stderr", "module_stdout")]
         return "\n".join(to_text(text).strip() for text in told if text)
-
-    def _judge(self, local):
-        """The fact, and the problems that it does not know of itself."""
-        problems = []
-        fact = local.get("zddevices")
-        if fact is None:
-            problems.append(answers.problem("not_installed", "the host has no fact zddevices"))
-        elif not isinstance(fact, dict):
-            problems.append(answers.problem("error", "the fact zddevices: %s" % fact))
-        if not isinstance(fact, dict):
-            fact = {}
-        refused = self._task.args.get("refused")
-        if refused and (problems or fact.get("problems")):
-            problems.insert(0, answers.problem("not_root", refused))
-        return fact, problems
 
     def _keep(self, task_vars, fact, problems):
         name = task_vars["inventory_hostname"]

@@ -2,10 +2,12 @@
 
     zendra.devices.merge: output=DIRECTORY
 
-Runs on the controller. One host at a time is in memory. A host of which nothing was recorded is in the file too.
+Runs on the controller. One host at a time is in memory. A host of which nothing was recorded is in the file too. The
+file of the last collection stays as fleet.before.json.
 """
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 
@@ -23,24 +25,17 @@ class ActionModule(ActionBase):
         output = os.path.abspath(self._task.args["output"])
         with open(answers.asked_path(output), encoding="ascii") as file:
             asked = json.load(file)
-        totals = {"hosts": 0, "ok": 0, "incomplete": 0, "failed": 0, "devices": 0}
         path = os.path.join(output, "fleet.json")
-        answers.write_whole(path, self._pieces(output, asked, totals))
-        result.update(changed=True, path=path, totals=totals)
+        self._keep_the_last(path, os.path.join(output, "fleet.before.json"))
+        hosts = (answers.read_answer(output, *host) for host in sorted(asked["hosts"].items()))
+        answers.write_whole(path, answers.fleet_pieces(asked["collected_at"], hosts))
+        result.update(changed=True, path=path, totals=answers.read_fleet(path)[0]["totals"])
         return result
 
     @staticmethod
-    def _pieces(output, asked, totals):
-        yield '{"schema":"zendra-fleet/1","collected_at":%s,"hosts":[' % answers.compact(asked["collected_at"])
-        for name, address in sorted(asked["hosts"].items()):
-            try:
-                with open(answers.host_path(output, name), encoding="ascii") as file:
-                    answer = json.load(file)
-            except FileNotFoundError:
-                answer = answers.unrecorded(name, address)
-            yield ("," if totals["hosts"] else "") + "\n" + answers.compact(answer)
-            totals["hosts"] += 1
-            totals[answer["status"]] += 1
-            if answer["inventory"]:
-                totals["devices"] += len(answer["inventory"]["devices"])
-        yield '\n],"totals":%s}\n' % answers.compact(totals)
+    def _keep_the_last(path, before):
+        """A second name for the file, so that there is a whole one under its own at every moment."""
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(before)
+        with contextlib.suppress(FileNotFoundError):
+            os.link(path, before)

@@ -7,7 +7,10 @@ import tempfile
 import time
 import urllib.parse
 
-DOCUMENTS = ("inventory", "firmware", "optical")
+from ansible_collections.zendra.devices.plugins.module_utils import documents
+from ansible_collections.zendra.devices.plugins.module_utils.documents import compact
+
+DOCUMENTS = tuple(documents.SCHEMAS)
 
 # Enough for a reason; a module that fails can say a great deal.
 MESSAGE_LIMIT = 2000
@@ -53,33 +56,90 @@ def problem(reason, message, document=None, classes=()):
     }
 
 
+def judge(local, refused=None):
+    """The fact out of a host's ansible_local, of which nothing is known, and the problems that it does not know of.
+
+    `refused` is why root was refused, if it was.
+    """
+    problems = []
+    fact = local.get("zddevices") if isinstance(local, dict) else None
+    if fact is None:
+        problems.append(problem("not_installed", "the host has no fact zddevices"))
+    elif not isinstance(fact, dict):
+        problems.append(problem("error", "the fact zddevices: %s" % str(fact)[:MESSAGE_LIMIT]))
+    if not isinstance(fact, dict):
+        fact = {}
+    if refused and (problems or fact.get("problems")):
+        problems.insert(0, problem("not_root", refused))
+    return fact, problems
+
+
 def host_answer(name, address, fact, problems):
-    """What is kept of one host. `fact` is its ansible_local.zddevices, or empty."""
-    documents = {document: fact.get(document) for document in DOCUMENTS}
-    problems = list(problems) + [
-        problem(one["reason"], one["message"], one["document"], one["classes"]) for one in fact.get("problems", [])
-    ]
-    if all(document is None for document in documents.values()):
+    """What is kept of one host. `fact` is its ansible_local.zddevices, of which nothing is known, or empty."""
+    problems = list(problems)
+    wrong = documents.complaint(fact)
+    if wrong:
+        document, message = wrong
+        problems.append(problem("error", message, document if document in DOCUMENTS else None))
+        fact = {}
+    for one in fact.get("problems") or []:
+        problems.append(problem(one["reason"], one["message"], one["document"], one["classes"]))
+    missing = [document for document in DOCUMENTS if fact.get(document) is None]
+    if len(missing) == len(DOCUMENTS):
         status = "failed"
         problems = problems or [problem("error", "the fact holds nothing")]
     else:
-        if not problems:
-            problems = [
-                problem("error", "the fact holds no such document", document)
-                for document in DOCUMENTS
-                if documents[document] is None
-            ]
+        problems = problems or [problem("error", "the fact holds no such document", document) for document in missing]
         status = "incomplete" if problems else "ok"
     answer = {"name": name, "address": address, "answered_at": now(), "status": status, "problems": problems}
-    answer.update(documents)
+    answer.update((document, fact.get(document)) for document in DOCUMENTS)
     return answer
 
 
-def unrecorded(name, address):
-    answer = host_answer(name, address, {}, [problem("error", "nothing was recorded of this host")])
+def unrecorded(name, address, message="nothing was recorded of this host"):
+    answer = host_answer(name, address, {}, [problem("error", message)])
     answer["answered_at"] = None
     return answer
 
 
-def compact(value):
-    return json.dumps(value, separators=(",", ":"))
+def read_answer(output, name, address):
+    """What was kept of a host, whatever became of the file."""
+    try:
+        with open(host_path(output, name), encoding="ascii") as file:
+            return json.load(file)
+    except FileNotFoundError:
+        return unrecorded(name, address)
+    except (OSError, ValueError, RecursionError) as error:
+        return unrecorded(name, address, "the file of this host: %s" % error)
+
+
+def fleet_pieces(collected_at, hosts):
+    """The merged file, a host a line; `hosts` are answers in the order of their names. The last piece has the totals."""
+    totals = {"hosts": 0, "ok": 0, "incomplete": 0, "failed": 0, "devices": 0}
+    yield '{"schema":"zendra-fleet/1","collected_at":%s,"hosts":[' % compact(collected_at)
+    for answer in hosts:
+        yield ("," if totals["hosts"] else "") + "\n" + compact(answer)
+        totals["hosts"] += 1
+        totals[answer["status"]] += 1
+        if answer["inventory"]:
+            totals["devices"] += len(answer["inventory"]["devices"])
+    yield '\n],"totals":%s}\n' % compact(totals)
+
+
+def read_fleet(path):
+    """The merged file as fleet_pieces() writes it: all but the hosts, and what gives the hosts one by one."""
+    with open(path, "rb") as file:
+        head = file.readline()
+        size = file.seek(0, os.SEEK_END)
+        file.seek(max(0, size - 4096))
+        tail = file.read().rpartition(b"\n]")[2]
+    rest = json.loads(head + b"]" + tail)
+
+    def hosts():
+        with open(path, encoding="ascii") as lines:
+            next(lines)
+            for line in lines:
+                if not line.startswith("]"):
+                    yield json.loads(line.rstrip(",\n"))
+
+    return rest, hosts()
