@@ -490,7 +490,7 @@ class TerminalTest(Case):
         long_disk = record(vendor=b"SEAGATE ", product=b"A PRODUCT OF SOME LENGTH", serial_number=UNIQUE,
                            device_type=b"Sequential Access Device", firmware_revision=b"12345678",
                            port=b"10", target=b"12", bus=b"0", lun=b"0")
-        for columns in (60, 80, 132, 200):
+        for columns in (80, 132, 200):
             out = self.on_terminal([long_disk, DISK, NVME, HOSTILE], columns)
             self.check_lines(out, columns)
             lines = out.splitlines()
@@ -498,6 +498,14 @@ class TerminalTest(Case):
             start = lines[0].index("SERIAL")
             end = next(i for i, line in enumerate(lines) if line.startswith("10:0:3:1"))
             self.assertEqual("".join(line[start:] for line in lines[1:end]), UNIQUE.decode(), out)
+
+    def test_on_a_narrow_terminal_each_device_is_a_block_of_lines(self):
+        for columns in (25, 40, 60):
+            out = self.on_terminal([DISK, record(serial_number=UNIQUE)], columns)
+            self.check_lines(out, columns)
+            first, second = out.split("\n\n")
+            self.assertEqual(first.split("\n")[0], "ADDRESS   10:0:3:1")
+            self.assertEqual("".join(second.partition("SERIAL")[2].split()), UNIQUE.decode(), out)
 
     def test_a_usual_host_needs_one_line_a_device_on_120_columns(self):
         self.assertEqual(len(self.on_terminal([DISK, NVME], 120).splitlines()), 3)

@@ -170,6 +170,56 @@ TEST(DeviceTable, WideCharactersCountTwice)
     }
 }
 
+TEST(Table, BreaksBetweenWordsWhereItIsTooWideAndMakesTheColumnsWholeThatLackTheLeast)
+{
+    const Table table = {{{"KEPT"}, {"WORDS", 6}, {"CODE", 6}},
+                         {{"123456789", "one two three", "ABCDEFGH"}, {"-", "-", "-"}}};
+    EXPECT_EQ(RenderTable(table, 32), "KEPT      WORDS         CODE\n"
+                                      "123456789 one two three ABCDEFGH\n"
+                                      "-         -             -\n");
+    EXPECT_EQ(RenderTable(table, 30), "KEPT      WORDS   CODE\n"
+                                      "123456789 one two ABCDEFGH\n"
+                                      "          three\n"
+                                      "-         -       -\n");
+    EXPECT_EQ(RenderTable(table, 23), "KEPT      WORDS CODE\n"
+                                      "123456789 one   ABCDEF\n"
+                                      "          two   GH\n"
+                                      "          three\n"
+                                      "-         -     -\n");
+}
+
+TEST(Table, ThatDoesNotFitIsShownRowByRow)
+{
+    const Table table = {{{"KEPT"}, {"WORDS", 6}}, {{"123456789", "one two three"}, {"-", "-"}}};
+    EXPECT_EQ(RenderTable(table, 15), "KEPT   12345678\n"
+                                      "       9\n"
+                                      "WORDS  one two\n"
+                                      "       three\n"
+                                      "\n"
+                                      "KEPT   -\n"
+                                      "WORDS  -\n");
+    EXPECT_EQ(RenderTable(table, 15, Headings::None), "123456789\none two three\n\n-\n-\n");
+    EXPECT_EQ(RenderTable({{{"CLASSIFICATIONS"}}, {{"123456789"}}}, 12),
+              "CLASSIFICATIONS  12345678\n                 9\n");
+}
+
+TEST(FoldedLines, BreakBetweenWordsAndGoOnFurtherToTheRight)
+{
+    EXPECT_EQ(FoldedLines("one two three\n  - four five six\n\n", 0), "one two three\n  - four five six\n\n");
+    EXPECT_EQ(FoldedLines("one two three\n  - four five six\n\n", 13), "one two three\n  - four\n    five six\n\n");
+    EXPECT_EQ(FoldedLines("one-long-word", 3), "one-long\n  -word\n");
+}
+
+TEST(BrokenBetweenWords, CountsColumnsAndAlwaysComesToAnEnd)
+{
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(BrokenBetweenWords("", 5), Lines({""}));
+    EXPECT_EQ(BrokenBetweenWords("\u65e5\u672c\u65e5", 5), Lines({"\u65e5\u672c", "\u65e5"}));
+    EXPECT_EQ(BrokenBetweenWords("\u65e5\u672c", 1), Lines({"\u65e5", "\u672c"}));
+    EXPECT_EQ(BrokenBetweenWords("ab  cd", 3), Lines({"ab ", "cd"}));
+    EXPECT_EQ(BrokenBetweenWords("ab cd", 2), Lines({"ab", "cd"}));
+}
+
 /** A heading and a line for each of two records, of printable characters only. */
 template <typename Record>
 void ExpectHarmlessTable(const std::vector<Record>& records, const std::vector<std::string>& headings = {})

@@ -60,8 +60,6 @@ TEST(StorageDevice, TypesAreShortWordsAndTheLibrarysTextsOnDemand)
     EXPECT_EQ(Cell(device, "TYPE"), "Something New");
     device.device_type.clear();
     EXPECT_EQ(Cell(device, "TYPE"), "-");
-    device.transport = "nvme";
-    EXPECT_EQ(Cell(device, "TYPE"), "disk");
 }
 
 TEST(StorageDevice, AnAddressOfZerosIsAnAddress)

@@ -4,7 +4,6 @@
 #include <array>
 #include <boost/format.hpp>
 #include <cstring>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -152,20 +151,6 @@ std::string DescribeFile(const CheckedFile& file, double secondsPerDevice)
     return text;
 }
 
-/** An item of a list, broken between words. */
-std::string Item(const std::string& item, std::size_t width)
-{
-    std::string text = "-";
-    std::size_t column = text.size();
-    std::istringstream words(item);
-    for (std::string word; words >> word;) {
-        const bool fits = width == 0 || column + 1 + word.size() <= width;
-        text += (fits ? " " : "\n  ") + word;
-        column = (fits ? column + 1 : 2) + word.size();
-    }
-    return text + "\n";
-}
-
 std::string DescribeClass(const ClassFiles& one, const Diagnosis& diagnosis)
 {
     const DeviceClass& words = ClassOf(one.type);
@@ -202,13 +187,13 @@ std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width)
         }
     }
     if (diagnosis.advice.empty()) {
-        return text + "\nThe library sees everything that has a device file.\n";
+        return FoldedLines(text + "\nThe library sees everything that has a device file.\n", width);
     }
     text += "\nWhat to know and to do:\n";
     for (const std::string& advice : diagnosis.advice) {
-        text += Item(advice, width);
+        text += "- " + advice + "\n";
     }
-    return text;
+    return FoldedLines(text, width);
 }
 
 std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& origin)

@@ -6,28 +6,21 @@
 #define ZENDRA_ZDDEVICES_TABLE_H
 
 #include <cstddef>
+#include <limits>
 #include <string>
 #include <vector>
 
 namespace Zendra::ZDDevices {
 
-/** What happens to a cell that is too wide for the terminal. */
-enum class Overflow {
-    /** Goes on in the next line: nothing of a serial number may be lost. */
-    Wrap,
-    /** Is cut: for texts whose first words tell enough. */
-    Cut,
-    /** Stays as it is, at the other columns' expense: for short texts that nobody reads in two halves. */
-    Keep
-};
+/** Column::least of a column whose texts are never broken: nobody reads a size in two halves. */
+constexpr std::size_t wholeTexts = std::numeric_limits<std::size_t>::max();
 
 /** One column. */
 struct Column {
     /** The heading, in capitals. */
     const char* heading = "";
-    /** The part of the terminal's width that the column should have, 0 to 1. */
-    double share = 0.0;
-    Overflow overflow = Overflow::Wrap;
+    /** Where the terminal is too narrow, a text of more characters than these goes on in the next line. */
+    std::size_t least = wholeTexts;
 };
 
 /** Each row has as many cells as there are columns, fit to be printed (see text.h). */
@@ -42,8 +35,11 @@ enum class Headings { Shown, None };
 /**
  * @brief The table as lines of text, headings first, without trailing blanks, each line ended.
  *
- * @param width the columns of the terminal that the lines must fit; 0 for no limit, and then every row is one
- *              line and whole. Below some 50 columns the lines may be wider than the terminal.
+ * Cells that are too wide go on in the next line, if possible between words. Where that does not suffice, each row is
+ * shown as lines of a heading and a text, with an empty line between two rows.
+ *
+ * @param width the columns of the terminal that the lines must fit; 0 for no limit, and then every row is one line and
+ *              whole. A terminal that has no room for 8 columns of text beside the headings is not thought of.
  * @throws std::bad_alloc, std::runtime_error.
  */
 std::string RenderTable(const Table& table, std::size_t width, Headings headings = Headings::Shown);

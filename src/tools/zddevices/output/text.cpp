@@ -101,6 +101,23 @@ std::string Escaped(std::string_view text, Stays stays)
         });
 }
 
+/** A character of a printable text. */
+struct Character {
+    /** In bytes. */
+    std::size_t size;
+    /** In columns of a terminal. */
+    std::size_t width;
+};
+
+Character FirstCharacter(std::string_view text)
+{
+    wchar_t character = 0;
+    std::mbstate_t state{};
+    const std::size_t size = std::mbrtowc(&character, text.data(), text.size(), &state);
+    const bool isOne = size > 0 && size <= text.size();
+    return {isOne ? size : 1, isOne ? static_cast<std::size_t>(std::max(wcwidth(character), 0)) : 1};
+}
+
 std::string_view WithoutPadding(std::string_view text)
 {
     text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
@@ -135,6 +152,67 @@ std::string LabelText(std::string_view text)
     constexpr CodePoint lastControl = 0x9F;
     return Escaped(WithoutPadding(text),
                    [](CodePoint code) { return IsPrintableAscii(code) || (code > lastControl && !IsUnseen(code)); });
+}
+
+std::size_t TextWidth(std::string_view text)
+{
+    std::size_t width = 0;
+    while (!text.empty()) {
+        const Character first = FirstCharacter(text);
+        width += first.width;
+        text.remove_prefix(first.size);
+    }
+    return width;
+}
+
+std::vector<std::string> BrokenBetweenWords(std::string_view text, std::size_t width)
+{
+    std::vector<std::string> lines;
+    // No character takes more columns than bytes.
+    while (text.size() > width && TextWidth(text) > width) {
+        std::size_t size = 0;
+        std::size_t columns = 0;
+        std::size_t lastBlank = 0;
+        for (Character next = FirstCharacter(text); size == 0 || columns + next.width <= width;
+             next = FirstCharacter(text.substr(size))) {
+            lastBlank = text[size] == ' ' ? size : lastBlank;
+            size += next.size;
+            columns += next.width;
+        }
+        lastBlank = size < text.size() && text[size] == ' ' ? size : lastBlank;
+        lines.emplace_back(text.substr(0, lastBlank != 0 ? lastBlank : size));
+        text.remove_prefix(lastBlank != 0 ? lastBlank + 1 : size);
+    }
+    if (!text.empty() || lines.empty()) {
+        lines.emplace_back(text);
+    }
+    return lines;
+}
+
+std::string FoldedLines(std::string_view text, std::size_t width)
+{
+    if (width == 0) {
+        return std::string(text);
+    }
+    constexpr std::size_t deeper = 2;
+    constexpr std::size_t narrowest = 8;
+    std::string out;
+    while (!text.empty()) {
+        std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        std::string indentation(std::min(line.find_first_not_of(' '), line.size()), ' ');
+        line.remove_prefix(indentation.size());
+        if (indentation.size() + TextWidth(line) <= width) {
+            out += indentation.append(line) + "\n";
+            continue;
+        }
+        const std::size_t used = indentation.size() + deeper;
+        for (const std::string& part : BrokenBetweenWords(line, std::max(width, used + narrowest) - used)) {
+            out += indentation + part + "\n";
+            indentation.resize(used, ' ');
+        }
+    }
+    return out;
 }
 
 std::string ValidUtf8(std::string_view text)

@@ -8,8 +8,10 @@
 #ifndef ZENDRA_ZDDEVICES_TEXT_H
 #define ZENDRA_ZDDEVICES_TEXT_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Zendra::ZDDevices {
 
@@ -45,6 +47,19 @@ std::string CellText(std::string_view text);
  * invisible or change the direction of writing. Two texts that differ within their padding stay different.
  */
 std::string LabelText(std::string_view text);
+
+/** How many columns of a terminal a printable text takes. */
+std::size_t TextWidth(std::string_view text);
+
+/** A printable text as lines of at most so many columns, broken between words; a longer word is broken anywhere. */
+std::vector<std::string> BrokenBetweenWords(std::string_view text, std::size_t width);
+
+/**
+ * @brief Lines of printable text, each ended, with those of more than `width` columns broken between words.
+ *
+ * What goes on in the next line stands two columns further to the right. @param width 0 for no limit.
+ */
+std::string FoldedLines(std::string_view text, std::size_t width);
 
 /** The text as UTF-8: each byte that is not part of a UTF-8 character becomes U+FFFD; all others stay. */
 std::string ValidUtf8(std::string_view text);

@@ -13,17 +13,17 @@ std::string Address(const Device& device);
 /** A part of the address. */
 constexpr Field<Device> Number(const char* heading, const char* key, std::string Device::*member)
 {
-    return {{heading, 0.05, Overflow::Keep}, key, member, nullptr, InTable::WhenAsked, Content::Number};
+    return {{heading}, key, member, nullptr, InTable::WhenAsked, Content::Number};
 }
 
 constexpr Field<Device> fields[] = {
-    // Heading, share of the width, when too wide, key in JSON, text.
-    {{"ADDRESS", 0.10, Overflow::Keep}, nullptr, nullptr, Address},
-    {{"TYPE", 0.20, Overflow::Cut}, "device_type", &Device::device_type},
-    {{"VENDOR", 0.10, Overflow::Wrap}, "vendor", &Device::vendor},
-    {{"PRODUCT", 0.25, Overflow::Wrap}, "product", &Device::product},
-    {{"FIRMWARE", 0.10, Overflow::Wrap}, "firmware_revision", &Device::firmware_revision},
-    {{"SERIAL", 0.25, Overflow::Wrap}, "serial_number", &Device::serial_number},
+    // Heading, least width, key in JSON, text.
+    {{"ADDRESS"}, nullptr, nullptr, Address},
+    {{"TYPE", 12}, "device_type", &Device::device_type},
+    {{"VENDOR", 8}, "vendor", &Device::vendor},
+    {{"PRODUCT", 12}, "product", &Device::product},
+    {{"FIRMWARE", 8}, "firmware_revision", &Device::firmware_revision},
+    {{"SERIAL", 20}, "serial_number", &Device::serial_number},
     Number("PORT", "port", &Device::port),
     Number("BUS", "bus", &Device::bus),
     Number("TARGET", "target", &Device::target),

@@ -10,14 +10,14 @@ using Identity = ZDOptions::SoftwareIdentity_;
 /** A CIM property that is empty or the same for most disks. */
 constexpr Field<Identity> Rare(const char* heading, const char* key, std::string Identity::*member)
 {
-    return {{heading, 0.15, Overflow::Wrap}, key, member, nullptr, InTable::WhenAsked};
+    return {{heading, 12}, key, member, nullptr, InTable::WhenAsked};
 }
 
 constexpr Field<Identity> fields[] = {
-    // Heading, share of the width, when too wide; key in JSON, text.
-    {{"SOFTWARE-ID", 0.45, Overflow::Wrap}, "SoftwareID", &Identity::SoftwareID},
-    {{"VERSION", 0.2, Overflow::Wrap}, "VersionString", &Identity::VersionString},
-    {{"SERIAL", 0.35, Overflow::Wrap}, nullptr, &Identity::SerialNumber},
+    // Heading, least width; key in JSON, text.
+    {{"SOFTWARE-ID", 12}, "SoftwareID", &Identity::SoftwareID},
+    {{"VERSION", 8}, "VersionString", &Identity::VersionString},
+    {{"SERIAL", 20}, nullptr, &Identity::SerialNumber},
     Rare("DESCRIPTION", "Description", &Identity::Description),
     Rare("ELEMENT-NAME", "ElementName", &Identity::ElementName),
     Rare("PRODUCT-NAME", "ProductName", &Identity::ProductName),

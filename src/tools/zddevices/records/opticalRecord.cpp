@@ -16,16 +16,16 @@ std::string Writes(const Drive& drive);
 
 constexpr Field<Drive> Capability(const char* heading, const char* key, std::string Drive::*member)
 {
-    return {{heading, 0.05, Overflow::Keep}, key, member, nullptr, InTable::WhenAsked, Content::Capability};
+    return {{heading}, key, member, nullptr, InTable::WhenAsked, Content::Capability};
 }
 
 constexpr Field<Drive> fields[] = {
-    // Heading, share of the width, when too wide; key in JSON, text.
-    {{"DRIVE", 0.15, Overflow::Wrap}, "drive_name", &Drive::drive_name_},
-    {{"VENDOR", 0.15, Overflow::Wrap}, "vendor", &Drive::vendor_},
-    {{"PRODUCT", 0.25, Overflow::Wrap}, "product", &Drive::product_},
-    {{"READS", 0.10, Overflow::Wrap}, nullptr, nullptr, Reads},
-    {{"WRITES", 0.35, Overflow::Wrap}, nullptr, nullptr, Writes},
+    // Heading, least width; key in JSON, text.
+    {{"DRIVE", 8}, "drive_name", &Drive::drive_name_},
+    {{"VENDOR", 8}, "vendor", &Drive::vendor_},
+    {{"PRODUCT", 12}, "product", &Drive::product_},
+    {{"READS", 8}, nullptr, nullptr, Reads},
+    {{"WRITES", 12}, nullptr, nullptr, Writes},
     // A medium, and "-READ" or "-WRITE".
     Capability("DVD-READ", "dvd_read", &Drive::dvd_read_),
     Capability("MRW-READ", "mrw_r", &Drive::mrw_r_),

@@ -23,30 +23,25 @@ std::string Size(const Device& device);
 constexpr Field<Device> Extra(const char* heading, const char* key, std::string Device::*member,
                               Content content = Content::Text)
 {
-    return {{heading, 0.05, Overflow::Keep}, key, member, nullptr, InTable::WhenAsked, content};
+    return {{heading}, key, member, nullptr, InTable::WhenAsked, content};
 }
 
 constexpr Field<Device> fields[] = {
-    // Heading, share of the width, when too wide, key in JSON, text.
-    {{"DEVICE", 0.05, Overflow::Keep}, "device", &Device::device},
-    {{"TYPE", 0.05, Overflow::Keep}, nullptr, nullptr, Type},
-    {{"SIZE", 0.05, Overflow::Keep}, "size_bytes", &Device::size_bytes, Size, InTable::ByDefault, Content::Number},
-    {{"VENDOR", 0.10, Overflow::Wrap}, "vendor", &Device::vendor},
-    {{"PRODUCT", 0.25, Overflow::Wrap}, "product", &Device::product},
-    {{"FIRMWARE", 0.10, Overflow::Wrap}, "firmware_revision", &Device::firmware_revision},
-    {{"SERIAL", 0.25, Overflow::Wrap}, "serial_number", &Device::serial_number},
-    {{"ADDRESS", 0.05, Overflow::Keep}, nullptr, nullptr, Address, InTable::WhenAsked},
-    {{"TYPE-TEXT", 0.20, Overflow::Cut}, "device_type", &Device::device_type, nullptr, InTable::WhenAsked},
-    {{"MODEL", 0.25, Overflow::Wrap}, "model", &Device::model, nullptr, InTable::WhenAsked},
-    {{"REVISION", 0.10, Overflow::Wrap}, "revision", &Device::revision, nullptr, InTable::WhenAsked},
-    {{"WWN", 0.15, Overflow::Wrap}, "wwn", &Device::wwn, nullptr, InTable::WhenAsked},
-    {{"SLOT", 0.15, Overflow::Wrap}, "slot", &Device::slot, nullptr, InTable::WhenAsked},
-    {{"FILES", 0.20, Overflow::Wrap},
-     "device_files",
-     &Device::device_files,
-     nullptr,
-     InTable::WhenAsked,
-     Content::Lines},
+    // Heading, least width, key in JSON, text.
+    {{"DEVICE"}, "device", &Device::device},
+    {{"TYPE"}, nullptr, nullptr, Type},
+    {{"SIZE"}, "size_bytes", &Device::size_bytes, Size, InTable::ByDefault, Content::Number},
+    {{"VENDOR", 8}, "vendor", &Device::vendor},
+    {{"MODEL", 12}, "model", &Device::model},
+    {{"REVISION", 8}, "revision", &Device::revision},
+    {{"SERIAL", 20}, "serial_number", &Device::serial_number},
+    {{"ADDRESS"}, nullptr, nullptr, Address, InTable::WhenAsked},
+    {{"TYPE-TEXT", 12}, "device_type", &Device::device_type, nullptr, InTable::WhenAsked},
+    {{"PRODUCT", 12}, "product", &Device::product, nullptr, InTable::WhenAsked},
+    {{"FIRMWARE", 8}, "firmware_revision", &Device::firmware_revision, nullptr, InTable::WhenAsked},
+    {{"WWN", 18}, "wwn", &Device::wwn, nullptr, InTable::WhenAsked},
+    {{"SLOT", 12}, "slot", &Device::slot, nullptr, InTable::WhenAsked},
+    {{"FILES", 12}, "device_files", &Device::device_files, nullptr, InTable::WhenAsked, Content::Lines},
     Extra("TRANSPORT", "transport", &Device::transport),
     Extra("STATE", "state", &Device::state),
     Extra("DRIVER", "driver", &Device::driver),
@@ -80,7 +75,6 @@ constexpr TypeWord typeWords[] = {
     {"Optical Card Reader Device", "card"}, {"Optical Based Storage Device", "osd"},
 };
 
-/** NVMe has no types; what answers the library there is a disk. */
 std::string Type(const Device& device)
 {
     for (const TypeWord& one : typeWords) {
@@ -88,7 +82,7 @@ std::string Type(const Device& device)
             return one.word;
         }
     }
-    return device.device_type.empty() && device.transport == "nvme" ? "disk" : device.device_type;
+    return device.device_type;
 }
 
 /** As lsblk writes it: powers of 1024, and one decimal where that is not zero ("1.8T", "16M"). */
