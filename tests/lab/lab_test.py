@@ -46,6 +46,24 @@ class GuestTest(unittest.TestCase):
         self.assertEqual(StepResult(0, b"x" * 3000000, b""), results["large"])
         self.assertEqual(StepResult(0, b"", b""), results["silent"])
 
+    def test_the_shell_modprobe_and_what_is_added_are_as_on_a_host_and_not_busybox(self):
+        class Added(Bare):
+            pass
+
+        with tempfile.TemporaryDirectory() as directory:
+            program = Path(directory) / "lsscsi"  # busybox has one, too
+            program.write_text("#!/bin/sh\necho 'the one that was added'\n", encoding="ascii")
+            program.chmod(0o755)
+            Added.additions = [(program, None)]
+            results = machine.boot(Added, BUILD, {
+                "shells": "readlink /proc/$$/exe; sh -c 'readlink /proc/$$/exe'",
+                "modprobe": "modprobe --version",
+                "added": "lsscsi",
+            })
+        self.assertEqual(b"/bin/sh\n/bin/sh\n", results["shells"].stdout)
+        self.assertRegex(results["modprobe"].stdout, b"^kmod version")
+        self.assertEqual(b"the one that was added\n", results["added"].stdout)
+
     def test_a_guest_that_hangs_is_ended_and_its_console_shown(self):
         steps = {"first": "echo ok", "hang": "echo still here >/dev/console; sleep 100000"}
         # A guest on a busy machine may be slower than the limit; then it is ended before it hangs.
@@ -76,11 +94,12 @@ class GuestTest(unittest.TestCase):
 
 
 class CommandLineTest(unittest.TestCase):
-    def test_a_test_takes_nothing_into_the_guest_that_its_topology_does_not_name(self):
-        done = subprocess.run([HERE / "lab", "test", "one-of-each", "--add", "/bin/true"], capture_output=True, text=True,
-                              check=False)
-        self.assertEqual(2, done.returncode)
-        self.assertIn("unrecognized arguments: --add /bin/true", done.stderr)
+    def test_a_file_to_add_that_is_not_there_is_named_by_every_command(self):
+        for command in ("run", "shell", "test"):
+            done = subprocess.run([HERE / "lab", command, "empty", "--build", BUILD.programs[0].parent,
+                                   "--add", "/no/such/file"], capture_output=True, text=True, check=False)
+            self.assertNotEqual(0, done.returncode)
+            self.assertIn("/no/such/file does not exist", done.stdout + done.stderr)
 
     def test_an_unknown_topology_is_a_failure_of_the_lab(self):
         done = subprocess.run([HERE / "lab", "run", "nowhere"], capture_output=True, text=True, check=False)

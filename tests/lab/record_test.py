@@ -81,7 +81,8 @@ class Recording(unittest.TestCase):
     def setUpClass(cls):
         steps = {call.replace(" ", "-"): command for call, command in CALLS.items()}
         steps["record"] = "python3 -I -S /root/record-host"
-        cls.results = machine.boot(cls.topology, cls.build, steps, additions=recorder_files())
+        cls.topology.additions = list(recorder_files())
+        cls.results = machine.boot(cls.topology, cls.build, steps)
         cls.text = cls.results["record"].stdout
         if not cls.text:
             raise AssertionError(f"nothing was recorded: {cls.results['record'].stderr.decode(errors='replace')}")

@@ -1,4 +1,4 @@
-"""The guest's initial file system: busybox, kmod, the kernel modules that the lab needs, our programs and scripts."""
+"""The guest's initial file system: dash, kmod, busybox, the kernel modules that the lab needs, our programs and scripts."""
 
 import os
 import re
@@ -31,10 +31,11 @@ class Image:
                           "tmp", "root", "lab/steps"):
             (self.root / directory).mkdir(parents=True, exist_ok=True)
         busybox = self._program_of_guest("busybox")
-        if busybox is None or _is_dynamic(busybox):
+        if _is_dynamic(busybox):
             raise Problem("a static busybox is needed: install busybox-static")
         shutil.copy2(busybox, self.root / "bin" / "busybox")
-        os.symlink("busybox", self.root / "bin" / "sh")
+        # As on a user's host. The shell of busybox runs its own modprobe and lsscsi, whatever PATH finds.
+        self.add_program(self._program_of_guest("dash"), "bin/sh")
         for name in ("init", "functions", "run-steps"):
             self.add_file(GUEST_FILES / name, f"lab/{name}")
         os.symlink("lab/init", self.root / "init")
@@ -45,8 +46,12 @@ class Image:
 
     def _program_of_guest(self, name):
         if self.machine.is_native:
-            return programs.find(name)
-        return next((path for path in (self.host / "bin" / name, self.host / "usr/bin" / name) if path.exists()), None)
+            return programs.need(name)
+        return next(path for path in (self.host / "bin" / name, self.host / "usr/bin" / name) if path.exists())
+
+    def add_prompt(self):
+        """Adds the shell that people type at."""
+        self.add_program(self._program_of_guest("bash"), "bin/bash")
 
     def add_file(self, source, guest_path):
         target = self.root / guest_path

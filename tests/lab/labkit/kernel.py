@@ -3,7 +3,7 @@
 The cache is ${XDG_CACHE_HOME:-~/.cache}/zendra-lab/PACKAGE_VERSION/ with boot/vmlinuz-* and lib/modules/*. An entry
 is prepared under another name and renamed into place, so whoever finds it finds it whole. What was downloaded stays
 until then, for the next try. A kernel of another architecture comes with programs for its guest: guest-ARCH/ holds
-busybox, kmod and the libraries that our own programs take.
+shells, busybox, kmod and the libraries that our own programs take.
 """
 
 import contextlib
@@ -20,7 +20,7 @@ from . import architecture, programs
 from .problem import Problem
 
 # What a guest of another architecture takes besides our programs, with all that it depends on.
-GUEST_PACKAGES = ("busybox-static", "kmod", "libstdc++6", "libsmartcols1", "libudev1")
+GUEST_PACKAGES = ("bash", "busybox-static", "dash", "kmod", "libstdc++6", "libsmartcols1", "libudev1")
 
 # Knows the mirror of this host.
 DEBIAN_ROOT = Path(__file__).resolve().parents[3] / "scripts" / "debian-root"
@@ -52,7 +52,7 @@ def cached(machine=None):
     machine = machine or architecture.find()
     entries = [entry for entry in cache_directory().glob(f"linux-image-*-{machine.name}_*")
                if (entry / "complete").exists()]
-    if not entries or not (machine.is_native or (guest_root(machine) / "complete").exists()):
+    if not entries or not (machine.is_native or _has_guest(machine)):
         return None
     newest = max(entries, key=lambda entry: (entry / "complete").stat().st_mtime)
     return _load(newest, machine)
@@ -64,8 +64,13 @@ def get(machine=None):
 
 
 def guest_root(machine):
-    """The directory that holds busybox, kmod and libraries for a guest: this host's own root, or that of its kind."""
+    """The directory that holds programs and libraries for a guest: this host's own root, or that of its kind."""
     return Path("/") if machine.is_native else cache_directory() / f"guest-{machine.name}"
+
+
+def _has_guest(machine):
+    complete = guest_root(machine) / "complete"
+    return complete.exists() and complete.read_text(encoding="ascii").split() == list(GUEST_PACKAGES)
 
 
 def prepare(machine=None):
@@ -121,7 +126,7 @@ def _apt_options(machine):
 
 
 def _prepare_guest(machine, apt):
-    if (guest_root(machine) / "complete").exists():
+    if _has_guest(machine):
         return
     with tempfile.TemporaryDirectory(dir=cache_directory(), prefix="preparing-") as scratch:
         unpacked = Path(scratch) / "unpacked"
@@ -132,7 +137,7 @@ def _prepare_guest(machine, apt):
                      "--no-install-recommends", "--download-only", "install", *GUEST_PACKAGES)
         for archive in archives.glob("*.deb"):
             programs.run("dpkg-deb", "-x", str(archive), str(unpacked))
-        (unpacked / "complete").touch()
+        (unpacked / "complete").write_text(" ".join(GUEST_PACKAGES), encoding="ascii")
         if guest_root(machine).exists():
             shutil.rmtree(guest_root(machine))
         os.rename(unpacked, guest_root(machine))

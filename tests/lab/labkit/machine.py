@@ -29,11 +29,11 @@ class GuestFailure(Exception):
     """The guest did not come to its end. The text holds the reason, qemu's messages and the console's last lines."""
 
 
-def boot(topology, build, steps, *, additions=(), time_limit=None):
+def boot(topology, build, steps, *, time_limit=None):
     """Runs the steps (name -> shell text) in a guest of the topology, in order; returns name -> StepResult."""
     with tempfile.TemporaryDirectory(prefix="zendra-lab-") as scratch:
         scratch = Path(scratch)
-        image = _image(topology, build, scratch, additions)
+        image = _image(topology, build, scratch)
         image.add_text("lab/environment", _environment(topology, "run"))
         image.add_text("lab/steps/000-setup", f"set -e\n. /lab/functions\n{topology.setup}\n")
         files = {}
@@ -69,11 +69,12 @@ def boot(topology, build, steps, *, additions=(), time_limit=None):
         return {name: received[file] for name, file in files.items()}
 
 
-def shell(topology, build, *, additions=()):
+def shell(topology, build):
     """Boots the topology with this terminal as its console; returns when the guest is down."""
     with tempfile.TemporaryDirectory(prefix="zendra-lab-") as scratch:
         scratch = Path(scratch)
-        image = _image(topology, build, scratch, additions)
+        image = _image(topology, build, scratch)
+        image.add_prompt()
         size = shutil.get_terminal_size()
         image.add_text("lab/environment",
                        _environment(topology, "shell") + f"labColumns={size.columns} labRows={size.lines}\n")
@@ -83,7 +84,7 @@ def shell(topology, build, *, additions=()):
         return subprocess.run(command, check=False).returncode
 
 
-def _image(topology, build, scratch, additions):
+def _image(topology, build, scratch):
     # First of all: with the kernel of another architecture come the programs that the image begins with.
     kernel = kernels.get(topology.machine())
     image = Image(scratch / "root", topology.machine())
@@ -106,7 +107,7 @@ def _image(topology, build, scratch, additions):
         if not built.is_file():
             raise Problem(f"{built} is not there: build the tests, or name a build that has them with --build")
         image.add_program(built)
-    for source, guest_path in additions:
+    for source, guest_path in topology.additions:
         image.add_program(source, guest_path)
     return image
 

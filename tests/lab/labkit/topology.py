@@ -92,6 +92,7 @@ class Topology(unittest.TestCase):
 
     build = None  # set by the command line
     arch = None  # the same; None: this host's
+    additions = ()  # files of this host: (path, path in the guest or None for /usr/bin); the command line may add some
     architectures = ("amd64",)  # that have what the topology is made of
     maxDiff = None
 

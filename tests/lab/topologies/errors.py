@@ -2,9 +2,6 @@
 
 import os
 
-from labkit import build as builds
-from labkit import machine
-from labkit.problem import Problem
 from labkit.topology import DISK, OK, Topology, device_record, timed
 
 # Four disks whose answers come from labTarget, each on an adapter of its own, and one of scsi_debug. Target 1, because
@@ -113,11 +110,7 @@ class Errors(Topology):
     @classmethod
     def setUpClass(cls):
         os.environ["ZENDRA_LAB_ACCEL"] = "tcg"
-        build = cls.build or builds.find()
-        target = build.programs[0].parents[3] / "tests" / "lab" / "programs" / "labTarget"
-        if not target.is_file():
-            raise Problem(f"{target} is not there: build the tests")
-        cls.results = machine.boot(cls, build, cls.steps, additions=[(target, None)])
+        super().setUpClass()
 
     def files(self, prefix):
         """The device files of that prefix in directory order, with the name of the disk behind each."""

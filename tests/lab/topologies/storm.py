@@ -2,9 +2,6 @@
 
 import shlex
 
-from labkit import build as builds
-from labkit import machine
-from labkit.problem import Problem
 from labkit.topology import DISK, OK, Topology, device_record, empty_disk, qemu_device
 
 # Hosts: 0 virtio-scsi, 1 the adapter of scsi_debug that stays, 2 to 5 those that come and go. A new adapter takes the
@@ -111,14 +108,6 @@ class Storm(Topology):
             *qemu_device("scsi-hd", bus="scsi.0", drive="large", channel=0, scsi_id=2, lun=0,
                          vendor="HALVARD", product="HX 9000", ver="0103", serial="HX-00018"),
         ]
-
-    @classmethod
-    def setUpClass(cls):
-        build = cls.build or builds.find()
-        watch = build.programs[0].parents[3] / "tests" / "lab" / "programs" / "labWatch"
-        if not watch.is_file():
-            raise Problem(f"{watch} is not there: build the tests")
-        cls.results = machine.boot(cls, build, cls.steps, additions=[(watch, None)])
 
     def seen(self):
         return {name: int(value) for name, _, value in
