@@ -128,7 +128,7 @@ ZENDRA_EXPORT std::string CaptureFile(std::string path);
 //   SIGPIPE, and it stays a zombie until the caller waits for it. Its process id is not told.
 // - A read end numbered 1024 or above, in a caller with that many open descriptors, counts as a failed select.
 // - Calls from several threads at once do not disturb each other. A caller that ignores SIGCHLD, or waits for
-//   any child in another thread, takes the exit code away: the result is then -1.
+//   any child in another thread or in a signal handler, takes the exit code away: the result is then -1.
 
 /**
  * Runs a command line, split at single blanks, without quoting and without a shell. The text before the first blank is

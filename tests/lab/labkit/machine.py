@@ -126,7 +126,8 @@ def _command(topology, initrd, parameters):
     prefix = [guard, "--pdeathsig", "KILL"] if guard else []
     return [*prefix, qemu, *machine.machine, *accelerator(machine), "-m", str(topology.memory),
             "-kernel", str(kernel.image), "-initrd", str(initrd),
-            "-append", f"console={machine.console} {parameters} panic=-1 {topology.kernel_parameters}".strip(),
+            "-append", " ".join((f"console={machine.console}", parameters, "panic=-1", machine.parameters,
+                                 topology.kernel_parameters)),
             *topology.qemu_arguments()]
 
 

@@ -65,6 +65,8 @@ RECOVERY = """
 class Errors(Topology):
     name = "errors"
     about = "disks that answer with errors, slowly, or not at all"
+
+    built_programs = ("labTarget",)
     modules = ("target_core_user", "tcm_loop", "configfs")
     time_limit = 390
 

@@ -35,6 +35,8 @@ def known_devices():
 class Storm(Topology):
     name = "storm"
     about = "disks plugged in and out while the inventory is taken"
+
+    built_programs = ("labWatch",)
     time_limit = 800
 
     setup = f"""
