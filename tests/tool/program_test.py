@@ -566,9 +566,9 @@ def found(*records):
     return {"status": 0, "records": list(records)}
 
 
-def wait_for(condition):
+def wait_for(condition, seconds=PATIENCE):
     """The condition's value as soon as it is one."""
-    end = time.monotonic() + PATIENCE
+    end = time.monotonic() + seconds
     while time.monotonic() < end:
         value = condition()
         if value:
@@ -873,9 +873,13 @@ class TimeoutTest(Case):
         process = subprocess.Popen([SCRIPTED, "optical", "--timeout", LONG], env=self.environment(script),
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         child = int(wait_for(lambda: read_line(pid)))
-        process.terminate()
-        process.communicate()
-        wait_for(lambda: process_state(child) in "-ZX")
+        try:
+            process.terminate()
+            process.communicate(timeout=PATIENCE)
+            wait_for(lambda: process_state(child) in "-ZX", seconds=20)
+        finally:
+            if process_state(child) not in "-ZX":
+                os.kill(child, signal.SIGKILL)
 
     def test_what_children_print_is_not_the_answer(self):
         code, out, err = self.run_classes({**NOTHING, "print": "printed"}, NOTHING, NOTHING,
