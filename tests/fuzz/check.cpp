@@ -57,14 +57,5 @@ void RequireEqual(std::int64_t actual, std::int64_t expected, std::string_view p
     }
 }
 
-std::string TextAt(const Bytes& bytes, std::size_t offset, std::size_t length)
-{
-    std::string text;
-    for (std::size_t i = offset; i < offset + length && i < bytes.size() && bytes[i] != 0; ++i) {
-        text += static_cast<char>(bytes[i]);
-    }
-    return text;
-}
-
 }  // namespace Fuzz
 }  // namespace Zendra

@@ -30,9 +30,6 @@ inline bool HasNoNul(const std::string& text)
     return text.find('\0') == std::string::npos;
 }
 
-/** The bytes up to the first NUL, at most `length`. */
-std::string TextAt(const Bytes& bytes, std::size_t offset, std::size_t length);
-
 /** Whether the C locale calls it white space. */
 inline bool IsWhiteSpace(char c)
 {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,12 +11,18 @@
 #include "support/expectedLogs.h"
 #include "support/groupingLocale.h"
 #include "support/guardedBuffer.h"
+#include "support/identityModel.h"
 #include "support/scriptedOperator.h"
 
 namespace Zendra {
 namespace ZDSystemDevice {
 namespace {
 
+using ZendraTest::AfterAtaFirmware;
+using ZendraTest::AfterAtaIdentify;
+using ZendraTest::AfterInquiry;
+using ZendraTest::AfterNvmeIdentify;
+using ZendraTest::AfterSerialPage;
 using ZendraTest::All;
 using ZendraTest::AtaData;
 using ZendraTest::Bytes;
@@ -420,34 +425,9 @@ TEST(StoreIdLun, BytesAreTargetLunAndBusAndTheHostIsNotTaken)
 
 // Every byte of an answer is the device's to choose, and so is where the answer ends. The decoders get answers of every
 // length and of random content in memory that ends exactly where the answer does, so that a read of one byte too many
-// is a crash; what they must make of each is worked out here a second time, the slow way.
+// is a crash.
 
 constexpr int randomRounds = 3000;
-
-std::string UpToZero(const Bytes& data, std::size_t offset, std::size_t width)
-{
-    std::string text;
-    for (std::size_t i = offset; i < std::min(offset + width, data.size()) && data[i] != 0; ++i) {
-        text += static_cast<char>(data[i]);
-    }
-    return text;
-}
-
-std::string Swapped(Bytes data, std::size_t offset, std::size_t width)
-{
-    data.resize(std::max<std::size_t>(data.size(), 512), 0);
-    Bytes swapped(width);
-    for (std::size_t i = 0; i < width; ++i) {
-        swapped[i ^ 1U] = data[offset + i];
-    }
-    return UpToZero(swapped, 0, width);
-}
-
-std::string Cut(const std::string& text)
-{
-    const std::size_t first = text.find_first_not_of(" \t");
-    return first == std::string::npos ? text : text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
 
 /** Random bytes; in half of the rounds from a small alphabet in which blanks, tabs and zeros are frequent. */
 Bytes RandomBytes(std::mt19937& random, std::size_t size)
@@ -476,58 +456,34 @@ private:
 
 void CheckInquiry(const Bytes& data)
 {
-    BusDevice record;
+    BusDevice record = Used();
     ReadInquiry(GuardedAnswer(data).View(), record);
-    ASSERT_EQ(UpToZero(data, 8, 28), record.inquiryString);
-    ASSERT_EQ(Cut(UpToZero(data, 8, 8)), record.vendorId);
-    const std::string product = UpToZero(data, 16, 16);
-    ASSERT_EQ(product.empty() ? Cut(UpToZero(data, 8, 8)) : Cut(product), record.productId);
-    ASSERT_EQ(UpToZero(data, 32, 4), record.revision);
-    ASSERT_EQ(DeviceTypeText(data.empty() ? 0 : data[0] & 0x0f), record.deviceType);
+    ASSERT_EQ(All(AfterInquiry(data, Used())), All(record));
 }
 
 void CheckSerial(const Bytes& page)
 {
-    BusDevice record;
-    record.serialNum = "old";
+    BusDevice record = Used();
     ReadSerialPage(GuardedAnswer(page).View(), record);
-    const std::size_t length = page.size() > 3 ? page[3] : 0;
-    ASSERT_EQ(length > 32 ? "old" : length <= 1 ? "" : UpToZero(page, 4, length), record.serialNum);
+    ASSERT_EQ(All(AfterSerialPage(page, Used())), All(record));
 }
 
 void CheckAta(const Bytes& data)
 {
     const AtaIdentity identity = ReadAtaIdentity(GuardedAnswer(AtaBuffer(data)).View());
-    ASSERT_EQ(Swapped(data, 54, 40), identity.model);
-    ASSERT_EQ(Swapped(data, 46, 8), identity.firmwareRevision);
-    ASSERT_EQ(Swapped(data, 20, 20), identity.serialNumber);
-    BusDevice record;
-    record.vendorId = "old vendor";
-    record.productId = "old product";
+    BusDevice record = Used();
     StoreAtaIdentity(identity, record);
-    std::string vendor = "old vendor";
-    std::string product = "old product";
-    std::istringstream words(identity.model);
-    words.imbue(std::locale::classic());
-    std::string word;
-    if (words >> word) {
-        vendor = word;
-    }
-    if (words >> word) {
-        product = word;
-    }
-    ASSERT_EQ(vendor, record.vendorId);
-    ASSERT_EQ(product, record.productId);
-    ASSERT_EQ(identity.model.substr(0, 23), record.shortIdent);
+    ASSERT_EQ(All(AfterAtaIdentify(data, Used())), All(record));
+    record = Used();
+    StoreAtaFirmware(identity, record);
+    ASSERT_EQ(All(AfterAtaFirmware(data, Used())), All(record));
 }
 
 void CheckNvme(const Bytes& data)
 {
-    BusDevice record;
+    BusDevice record = Used();
     ReadNvmeIdentity(GuardedAnswer(data).View(), record);
-    ASSERT_EQ(UpToZero(data, 24, 39), record.productId);
-    ASSERT_EQ(UpToZero(data, 64, 4096 - 64), record.revision);
-    ASSERT_EQ(UpToZero(data, 4, 19), record.serialNum);
+    ASSERT_EQ(All(AfterNvmeIdentify(data, Used())), All(record));
 }
 
 /** Checks every beginning of the answer, the whole one included. */
