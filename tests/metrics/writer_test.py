@@ -378,6 +378,8 @@ class AttackTest(Case):
                 codes = {self.run_here().returncode for _ in range(150)}
             finally:
                 attacker.kill()
+                # Ends when the command that the shell was at has ended, too.
+                attacker.stdout.read()
         self.assertLessEqual(codes, {0, 1})
         self.assert_no_harm()
 
