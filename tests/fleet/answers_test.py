@@ -129,6 +129,26 @@ class Merged(unittest.TestCase):
 
 
 class MergeTest(Merged):
+    def test_a_file_that_cannot_be_written_leaves_the_old_one_and_nothing_else(self):
+        answers.write_whole(self.path, ["old"])
+
+        def pieces():
+            yield "new"
+            raise ValueError("no more")
+
+        with self.assertRaises(ValueError):
+            answers.write_whole(self.path, pieces())
+        self.assertEqual(pathlib.Path(self.path).read_text(encoding="ascii"), "old")
+        self.assertEqual(sorted(os.listdir(self.output)), ["fleet.json", "hosts"])
+
+    def test_a_name_is_any_text(self):
+        names = ["../../outside", "a b", "fe80::1%eth0", "h\u00f6st", "rack/1"]
+        for name in names:
+            self.keep(name, answer(FACT, name))
+        hosts, _ = self.merge(*names)
+        self.assertEqual([one["name"] for one in hosts], names)
+        self.assertEqual(len(os.listdir(answers.hosts_directory(self.output))), len(names))
+
     def test_a_file_that_is_not_there_or_broken_is_an_error_of_its_host(self):
         self.keep("a", answer(FACT, "a"))
         self.keep("b", '{"name":"b"')

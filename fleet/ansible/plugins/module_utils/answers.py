@@ -1,6 +1,7 @@
 """Files of a collection: one answer for each host, and the list of those that are asked."""
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import tempfile
@@ -20,18 +21,24 @@ def now():
     return time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())
 
 
-def write_whole(path, pieces):
-    """Writes a file that appears under its name when it is whole."""
+@contextlib.contextmanager
+def whole_file(path):
+    """A file to write that appears under its name when it is whole, and not at all when that fails."""
     descriptor, temporary = tempfile.mkstemp(dir=os.path.dirname(path), prefix=".new.")
     try:
         with os.fdopen(descriptor, "w", encoding="ascii") as file:
-            for piece in pieces:
-                file.write(piece)
+            yield file
         os.chmod(temporary, 0o644)
         os.replace(temporary, path)
     except BaseException:
         os.unlink(temporary)
         raise
+
+
+def write_whole(path, pieces):
+    with whole_file(path) as file:
+        for piece in pieces:
+            file.write(piece)
 
 
 def hosts_directory(output):
@@ -45,6 +52,10 @@ def host_path(output, name):
 
 def asked_path(output):
     return os.path.join(output, "asked.json")
+
+
+# The file of the last collection, that of this one, and what has changed between them.
+CHANGE_FILES = ("fleet.before.json", "fleet.json", "changes.json")
 
 
 def problem(reason, message, document=None, classes=()):

@@ -12,7 +12,32 @@ REASONS = {"not_root": "not root", "time_limit": "time limit", "not_installed": 
 
 def address(device):
     numbers = tuple(device[key] for key in ("port", "bus", "target", "lun"))
-    return "" if None in numbers or not any(numbers) else "%d:%d:%d:%d" % numbers
+    # Programs that did not tell the device's file wrote zeros for an address that they did not know.
+    known = None not in numbers and ("device" in device or any(numbers))
+    return "%d:%d:%d:%d" % numbers if known else ""
+
+
+def described(rows):
+    """A device of which something has changed: what it is, its firmware, and where it is."""
+    if not rows:
+        return ""
+    device = rows[0]
+    words = [shown(device[key]) for key in ("vendor", "product", "serial_number")]
+    firmware = shown(device["firmware_revision"])
+    place = shown(device.get("slot")) or address(device)
+    words += ["firmware " + firmware] * bool(firmware) + ["at " + place] * bool(place)
+    return " ".join(filter(None, words))
+
+
+def changes_of(difference):
+    """Host, what happened, device before and now: of each line of what "zddevices diff" said."""
+    for one in difference["hosts"]:
+        devices = "one device" if one["devices"] == 1 else "%d devices" % one["devices"]
+        gone = one["change"] in ("removed", "not_seen")
+        yield shown(one["host"]), "host " + one["change"].replace("_", " "), devices * gone, devices * (not gone)
+    for one in difference["devices"]:
+        words = ", ".join(one["changes"]).replace("_", " ")
+        yield shown(one["host"]), words, described(one["old"]), described(one["new"])
 
 
 def silent_devices(host):
@@ -33,6 +58,8 @@ class Contents:
         self.problems = []
         self.silent = []
         self.kinds = {}
+        self.changes = []
+        self.before = None
         self.devices = {"kind": [], "file": [], "address": [], "serial": []}
 
     def add(self, host):
@@ -69,6 +96,8 @@ class Contents:
             "hosts": self.hosts,
             "problems": self.problems,
             "silent": self.silent,
+            "before": self.before,
+            "changes": self.changes,
             "kinds": list(self.kinds),
             "devices": self.devices,
         }
@@ -76,10 +105,14 @@ class Contents:
         return answers.compact(data).replace("<", "\\u003c")
 
 
-def pieces(path, frame):
-    """The page of the merged file in `path`. `frame` is the page without its data and without its script's hash."""
+def pieces(path, frame, difference=None):
+    """The page of the merged file in `path`. `frame` is the page without its data and without its script's hash;
+    `difference` what "zddevices diff" says of the last collection and this one."""
     fleet, hosts = answers.read_fleet(path)
     contents = Contents()
+    if difference:
+        contents.before = shown(difference["old"]["collected_at"])
+        contents.changes = list(changes_of(difference))
     for host in hosts:
         contents.add(host)
     script = frame.rpartition("<script>")[2].partition("</script>")[0]
