@@ -82,6 +82,16 @@ class FactTest(unittest.TestCase):
         self.assertEqual(self.reasons(answer), self.all_documents("time_limit", ["disk", "tape"]))
         self.assertEqual(answer["inventory"]["unanswered"], ["disk", "tape"])
 
+    def test_devices_that_gave_no_answer_have_their_reason(self):
+        def answer_with(*reasons):
+            text = json.dumps({"unanswered": [{"device_file": "/dev/sda", "reason": one} for one in reasons]})
+            return self.reasons(self.ask("echo '%s'; exit 3" % text))
+
+        self.assertEqual(answer_with("denied", "refused"), self.all_documents("not_root"))
+        self.assertEqual(answer_with("denied", "offline"), self.all_documents("device"))
+        self.assertEqual(answer_with("offline", "no_answer_in_time"), self.all_documents("time_limit"))
+        self.assertEqual(answer_with(), self.all_documents("not_root"))
+
     def test_lack_of_privilege_keeps_the_document_and_the_message(self):
         answer = self.ask("echo 'run as root' >&2; %s; exit 3" % GOOD)
         self.assertEqual(self.reasons(answer), self.all_documents("not_root"))

@@ -85,7 +85,7 @@ SILENT = fleet(
          device("HX 900", "0102", "HX-2", device="/dev/sdb", size_bytes=960197124096),
          device("HX 900", "0102", "HX-3", device="/dev/sdc", size_bytes=None),
          unanswered=[{"device_file": "/dev/sdd", "reason": "offline", "errno": 6, "message": "the disk is <offline>"},
-                     {"device_file": None, "reason": "denied", "errno": None, "message": "owned by root"}]),
+                     {"device_file": None, "reason": "not_asked", "errno": None, "message": "owned by root"}]),
     host("birch", unanswered=["disk"]))
 CHANGES = {
     "old": {"collected_at": "2026-01-01T00:00:00Z"},
@@ -304,7 +304,7 @@ class BrowserTest(Rendered):
         self.assertFalse(self.find("#silent").is_displayed())
         self.open("silent")
         self.assertEqual([self.cells("silent", column) for column in range(4)],
-                         [["alder", "alder", "birch"], ["/dev/sdd", "", "class disk"], ["offline", "denied", "time limit"],
+                         [["alder", "alder", "birch"], ["/dev/sdd", "", "class disk"], ["offline", "not asked", "time limit"],
                           ["the disk is <offline>", "owned by root", ""]])
 
     def test_changes_since_the_last_collection_are_told(self):

@@ -21,7 +21,7 @@ PROBLEMS = {
         "type": "object",
         "required": ["reason", "document", "classes", "message"],
         "properties": {
-            "reason": {"enum": ["time_limit", "not_root", "not_installed", "error"]},
+            "reason": {"enum": ["time_limit", "not_root", "not_installed", "device", "error"]},
             "document": {"enum": [*SCHEMAS, None]},
             "classes": {"type": "array", "items": {"type": "string", "minLength": 1}},
             "message": {"type": "string"},

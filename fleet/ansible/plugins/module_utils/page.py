@@ -7,6 +7,7 @@ import hashlib
 from ansible_collections.zendra.devices.plugins.module_utils import answers
 from ansible_collections.zendra.devices.plugins.module_utils.texts import shown
 
+# In words; the others are words already.
 REASONS = {"not_root": "not root", "time_limit": "time limit", "not_installed": "not installed"}
 
 
@@ -47,7 +48,7 @@ def silent_devices(host):
             if isinstance(one, str):
                 yield "class " + one, "time limit", ""
             else:
-                yield shown(one["device_file"]), shown(one["reason"]), shown(one["message"])
+                yield shown(one["device_file"]), shown(one["reason"]).replace("_", " "), shown(one["message"])
 
 
 class Contents:
