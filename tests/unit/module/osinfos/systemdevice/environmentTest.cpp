@@ -8,6 +8,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <thread>
 
 #include "common/osspecific/osspecific_lin.h"
