@@ -126,11 +126,21 @@ class ExamplesTest(unittest.TestCase):
                 json.dump(HOST, file)
             environment = {**os.environ, "LC_ALL": "C.UTF-8", "ZDDEVICES_SCRIPT": script,
                            "PATH": directory + ":" + os.environ["PATH"]}
+            # What the examples call the old inventory: a disk more.
+            document = json.loads(run(SCRIPTED, "--format", "json", env=environment)[1])
+            document["devices"].append({"vendor": "HALVARD", "product": "HX 900", "serial_number": "HX-00018",
+                                        "device": "sdb", "port": 6, "bus": 0, "target": 1, "lun": 0})
+            with open(os.path.join(directory, "old.json"), "w", encoding="ascii") as file:
+                json.dump(document, file)
             examples = self.examples()
             self.assertGreaterEqual(len(examples), 6)
             for command, output in examples:
-                code, out, err = run("bash", "-euo", "pipefail", "-c", command, env=environment)
-                if output:
+                code, out, err = run("bash", "-euo", "pipefail", "-c", command, env=environment, cwd=directory)
+                if "> new.json" in command:
+                    self.assertEqual((code, out, err), (0, "", ""), command)
+                elif "diff" in command:
+                    self.assertEqual((code, out, err), (1, output, ""), command)
+                elif output:
                     self.assertEqual((code, out.replace("\r\n", "\n"), err), (0, output, ""), command)
                 else:
                     # What the doctor says depends on the host.

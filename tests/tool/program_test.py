@@ -12,6 +12,7 @@ import json
 import os
 import pty
 import re
+import resource
 import select
 import shlex
 import shutil
@@ -63,7 +64,10 @@ SCHEMAS = load_schemas()
 
 
 def validate(document, kind="zddevices/1"):
-    jsonschema.Draft202012Validator(SCHEMAS[kind], format_checker=jsonschema.FormatChecker()).validate(document)
+    # jsonschema finds nothing inside another schema: what a schema names there is put into it.
+    schema = json.loads(json.dumps(SCHEMAS[kind]).replace('"urn:zendra:schema:zddevices:1#/', '"#/'))
+    schema["$defs"] = {**SCHEMAS["zddevices/1"]["$defs"], **schema.get("$defs", {})}
+    jsonschema.Draft202012Validator(schema, format_checker=jsonschema.FormatChecker()).validate(document)
 
 
 def record(names=None, **fields):
@@ -375,8 +379,8 @@ class JsonTest(Case):
                 validate(bad)
 
     def test_the_schemas_are_schemas(self):
-        self.assertEqual(sorted(SCHEMAS), ["zddevices-doctor/1", "zddevices-firmware/1", "zddevices-optical/1",
-                                           "zddevices/1", "zendra-fleet/1"])
+        self.assertEqual(sorted(SCHEMAS), ["zddevices-diff/1", "zddevices-doctor/1", "zddevices-firmware/1",
+                                           "zddevices-optical/1", "zddevices/1", "zendra-fleet/1"])
         for schema in SCHEMAS.values():
             jsonschema.Draft202012Validator.check_schema(schema)
 
@@ -449,6 +453,127 @@ class SubcommandTest(Case):
             self.assertEqual(result, (1, "", "zddevices: out of memory\n"))
             code, _, err = self.run_program(word, "--type", "disk")
             self.assertEqual((code, err), (2, "zddevices: --type makes no sense with a subcommand\n" + HINT))
+
+
+class DiffTest(Case):
+    def inventory(self, *devices, **fields):
+        return {"schema": "zddevices/1", "host": "alder", "collected_at": "2026-11-20T00:00:00Z",
+                "status": {"code": 0, "name": "DEVICE_RESULT_OK"}, "complete": True, "devices": list(devices), **fields}
+
+    def device(self, serial, target, **fields):
+        return {"vendor": "HALVARD ", "product": "HX 900", "device_type": "Direct Access Device",
+                "serial_number": serial, "firmware_revision": "0102", "port": 6, "target": target, "bus": 0, "lun": 0,
+                **fields}
+
+    def keep(self, name, document):
+        path = os.path.join(self.directory, name)
+        with open(path, "w", encoding="utf-8") as file:
+            if isinstance(document, str):
+                file.write(document)
+            else:
+                json.dump(document, file)
+        return path
+
+    def diff(self, old, new, *arguments, **options):
+        return self.run_program("diff", self.keep("old.json", old), self.keep("new.json", new), *arguments, **options)
+
+    def test_the_same_says_nothing_and_is_code_0(self):
+        one = self.inventory(self.device("A", 0), self.device("B", 1))
+        other = self.inventory(self.device("B", 1), self.device("A", 0))
+        self.assertEqual(self.diff(one, other), (0, "", ""))
+        code, out, err = self.diff(one, other, "--format", "json")
+        self.assertEqual((code, err), (0, ""))
+        document = json.loads(out)
+        validate(document, "zddevices-diff/1")
+        self.assertEqual((document["same"], document["unchanged"], document["devices"]), (True, 2, []))
+
+    def test_changes_are_rows_and_code_1(self):
+        old = self.inventory(self.device("A", 0, device="sda"), self.device("B", 1, device="sdb"),
+                             self.device("C", 10, device="sdc"))
+        new = self.inventory(self.device("D", 0, device="sdc"), self.device("B", 2, device="sdaa"))
+        self.assertEqual(self.diff(old, new), (1, (
+            "CHANGE   DEVICE PLACE    VENDOR  PRODUCT SERIAL DETAILS\n"
+            "replaced sdc    6:0:0:0  HALVARD HX 900  D      was HALVARD HX 900 A\n"
+            "removed  sdc    6:0:10:0 HALVARD HX 900  C\n"
+            "moved    sdaa   6:0:2:0  HALVARD HX 900  B      6:0:1:0 -> 6:0:2:0\n"), ""))
+        self.assertEqual(self.diff(old, new, "--no-headings")[1].count("\n"), 3)
+        code, out, _ = self.diff(old, new, "-f", "json")
+        document = json.loads(out)
+        validate(document, "zddevices-diff/1")
+        self.assertEqual((code, document["same"]), (1, False))
+        self.assertEqual([device["changes"] for device in document["devices"]], [["replaced"], ["removed"], ["moved"]])
+        self.assertEqual([(len(device["old"]), len(device["new"])) for device in document["devices"]],
+                         [(1, 1), (1, 0), (1, 1)])
+
+    def test_an_incomplete_answer_removes_nothing(self):
+        old = self.inventory(self.device("A", 0))
+        _, out, _ = self.diff(old, self.inventory(complete=False), "-f", "json")
+        document = json.loads(out)
+        validate(document, "zddevices-diff/1")
+        self.assertEqual((document["new"]["complete"], document["devices"][0]["changes"]), (False, ["not_seen"]))
+
+    def test_fleets_are_compared_host_by_host(self):
+        def fleet(**hosts):
+            return {"schema": "zendra-fleet/1", "collected_at": "2026-11-20T00:00:00Z",
+                    "hosts": [{"name": name, "inventory": inventory} for name, inventory in hosts.items()]}
+        code, out, err = self.diff(fleet(alder=self.inventory(self.device("A", 0)), birch=self.inventory()),
+                                   fleet(birch=self.inventory(self.device("B", 0)), alder=None))
+        self.assertEqual((code, err), (1, ""))
+        self.assertEqual([line.split()[:2] for line in out.splitlines()],
+                         [["HOST", "CHANGE"], ["birch", "added"], ["Host", "alder:"]])
+        self.assertEqual(self.diff(fleet(), self.inventory()), (
+            2, "", "zddevices: one of the files is the inventory of a host, the other that of a fleet\n"))
+
+    def test_what_cannot_be_compared_is_code_2_and_one_line(self):
+        good = self.inventory(self.device("A", 0))
+        for bad, message in (("", "no JSON: The document is empty. (byte 0)"), ("{}", "no inventory: its schema is "),
+                             (json.dumps(good)[:-1], "no JSON: "),
+                             (self.inventory({**self.device("A", 0), "port": "\x1b"}), '"port" is no number from 0 on')):
+            code, out, err = self.diff(good, bad)
+            self.assertEqual((code, out, err.count("\n")), (2, "", 1), err)
+            self.assertIn(f"new.json: {message}", err)
+        code, _, err = self.diff(good, self.inventory(type="disk"))
+        self.assertEqual((code, err), (2, "zddevices: the inventories cannot be compared: --type or --filter was not "
+                                          "the same for both\n"))
+        self.assertEqual(self.run_program("diff", "/nowhere/\x1b[31m", "/nowhere"), (
+            2, "", "zddevices: /nowhere/\\x1b[31m: cannot be read: No such file or directory\n"))
+        with open("/dev/full", "wb") as full:
+            self.assertEqual(self.diff(good, self.inventory(), stdout=full)[0], 2)
+
+    def test_a_reader_that_has_gone_hears_nothing(self):
+        reader, writer = os.pipe()
+        os.close(reader)
+        with open(writer, "wb") as pipe:
+            code, _, err = self.diff(self.inventory(self.device("A", 0)), self.inventory(), stdout=pipe)
+        self.assertEqual((code, err), (2, ""))
+
+    def test_no_more_memory_is_code_2(self):
+        def with_little_memory():
+            resource.setrlimit(resource.RLIMIT_AS, (96 << 20, 96 << 20))
+        old = self.keep("old.json", "[" * (24 << 20))
+        self.assertEqual(self.run_program("diff", old, old, preexec_fn=with_little_memory), (
+            2, "", "zddevices: out of memory\n"))
+
+    def test_texts_of_a_file_send_nothing_to_the_terminal(self):
+        old = self.inventory(self.device("A", 0), host="\x1b[2J")
+        new = self.inventory(self.device("\x1b[31m\u202e", 0, vendor="\n", device="\x9b", slot="\x07", revision="\r"))
+        for arguments in ([], ["-f", "json"]):
+            code, out, err = self.diff(old, new, *arguments)
+            self.assertEqual((code, err), (1, ""))
+            self.assertEqual([char for char in out if unicodedata.category(char)[0] == "C" and char != "\n"], [])
+        code, out, _ = self.diff(old, new)
+        self.assertEqual(out.count("\n"), 2)
+
+    def test_ten_times_as_many_devices_take_ten_times_as_long(self):
+        def seconds(count):
+            old = self.inventory(*(self.device(f"S{i}", i, slot=f"bay {i}") for i in range(count)))
+            new = self.inventory(*(self.device(f"S{i}", i, slot=f"bay {i + i % 3}") for i in reversed(range(count))))
+            before = resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime
+            code, out, _ = self.diff(old, new, "--no-headings")
+            self.assertEqual((code, out.count("\n")), (1, count - (count + 2) // 3))
+            return resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime - before
+        # What takes the square of their number takes a hundred times as long.
+        self.assertLess(seconds(10000), 40 * seconds(1000))
 
 
 def width_of(line):

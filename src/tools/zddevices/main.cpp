@@ -14,6 +14,9 @@
 #include <vector>
 
 #include "tools/zddevices/deviceClass.h"
+#include "tools/zddevices/diff/compare.h"
+#include "tools/zddevices/diff/diffReport.h"
+#include "tools/zddevices/diff/inventoryFile.h"
 #include "tools/zddevices/doctor/doctor.h"
 #include "tools/zddevices/doctor/doctorReport.h"
 #include "tools/zddevices/options.h"
@@ -207,6 +210,26 @@ int ShowDiagnosis(const Options& options)
     return diagnosis.AllVisible() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
 }
 
+/** As diff(1) has it: 0 the same, 1 different, 2 trouble. */
+int ShowDifference(const Options& options)
+{
+    try {
+        const InventoryFile before = ReadInventoryFile(options.oldInventory);
+        const InventoryFile after = ReadInventoryFile(options.newInventory);
+        const Difference difference = Compare(before, after);
+        WriteOutput(options.format == Format::Json
+                        ? RenderDifferenceJson(difference, before, after)
+                        : RenderDifference(difference, before, TerminalWidth(STDOUT_FILENO), options.headings));
+        return difference.IsEmpty() ? 0 : 1;
+    } catch (const NobodyReads&) {
+    } catch (const std::bad_alloc&) {
+        Complain("out of memory");
+    } catch (const std::exception& error) {
+        Complain(Printable(error.what()).c_str());
+    }
+    return EXIT_CODE_USAGE;
+}
+
 int Run(int argc, const char* const* argv)
 {
     const CommandLine commandLine = ParseCommandLine(argc, argv);
@@ -218,6 +241,9 @@ int Run(int argc, const char* const* argv)
         return FailUsage(error->message);
     }
     const auto& options = std::get<Options>(commandLine);
+    if (options.command == Command::Diff) {
+        return ShowDifference(options);
+    }
     return options.command == Command::Doctor ? ShowDiagnosis(options) : Show(options);
 }
 

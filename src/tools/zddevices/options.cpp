@@ -34,6 +34,7 @@ const char* const footer = "Examples:\n"
                            "  zddevices firmware --format json  disk firmware as CIM software identities\n"
                            "  zddevices --timeout 10            what answers within ten seconds\n"
                            "  zddevices doctor                  why a device is missing, and what to do\n"
+                           "  zddevices diff old.json new.json  which devices came, went or changed\n"
                            "  zddevices --log-level 4 2>trace   what was asked of each device, in a file\n"
                            "\n"
                            "In tables \"-\" means: not known. Blanks around a text and control characters\n"
@@ -48,7 +49,8 @@ const char* const footer = "Examples:\n"
                            "  2  wrong usage\n"
                            "  3  the scan ran, but there are device files that could not be opened for lack\n"
                            "     of privilege, or classes that did not answer in time; standard error says\n"
-                           "     which and what to do";
+                           "     which and what to do\n"
+                           "diff: 0 nothing has changed, 1 something has, 2 the files cannot be compared";
 
 /** Words that an option takes, and what each means. */
 template <typename T>
@@ -88,6 +90,10 @@ constexpr Subcommand subcommands[] = {
      "What this host lets the library see, and what\n"
      "to do where that is not everything. Loads the\n"
      "sg driver, as every scan does",
+     HeadingsOf<ZDSystemDevice::SystemDevice>},
+    {Command::Diff, "diff",
+     "What has changed: diff OLD NEW compares two\n"
+     "files from --format json, or two fleet.json",
      HeadingsOf<ZDSystemDevice::SystemDevice>},
 };
 
@@ -182,20 +188,24 @@ public:
 /** Options that are good by themselves, and make no sense together. */
 void RefuseNonsense(const Options& options, const CLI::App& app)
 {
-    const auto refuse = [&app](bool nonsense, const std::string& option, const char* why) {
+    const auto refuse = [&app](bool nonsense, const std::string& option, const std::string& why) {
         if (nonsense && app.count(option) > 0) {
             throw CLI::ValidationError(option + why);
         }
     };
     refuse(options.command != Command::Devices, "--type", " makes no sense with a subcommand");
-    // It writes no table, and says by itself what was asked and answered.
+    // The one writes no table, and says by itself what was asked and answered; the other asks no device.
     const bool doctor = options.command == Command::Doctor;
-    for (const char* option : {"--columns", "--no-headings", "--filter", "--sort", "--log-level"}) {
-        refuse(doctor, option, " makes no sense with doctor");
+    const bool diff = options.command == Command::Diff;
+    const std::string withIt = std::string(" makes no sense with ") + (doctor ? "doctor" : "diff");
+    for (const char* option : {"--columns", "--filter", "--sort", "--log-level"}) {
+        refuse(doctor || diff, option, withIt);
     }
-    refuse(doctor && options.format == Format::Csv, "--format", " csv makes no sense with doctor");
+    refuse(doctor, "--no-headings", withIt);
+    refuse(diff, "--timeout", withIt);
     const bool metrics = options.format == Format::Prometheus;
-    refuse(doctor && metrics, "--format", " prometheus makes no sense with doctor");
+    refuse((doctor || diff) && options.format == Format::Csv, "--format", " csv" + withIt);
+    refuse((doctor || diff) && metrics, "--format", " prometheus" + withIt);
     for (const char* option : {"--no-headings", "--columns"}) {
         refuse(metrics || options.format == Format::Json, option, " makes sense for a table or csv only");
     }
@@ -253,15 +263,19 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                    "the classes that did not")
         ->type_name("SECONDS");
 
+    Options options;
     for (const Subcommand& one : subcommands) {
         // The program's options are taken before the subcommand's name and after it.
-        app.add_subcommand(one.name, one.description)->fallthrough();
+        CLI::App* subcommand = app.add_subcommand(one.name, one.description)->fallthrough();
+        if (one.command == Command::Diff) {
+            subcommand->add_option("OLD", options.oldInventory)->required();
+            subcommand->add_option("NEW", options.newInventory)->required();
+        }
     }
     app.require_subcommand(0, 1);
 
     try {
         app.parse(argc, argv);
-        Options options;
         auto* headings = &HeadingsOf<ZDSystemDevice::SystemDevice>;
         for (const Subcommand& one : subcommands) {
             if (app.got_subcommand(one.name)) {

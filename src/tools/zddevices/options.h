@@ -18,7 +18,7 @@
 namespace Zendra::ZDDevices {
 
 /** The subcommands; Devices is what runs without one. */
-enum class Command { Devices, Optical, Firmware, Doctor };
+enum class Command { Devices, Optical, Firmware, Doctor, Diff };
 
 enum class Format { Table, Csv, Json, Prometheus };
 
@@ -37,6 +37,9 @@ struct Options {
     std::vector<Filter> filters;
     /** The heading of the column to sort by; empty for the usual order. */
     std::string sortedBy;
+    /** For Diff: the paths of the two files. */
+    std::string oldInventory;
+    std::string newInventory;
     /** How much the library is to say on standard error; absent when the option was not given. */
     std::optional<unsigned int> logLevel;
 };

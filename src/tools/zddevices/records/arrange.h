@@ -46,23 +46,31 @@ void Select(std::vector<Record>& records, const std::vector<Filter>& filters)
     }
 }
 
+/** Sorts by the key that `keyOf` answers for each value. Values with equal keys stay in their order. */
+template <typename Value, typename KeyOf>
+void SortByKey(std::vector<Value>& values, KeyOf keyOf)
+{
+    using Keyed = std::pair<decltype(keyOf(values.front())), Value>;
+    std::vector<Keyed> keyed;
+    keyed.reserve(values.size());
+    for (Value& value : values) {
+        auto key = keyOf(value);
+        keyed.emplace_back(std::move(key), std::move(value));
+    }
+    std::stable_sort(keyed.begin(), keyed.end(),
+                     [](const Keyed& left, const Keyed& right) { return left.first < right.first; });
+    std::transform(keyed.begin(), keyed.end(), values.begin(), [](Keyed& one) { return std::move(one.second); });
+}
+
 /** Sorts the records by the column's text. Those without one come last; those with equal texts stay in their order. */
 template <typename Record>
 void SortBy(std::vector<Record>& records, const std::string& heading)
 {
     const Field<Record>& field = *FieldsOf<Record>({heading}).at(0);
-    using Keyed = std::pair<std::string, Record>;
-    std::vector<Keyed> keyed;
-    keyed.reserve(records.size());
-    for (Record& record : records) {
+    SortByKey(records, [&field](const Record& record) {
         std::string key = OrderKey(LabelText(TextOf(record, field)));
-        keyed.emplace_back(std::move(key), std::move(record));
-    }
-    std::stable_sort(keyed.begin(), keyed.end(), [](const Keyed& left, const Keyed& right) {
-        return std::make_pair(left.first.empty(), std::cref(left.first)) <
-               std::make_pair(right.first.empty(), std::cref(right.first));
+        return std::make_pair(key.empty(), std::move(key));
     });
-    std::transform(keyed.begin(), keyed.end(), records.begin(), [](Keyed& one) { return std::move(one.second); });
 }
 
 }  // namespace Zendra::ZDDevices
