@@ -110,8 +110,10 @@ class FactTest(unittest.TestCase):
         self.assertIsNone(answer["inventory"])
 
     def test_a_program_that_never_ends_is_given_up(self):
-        answer = self.ask("exec sleep infinity", seconds=0.5)
+        numbers = self.directory / "started"
+        answer = self.ask("sleep infinity & echo $! >>%s; wait" % numbers, seconds=5)
         self.assertEqual(self.reasons(answer), self.all_documents("time_limit"))
+        self.check_gone(numbers)
 
     def test_one_that_hangs_takes_nothing_from_the_others(self):
         answer = self.ask('[ "${5-}" != firmware ] || exec sleep infinity; ' + GOOD, seconds=8)
@@ -147,15 +149,20 @@ class FactTest(unittest.TestCase):
                 time.sleep(0.02)
             fact.send_signal(how)
             fact.communicate()
-            started = [int(number) for number in numbers.read_text(encoding="ascii").split()]
-            for number in started:
-                self.addCleanup(self.end, number)
-            for _ in range(200):
-                left = [number for number in started if os.path.exists("/proc/%d" % number)]
-                if not left:
-                    break
-                time.sleep(0.05)
-            self.assertEqual(left, [], how)
+            self.check_gone(numbers)
+
+    def check_gone(self, numbers):
+        """That three processes, whose numbers are in a file, have ended, or do so within some seconds."""
+        started = [int(number) for number in numbers.read_text(encoding="ascii").split()]
+        self.assertEqual(len(started), 3)
+        for number in started:
+            self.addCleanup(self.end, number)
+        for _ in range(200):
+            left = [number for number in started if os.path.exists("/proc/%d" % number)]
+            if not left:
+                break
+            time.sleep(0.05)
+        self.assertEqual(left, [])
 
     @staticmethod
     def end(number):
