@@ -143,7 +143,8 @@ class FactTest(unittest.TestCase):
         numbers = self.directory / "started"
         for how in (signal.SIGTERM, signal.SIGHUP, signal.SIGKILL):
             numbers.write_text("", encoding="ascii")
-            self.place("echo $$ >>%s; exec sleep infinity" % numbers, seconds=SECONDS)
+            # One that takes no hint.
+            self.place("trap '' TERM HUP; echo $$ >>%s; exec sleep infinity" % numbers, seconds=SECONDS)
             fact = self.start()
             while len(numbers.read_text(encoding="ascii").split()) < 3:
                 time.sleep(0.02)
