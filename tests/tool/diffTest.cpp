@@ -446,6 +446,7 @@ TEST(InventoryFile, SaysWhatIsWrong)
 {
     const std::string schemas = "no inventory: its schema is neither zddevices/1 nor zendra-fleet/1";
     EXPECT_EQ("no JSON: The document is empty. (byte 0)", ErrorOf(""));
+    EXPECT_EQ("no JSON: Invalid encoding in string. (byte 2)", ErrorOf("{\"\xff\":1}"));
     EXPECT_EQ(schemas, ErrorOf("[]"));
     EXPECT_EQ(schemas, ErrorOf("{}"));
     EXPECT_EQ(schemas, ErrorOf(R"({"schema":"zddevices/2","devices":[]})"));

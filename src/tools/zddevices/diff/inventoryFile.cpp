@@ -21,8 +21,6 @@ namespace {
 
 /** Memory for the JSON library, which by itself does not notice that there is none left. */
 struct Memory {
-    static const bool kNeedFree = true;
-
     static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
 
     static void* Realloc(void* old, std::size_t /*oldSize*/, std::size_t size)
@@ -210,7 +208,8 @@ InventoryFile ParseInventory(const std::string& contents)
 {
     Document document;
     // Not by recursion: a hostile file may be deeper than the stack.
-    document.Parse<rapidjson::kParseIterativeFlag>(contents.data(), contents.size());
+    document.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag>(contents.data(),
+                                                                                           contents.size());
     if (document.HasParseError()) {
         Fail(std::string("no JSON: ") + rapidjson::GetParseError_En(document.GetParseError()) + " (byte " +
              std::to_string(document.GetErrorOffset()) + ")");
