@@ -21,10 +21,12 @@ bool IsLetter(char c)
 /** The first characters of the text that are all digits, all small letters, or all neither. */
 std::string_view FirstRun(std::string_view text)
 {
-    const auto end = std::find_if(text.begin(), text.end(), [first = text[0]](char c) {
-        return IsDigit(c) != IsDigit(first) || IsLetter(c) != IsLetter(first);
-    });
-    return text.substr(0, static_cast<std::size_t>(end - text.begin()));
+    std::size_t length = 1;
+    while (length < text.size() && IsDigit(text[length]) == IsDigit(text[0]) &&
+           IsLetter(text[length]) == IsLetter(text[0])) {
+        ++length;
+    }
+    return text.substr(0, length);
 }
 
 /** The characters behind their number, so that the longer of two texts sorts behind the shorter. */
