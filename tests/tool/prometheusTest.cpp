@@ -10,12 +10,9 @@
 namespace Zendra::ZDDevices {
 namespace {
 
-using ZDSystemDevice::SystemDevice;
-
 std::string Render(const Inventory& inventory)
 {
-    return RenderPrometheus(inventory, std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000999)),
-                            0);
+    return RenderPrometheus(inventory, std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000999)));
 }
 
 const char* const ending = "# HELP zendra_device_files_denied Device files that could not be opened for lack of "
@@ -39,9 +36,11 @@ std::vector<std::string> Samples(const std::string& text, const std::string& fam
     return samples;
 }
 
-SystemDevice Disk(const std::string& serial)
+StorageDevice Disk(const std::string& serial)
 {
-    SystemDevice disk;
+    StorageDevice disk;
+    disk.device = "sdc";
+    disk.wwn = "0x5000c500a1b2c3d4";
     disk.vendor = "HALVARD ";
     disk.product = " HX 900 ";
     disk.device_type = "Direct Access Device";
@@ -54,7 +53,7 @@ SystemDevice Disk(const std::string& serial)
     return disk;
 }
 
-std::vector<std::string> DeviceSamples(const std::vector<SystemDevice>& devices)
+std::vector<std::string> DeviceSamples(const std::vector<StorageDevice>& devices)
 {
     Inventory inventory;
     inventory.devices = devices;
@@ -66,17 +65,18 @@ using Lines = std::vector<std::string>;
 TEST(PrometheusDevices, HaveTheirTextsWithoutPaddingAsLabels)
 {
     EXPECT_EQ(DeviceSamples({Disk("HX-1")}),
-              Lines({R"(zendra_device_info{address="10:1:3:16384",type="Direct Access Device",vendor="HALVARD",)"
-                     R"(product="HX 900",serial="HX-1",firmware="0102",ordinal="1"} 1)"}));
+              Lines({R"(zendra_device_info{device="sdc",address="10:1:3:16384",type="disk",vendor="HALVARD",)"
+                     R"(product="HX 900",serial="HX-1",firmware="0102",wwn="0x5000c500a1b2c3d4",ordinal="1"} 1)"}));
 }
 
 TEST(PrometheusDevices, WhatIsNotKnownIsAnEmptyLabel)
 {
-    SystemDevice zeros;
+    StorageDevice zeros;
     zeros.port = zeros.bus = zeros.target = zeros.lun = "0";
-    const std::string empty =
-        R"(zendra_device_info{address="",type="",vendor="",product="",serial="",firmware="",ordinal=")";
-    EXPECT_EQ(DeviceSamples({SystemDevice(), zeros}), Lines({empty + "1\"} 1", empty + "2\"} 1"}));
+    const std::string empty = R"(type="",vendor="",product="",serial="",firmware="",wwn="",ordinal="1"} 1)";
+    EXPECT_EQ(DeviceSamples({StorageDevice(), zeros}),
+              Lines({R"(zendra_device_info{device="",address="",)" + empty,
+                     R"(zendra_device_info{device="",address="0:0:0:0",)" + empty}));
 }
 
 TEST(PrometheusDevices, EqualOnesAreCountedAmongThemselvesOnly)
@@ -93,7 +93,9 @@ TEST(PrometheusDevices, EqualOnesAreCountedAmongThemselvesOnly)
 TEST(PrometheusDevices, ThatDifferInPaddingOnlyAreEqual)
 {
     const Lines samples = DeviceSamples({Disk("A"), Disk(" A \x01")});
-    EXPECT_NE(samples.at(1).find(R"(serial="A",firmware="0102",ordinal="2")"), std::string::npos) << samples.at(1);
+    EXPECT_NE(samples.at(1).find(R"(serial="A",firmware="0102",wwn="0x5000c500a1b2c3d4",ordinal="2")"),
+              std::string::npos)
+        << samples.at(1);
 }
 
 TEST(PrometheusLabels, BackslashQuotationMarkAndLineFeedAreEscaped)
@@ -175,20 +177,20 @@ TEST(PrometheusOptical, SeveralDrivesInOneRecordHaveNoCapability)
 TEST(PrometheusScans, SayWhatWasAnsweredAndHowLongItTook)
 {
     Inventory inventory;
-    QuestionOutcome tape{{}, {ZDSystemDevice::SYS_DEVICE_TAPE}, 6U};
+    QuestionOutcome tape{{ZDSystemDevice::SYS_DEVICE_TAPE}, 6U, {}};
     tape.elapsed = std::chrono::nanoseconds(456700);
-    QuestionOutcome disk{{}, {ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, Subject::Firmware}, {}};
+    QuestionOutcome disk{{ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE}, {}, "late"};
     disk.elapsed = std::chrono::seconds(20);
     inventory.questions = {tape, disk};
     const std::string text = Render(inventory);
     EXPECT_EQ(Samples(text, "zendra_device_scan_complete"),
               Lines({R"(zendra_device_scan_complete{class="tape",asked="devices"} 1)",
-                     R"(zendra_device_scan_complete{class="disk",asked="firmware"} 0)"}));
+                     R"(zendra_device_scan_complete{class="disk",asked="devices"} 0)"}));
     EXPECT_EQ(Samples(text, "zendra_device_scan_status"),
               Lines({R"(zendra_device_scan_status{class="tape",asked="devices"} 6)"}));
     EXPECT_EQ(Samples(text, "zendra_device_scan_seconds"),
               Lines({R"(zendra_device_scan_seconds{class="tape",asked="devices"} 0.000457)",
-                     R"(zendra_device_scan_seconds{class="disk",asked="firmware"} 20.000000)"}));
+                     R"(zendra_device_scan_seconds{class="disk",asked="devices"} 20.000000)"}));
 }
 
 TEST(PrometheusDocument, HasNoFamilyForWhatWasNotAskedFor)
@@ -218,8 +220,13 @@ TEST(PrometheusDocument, IsVisibleUtf8WithUniqueSamplesWhateverTheDevicesSay)
     HostileTexts texts(5);
     for (int i = 0; i < 1000; ++i) {
         Inventory inventory;
-        const SystemDevice device = HostileDevice(texts);
-        inventory.devices = {device, HostileDevice(texts), device};
+        StorageDevice device;
+        static_cast<ZDSystemDevice::SystemDevice&>(device) = HostileDevice(texts);
+        device.wwn = texts.Next();
+        StorageDevice other;
+        static_cast<ZDSystemDevice::SystemDevice&>(other) = HostileDevice(texts);
+        inventory.devices = {device, other, device};
+        inventory.missing = {{texts.Next(), Reason::Busy, 0, texts.Next(), {}}};
         inventory.firmware = {HostileIdentity(texts), HostileIdentity(texts)};
         inventory.drives = {HostileDrive(texts), HostileDrive(texts)};
         const std::string text = Render(inventory);

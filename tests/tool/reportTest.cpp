@@ -333,11 +333,15 @@ TEST(JsonDocument, IsAsciiWithoutControlCharactersAndParsesWhateverTheDevicesSay
 
 TEST(NothingFound, NamesTheClassThatWasAsked)
 {
-    EXPECT_EQ(DescribeDevices(0, {}, std::nullopt).nothingFound, "No storage devices found.");
-    EXPECT_EQ(DescribeDevices(6, {}, ZDSystemDevice::SYS_DEVICE_TAPE).nothingFound, "No tape drives found.");
-    EXPECT_EQ(DescribeDevices(6, {}, ZDSystemDevice::SYS_DEVICE_SCSI).nothingFound, "No generic SCSI devices found.");
-    EXPECT_EQ(DescribeDevices(6, {}, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE).nothingFound, "No disks found.");
-    EXPECT_EQ(DescribeDevices(6, {}, ZDSystemDevice::SYS_DEVICE_CDDVD).nothingFound, "No optical drives found.");
+    EXPECT_EQ(DescribeDevices<StorageDevice>(0, {}, std::nullopt).nothingFound, "No storage devices found.");
+    EXPECT_EQ(DescribeDevices<StorageDevice>(6, {}, ZDSystemDevice::SYS_DEVICE_TAPE).nothingFound,
+              "No tape drives found.");
+    EXPECT_EQ(DescribeDevices<StorageDevice>(6, {}, ZDSystemDevice::SYS_DEVICE_SCSI).nothingFound,
+              "No generic SCSI devices found.");
+    EXPECT_EQ(DescribeDevices<StorageDevice>(6, {}, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE).nothingFound,
+              "No disks found.");
+    EXPECT_EQ(DescribeDevices<StorageDevice>(6, {}, ZDSystemDevice::SYS_DEVICE_CDDVD).nothingFound,
+              "No optical drives found.");
     EXPECT_EQ(DescribeOptical(6, {}).nothingFound, "No optical drives found.");
     EXPECT_EQ(DescribeFirmware(6, {}).nothingFound, "No disk firmware found.");
 }

@@ -143,7 +143,7 @@ TEST(RowsOfDevices, WhatTheKernelDoesNotKnowIsMergedByAddress)
                        Record("/dev/sdb", "DISK", "1:0:2:0")},
                       KernelDevices({}));
     EXPECT_EQ(Cells(rows, {"DEVICE", "PRODUCT", "MODEL", "ADDRESS", "FILES", "SIZE"}),
-              Strings({"sg0 | NOWHERE | NOWHERE | - | /dev/sg0 | -", "sg1 | B | B | 1:0:2:0 | /dev/sg1 | -",
+              Strings({"sg1 | B | B | 1:0:2:0 | /dev/sg1 | -", "sg0 | NOWHERE | NOWHERE | - | /dev/sg0 | -",
                        "sda | NOWHERE | NOWHERE | - | /dev/sda | -"}));
 }
 

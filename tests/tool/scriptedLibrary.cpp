@@ -125,14 +125,14 @@ nlohmann::json AnswerTo(const std::string& question)
     std::abort();
 }
 
-/** @param watch is null where the facade is asked. */
+/** @param before is told of the device file that the script has for the question; may be empty. */
 template <typename Record>
-Answer<Record> Ask(const std::string& question, const Watch* watch)
+Answer<Record> Ask(const std::string& question, const std::function<bool(const std::string& path)>& before = nullptr)
 {
     CheckThatStandardDescriptorsAreTaken();
     const nlohmann::json answer = AnswerTo(question);
-    if (watch != nullptr && answer.contains("at")) {
-        watch->before(answer.at("at"));
+    if (before && answer.contains("at")) {
+        before(answer.at("at"));
     }
     if (answer.contains("log")) {
         ZENDRA_LOG(4, FromHex(answer.at("log")));
@@ -161,19 +161,41 @@ Answer<Record> Ask(const std::string& question, const Watch* watch)
 
 }  // namespace
 
-DeviceAnswer AskForDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const Watch* watch)
+DeviceAnswer AskForDevices(std::optional<ZDSystemDevice::SysDeviceType> type)
 {
-    return Ask<ZDSystemDevice::SystemDevice>(type ? std::to_string(static_cast<int>(*type)) : "all", watch);
+    return Ask<ZDSystemDevice::SystemDevice>(type ? std::to_string(static_cast<int>(*type)) : "all");
 }
 
-OpticalAnswer AskForOptical(const Watch* watch)
+OpticalAnswer AskForOptical()
 {
-    return Ask<ZDSystemDevice::OpticalProperty>("optical", watch);
+    return Ask<ZDSystemDevice::OpticalProperty>("optical");
 }
 
-FirmwareAnswer AskForFirmware(const Watch* watch)
+FirmwareAnswer AskForFirmware()
 {
-    return Ask<ZDOptions::SoftwareIdentity_>("firmware", watch);
+    return Ask<ZDOptions::SoftwareIdentity_>("firmware");
+}
+
+/**
+ * Each record is that of the device file that the script has under "files", or of one that no kernel knows:
+ * "/dev/scripted-0-1" is the second of class 0.
+ */
+ClassAnswer AskFileByFile(ZDSystemDevice::SysDeviceType type, const std::function<bool(const std::string& path)>& take,
+                          const std::function<void(FileAnswer answer)>& done)
+{
+    const std::string number = std::to_string(static_cast<int>(type));
+    Answer<ZDSystemDevice::SystemDevice> answer = Ask<ZDSystemDevice::SystemDevice>(number, take);
+    const nlohmann::json files = AnswerTo(number).value("files", nlohmann::json::array());
+    std::size_t count = 0;
+    for (ZDSystemDevice::SystemDevice& record : answer.records) {
+        const std::string path = count < files.size() ? files[count].get<std::string>()
+                                                      : "/dev/scripted-" + number + "-" + std::to_string(count);
+        ++count;
+        if (take(path)) {
+            done({path, 0, 0, std::move(record)});
+        }
+    }
+    return {answer.status, true};
 }
 
 /** No device file answers. */

@@ -55,12 +55,12 @@ using Texts = std::vector<std::string>;
 /** A task that asks no device file and answers with one text. */
 Task Doing(const std::function<std::string()>& work)
 {
-    return [work](const NoteDeviceFile& /*noteDeviceFile*/) { return Texts{work()}; };
+    return [work](const Tell& /*tell*/) { return Texts{work()}; };
 }
 
 Outcome RunOne(const std::function<std::string()>& work, std::optional<Duration> limit = longLimit)
 {
-    return RunWorkers({Doing(work)}, limit).at(0);
+    return RunWorkers({Doing(work)}, {limit}).at(0);
 }
 
 /** The text that the task of Doing() has answered with. */
@@ -74,11 +74,11 @@ std::string AnswerOf(const Outcome& outcome)
  * yet: how fast the machine is must not matter.
  */
 template <typename IsReady>
-std::vector<Outcome> RunLate(const std::vector<Task>& tasks, IsReady isReady, Observer* observer = nullptr)
+std::deque<Outcome> RunLate(const std::vector<Task>& tasks, IsReady isReady, Observer* observer = nullptr)
 {
-    std::vector<Outcome> outcomes;
+    std::deque<Outcome> outcomes;
     for (const Duration limit : {Duration(milliseconds(300)), Duration(seconds(5)), Duration(seconds(90))}) {
-        outcomes = RunWorkers(tasks, limit, observer);
+        outcomes = RunWorkers(tasks, {limit, observer});
         if (isReady(outcomes)) {
             return outcomes;
         }
@@ -126,13 +126,13 @@ TEST(Workers, AnswersAreAllBytesInTheOrderOfTheTasks)
         everyByte += static_cast<char>(i);
     }
     std::string large(3000000, 'x');
-    const std::vector<Outcome> outcomes = RunWorkers(
-        {Doing([] {
-             usleep(50000);
-             return std::string("slow");
-         }),
-         Doing([&] { return everyByte; }), Doing([] { return std::string(); }), Doing([&] { return large; })},
-        longLimit);
+    const std::deque<Outcome> outcomes = RunWorkers({Doing([] {
+                                                         usleep(50000);
+                                                         return std::string("slow");
+                                                     }),
+                                                     Doing([&] { return everyByte; }),
+                                                     Doing([] { return std::string(); }), Doing([&] { return large; })},
+                                                    {longLimit});
     ASSERT_EQ(outcomes.size(), 4U);
     EXPECT_EQ(AnswerOf(outcomes[0]), "slow");
     EXPECT_EQ(AnswerOf(outcomes[1]), everyByte);
@@ -147,7 +147,7 @@ TEST(Workers, AnswersAreAllBytesInTheOrderOfTheTasks)
 TEST(Workers, WithoutALimitIsWaitedFor)
 {
     EXPECT_EQ(AnswerOf(RunOne([] { return std::string("answer"); }, std::nullopt)), "answer");
-    EXPECT_TRUE(RunWorkers({}, std::nullopt).empty());
+    EXPECT_TRUE(RunWorkers({}, {}).empty());
 }
 
 TEST(Workers, NothingIsLeftBehindWhenAllAreThroughOrCouldBeEnded)
@@ -158,16 +158,16 @@ TEST(Workers, NothingIsLeftBehindWhenAllAreThroughOrCouldBeEnded)
                     return {};
                 }),
                 Doing([]() -> std::string { Hang(); })},
-               shortLimit);
+               {shortLimit});
     EXPECT_EQ(OpenDescriptors(), before);
     EXPECT_FALSE(HasChildren());
 }
 
 TEST(Workers, LateChildrenDoNotKeepTheOthersAnswersBack)
 {
-    const std::vector<Outcome> outcomes =
+    const std::deque<Outcome> outcomes =
         RunLate({Doing([]() -> std::string { Hang(); }), Doing([] { return std::string("a"); })},
-                [](const std::vector<Outcome>& all) { return all[1].answer.has_value(); });
+                [](const std::deque<Outcome>& all) { return all[1].answer.has_value(); });
     EXPECT_EQ(outcomes[0].answer, std::nullopt);
     EXPECT_EQ(outcomes[0].failure.rfind("no answer within ", 0), 0U) << outcomes[0].failure;
     EXPECT_GE(outcomes[0].elapsed, milliseconds(300));
@@ -185,15 +185,15 @@ TEST(Workers, TheLimitDoesNotBeginAnewWithEachOutput)
         }
         return Texts{"late"};
     };
-    const Task sendsFrames = [&](const NoteDeviceFile& noteDeviceFile) {
-        return talkFor2Seconds([&](int i) { noteDeviceFile("/dev/sd" + std::to_string(i)); });
+    const Task sendsFrames = [&](const Tell& tell) {
+        return talkFor2Seconds([&](int i) { tell.deviceFile("/dev/sd" + std::to_string(i)); });
     };
-    const Task sendsMessages = [&](const NoteDeviceFile& /*noteDeviceFile*/) {
+    const Task sendsMessages = [&](const Tell& /*tell*/) {
         return talkFor2Seconds([](int i) { std::cerr << i << std::endl; });
     };
     for (const Task& task : {sendsFrames, sendsMessages}) {
         testing::internal::CaptureStderr();
-        const Outcome outcome = RunWorkers({task}, milliseconds(500)).at(0);
+        const Outcome outcome = RunWorkers({task}, {milliseconds(500)}).at(0);
         testing::internal::GetCapturedStderr();
         EXPECT_EQ(outcome.answer, std::nullopt);
         EXPECT_EQ(outcome.failure, "no answer within 0.5 s");
@@ -227,7 +227,7 @@ TEST(Workers, WhatALateChildHasStartedEndsWithIt)
                 }
                 Hang();
             })},
-            [&](const std::vector<Outcome>&) {
+            [&](const std::deque<Outcome>&) {
                 std::ifstream content(file);
                 std::string line;
                 // Without its end the line may not be whole.
@@ -395,7 +395,7 @@ TEST(Workers, MessagesComeThroughLineByLine)
         };
     };
     testing::internal::CaptureStderr();
-    const std::vector<Outcome> outcomes = RunWorkers({Doing(talk('x')), Doing(talk('y'))}, longLimit);
+    const std::deque<Outcome> outcomes = RunWorkers({Doing(talk('x')), Doing(talk('y'))}, {longLimit});
     const std::string text = testing::internal::GetCapturedStderr();
     EXPECT_EQ(text.size(), 2U * (50 * 201 + 3));
     std::istringstream lines(text);
@@ -428,7 +428,7 @@ TEST(Workers, AMessageWithoutAnEndOfLineIsNotKeptUntilTheWorkerEnds)
         }
         return std::string("passed on");
     });
-    const Outcome outcome = RunWorkers({task}, longLimit, &announcer).at(0);
+    const Outcome outcome = RunWorkers({task}, {longLimit, &announcer}).at(0);
     EXPECT_TRUE(testing::internal::GetCapturedStderr() == text);
     EXPECT_EQ(AnswerOf(outcome), "passed on");
     std::filesystem::remove(announcer.file);
@@ -442,7 +442,7 @@ TEST(Workers, MessagesOfALateWorkerAreKept)
                 EXPECT_EQ(write(STDERR_FILENO, "last words", 10), 10);
                 Hang();
             })},
-            [&](const std::vector<Outcome>&) {
+            [&](const std::deque<Outcome>&) {
                 text = testing::internal::GetCapturedStderr();
                 testing::internal::CaptureStderr();
                 return !text.empty();
@@ -461,13 +461,13 @@ TEST(Workers, ACallerThatIgnoresItsChildrenGetsAnswersToo)
 TEST(Workers, WithoutDescriptorsThereIsAFailureForEachTask)
 {
     // A sanitizer that meets a type for the first time needs descriptors of its own.
-    RunWorkers({}, longLimit);
+    RunWorkers({}, {longLimit});
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{3, before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    const std::vector<Outcome> outcomes =
-        RunWorkers({Doing([] { return std::string(); }), Doing([] { return std::string(); })}, longLimit);
+    const std::deque<Outcome> outcomes =
+        RunWorkers({Doing([] { return std::string(); }), Doing([] { return std::string(); })}, {longLimit});
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     for (const Outcome& outcome : outcomes) {
         EXPECT_EQ(outcome.failure, "no pipe could be made: Too many open files");
@@ -478,9 +478,9 @@ TEST(Workers, WithoutDescriptorsThereIsAFailureForEachTask)
 /** A task that is at these device files one after the other, and then never answers. */
 Task HangingAt(const Texts& deviceFiles)
 {
-    return [deviceFiles](const NoteDeviceFile& noteDeviceFile) -> Texts {
+    return [deviceFiles](const Tell& tell) -> Texts {
         for (const std::string& deviceFile : deviceFiles) {
-            noteDeviceFile(deviceFile);
+            tell.deviceFile(deviceFile);
         }
         Hang();
     };
@@ -506,12 +506,12 @@ TEST(Workers, TheObserverHearsOfThoseThatRunAndOfMessages)
     testing::internal::CaptureStderr();
     RunLate(
         {Doing([] { return std::string("a"); }),
-         [](const NoteDeviceFile& noteDeviceFile) -> Texts {
-             noteDeviceFile("/dev/sda");
+         [](const Tell& tell) -> Texts {
+             tell.deviceFile("/dev/sda");
              EXPECT_EQ(write(STDERR_FILENO, "x\n", 2), 2);
              Hang();
          }},
-        [&](const std::vector<Outcome>&) { return observer.calls >= 2 && observer.messages >= 1; }, &observer);
+        [&](const std::deque<Outcome>&) { return observer.calls >= 2 && observer.messages >= 1; }, &observer);
     const std::string text = testing::internal::GetCapturedStderr();
     EXPECT_EQ(text.substr(0, 2), "x\n");
     EXPECT_EQ(2U * static_cast<std::size_t>(observer.messages), text.size());
@@ -526,7 +526,7 @@ TEST(Workers, TheDeviceFileOfAWorkerThatDidNotAnswerIsNamed)
     const Outcome outcome =
         RunLate(
             {HangingAt({"/dev/sda", "/dev/sd\n\xff"})},
-            [](const std::vector<Outcome>& all) { return all[0].deviceFile == "/dev/sd\n\xff"; }, &observer)
+            [](const std::deque<Outcome>& all) { return all[0].deviceFile == "/dev/sd\n\xff"; }, &observer)
             .at(0);
     EXPECT_EQ(outcome.deviceFile, "/dev/sd\n\xff");
     EXPECT_GE(observer.last.at(0).since, before);
@@ -535,11 +535,11 @@ TEST(Workers, TheDeviceFileOfAWorkerThatDidNotAnswerIsNamed)
 
 TEST(Workers, OfAnAnswerThereIsNoDeviceFile)
 {
-    const Task task = [](const NoteDeviceFile& noteDeviceFile) {
-        noteDeviceFile("/dev/sda");
+    const Task task = [](const Tell& tell) {
+        tell.deviceFile("/dev/sda");
         return Texts{};
     };
-    const Outcome outcome = RunWorkers({task}, longLimit).at(0);
+    const Outcome outcome = RunWorkers({task}, {longLimit}).at(0);
     EXPECT_EQ(outcome.answer, Texts());
     EXPECT_EQ(outcome.deviceFile, "");
 }
@@ -548,13 +548,13 @@ TEST(Workers, TheSameDeviceFileAgainIsNoNewOne)
 {
     CountingObserver observer;
     RunLate(
-        {[](const NoteDeviceFile& noteDeviceFile) -> Texts {
+        {[](const Tell& tell) -> Texts {
             for (;;) {
-                noteDeviceFile("/dev/sda");
+                tell.deviceFile("/dev/sda");
                 usleep(10000);
             }
         }},
-        [&](const std::vector<Outcome>& all) {
+        [&](const std::deque<Outcome>& all) {
             return all[0].deviceFile == "/dev/sda" && observer.calls >= 2 && !observer.last.at(0).deviceFile.empty();
         },
         &observer);
@@ -579,7 +579,7 @@ TEST(Workers, SoManyAtATimeAndNoMore)
         }));
     }
     for (const std::size_t atATime : {1U, 3U}) {
-        for (const Outcome& outcome : RunWorkers(tasks, longLimit, nullptr, atATime)) {
+        for (const Outcome& outcome : RunWorkers(tasks, {longLimit, nullptr, atATime})) {
             EXPECT_LE(std::stoul("0" + AnswerOf(outcome)), atATime);
             EXPECT_GE(std::stoul("0" + AnswerOf(outcome)), 1U);
         }
@@ -589,8 +589,8 @@ TEST(Workers, SoManyAtATimeAndNoMore)
 
 TEST(Workers, WhoWasNotStartedInTimeHasNotAnswered)
 {
-    const std::vector<Outcome> outcomes =
-        RunWorkers({HangingAt({}), Doing([] { return std::string("a"); })}, shortLimit, nullptr, 1);
+    const std::deque<Outcome> outcomes =
+        RunWorkers({HangingAt({}), Doing([] { return std::string("a"); })}, {shortLimit, nullptr, 1});
     for (const Outcome& outcome : outcomes) {
         EXPECT_EQ(outcome.failure, "no answer within 0.2 s");
         EXPECT_EQ(outcome.answer, std::nullopt);

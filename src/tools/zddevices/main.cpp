@@ -4,7 +4,11 @@
  */
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <clocale>
+#include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <new>
@@ -77,27 +81,15 @@ Inventory TakeInventory(const Options& options)
     return TakeInventory(options, progress.get());
 }
 
-/** Who has not answered; `withSubject` names what a class was asked for, too. */
-std::vector<Unanswered> WhoIsMissing(const Inventory& inventory, bool withSubject)
+/** What a scan needs of its environment, which root's cron, for one, does not give it. */
+void PrepareEnvironment()
 {
-    std::vector<Unanswered> missing;
-    for (const QuestionOutcome& one : inventory.questions) {
-        for (const DeviceClass& deviceClass : deviceClasses) {
-            if (!one.status && deviceClass.type == one.question.deviceClass.value_or(deviceClass.type)) {
-                const bool named = withSubject && one.question.subject != Subject::Devices;
-                const std::string subject = named ? std::string(" ") + WordOf(one.question.subject) : "";
-                missing.push_back({deviceClass.word + subject, one.failure, one.deviceFile});
-            }
-        }
-    }
-    return missing;
-}
-
-/** The class whose device files the answer depends on; none when it is all of them. */
-std::optional<ZDSystemDevice::SysDeviceType> AskedClass(const Inventory& inventory)
-{
-    const std::vector<QuestionOutcome>& questions = inventory.questions;
-    return questions.size() == 1 ? questions.front().question.deviceClass : std::nullopt;
+    // modprobe is run by a shell.
+    const char* const path = std::getenv("PATH");
+    const std::string directories = path == nullptr ? "/usr/bin:/bin" : path;
+    setenv("PATH", (directories + ":/usr/sbin:/sbin").c_str(), 1);
+    // Where it is ignored, the end of modprobe cannot be waited for.
+    static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
 }
 
 int FailUsage(const std::string& message)
@@ -113,29 +105,35 @@ int FailScan(unsigned int status)
 }
 
 /** Says what an answer lacks; the exit code. */
-int ShowWhatIsMissing(const std::vector<Unanswered>& unanswered, const std::vector<DeniedFile>& denied)
+int ShowWhatIsMissing(const std::vector<Missing>& missing)
 {
-    for (const Unanswered& one : unanswered) {
-        Complain(DescribeUnanswered(one).c_str());
+    for (const std::string& line : DescribeMissing(missing, geteuid() == 0)) {
+        Complain(line.c_str());
     }
-    if (!denied.empty()) {
-        Complain(DescribeDenied(denied, geteuid() == 0).c_str());
-    }
-    return denied.empty() && unanswered.empty() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
+    return missing.empty() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
 }
 
 int ShowMetrics(const Options& options)
 {
     const auto begun = std::chrono::system_clock::now();
     const Inventory inventory = TakeInventory(options);
-    const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(inventory));
-    WriteOutput(RenderPrometheus(inventory, begun, denied.size()));
+    WriteOutput(RenderPrometheus(inventory, begun));
     for (const QuestionOutcome& one : inventory.questions) {
         if (one.status && !ScanRan(*one.status)) {
             return FailScan(*one.status);
         }
     }
-    return ShowWhatIsMissing(WhoIsMissing(inventory, true), denied);
+    return ShowWhatIsMissing(inventory.missing);
+}
+
+/** What people are told in place of a table without rows. */
+std::string DescribeNothing(const std::string& complete, const std::vector<Missing>& missing)
+{
+    const auto lacks = [&missing](auto condition) { return std::any_of(missing.begin(), missing.end(), condition); };
+    if (lacks([](const Missing& one) { return one.reason == Reason::NoAnswerInTime; })) {
+        return "Nothing was found in time.";
+    }
+    return lacks([](const Missing& one) { return one.reason != Reason::Denied; }) ? "Nothing was found." : complete;
 }
 
 /** Leaves the records that are asked for, in the order that is asked for. */
@@ -154,21 +152,17 @@ void Arrange(Report<Record>& report, const Options& options)
 template <typename Record>
 int ShowReport(const Options& options, const ReportOrigin& origin, const Inventory& inventory, Report<Record> report)
 {
-    report.unanswered = WhoIsMissing(inventory, false);
-    if (!report.unanswered.empty()) {
-        report.nothingFound = options.timeLimit ? "Nothing was found in time." : "Nothing was found.";
-    }
+    report.missing = inventory.missing;
+    report.nothingFound = DescribeNothing(report.nothingFound, report.missing);
     Arrange(report, options);
-    // Asked after the scan: loading the sg driver has made the device files of the generic class.
-    const std::vector<DeniedFile> denied = FindDeniedFiles(AskedClass(inventory));
     WriteOutput(Render(report, options, origin));
-    if (report.unanswered.empty() && !ScanRan(report.status)) {
+    if (report.missing.empty() && !ScanRan(report.status)) {
         return FailScan(report.status);
     }
     if (!report.remark.empty()) {
         Complain(report.remark.c_str());
     }
-    return ShowWhatIsMissing(report.unanswered, denied);
+    return ShowWhatIsMissing(report.missing);
 }
 
 int Show(const Options& options)
@@ -190,6 +184,10 @@ int Show(const Options& options)
     }
     if (found.firmware) {
         return ShowReport(options, origin, found, DescribeFirmware(found.status, std::move(*found.firmware)));
+    }
+    if (found.facadeDevices) {
+        return ShowReport(options, origin, found,
+                          DescribeDevices(found.status, std::move(*found.facadeDevices), options.type));
     }
     return ShowReport(options, origin, found,
                       DescribeDevices(found.status, std::move(found.devices.value()), options.type));
@@ -255,6 +253,7 @@ int main(int argc, char** argv)
 {
     using namespace Zendra::ZDDevices;
     PrepareConsole();
+    PrepareEnvironment();
     // Only the characters: which of them are printable, and how wide. Numbers and messages stay as they are.
     static_cast<void>(std::setlocale(LC_CTYPE, ""));
     try {

@@ -14,6 +14,7 @@
 
 #include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/records/field.h"
+#include "tools/zddevices/records/storageDevice.h"
 
 namespace Zendra::ZDDevices {
 
@@ -90,11 +91,11 @@ constexpr Subcommand subcommands[] = {
      "What this host lets the library see, and what\n"
      "to do where that is not everything. Loads the\n"
      "sg driver, as every scan does",
-     HeadingsOf<ZDSystemDevice::SystemDevice>},
+     HeadingsOf<StorageDevice>},
     {Command::Diff, "diff",
      "What has changed: diff OLD NEW compares two\n"
      "files from --format json, or two fleet.json",
-     HeadingsOf<ZDSystemDevice::SystemDevice>},
+     HeadingsOf<StorageDevice>},
 };
 
 /** 'unknown format "x" (csv, json, prometheus or table)'. */
@@ -169,6 +170,18 @@ std::chrono::nanoseconds ParseSeconds(const std::string& text)
     return std::chrono::nanoseconds(std::llround(seconds * nanosecondsInASecond));
 }
 
+std::size_t ParseJobs(const std::string& text)
+{
+    constexpr std::size_t most = 1000;
+    std::size_t jobs = 0;
+    const char* end = text.data() + text.size();
+    const std::from_chars_result result = std::from_chars(text.data(), end, jobs);
+    if (result.ec != std::errc() || result.ptr != end || jobs < 1 || jobs > most) {
+        throw CLI::ValidationError("--jobs", "\"" + text + "\" is no number from 1 to 1000");
+    }
+    return jobs;
+}
+
 /** Help text without what our options say better themselves: type names and the values that are accepted. */
 class HelpFormatter : public CLI::Formatter {
 public:
@@ -198,7 +211,7 @@ void RefuseNonsense(const Options& options, const CLI::App& app)
     const bool doctor = options.command == Command::Doctor;
     const bool diff = options.command == Command::Diff;
     const std::string withIt = std::string(" makes no sense with ") + (doctor ? "doctor" : "diff");
-    for (const char* option : {"--columns", "--filter", "--sort", "--log-level"}) {
+    for (const char* option : {"--columns", "--filter", "--sort", "--log-level", "--as-library", "--jobs"}) {
         refuse(doctor || diff, option, withIt);
     }
     refuse(doctor, "--no-headings", withIt);
@@ -206,6 +219,8 @@ void RefuseNonsense(const Options& options, const CLI::App& app)
     const bool metrics = options.format == Format::Prometheus;
     refuse((doctor || diff) && options.format == Format::Csv, "--format", " csv" + withIt);
     refuse((doctor || diff) && metrics, "--format", " prometheus" + withIt);
+    refuse(options.asLibrary, "--jobs", " makes no sense with --as-library");
+    refuse(metrics, "--as-library", " makes no sense with --format prometheus");
     for (const char* option : {"--no-headings", "--columns"}) {
         refuse(metrics || options.format == Format::Json, option, " makes sense for a table or csv only");
     }
@@ -263,6 +278,14 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
                    "the classes that did not")
         ->type_name("SECONDS");
 
+    bool asLibrary = false;
+    app.add_flag("--as-library", asLibrary, "List what the library's own lists hold");
+    std::string jobs;
+    app.add_option("--jobs", jobs,
+                   "Ask so many devices at a time (default 16);\n"
+                   "with 1, one after the other")
+        ->type_name("N");
+
     Options options;
     for (const Subcommand& one : subcommands) {
         // The program's options are taken before the subcommand's name and after it.
@@ -276,12 +299,16 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
 
     try {
         app.parse(argc, argv);
-        auto* headings = &HeadingsOf<ZDSystemDevice::SystemDevice>;
+        auto* headings = asLibrary ? &HeadingsOf<ZDSystemDevice::SystemDevice> : &HeadingsOf<StorageDevice>;
         for (const Subcommand& one : subcommands) {
             if (app.got_subcommand(one.name)) {
                 options.command = one.command;
                 headings = one.headings;
             }
+        }
+        options.asLibrary = asLibrary;
+        if (app.count("--jobs") > 0) {
+            options.jobs = ParseJobs(jobs);
         }
         options.format = MeaningOf(format, formats, "format");
         options.headings = noHeadings ? Headings::None : Headings::Shown;
@@ -302,6 +329,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         }
         if (app.count("--sort") > 0) {
             options.sortedBy = ParseColumn(sortedBy, headings());
+        } else if (options.command == Command::Devices && !asLibrary) {
+            options.sortedBy = "DEVICE";
         }
         RefuseNonsense(options, app);
         return options;

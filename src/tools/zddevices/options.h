@@ -6,6 +6,7 @@
 #define ZENDRA_ZDDEVICES_OPTIONS_H
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <variant>
@@ -22,12 +23,18 @@ enum class Command { Devices, Optical, Firmware, Doctor, Diff };
 
 enum class Format { Table, Csv, Json, Prometheus };
 
+constexpr std::size_t usualJobs = 16;
+
 /** What the user asks for. */
 struct Options {
     Command command = Command::Devices;
     /** For Devices: the class to list unmerged; all classes, merged, when absent. */
     std::optional<ZDSystemDevice::SysDeviceType> type;
     Format format = Format::Table;
+    /** Whether the library's own list is wanted, as DeviceCollector gives it. */
+    bool asLibrary = false;
+    /** How many workers may ask devices at a time. */
+    std::size_t jobs = usualJobs;
     /** How long to wait for the devices; without limit when absent. */
     std::optional<std::chrono::nanoseconds> timeLimit;
     /** The headings of the table's columns, in their order; empty for the columns that are usual. */

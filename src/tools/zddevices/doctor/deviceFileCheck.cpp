@@ -147,7 +147,7 @@ std::string TapeNodeToAsk(const std::string& path, const std::function<dev_t(con
 }
 
 CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path,
-                            const NoteDeviceFile& noteDeviceFile)
+                            const std::function<void(const std::string& path)>& noteDeviceFile)
 {
     CheckedFile file;
     file.path = path;
@@ -162,14 +162,19 @@ CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::strin
         return file;
     }
     file.askedThrough = asked == path ? "" : asked;
-    const DeviceFileAnswer answer = AskDeviceFile(
-        type, asked, {noteDeviceFile, [&file](const DeviceRequest& request) {
-                          if (request.status == ZDSystemDevice::DEV_OPEN_FAILED && file.requests.empty()) {
-                              file.openError = request.error;
-                          } else {
-                              file.requests.push_back(Describe(request));
-                          }
-                      }});
+    const DeviceFileAnswer answer =
+        AskDeviceFile(type, asked,
+                      {[&noteDeviceFile](const std::string& deviceFile) {
+                           noteDeviceFile(deviceFile);
+                           return true;
+                       },
+                       [&file](const DeviceRequest& request) {
+                           if (request.status == ZDSystemDevice::DEV_OPEN_FAILED && file.requests.empty()) {
+                               file.openError = request.error;
+                           } else {
+                               file.requests.push_back(Describe(request));
+                           }
+                       }});
     if (answer.listed) {
         file.visibility = Visibility::Visible;
         file.openError = 0;

@@ -67,7 +67,7 @@ std::string TapeNodeToAsk(const std::string& path, const std::function<dev_t(con
 
 /** Asks the file; blocks for as long as the device does. */
 CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path,
-                            const NoteDeviceFile& noteDeviceFile);
+                            const std::function<void(const std::string& path)>& noteDeviceFile);
 
 /** The texts by which a checked file passes from one process to another. */
 std::vector<std::string> TextsOf(const CheckedFile& file);

@@ -18,7 +18,6 @@
 #include <system_error>
 
 #include "tools/zddevices/deviceClass.h"
-#include "tools/zddevices/doctor/doctorReport.h"
 #include "tools/zddevices/output/messages.h"
 #include "tools/zddevices/output/text.h"
 #include "tools/zddevices/scan/access.h"
@@ -220,10 +219,10 @@ bool Diagnosis::AllVisible() const
 HostFacts LookAtHost(Duration limit)
 {
     // modprobe may hang, as a device may. With -D it only looks for the module; busybox knows that, too.
-    const Task askForSg = [](const NoteDeviceFile& /*noteDeviceFile*/) -> std::vector<std::string> {
+    const Task askForSg = [](const Tell& /*tell*/) -> std::vector<std::string> {
         return {LoadSgDriver() ? "used" : std::system("modprobe -D sg >/dev/null 2>&1") == 0 ? "found" : "missing"};
     };
-    const Outcome sg = RunWorkers({askForSg}, limit).front();
+    const Outcome sg = RunWorkers({askForSg}, {limit}).front();
     const std::string answer = sg.answer ? sg.answer->front() : "";
     std::error_code error;
     HostFacts facts;
@@ -251,11 +250,11 @@ std::vector<CheckedFile> CheckInWorkers(SysDeviceType type, const std::vector<st
         const std::size_t end = std::min(first + devicesAtATime, paths.size());
         std::vector<Task> tasks;
         for (std::size_t i = first; i < end; ++i) {
-            tasks.emplace_back([type, &path = paths[i]](const NoteDeviceFile& noteDeviceFile) {
-                return TextsOf(CheckDeviceFile(type, path, noteDeviceFile));
+            tasks.emplace_back([type, &path = paths[i]](const Tell& tell) {
+                return TextsOf(CheckDeviceFile(type, path, tell.deviceFile));
             });
         }
-        for (Outcome& outcome : RunWorkers(tasks, limitPerDevice, observer)) {
+        for (Outcome& outcome : RunWorkers(std::move(tasks), {limitPerDevice, observer})) {
             CheckedFile file;
             file.path = paths[files.size()];
             file.visibility = Visibility::NoAnswerInTime;

@@ -172,12 +172,6 @@ std::string DescribeClass(const ClassFiles& one, const Diagnosis& diagnosis)
 
 }  // namespace
 
-std::string DescribeError(int error)
-{
-    const char* name = strerrorname_np(error);
-    return std::generic_category().message(error) + (name != nullptr ? std::string(" (") + name + ")" : "");
-}
-
 std::string RenderDiagnosis(const Diagnosis& diagnosis, std::size_t width)
 {
     std::string text = "Driver for generic SCSI devices (sg): " + DescribeSg(diagnosis.facts) + "\n";

@@ -12,9 +12,6 @@
 
 namespace Zendra::ZDDevices {
 
-/** "Permission denied (EACCES)". */
-std::string DescribeError(int error);
-
 /**
  * @brief For people; fit for a terminal.
  * @param width the columns of the terminal, at which advice goes on in the next line; 0 for no limit.

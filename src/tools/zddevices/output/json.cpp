@@ -42,6 +42,21 @@ void WriteLines(JsonWriter& json, std::string_view lines)
     json.EndArray();
 }
 
+void WriteMissing(JsonWriter& json, const Missing& missing)
+{
+    json.StartObject();
+    WriteRecordText(json, "device_file", missing.deviceFile);
+    WriteText(json, "reason", WordOf(missing.reason));
+    json.Key("errno");
+    if (missing.error == 0) {
+        json.Null();
+    } else {
+        json.Int(missing.error);
+    }
+    WriteText(json, "message", missing.message);
+    json.EndObject();
+}
+
 }  // namespace
 
 std::string ToJson(const std::function<void(JsonWriter&)>& write)
@@ -150,15 +165,13 @@ std::string RenderJson(const Report<Record>& report, const ReportOrigin& origin)
         WriteText(json, "name", StatusName(report.status));
         json.EndObject();
         json.Key("complete");
-        json.Bool(report.unanswered.empty());
-        if (!report.unanswered.empty()) {
-            json.Key("unanswered");
-            json.StartArray();
-            for (const Unanswered& unanswered : report.unanswered) {
-                WriteText(json, unanswered.className);
-            }
-            json.EndArray();
+        json.Bool(report.missing.empty());
+        json.Key("unanswered");
+        json.StartArray();
+        for (const Missing& missing : report.missing) {
+            WriteMissing(json, missing);
         }
+        json.EndArray();
         json.Key(KindOf<Record>().recordsKey);
         json.StartArray();
         for (const Record& record : report.records) {

@@ -1,6 +1,7 @@
 #include "tools/zddevices/output/messages.h"
 
 #include <boost/algorithm/string/join.hpp>
+#include <cstddef>
 #include <map>
 #include <set>
 
@@ -8,6 +9,13 @@
 #include "tools/zddevices/output/text.h"
 
 namespace Zendra::ZDDevices {
+
+namespace {
+
+/** Who must act on more of them reads JSON. */
+constexpr std::size_t mostNamed = 10;
+
+}  // namespace
 
 std::string StatusName(unsigned int status)
 {
@@ -28,10 +36,25 @@ std::string DescribeFailedScan(unsigned int status)
     return "the scan failed: " + StatusName(status) + " (" + std::to_string(status) + ")";
 }
 
-std::string DescribeUnanswered(const Unanswered& unanswered)
+std::vector<std::string> DescribeMissing(const std::vector<Missing>& missing, bool userIsRoot)
 {
-    const std::string device = unanswered.device.empty() ? "" : " (" + unanswered.device + ")";
-    return Printable("class " + unanswered.className + ": " + unanswered.failure + device);
+    std::vector<DeniedFile> denied;
+    std::vector<std::string> lines;
+    std::size_t others = 0;
+    for (const Missing& one : missing) {
+        if (one.reason == Reason::Denied) {
+            denied.push_back({one.deviceFile, one.group});
+        } else if (++others <= mostNamed) {
+            lines.push_back(Printable((one.deviceFile.empty() ? "" : one.deviceFile + ": ") + one.message));
+        }
+    }
+    if (others > mostNamed) {
+        lines.push_back(std::to_string(others - mostNamed) + " more gave no answer; --format json names them all");
+    }
+    if (!denied.empty()) {
+        lines.push_back(DescribeDenied(denied, userIsRoot));
+    }
+    return lines;
 }
 
 std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot)
@@ -39,13 +62,16 @@ std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot
     std::vector<std::string> paths;
     std::set<std::string> groups;
     for (const DeniedFile& file : files) {
-        paths.push_back(Printable(file.path));
+        if (paths.size() < mostNamed) {
+            paths.push_back(Printable(file.path));
+        }
         if (!file.group.empty()) {
             groups.insert(Printable(file.group));
         }
     }
     std::string text = std::to_string(files.size()) + (files.size() == 1 ? " device file" : " device files") +
-                       " could not be opened for lack of privilege (" + boost::algorithm::join(paths, ", ") + "); ";
+                       " could not be opened for lack of privilege (" + boost::algorithm::join(paths, ", ") +
+                       (files.size() > mostNamed ? ", ...); " : "); ");
     if (files.size() == 1 && files.front().path == "/dev") {
         text = "the device files could not be listed for lack of privilege (/dev); ";
     }

@@ -18,8 +18,8 @@ std::string StatusName(unsigned int status);
 
 std::string DescribeFailedScan(unsigned int status);
 
-/** Which class is missing, and why. */
-std::string DescribeUnanswered(const Unanswered& unanswered);
+/** What an answer lacks, and why: a line for each of the first ten, how many more there are, and who is denied. */
+std::vector<std::string> DescribeMissing(const std::vector<Missing>& missing, bool userIsRoot);
 
 /** Which files these are and what to do about them. */
 std::string DescribeDenied(const std::vector<DeniedFile>& files, bool userIsRoot);

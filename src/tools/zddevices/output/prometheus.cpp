@@ -1,5 +1,6 @@
 #include "tools/zddevices/output/prometheus.h"
 
+#include <algorithm>
 #include <array>
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/replace.hpp>
@@ -132,6 +133,23 @@ std::string Scans(const std::vector<QuestionOutcome>& questions)
            Family("zendra_device_scan_seconds", "How long the scan took, or was waited for.", seconds);
 }
 
+std::string MissingFiles(const std::vector<Missing>& missing)
+{
+    Pairs samples;
+    for (const Missing& one : missing) {
+        // Of a class as a whole its scan tells.
+        if (!one.deviceFile.empty()) {
+            samples.emplace_back(Labels({{"device_file", LabelText(one.deviceFile)}, {"reason", WordOf(one.reason)}}),
+                                 "1");
+        }
+    }
+    const auto denied =
+        std::count_if(missing.begin(), missing.end(), [](const Missing& one) { return one.reason == Reason::Denied; });
+    return Family("zendra_device_missing", "A device file that gave no record, and why.", samples) +
+           Family("zendra_device_files_denied", "Device files that could not be opened for lack of privilege.",
+                  {{"", std::to_string(denied)}});
+}
+
 }  // namespace
 
 std::string QuotedLabelValue(std::string text)
@@ -142,13 +160,13 @@ std::string QuotedLabelValue(std::string text)
     return '"' + text + '"';
 }
 
-std::string RenderPrometheus(const Inventory& inventory, std::chrono::system_clock::time_point begun,
-                             std::size_t deniedFiles)
+std::string RenderPrometheus(const Inventory& inventory, std::chrono::system_clock::time_point begun)
 {
     std::string text;
     if (inventory.devices) {
-        text += Info("zendra_device_info", "A storage device that answered; the address is port:bus:target:lun.",
-                     *inventory.devices, {"ADDRESS", "TYPE", "VENDOR", "PRODUCT", "SERIAL", "FIRMWARE"});
+        text +=
+            Info("zendra_device_info", "A storage device that answered; the address is host:channel:target:lun.",
+                 *inventory.devices, {"DEVICE", "ADDRESS", "TYPE", "VENDOR", "PRODUCT", "SERIAL", "FIRMWARE", "WWN"});
     }
     if (inventory.firmware) {
         text += Info("zendra_disk_firmware_info", "The firmware of a disk, RAID volumes and M.2 disks left out.",
@@ -161,9 +179,7 @@ std::string RenderPrometheus(const Inventory& inventory, std::chrono::system_clo
         text += Capabilities(*inventory.drives, labels);
     }
     const auto sinceEpoch = std::chrono::duration_cast<std::chrono::seconds>(begun.time_since_epoch());
-    return text + Scans(inventory.questions) +
-           Family("zendra_device_files_denied", "Device files that could not be opened for lack of privilege.",
-                  {{"", std::to_string(deniedFiles)}}) +
+    return text + Scans(inventory.questions) + MissingFiles(inventory.missing) +
            Family("zendra_device_scan_timestamp_seconds", "When the scans began.",
                   {{"", std::to_string(sinceEpoch.count())}});
 }

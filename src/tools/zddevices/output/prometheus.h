@@ -28,10 +28,8 @@ std::string QuotedLabelValue(std::string text);
  * @param inventory the answers to questions that each concern one class. What was not asked for has no series, not
  *                  even a heading.
  * @param begun when the run began.
- * @param deniedFiles how many device files this process may not open.
  */
-std::string RenderPrometheus(const Inventory& inventory, std::chrono::system_clock::time_point begun,
-                             std::size_t deniedFiles);
+std::string RenderPrometheus(const Inventory& inventory, std::chrono::system_clock::time_point begun);
 
 }  // namespace Zendra::ZDDevices
 

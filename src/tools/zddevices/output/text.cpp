@@ -225,4 +225,10 @@ std::string ValidUtf8(std::string_view text)
         text, [](CodePoint, std::string_view) { return true; }, [](std::string_view) { return "\xEF\xBF\xBD"; });
 }
 
+std::string DescribeError(int error)
+{
+    const char* name = strerrorname_np(error);
+    return std::generic_category().message(error) + (name != nullptr ? std::string(" (") + name + ")" : "");
+}
+
 }  // namespace Zendra::ZDDevices

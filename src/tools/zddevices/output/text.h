@@ -64,6 +64,9 @@ std::string FoldedLines(std::string_view text, std::size_t width);
 /** The text as UTF-8: each byte that is not part of a UTF-8 character becomes U+FFFD; all others stay. */
 std::string ValidUtf8(std::string_view text);
 
+/** An error of a system call: "Permission denied (EACCES)". */
+std::string DescribeError(int error);
+
 }  // namespace Zendra::ZDDevices
 
 #endif

@@ -1,6 +1,4 @@
-#include "tools/zddevices/deviceClass.h"
 #include "tools/zddevices/records/field.h"
-#include "tools/zddevices/records/report.h"
 
 namespace Zendra::ZDDevices {
 
@@ -54,12 +52,6 @@ const RecordKind<Device>& KindOf<Device>()
 {
     static const RecordKind<Device> kind = {"zddevices/1", "devices", {std::begin(fields), std::end(fields)}};
     return kind;
-}
-
-Report<Device> DescribeDevices(unsigned int status, std::vector<Device> devices,
-                               std::optional<ZDSystemDevice::SysDeviceType> type)
-{
-    return {status, std::move(devices), {}, type ? ClassOf(*type).nothingFound : "No storage devices found.", {}};
 }
 
 }  // namespace Zendra::ZDDevices

@@ -7,10 +7,13 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
+#include "tools/zddevices/deviceClass.h"
+#include "tools/zddevices/scan/missing.h"
 
 namespace Zendra::ZDDevices {
 
@@ -21,34 +24,27 @@ constexpr bool ScanRan(unsigned int status)
            status == ZDSystemDevice::DEVICE_RESULT_NONE;
 }
 
-/** A class of devices about which there is no answer. */
-struct Unanswered {
-    /** As on the command line: "disk". */
-    std::string className;
-    /** Why, for people. */
-    std::string failure;
-    /** The device file that it waits for; empty when that is not known. */
-    std::string device;
-};
-
 /** Records of one kind, and what belongs to them. */
 template <typename Record>
 struct Report {
     /** What the library's facade answered; DEV_FAILURE when no class was answered at all. */
     unsigned int status = 0;
     std::vector<Record> records;
-    /** The classes whose devices are missing, which the library was not to be waited for any longer. */
-    std::vector<Unanswered> unanswered;
+    /** What the records lack. */
+    std::vector<Missing> missing;
     /** What people are told when there is no record. */
     std::string nothingFound;
     /** What must be known to read the records rightly; for standard error, empty when there is nothing. */
     std::string remark;
 };
 
-/** What the facade answered when asked for one class of devices, or for all of them. */
-Report<ZDSystemDevice::SystemDevice> DescribeDevices(unsigned int status,
-                                                     std::vector<ZDSystemDevice::SystemDevice> devices,
-                                                     std::optional<ZDSystemDevice::SysDeviceType> type);
+/** What was answered when one class of devices was asked, or all of them: devices, or the facade's records. */
+template <typename Record>
+Report<Record> DescribeDevices(unsigned int status, std::vector<Record> devices,
+                               std::optional<ZDSystemDevice::SysDeviceType> type)
+{
+    return {status, std::move(devices), {}, type ? ClassOf(*type).nothingFound : "No storage devices found.", {}};
+}
 
 /** What the facade answered when asked for the software identities of the disks. */
 Report<ZDOptions::SoftwareIdentity_> DescribeFirmware(unsigned int status,

@@ -56,6 +56,22 @@ std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names, 
     return found;
 }
 
+std::vector<std::string> DeviceFilesOf(SysDeviceType type)
+{
+    std::vector<std::string> files;
+    try {
+        files = ZDSystemDevice::DeviceFileNames(ListDeviceDirectory(), type);
+    } catch (const std::system_error& error) {
+        if (!IsPrivilegeLacking(error.code().value())) {
+            throw;
+        }
+    }
+    for (std::string& name : files) {
+        name.insert(0, std::string(deviceDirectory) + "/");
+    }
+    return files;
+}
+
 bool IsPrivilegeLacking(int error)
 {
     return error == EACCES || error == EPERM;

@@ -30,6 +30,13 @@ std::vector<std::string> ListDeviceDirectory();
 std::vector<std::string> DeviceFileNames(const std::vector<std::string>& names,
                                          std::optional<ZDSystemDevice::SysDeviceType> type);
 
+/**
+ * @brief The device files that the list of a class asks, as paths in the order of /dev; none where /dev may not be
+ * listed.
+ * @throws std::system_error when /dev cannot be listed for another reason than permissions.
+ */
+std::vector<std::string> DeviceFilesOf(ZDSystemDevice::SysDeviceType type);
+
 /** Whether an error of a system call says that this process lacks the privilege. */
 bool IsPrivilegeLacking(int error);
 

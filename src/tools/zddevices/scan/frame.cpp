@@ -44,7 +44,8 @@ std::optional<Frame> ReadFrame(std::string_view bytes)
         bytes.remove_prefix(*length);
     }
     const bool hasOneText = frame.kind == Frame::Kind::DeviceFile || frame.kind == Frame::Kind::Failure;
-    const bool isFrame = frame.kind == Frame::Kind::Answer || (hasOneText && frame.texts.size() == 1);
+    const bool hasAnyTexts = frame.kind == Frame::Kind::Answer || frame.kind == Frame::Kind::Part;
+    const bool isFrame = hasAnyTexts || (hasOneText && frame.texts.size() == 1);
     return isFrame ? std::make_optional(std::move(frame)) : std::nullopt;
 }
 

@@ -19,6 +19,8 @@ struct Frame {
     enum class Kind : char {
         /** One text: the path of the device file that is asked from now on. */
         DeviceFile = 'D',
+        /** Any texts; part of what the worker has to tell. */
+        Part = 'P',
         /** Any texts; the worker's last frame. */
         Answer = 'A',
         /** One text: why there is no answer; the worker's last frame. */

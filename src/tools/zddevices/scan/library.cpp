@@ -8,7 +8,6 @@
 #include "module/osinfos/systemdevice/dataProxy_linux.h"
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "module/osinfos/systemdevice/deviceNames.h"
-#include "module/osinfos/systemdevice/firmwareIdentity.h"
 
 namespace Zendra::ZDDevices {
 
@@ -29,7 +28,9 @@ public:
     /** As DataOperator::ExecIoCtl(), through which SCSI commands go, too. */
     int ExecIoCtl(ZDSystemDevice::ReqIoCtlParam& request) override
     {
-        watch.before(request.driveName);
+        if (!watch.before(request.driveName)) {
+            return ZDSystemDevice::DEV_OPEN_FAILED;
+        }
         errno = 0;
         const int status = DataOperator::ExecIoCtl(request);
         // Still that of open(2) or ioctl(2): behind them the operator closes the file, which succeeds, and logs.
@@ -61,7 +62,7 @@ public:
 
 /** What `ask` gives for the proxy of the class. */
 template <typename Ask>
-unsigned int WithProxy(SysDeviceType type, const Watch& watch, Ask ask)
+auto WithProxy(SysDeviceType type, const Watch& watch, Ask ask)
 {
     switch (type) {
     case ZDSystemDevice::SYS_DEVICE_TAPE:
@@ -96,43 +97,65 @@ unsigned int AskFile(Proxy&& proxy, BusDevice& bus, std::string& path)
 
 }  // namespace
 
-DeviceAnswer AskForDevices(std::optional<SysDeviceType> type, const Watch* watch)
+DeviceAnswer AskForDevices(std::optional<SysDeviceType> type)
 {
     DeviceAnswer answer;
-    if (watch != nullptr) {
-        answer.status =
-            WithProxy(type.value(), *watch, [&](auto&& proxy) { return proxy.GetDeviceList(answer.records); });
-    } else if (type) {
-        answer.status = ZDSystemDevice::DeviceCollector().GetIndividualDevice(answer.records, *type);
-    } else {
-        answer.status = ZDSystemDevice::DeviceCollector().GetAllDevice(answer.records);
-    }
+    answer.status = type ? ZDSystemDevice::DeviceCollector().GetIndividualDevice(answer.records, *type)
+                         : ZDSystemDevice::DeviceCollector().GetAllDevice(answer.records);
     return answer;
 }
 
-OpticalAnswer AskForOptical(const Watch* watch)
+OpticalAnswer AskForOptical()
 {
     OpticalAnswer answer;
-    answer.status = watch != nullptr ? Watched<CDDVDProxy>(*watch).GetCDDVDOptList(answer.records)
-                                     : ZDSystemDevice::DeviceCollector().GetOpticalProperties(answer.records);
+    answer.status = ZDSystemDevice::DeviceCollector().GetOpticalProperties(answer.records);
     return answer;
 }
 
-FirmwareAnswer AskForFirmware(const Watch* watch)
+FirmwareAnswer AskForFirmware()
 {
     FirmwareAnswer answer;
-    if (watch == nullptr) {
-        answer.status = ZDSystemDevice::DeviceCollector().GetDiskDriverSoftwareIdentities(answer.records);
-        return answer;
-    }
-    const DeviceAnswer disks = AskForDevices(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, watch);
-    answer.status = disks.status;
-    for (const ZDSystemDevice::SystemDevice& disk : disks.records) {
-        if (ZDSystemDevice::HasFirmwareIdentity(disk)) {
-            answer.records.push_back(ZDSystemDevice::FirmwareIdentityOf(disk));
-        }
-    }
+    answer.status = ZDSystemDevice::DeviceCollector().GetDiskDriverSoftwareIdentities(answer.records);
     return answer;
+}
+
+ClassAnswer AskFileByFile(SysDeviceType type, const std::function<bool(const std::string& path)>& take,
+                          const std::function<void(FileAnswer answer)>& done)
+{
+    std::vector<ZDSystemDevice::SystemDevice> records;
+    FileAnswer current;
+    bool taken = false;
+    // The list asks one file after the other, and appends the record of one before it asks the next.
+    const auto finish = [&] {
+        if (!records.empty()) {
+            current.record = std::move(records.back());
+            records.clear();
+        }
+        if (taken) {
+            done(std::exchange(current, {}));
+        }
+        taken = false;
+    };
+    const Watch watch{[&](const std::string& path) {
+                          if (path != current.path) {
+                              finish();
+                              current = {path, 0, 0, {}};
+                              taken = take(path);
+                          }
+                          return taken;
+                      },
+                      [&](const DeviceRequest& request) {
+                          if (request.status == ZDSystemDevice::DEV_OPEN_FAILED) {
+                              current.openError = request.error;
+                          } else if (request.error != 0) {
+                              current.error = request.error;
+                          }
+                      }};
+    return WithProxy(type, watch, [&](auto&& proxy) {
+        const unsigned int status = proxy.GetDeviceList(records);
+        finish();
+        return ClassAnswer{status, proxy.UsesSgDriver()};
+    });
 }
 
 DeviceFileAnswer AskDeviceFile(SysDeviceType type, std::string path, const Watch& watch)
@@ -144,7 +167,7 @@ DeviceFileAnswer AskDeviceFile(SysDeviceType type, std::string path, const Watch
 
 bool LoadSgDriver()
 {
-    return Watched<SCSIProxy>({[](const std::string& /*deviceFile*/) {}}).UsesSgDriver();
+    return Watched<SCSIProxy>({[](const std::string& /*deviceFile*/) { return true; }}).UsesSgDriver();
 }
 
 }  // namespace Zendra::ZDDevices

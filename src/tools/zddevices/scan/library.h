@@ -14,7 +14,6 @@
 
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
-#include "tools/zddevices/scan/worker.h"
 
 namespace Zendra::ZDDevices {
 
@@ -32,9 +31,9 @@ struct DeviceRequest {
 
 /** Who is told of requests. */
 struct Watch {
-    /** Called before each request. */
-    NoteDeviceFile before;
-    /** Called after each request; may be empty. */
+    /** Called before each request; where it says no, the file is passed over as one that cannot be opened. */
+    std::function<bool(const std::string& deviceFile)> before;
+    /** Called after each request that was made; may be empty. */
     std::function<void(const DeviceRequest& request)> after = nullptr;
 };
 
@@ -51,18 +50,41 @@ using FirmwareAnswer = Answer<ZDOptions::SoftwareIdentity_>;
 
 /**
  * @name What the library's facade answers.
- *
- * With a watch, which is told of each request, the facade's proxies are asked in its place: of its log their part is
- * then written.
  * @{
  */
-/** @param type absent for all devices, merged; never with a watch. */
-DeviceAnswer AskForDevices(std::optional<ZDSystemDevice::SysDeviceType> type, const Watch* watch);
-OpticalAnswer AskForOptical(const Watch* watch);
-FirmwareAnswer AskForFirmware(const Watch* watch);
+/** @param type absent for all devices, merged. */
+DeviceAnswer AskForDevices(std::optional<ZDSystemDevice::SysDeviceType> type);
+OpticalAnswer AskForOptical();
+FirmwareAnswer AskForFirmware();
 /** @} */
 
-/** What the library makes of one device file. */
+/** What the list of a class made of one device file. */
+struct FileAnswer {
+    std::string path;
+    /** The error number of open(2); 0 when the file was opened. */
+    int openError = 0;
+    /** The error number of the last request that failed; 0 for none. */
+    int error = 0;
+    /** Absent when the list left the device out. */
+    std::optional<ZDSystemDevice::SystemDevice> record;
+};
+
+/** What the list of a class answered. */
+struct ClassAnswer {
+    unsigned int status;
+    /** Whether the sg module could be loaded: if not, the generic class does not ask the files of its driver. */
+    bool usesSgDriver;
+};
+
+/**
+ * @brief Has the list of a class made, by the facade's proxy; the facade's own part of the log is not written.
+ * @param take whether to ask a file; otherwise it is passed over as one that cannot be opened. Called once for each.
+ * @param done is told of each file that was taken, as soon as it is known.
+ */
+ClassAnswer AskFileByFile(ZDSystemDevice::SysDeviceType type, const std::function<bool(const std::string& path)>& take,
+                          const std::function<void(FileAnswer answer)>& done);
+
+/** What the library makes of one device file that is asked alone. */
 struct DeviceFileAnswer {
     /** Whether the list of the class holds the device. */
     bool listed = false;

@@ -1,82 +1,86 @@
 #include "tools/zddevices/scan/questions.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
+#include <cstring>
+#include <map>
+#include <set>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
-#include "module/osinfos/systemdevice/deviceMerge.h"
+#include "module/osinfos/systemdevice/firmwareIdentity.h"
 #include "tools/zddevices/deviceClass.h"
-#include "tools/zddevices/records/field.h"
+#include "tools/zddevices/scan/access.h"
+#include "tools/zddevices/scan/asking.h"
 #include "tools/zddevices/scan/library.h"
+#include "tools/zddevices/scan/recordTexts.h"
+#include "tools/zddevices/scan/rows.h"
 
 namespace Zendra::ZDDevices {
 
 namespace {
 
-using Strings = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+using ZDSystemDevice::SystemDevice;
 
 bool LibraryLogs(const Options& options)
 {
     return options.logLevel.value_or(0) > 0;
 }
 
-/** The answer as a worker sends it: the status, then the texts of each record. */
+/** Whether the devices of a class are asked one by one; otherwise the facade is asked, whose log it is. */
+bool IsAskedByFile(const Question& question, const Options& options)
+{
+    return !options.asLibrary && !LibraryLogs(options) && question.subject != Subject::Capabilities;
+}
+
+/** An answer of the facade as a worker sends it: the status, then the texts of each record. */
 template <typename Record>
-Strings TextsOfAnswer(Answer<Record> answer)
+Strings TextsOf(Answer<Record> answer)
 {
     Strings texts{std::to_string(answer.status)};
     for (Record& record : answer.records) {
-        for (const Field<Record>& field : MembersOf<Record>()) {
-            texts.push_back(std::move(record.*field.member));
-        }
+        AppendTexts(std::move(record), texts);
     }
     return texts;
 }
 
-/** Moves the records of an answer to `records`; its status, or none when there is no answer. */
+/** The records of such an answer; none when there is none. */
 template <typename Record>
-std::optional<unsigned int> TakeAnswer(QuestionOutcome& outcome, std::optional<std::vector<Record>>& records)
+std::vector<Record> RecordsOf(std::optional<Strings> answer)
 {
-    if (!records) {
-        records.emplace();
+    std::vector<Record> records;
+    for (auto text = answer ? answer->begin() + 1 : Strings::iterator(); answer && text != answer->end();) {
+        records.push_back(TakeRecord<Record>(text));
     }
-    if (!outcome.answer) {
-        return std::nullopt;
-    }
-    for (auto text = outcome.answer->begin() + 1; text != outcome.answer->end();) {
-        Record& record = records->emplace_back();
-        for (const Field<Record>& field : MembersOf<Record>()) {
-            record.*field.member = std::move(*text++);
-        }
-    }
-    return static_cast<unsigned int>(std::stoul(outcome.answer->front()));
+    return records;
 }
 
-Strings Ask(const Question& question, const Watch* watch)
+Strings AskFacade(const Question& question)
 {
     switch (question.subject) {
     case Subject::Firmware:
-        return TextsOfAnswer(AskForFirmware(watch));
+        return TextsOf(AskForFirmware());
     case Subject::Capabilities:
-        return TextsOfAnswer(AskForOptical(watch));
+        return TextsOf(AskForOptical());
     case Subject::Devices:
         break;
     }
-    return TextsOfAnswer(AskForDevices(question.deviceClass, watch));
+    return TextsOf(AskForDevices(question.deviceClass));
 }
 
-std::optional<unsigned int> TakeAnswerOf(QuestionOutcome& outcome, Inventory& inventory)
+/**
+ * Loads the sg driver where it has no device files yet: the list of the generic class does, but only then they appear.
+ */
+void MakeGenericFiles(std::optional<Duration> limit)
 {
-    switch (outcome.question.subject) {
-    case Subject::Firmware:
-        return TakeAnswer(outcome, inventory.firmware);
-    case Subject::Capabilities:
-        return TakeAnswer(outcome, inventory.drives);
-    case Subject::Devices:
-        break;
+    constexpr int share = 4;
+    if (DeviceFilesOf(ZDSystemDevice::SYS_DEVICE_SCSI).empty()) {
+        RunWorkers({[](const Tell& /*tell*/) { return Strings{LoadSgDriver() ? "sg" : ""}; }},
+                   {limit ? std::make_optional(*limit / share) : std::nullopt});
     }
-    return TakeAnswer(outcome, inventory.devices);
 }
 
 unsigned int StatusOf(const std::vector<QuestionOutcome>& questions)
@@ -87,6 +91,176 @@ unsigned int StatusOf(const std::vector<QuestionOutcome>& questions)
     const bool anyAnswered = std::any_of(questions.begin(), questions.end(),
                                          [](const QuestionOutcome& one) { return one.status.has_value(); });
     return anyAnswered ? ZDSystemDevice::DEVICE_RESULT_OK : ZDSystemDevice::DEV_FAILURE;
+}
+
+/** Appends the records of device files, each with its file. */
+void AppendDevices(std::vector<FileAnswer> answers, std::vector<StorageDevice>& devices)
+{
+    for (FileAnswer& answer : answers) {
+        if (answer.record) {
+            StorageDevice& device = devices.emplace_back();
+            static_cast<SystemDevice&>(device) = std::move(*answer.record);
+            device.device_files = answer.path + "\n";
+        }
+    }
+}
+
+std::vector<ZDOptions::SoftwareIdentity_> FirmwareOf(const std::vector<FileAnswer>& disks)
+{
+    std::vector<ZDOptions::SoftwareIdentity_> identities;
+    for (const FileAnswer& disk : disks) {
+        if (disk.record && ZDSystemDevice::HasFirmwareIdentity(*disk.record)) {
+            identities.push_back(ZDSystemDevice::FirmwareIdentityOf(*disk.record));
+        }
+    }
+    return identities;
+}
+
+/** Moves the records of a facade's answer to the inventory. */
+void TakeRecords(Subject subject, const std::optional<Strings>& answer, Inventory& inventory)
+{
+    switch (subject) {
+    case Subject::Devices:
+        inventory.facadeDevices = RecordsOf<SystemDevice>(answer);
+        break;
+    case Subject::Firmware:
+        inventory.firmware = RecordsOf<ZDOptions::SoftwareIdentity_>(answer);
+        break;
+    case Subject::Capabilities:
+        inventory.drives = RecordsOf<ZDSystemDevice::OpticalProperty>(answer);
+        break;
+    }
+}
+
+/** Collects what is missing, each device file once. */
+class MissingFiles {
+public:
+    void Add(Missing one)
+    {
+        if (one.deviceFile.empty() || accounted.insert(one.deviceFile).second) {
+            missing.push_back(std::move(one));
+        }
+    }
+
+    /** What the answer about the device files of a class lacks. */
+    void AddFilesOf(const DeviceClass& deviceClass, const AskedOutcome& outcome, const KernelDevices& kernel)
+    {
+        const std::size_t before = missing.size();
+        const std::string notAsked = outcome.failure.empty() ? "it was not asked in time" : outcome.failure;
+        for (const LostFile& lost : outcome.lost) {
+            Add({lost.path, lost.late ? Reason::NoAnswerInTime : Reason::WorkerDied, 0, lost.failure, {}});
+        }
+        for (const FileAnswer& file : outcome.files) {
+            if (!file.record && !IsDirectory(file.path)) {
+                Add(WhyNoRecord({file.path, file.openError, file.error}, kernel.OfFile(file.path)));
+            }
+        }
+        // Listed again: sg's files appear while the generic class is asked; without that driver it asks none of them.
+        const bool hasOwnFiles = outcome.usesSgDriver || deviceClass.type != ZDSystemDevice::SYS_DEVICE_SCSI;
+        for (const std::string& path : DeviceFilesOf(deviceClass.type)) {
+            if (accounted.count(path) > 0 || IsDirectory(path)) {
+                continue;
+            }
+            if (MayNotRead(path)) {
+                Add(WhyDenied(DeniedFileAt(path)));
+            } else if (hasOwnFiles) {
+                Add({path, Reason::NotAsked, 0, notAsked, {}});
+            }
+        }
+        if (!outcome.failure.empty() && missing.size() == before) {
+            AddClass(deviceClass, outcome);
+        }
+    }
+
+    /** A class, or all classes that the facade was asked for, about which nothing is known. */
+    void AddClass(const DeviceClass& deviceClass, const AskedOutcome& outcome)
+    {
+        Add({{},
+             outcome.late ? Reason::NoAnswerInTime : Reason::WorkerDied,
+             0,
+             std::string("class ") + deviceClass.word + ": " + outcome.failure,
+             {}});
+    }
+
+    void AddFound(const std::vector<StorageDevice>& devices)
+    {
+        for (const StorageDevice& device : devices) {
+            std::istringstream paths(device.device_files);
+            for (std::string path; std::getline(paths, path);) {
+                accounted.insert(path);
+            }
+        }
+    }
+
+    void AddDenied(std::optional<ZDSystemDevice::SysDeviceType> type)
+    {
+        for (const DeniedFile& file : FindDeniedFiles(type)) {
+            Add(WhyDenied(file));
+        }
+    }
+
+    const std::set<std::string>& Accounted() const { return accounted; }
+
+    std::vector<Missing> Take()
+    {
+        std::stable_sort(missing.begin(), missing.end(), [](const Missing& left, const Missing& right) {
+            return strverscmp(left.deviceFile.c_str(), right.deviceFile.c_str()) < 0;
+        });
+        return std::move(missing);
+    }
+
+private:
+    std::set<std::string> accounted;
+    std::vector<Missing> missing;
+};
+
+/**
+ * What all answers lack.
+ * @param outcomeOf of each question.
+ * @param found devices, and of each the files that have a record.
+ */
+std::vector<Missing> FindMissing(const Options& options, const std::vector<Question>& questions,
+                                 const std::vector<const AskedOutcome*>& outcomeOf,
+                                 const std::vector<StorageDevice>& found, const KernelDevices& kernel)
+{
+    MissingFiles missing;
+    missing.AddFound(found);
+    bool usesSgDriver = true;
+    for (std::size_t i = 0; i < questions.size(); ++i) {
+        const std::optional<ZDSystemDevice::SysDeviceType> type = questions[i].deviceClass;
+        const AskedOutcome& outcome = *outcomeOf[i];
+        usesSgDriver = usesSgDriver && outcome.usesSgDriver;
+        const bool byFile = IsAskedByFile(questions[i], options);
+        // A directory that nobody may list gives no file to ask.
+        if (!byFile || MayNotRead("/dev")) {
+            missing.AddDenied(type);
+        }
+        for (const DeviceClass& deviceClass : deviceClasses) {
+            if (deviceClass.type != type.value_or(deviceClass.type)) {
+                continue;
+            }
+            if (byFile) {
+                missing.AddFilesOf(deviceClass, outcome, kernel);
+            } else if (!outcome.failure.empty()) {
+                missing.AddClass(deviceClass, outcome);
+            }
+        }
+    }
+    if (!usesSgDriver && IsDirectory("/sys/module/sg")) {
+        missing.Add(
+            {{},
+             Reason::NoDriver,
+             0,
+             "the sg driver is loaded, but \"modprobe sg\" fails, without which it is not used: medium changers "
+             "and enclosures are missing; zddevices doctor tells more",
+             {}});
+    }
+    const bool everyClass = questions.size() > 1;
+    for (Missing& one :
+         DevicesWithoutFile(kernel, everyClass ? std::nullopt : questions.front().deviceClass, missing.Accounted())) {
+        missing.Add(std::move(one));
+    }
+    return missing.Take();
 }
 
 }  // namespace
@@ -110,11 +284,10 @@ std::vector<Question> QuestionsOf(const Options& options)
         return {capabilities};
     }
     const bool forMetrics = options.format == Format::Prometheus;
-    if (options.type || (LibraryLogs(options) && !forMetrics)) {
+    if (options.type || options.asLibrary || (LibraryLogs(options) && !forMetrics)) {
         return {{options.type}};
     }
     std::vector<Question> questions;
-    questions.reserve(deviceClasses.size());
     for (const DeviceClass& one : deviceClasses) {
         questions.push_back({one.type});
     }
@@ -126,32 +299,65 @@ std::vector<Question> QuestionsOf(const Options& options)
 
 Inventory TakeInventory(const Options& options, Observer* observer)
 {
+    const Clock::time_point started = Clock::now();
     const std::vector<Question> questions = QuestionsOf(options);
     const bool logs = LibraryLogs(options);
-    std::vector<Task> tasks;
-    tasks.reserve(questions.size());
+    std::vector<Asked> asked;
+    std::map<ZDSystemDevice::SysDeviceType, std::size_t> placeOfClass;
+    std::vector<std::size_t> places;
     for (const Question& question : questions) {
-        tasks.emplace_back([&question, logs](const NoteDeviceFile& noteDeviceFile) {
-            const Watch watch{noteDeviceFile};
-            return Ask(question, logs ? nullptr : &watch);
-        });
+        places.push_back(asked.size());
+        if (!IsAskedByFile(question, options)) {
+            asked.push_back({std::nullopt, [&question](const Tell& /*tell*/) { return AskFacade(question); }});
+            continue;
+        }
+        // Devices and firmware come from the same answers.
+        const auto [place, isNew] = placeOfClass.emplace(question.deviceClass.value(), asked.size());
+        places.back() = place->second;
+        if (isNew) {
+            asked.push_back({question.deviceClass});
+        }
     }
+    if (asked.front().files) {
+        MakeGenericFiles(options.timeLimit);
+    }
+    const std::vector<AskedOutcome> outcomes =
+        Ask(asked, {options.timeLimit, started, observer, logs ? 1 : options.jobs});
+
     Inventory inventory;
-    for (Outcome& outcome : RunWorkers(tasks, options.timeLimit, observer, logs ? 1 : allAtOnce)) {
+    std::vector<StorageDevice> devices;
+    for (std::size_t i = 0; i < questions.size(); ++i) {
+        const AskedOutcome& outcome = outcomes[places[i]];
         if (outcome.threw && !options.timeLimit) {
             throw std::runtime_error(outcome.failure);
         }
-        const Question& question = questions[inventory.questions.size()];
-        QuestionOutcome& one = inventory.questions.emplace_back(QuestionOutcome{std::move(outcome), question, {}});
-        one.status = TakeAnswerOf(one, inventory);
-        one.answer.reset();
+        inventory.questions.push_back({questions[i], outcome.status, outcome.failure, outcome.elapsed});
+        if (!asked[places[i]].files) {
+            TakeRecords(questions[i].subject, outcome.answer, inventory);
+        } else if (questions[i].subject == Subject::Firmware) {
+            inventory.firmware = FirmwareOf(outcome.files);
+        } else {
+            AppendDevices(outcome.files, devices);
+        }
     }
     inventory.status = StatusOf(inventory.questions);
-    if (inventory.devices && !options.type && questions.front().deviceClass) {
-        std::vector<ZDSystemDevice::SystemDevice> merged;
-        ZDSystemDevice::MergeByAddress(std::move(*inventory.devices), merged);
-        inventory.devices = std::move(merged);
+    const bool wantsDevices = options.command == Command::Devices && !options.asLibrary;
+    const bool needsKernel = wantsDevices || options.command == Command::Firmware;
+    const KernelDevices kernel = needsKernel ? KernelDevices::Read() : KernelDevices({});
+    if (wantsDevices) {
+        for (SystemDevice& record : inventory.facadeDevices.value_or(std::vector<SystemDevice>())) {
+            static_cast<SystemDevice&>(devices.emplace_back()) = std::move(record);
+        }
+        inventory.facadeDevices.reset();
+        inventory.devices = options.type ? RowsOfFiles(devices, kernel) : RowsOfDevices(devices, kernel);
     }
+    std::vector<const AskedOutcome*> outcomeOf(questions.size());
+    std::transform(places.begin(), places.end(), outcomeOf.begin(),
+                   [&outcomes](std::size_t place) { return &outcomes[place]; });
+    // The facade does not say which files its records are from: there, a device is not missing if any of its files is.
+    const bool byFile = asked.front().files.has_value();
+    inventory.missing =
+        FindMissing(options, questions, outcomeOf, byFile || !inventory.devices ? devices : *inventory.devices, kernel);
     return inventory;
 }
 

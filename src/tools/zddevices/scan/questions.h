@@ -12,6 +12,8 @@
 #include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/options.h"
+#include "tools/zddevices/records/storageDevice.h"
+#include "tools/zddevices/scan/missing.h"
 #include "tools/zddevices/scan/worker.h"
 
 namespace Zendra::ZDDevices {
@@ -29,10 +31,14 @@ struct Question {
 };
 
 /** What became of a question; the answer's records are in the Inventory. */
-struct QuestionOutcome : Outcome {
+struct QuestionOutcome {
     Question question;
     /** What the library answered; absent when it did not, or not in time. */
     std::optional<unsigned int> status;
+    /** Why it did not, for people; empty when it did. */
+    std::string failure;
+    /** From the first worker's start to the last one's answer, or to when it was given up. */
+    Duration elapsed{};
 };
 
 /** What all questions together have brought to light. */
@@ -43,25 +49,29 @@ struct Inventory {
      * when there is no answer at all.
      */
     unsigned int status = 0;
-    /** Each device once, when all classes were asked; like the others absent when nobody asked. */
-    std::optional<std::vector<ZDSystemDevice::SystemDevice>> devices;
+    /** One row for each device, of a single class one for each device file; like the others absent when nobody asked.
+     */
+    std::optional<std::vector<StorageDevice>> devices;
+    std::optional<std::vector<ZDSystemDevice::SystemDevice>> facadeDevices;
     std::optional<std::vector<ZDOptions::SoftwareIdentity_>> firmware;
     std::optional<std::vector<ZDSystemDevice::OpticalProperty>> drives;
+    /** What the answer lacks, by device file in natural order. */
+    std::vector<Missing> missing;
 };
 
 /**
  * @brief What to ask for these options.
  *
- * For metrics, without a subcommand and a class, that is everything; the disks are then asked twice, since each answer
- * is the library's own.
+ * For metrics, without a subcommand and a class, that is everything.
  */
 std::vector<Question> QuestionsOf(const Options& options);
 
 /**
- * @brief Has each question asked by a worker: all at the same time, or, when the library logs, one after the other.
+ * @brief Has the questions asked by workers.
  *
- * Returns shortly after the options' time limit. When the library logs, its facade is asked, whose log it is; no device
- * file is then known.
+ * All classes are asked at the same time. One whose devices take long is shared among more and more workers, up to
+ * Options::jobs in all; a device that hangs thus holds up none but itself. With one job, and when the library logs,
+ * class follows class. Returns shortly after the options' time limit.
  *
  * @param observer may be null.
  * @throws std::runtime_error without a time limit when a question failed: nobody has said that part of the answer will

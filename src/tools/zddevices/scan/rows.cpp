@@ -127,22 +127,29 @@ void FillFromRecord(StorageDevice& row, const StorageDevice& record)
     }
 }
 
-/** Appends the records that the kernel knows nothing of, merged as the library merges them. */
+/**
+ * Appends the records that the kernel knows nothing of: of those with one address the first, in the library's order of
+ * addresses, then those without an address, about which the library knows no more than that they are there.
+ */
 void AppendMerged(const std::vector<StorageDevice>& records, std::vector<StorageDevice>& rows)
 {
     // All that the library looks at is the address; the rest of the record waits here for its number.
-    std::vector<SystemDevice> addresses(records.begin(), records.end());
-    for (std::size_t i = 0; i < addresses.size(); ++i) {
-        addresses[i].vendor = std::to_string(i);
-        if (addresses[i].port.empty()) {
-            // In a list that is merged already, these are devices without an address, and not one device.
-            SetAddress(addresses[i], noAddress);
+    std::vector<SystemDevice> addresses;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        if (!records[i].port.empty() && AddressOf(records[i]) != noAddress) {
+            addresses.push_back(records[i]);
+            addresses.back().vendor = std::to_string(i);
         }
     }
     std::vector<SystemDevice> merged;
     ZDSystemDevice::MergeByAddress(std::move(addresses), merged);
     for (const SystemDevice& one : merged) {
         rows.push_back(RowOfItsTexts(records[std::stoul(one.vendor)]));
+    }
+    for (const StorageDevice& record : records) {
+        if (record.port.empty() || AddressOf(record) == noAddress) {
+            rows.push_back(RowOfItsTexts(record));
+        }
     }
 }
 

@@ -42,8 +42,6 @@ constexpr Duration graceAfterKill = std::chrono::milliseconds(250);
 /** A worker has closed its pipes some microseconds before it can be waited for. */
 constexpr Duration reapInterval = std::chrono::milliseconds(1);
 
-constexpr Duration observeInterval = std::chrono::milliseconds(200);
-
 /** What waits in a pipe, or a piece of it; closes the pipe at its end. */
 std::string ReadPiece(Descriptor& pipe)
 {
@@ -101,19 +99,27 @@ bool LetGoOfInheritedFiles(int answer, int messages)
 
 [[noreturn]] void DoWork(const Task& task, int answer, int messages) noexcept
 {
-    const auto send = [answer](Frame::Kind kind, std::vector<std::string> texts) {
-        return WriteAll(answer, FrameBytes({kind, std::move(texts)}));
+    std::string parts;
+    const auto send = [answer, &parts](Frame::Kind kind, std::vector<std::string> texts) {
+        const std::string bytes = std::exchange(parts, {}) + FrameBytes({kind, std::move(texts)});
+        return WriteAll(answer, bytes);
     };
-    const auto noteDeviceFile = [send, last = std::string()](const std::string& deviceFile) mutable {
-        if (deviceFile != last) {
-            last = deviceFile;
-            // A frame that cannot be written has no reader any more, and this process is about to be killed.
-            send(Frame::Kind::DeviceFile, {deviceFile});
-        }
-    };
+    std::string last;
+    const Tell tell{[&](const std::string& deviceFile) {
+                        if (deviceFile != last) {
+                            last = deviceFile;
+                            // A frame that cannot be written has no reader any more, and this process is about to be
+                            // killed.
+                            send(Frame::Kind::DeviceFile, {deviceFile});
+                        }
+                    },
+                    // Not sent by itself: a system call a device file is enough.
+                    [&parts](std::vector<std::string> texts) {
+                        parts += FrameBytes({Frame::Kind::Part, std::move(texts)});
+                    }};
     bool sent = false;
     try {
-        sent = LetGoOfInheritedFiles(answer, messages) && send(Frame::Kind::Answer, task(noteDeviceFile));
+        sent = LetGoOfInheritedFiles(answer, messages) && send(Frame::Kind::Answer, task(tell));
     } catch (const std::bad_alloc&) {
         sent = send(Frame::Kind::Failure, {"out of memory"});
     } catch (const std::exception& error) {
@@ -129,8 +135,10 @@ bool LetGoOfInheritedFiles(int answer, int messages)
 class Worker {
 public:
     /** Starts it. @param result is complete when the worker does not run any more. */
-    Worker(const Task& task, Outcome& result, Observer* watcher) : outcome(result), observer(watcher)
+    Worker(const Task& task, std::size_t number, Outcome& result, Observer* watcher)
+        : outcome(result), observer(watcher)
     {
+        waiting.task = number;
         Descriptor answerEnd;
         Descriptor messageEnd;
         if (!MakePipe(answer, answerEnd) || !MakePipe(messages, messageEnd)) {
@@ -171,7 +179,10 @@ public:
             if (lastFrame) {
                 broken = true;
             } else if (frame->kind == Frame::Kind::DeviceFile) {
-                waiting = {std::move(frame->texts.front()), Clock::now()};
+                waiting.deviceFile = std::move(frame->texts.front());
+                waiting.since = Clock::now();
+            } else if (frame->kind == Frame::Kind::Part) {
+                outcome.parts.push_back(std::move(frame->texts));
             } else {
                 lastFrame = std::move(frame);
             }
@@ -241,6 +252,7 @@ private:
         PassOn(unwritten.size());
         if (!outcome.answer) {
             outcome.failure = late.empty() ? failure : late;
+            outcome.late = !late.empty();
             outcome.deviceFile = waiting.deviceFile;
         }
         outcome.elapsed = Clock::now() - started;
@@ -305,21 +317,37 @@ void Wait(const std::list<Worker>& workers, std::optional<Duration> longest)
 
 }  // namespace
 
-std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Duration> limit, Observer* observer,
-                                std::size_t atATime)
+std::deque<Outcome> RunWorkers(std::vector<Task> tasks, const Terms& terms)
 {
     // Ended workers stay until they are waited for, whatever our caller made of the signal.
     static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
-    const Clock::time_point started = Clock::now();
-    const double seconds = std::chrono::duration<double>(limit.value_or(Duration::zero())).count();
+    const double seconds = std::chrono::duration<double>(terms.limit.value_or(Duration::zero())).count();
     const std::string late = (boost::format("no answer within %.15g s") % seconds).str();
-    std::vector<Outcome> outcomes(tasks.size());
+    // Workers keep references to theirs.
+    std::deque<Outcome> outcomes(tasks.size());
     std::list<Worker> running;
     std::size_t next = 0;
     bool killed = false;
+    const auto waiting = [&running] {
+        std::vector<Waiting> all(running.size());
+        std::transform(running.begin(), running.end(), all.begin(),
+                       [](const Worker& worker) { return worker.WhatItWaitsFor(); });
+        return all;
+    };
+    const auto counting = [&](const Worker& worker) {
+        return Clock::now() - worker.WhatItWaitsFor().since < terms.patience;
+    };
     for (;;) {
-        for (; next < tasks.size() && running.size() < atATime && !killed; ++next) {
-            running.emplace_back(tasks[next], outcomes[next], observer);
+        if (terms.more && next == tasks.size() && !killed) {
+            for (Task& task : terms.more(outcomes, waiting())) {
+                tasks.push_back(std::move(task));
+                outcomes.emplace_back();
+            }
+        }
+        for (; next < tasks.size() && !killed &&
+               static_cast<std::size_t>(std::count_if(running.begin(), running.end(), counting)) < terms.atATime;
+             ++next) {
+            running.emplace_back(tasks[next], next, outcomes[next], terms.observer);
             if (!running.back().IsRunning()) {
                 running.pop_back();
             }
@@ -328,13 +356,13 @@ std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Du
             break;
         }
         const auto timeLeft = [&] {
-            return *limit + (killed ? graceAfterKill : Duration()) - (Clock::now() - started);
+            return *terms.limit + (killed ? graceAfterKill : Duration()) - (Clock::now() - terms.started);
         };
         std::optional<Duration> longest;
-        if (limit) {
+        if (terms.limit) {
             longest = timeLeft();
         }
-        if (observer != nullptr) {
+        if (terms.observer != nullptr || terms.more || next < tasks.size()) {
             longest = std::min(longest.value_or(observeInterval), observeInterval);
         }
         Wait(running, longest);
@@ -345,17 +373,14 @@ std::vector<Outcome> RunWorkers(const std::vector<Task>& tasks, std::optional<Du
             }
         }
         running.remove_if([](const Worker& worker) { return !worker.IsRunning(); });
-        if (limit && timeLeft() <= Duration::zero()) {
+        if (terms.limit && timeLeft() <= Duration::zero()) {
             for (Worker& worker : running) {
                 killed ? worker.Leave() : worker.BeLate(late);
             }
             killed = true;
         }
-        if (observer != nullptr && !running.empty()) {
-            std::vector<Waiting> waiting(running.size());
-            std::transform(running.begin(), running.end(), waiting.begin(),
-                           [](const Worker& worker) { return worker.WhatItWaitsFor(); });
-            observer->StillRunning(waiting);
+        if (terms.observer != nullptr && !running.empty()) {
+            terms.observer->StillRunning(waiting());
         }
     }
     for (; next < tasks.size(); ++next) {

@@ -1,0 +1,160 @@
+#include "tools/zddevices/scan/missing.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "module/osinfos/systemdevice/deviceNames.h"
+#include "tools/zddevices/deviceClass.h"
+#include "tools/zddevices/output/text.h"
+#include "tools/zddevices/scan/access.h"
+
+namespace Zendra::ZDDevices {
+
+namespace {
+
+using ZDSystemDevice::SysDeviceType;
+
+/** States in which the kernel passes commands to a SCSI device or an NVMe controller. */
+bool IsInService(const std::string& state)
+{
+    return state.empty() || state == "running" || state == "live";
+}
+
+/** What a driver makes of devices of one SCSI type. */
+struct TypeDriver {
+    unsigned int scsiType;
+    const char* what;
+    const char* module;
+    SysDeviceType deviceClass;
+};
+constexpr std::array<TypeDriver, 5> typeDrivers = {{
+    {0x00, "disk", "sd_mod", ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE},
+    {0x01, "tape drive", "st", ZDSystemDevice::SYS_DEVICE_TAPE},
+    {0x05, "optical drive", "sr_mod", ZDSystemDevice::SYS_DEVICE_CDDVD},
+    // These two have files that no class looks at; their sg node is what counts.
+    {0x08, "medium changer", "sg", ZDSystemDevice::SYS_DEVICE_SCSI},
+    {0x0D, "enclosure", "sg", ZDSystemDevice::SYS_DEVICE_SCSI},
+}};
+constexpr TypeDriver otherType = {0x1F, "SCSI device", "sg", ZDSystemDevice::SYS_DEVICE_SCSI};
+
+const TypeDriver& DriverOf(unsigned int scsiType)
+{
+    const auto* const found = std::find_if(typeDrivers.begin(), typeDrivers.end(),
+                                           [&](const TypeDriver& one) { return one.scsiType == scsiType; });
+    return found == typeDrivers.end() ? otherType : *found;
+}
+
+/** Whether a namespace makes a disk of a controller, whose own node is a class's only up to nvme9. */
+bool HasNamespace(const KernelDevice& controller)
+{
+    return !controller.files.empty() &&
+           controller.files.front().find('n', std::string("/dev/n").size()) != std::string::npos;
+}
+
+}  // namespace
+
+const char* WordOf(Reason reason)
+{
+    switch (reason) {
+    case Reason::Denied:
+        return "denied";
+    case Reason::Refused:
+        return "refused";
+    case Reason::NoAnswerInTime:
+        return "no_answer_in_time";
+    case Reason::Offline:
+        return "offline";
+    case Reason::Busy:
+        return "busy";
+    case Reason::NoMedium:
+        return "no_medium";
+    case Reason::Removed:
+        return "removed";
+    case Reason::WorkerDied:
+        return "worker_died";
+    case Reason::NotAsked:
+        return "not_asked";
+    case Reason::NoDriver:
+        return "no_driver";
+    case Reason::NoUsableAnswer:
+        break;
+    }
+    return "no_usable_answer";
+}
+
+Missing WhyNoRecord(const FailedFile& file, const KernelDevice* device)
+{
+    const int error = file.openError != 0 ? file.openError : file.error;
+    const auto because = [&](Reason reason, const std::string& message) {
+        return Missing{file.path, reason, error, message, {}};
+    };
+    if (device != nullptr && !IsInService(device->state)) {
+        return because(Reason::Offline, "out of service: the kernel has set it \"" + device->state + "\"");
+    }
+    switch (error) {
+    case EACCES:
+    case EPERM:
+        if (file.openError != 0) {
+            return WhyDenied(DeniedFileAt(file.path));
+        }
+        return because(Reason::Refused, "the kernel keeps a command that is needed here from this user");
+    case EBUSY:
+        return because(Reason::Busy, "in use by another program");
+    case ENOMEDIUM:
+        return because(Reason::NoMedium, "without a medium in it the drive cannot be opened");
+    case ENOENT:
+    case ENXIO:
+    case ENODEV:
+        return because(Reason::Removed, "no device is behind it, or not any more");
+    case 0:
+        return because(Reason::NoUsableAnswer, "what answers there answers as no SCSI, ATA or NVMe device");
+    default:
+        return because(Reason::NoUsableAnswer,
+                       (file.openError != 0 ? "cannot be opened: " : "gives no answer: ") + DescribeError(error));
+    }
+}
+
+Missing WhyDenied(const DeniedFile& file)
+{
+    return {file.path, Reason::Denied, EACCES,
+            file.group.empty() ? "only root may open it" : "root and the group " + file.group + " may open it",
+            file.group};
+}
+
+std::vector<Missing> DevicesWithoutFile(const KernelDevices& kernel, std::optional<SysDeviceType> type,
+                                        const std::set<std::string>& accounted)
+{
+    std::vector<Missing> missing;
+    for (const KernelDevice& device : kernel.All()) {
+        const std::string file = device.files.empty() ? "" : device.files.front();
+        const bool isAccounted = std::any_of(device.files.begin(), device.files.end(),
+                                             [&](const std::string& one) { return accounted.count(one) > 0; });
+        if (!device.scsiType) {
+            const bool isAsked =
+                type.value_or(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE) == ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
+            if (isAsked && !isAccounted && HasNamespace(device)) {
+                missing.push_back({file, Reason::NotAsked, 0, "the library asks NVMe disks up to nvme9n9 only", {}});
+            }
+            continue;
+        }
+        const TypeDriver& driver = DriverOf(*device.scsiType);
+        // Of its own class a device is missing although the generic class may list it.
+        const bool lacksDriver = !device.hasDriver && type == driver.deviceClass;
+        if (type.value_or(driver.deviceClass) != driver.deviceClass || (isAccounted && !lacksDriver)) {
+            continue;
+        }
+        const std::string name = std::string(driver.what) + " at " + device.address;
+        if (device.hasDriver && driver.deviceClass != ZDSystemDevice::SYS_DEVICE_SCSI) {
+            missing.push_back(
+                {file, Reason::NotAsked, 0, "the kernel has this " + name + ", /dev has no such file", {}});
+        } else {
+            missing.push_back(
+                {file, Reason::NoDriver, 0, "the " + name + " lacks a driver: modprobe " + driver.module, {}});
+        }
+    }
+    return missing;
+}
+
+}  // namespace Zendra::ZDDevices
