@@ -90,6 +90,17 @@ TEST(Sorting, KeepsTheOrderOfEqualTextsAndPassesOverBlanks)
               Texts({"a", "b ", " c"}));
 }
 
+TEST(Sorting, UsualOrderIsByDeviceWhereThereIsOne)
+{
+    std::vector<StorageDevice> disks(4);
+    disks[0].device = "sdaa";
+    disks[2].device = "sdb";
+    disks[3].device = "nvme0n1";
+    SortBy(disks, "");
+    EXPECT_EQ(TableOf(disks, {"DEVICE"}).rows, (std::vector<Texts>{{"nvme0n1"}, {"sdb"}, {"sdaa"}, {"-"}}));
+    EXPECT_EQ(SortedSerials({Device("b", "2"), Device("a", "1")}, ""), Texts({"b", "a"}));
+}
+
 TEST(Sorting, SizesAreSortedByBytes)
 {
     std::vector<StorageDevice> disks(3);

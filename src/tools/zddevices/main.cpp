@@ -144,9 +144,7 @@ void Arrange(Report<Record>& report, const Options& options)
         Select(report.records, options.filters);
         report.nothingFound = "Nothing matches the filter.";
     }
-    if (!options.sortedBy.empty()) {
-        SortBy(report.records, options.sortedBy);
-    }
+    SortBy(report.records, options.sortedBy);
 }
 
 template <typename Record>

@@ -62,11 +62,19 @@ void SortByKey(std::vector<Value>& values, KeyOf keyOf)
     std::transform(keyed.begin(), keyed.end(), values.begin(), [](Keyed& one) { return std::move(one.second); });
 }
 
-/** Sorts the records by the column's text. Those without one come last; those with equal texts stay in their order. */
+/**
+ * @brief Sorts the records by the column's text, or, for no heading, in their usual order.
+ *
+ * Those without a text come last; those with equal texts stay in their order.
+ */
 template <typename Record>
 void SortBy(std::vector<Record>& records, const std::string& heading)
 {
-    const Field<Record>& field = *FieldsOf<Record>({heading}).at(0);
+    const std::string chosen = heading.empty() ? KindOf<Record>().usualOrder : heading;
+    if (chosen.empty()) {
+        return;
+    }
+    const Field<Record>& field = *FieldsOf<Record>({chosen}).at(0);
     SortByKey(records, [&field](const Record& record) {
         std::string key = OrderKey(LabelText(TextOf(record, field)));
         return std::make_pair(key.empty(), std::move(key));

@@ -62,6 +62,8 @@ struct RecordKind {
     const char* recordsKey;
     /** In the order of the table's columns. */
     std::vector<Field<Record>> fields;
+    /** The heading of the column that the records are sorted by; empty where they stay as they were found. */
+    std::string usualOrder = {};
 };
 
 /** @name The kinds of records

@@ -119,7 +119,7 @@ std::string Size(const Device& device)
 template <>
 const RecordKind<Device>& KindOf<Device>()
 {
-    static const RecordKind<Device> kind = {"zddevices/1", "devices", {std::begin(fields), std::end(fields)}};
+    static const RecordKind<Device> kind = {"zddevices/1", "devices", {std::begin(fields), std::end(fields)}, "DEVICE"};
     return kind;
 }
 
