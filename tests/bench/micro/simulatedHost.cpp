@@ -39,6 +39,14 @@ Kernel::DevEntry Node(const std::string& name)
     return entry;
 }
 
+[[noreturn]] void Abort(const std::string& complaint)
+{
+    std::fprintf(stderr, "%s\n", complaint.c_str());
+    std::abort();
+}
+
+}  // namespace
+
 Kernel::Host HostOf(std::size_t disks)
 {
     Kernel::Host host;
@@ -65,14 +73,6 @@ Kernel::Host HostOf(std::size_t disks)
     }
     return host;
 }
-
-[[noreturn]] void Abort(const std::string& complaint)
-{
-    std::fprintf(stderr, "%s\n", complaint.c_str());
-    std::abort();
-}
-
-}  // namespace
 
 SimulatedHost::SimulatedHost(std::size_t disks) : host(HostOf(disks)), memory(host, Abort) {}
 

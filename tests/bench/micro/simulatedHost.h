@@ -11,7 +11,10 @@
 
 namespace ZendraBench {
 
-/** While it lives, this thread sees so many disks, each as /dev/sd* and /dev/sg*, and whatever else /dev has. */
+/** A host with so many disks, each as /dev/sd* and /dev/sg*, and whatever else /dev has. */
+Kernel::Host HostOf(std::size_t disks);
+
+/** While it lives, this thread sees such a host. */
 class SimulatedHost {
 public:
     explicit SimulatedHost(std::size_t disks);

@@ -1,0 +1,221 @@
+/**
+ * @file
+ * @brief Devices that are slow, silent or deadly cost no more than their own records.
+ */
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <functional>
+
+#include "simhost.h"
+#include "simhostTest.h"
+#include "toolTests.h"
+#include "tools/zddevices/scan/questions.h"
+#include "tools/zddevices/scan/sharing.h"
+
+namespace Zendra::ZDDevices {
+namespace {
+
+using Strings = std::vector<std::string>;
+
+SimHost::Answer Always(const std::string& text)
+{
+    SimHost::Answer answer;
+    answer.anyTimes = true;
+    answer.data.assign(36, ' ');
+    answer.data[0] = 0;
+    answer.data[4] = 31;
+    std::copy(text.begin(), text.end(), answer.data.begin() + 8);
+    return answer;
+}
+
+/** So many disks, each with an sd and an sg node. */
+SimHost::Host HostWithDisks(int disks)
+{
+    SimHost::Host host;
+    for (int disk = 0; disk < disks; ++disk) {
+        const std::string letter(1, static_cast<char>('a' + disk));
+        for (const std::string& name : {"sd" + letter, "sg" + std::to_string(disk)}) {
+            SimHost::DevEntry entry;
+            entry.name = name;
+            entry.node.sgVersion = SimHost::PlainAnswer{0, {30536}, 0};
+            entry.node.scsiId = SimHost::PlainAnswer{0, {1, 0, disk, 1}, 0};
+            entry.node.idLun = SimHost::PlainAnswer{0, {disk | 1 << 8}, 0};
+            entry.node.busNumber = SimHost::PlainAnswer{0, {1}, 0};
+            entry.node.inquiry = {Always("HALVARD DISK " + letter)};
+            SimHost::Answer none;
+            none.anyTimes = true;
+            none.failure = EIO;
+            entry.node.serial = {none};
+            entry.node.ataIdentify = {none};
+            host.dev.push_back(entry);
+        }
+    }
+    return host;
+}
+
+/** A host whose device files do something before they answer. */
+class SickHost : public SimHost::MountedHost {
+public:
+    SickHost(const SimHost::Host& whole, std::function<void(const std::string& file)> illness)
+        : MountedHost(whole), befall(std::move(illness))
+    {
+    }
+
+    int Ioctl(int descriptor, unsigned request, void* argument) override
+    {
+        befall(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)));
+        return MountedHost::Ioctl(descriptor, request, argument);
+    }
+
+private:
+    std::function<void(const std::string& file)> befall;
+};
+
+Strings DevicesOf(const Inventory& inventory)
+{
+    Strings devices;
+    for (const StorageDevice& device : inventory.devices.value()) {
+        devices.push_back(device.product.substr(0, 6));
+    }
+    return devices;
+}
+
+/** "/dev/sda no_answer_in_time" */
+Strings MissingOf(const Inventory& inventory)
+{
+    Strings missing;
+    for (const Missing& one : inventory.missing) {
+        missing.push_back(one.deviceFile + " " + WordOf(one.reason));
+    }
+    return missing;
+}
+
+class Asking : public testing::Test {
+protected:
+    void SetUp() override { SIMHOST_NEEDS_NAMESPACE(); }
+
+    /** The inventory of a host with so many disks; of one class with `type`. */
+    static Inventory Take(int disks, const std::function<void(const std::string& file)>& illness,
+                          std::optional<std::chrono::nanoseconds> limit, std::size_t jobs = usualJobs)
+    {
+        const SimHost::Host host = HostWithDisks(disks);
+        const SickHost mounted(host, illness);
+        Options options;
+        options.type = ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
+        options.timeLimit = limit;
+        options.jobs = jobs;
+        return TakeInventory(options, nullptr);
+    }
+};
+
+const Strings allButTheSecond = {"DISK a", "DISK c", "DISK d", "DISK e"};
+
+TEST_F(Asking, ADeviceThatIsSilentCostsItsOwnRecord)
+{
+    for (const std::size_t jobs : {usualJobs, std::size_t{1}}) {
+        const Inventory inventory = Take(
+            5,
+            [](const std::string& file) {
+                while (file == "/dev/sdb") {
+                    pause();
+                }
+            },
+            std::chrono::seconds(4), jobs);
+        EXPECT_EQ(DevicesOf(inventory), allButTheSecond) << jobs;
+        EXPECT_EQ(MissingOf(inventory), Strings({"/dev/sdb no_answer_in_time"})) << jobs;
+        EXPECT_EQ(inventory.missing.at(0).message, "no answer within 4 s");
+    }
+}
+
+TEST_F(Asking, ADeviceThatIsLateAnswersAllTheSame)
+{
+    bool isLate = true;
+    const Inventory inventory = Take(
+        5,
+        [&isLate](const std::string& file) {
+            if (file == "/dev/sdb" && isLate) {
+                isLate = false;
+                // Longer than anybody waits for it before going on.
+                usleep(1500000);
+            }
+        },
+        std::nullopt);
+    EXPECT_EQ(DevicesOf(inventory), Strings({"DISK a", "DISK b", "DISK c", "DISK d", "DISK e"}));
+    EXPECT_EQ(MissingOf(inventory), Strings());
+}
+
+TEST_F(Asking, ADeviceThatKillsWhoAsksCostsItsOwnRecord)
+{
+    const auto isDeadly = [](const std::string& file) {
+        if (file == "/dev/sdb") {
+            std::raise(SIGKILL);
+        }
+    };
+    const Inventory inventory = Take(5, isDeadly, std::chrono::seconds(600));
+    EXPECT_EQ(DevicesOf(inventory), allButTheSecond);
+    EXPECT_EQ(MissingOf(inventory), Strings({"/dev/sdb worker_died"}));
+    EXPECT_EQ(inventory.missing.at(0).message, "its process was ended by signal 9 (Killed)");
+    EXPECT_EQ(DevicesOf(Take(5, isDeadly, std::nullopt)), allButTheSecond);
+}
+
+TEST_F(Asking, WhereEveryDeviceKillsItComesToAnEnd)
+{
+    const Inventory inventory = Take(
+        3, [](const std::string& /*file*/) { std::raise(SIGKILL); }, std::chrono::seconds(600));
+    EXPECT_EQ(DevicesOf(inventory), Strings());
+    EXPECT_EQ(MissingOf(inventory), Strings({"/dev/sda worker_died", "/dev/sdb worker_died", "/dev/sdc worker_died"}));
+}
+
+TEST_F(Asking, SlowDevicesAreSharedAndTheOrderStays)
+{
+    const SimHost::Host host = HostWithDisks(26);
+    const SickHost mounted(host, [](const std::string& /*file*/) { usleep(3000); });
+    Options options;
+    const Strings shared = DevicesOf(TakeInventory(options, nullptr));
+    options.jobs = 1;
+    EXPECT_EQ(shared, DevicesOf(TakeInventory(options, nullptr)));
+    EXPECT_EQ(shared.size(), 26U);
+}
+
+TEST(SharedFiles, EachIsTakenOnce)
+{
+    SharedFiles files({{"/dev/sda", "/dev/sdb"}, {"/dev/sda"}});
+    EXPECT_TRUE(files.Has(0, "/dev/sdb"));
+    EXPECT_FALSE(files.Has(1, "/dev/sdb"));
+    EXPECT_EQ(files.LeftToTake(0), 2U);
+    EXPECT_TRUE(files.Take(0, "/dev/sda"));
+    EXPECT_FALSE(files.Take(0, "/dev/sda"));
+    EXPECT_TRUE(files.Take(1, "/dev/sda"));
+    files.LetGo(0, "/dev/sda");
+    files.LetGo(0, "/dev/nowhere");
+    EXPECT_FALSE(files.Take(0, "/dev/sda"));
+    EXPECT_EQ(files.LeftToTake(0), 1U);
+    EXPECT_EQ(files.LeftToTake(1), 0U);
+}
+
+TEST(SharedFiles, AnAdapterIsAskedForNoMoreThanItTakes)
+{
+    SharedFiles files({{"/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/nvme0n1"}, {"/dev/sg0"}});
+    EXPECT_TRUE(files.Take(0, "/dev/sdc"));
+    files.Spare([](const std::string& path) {
+        return path == "/dev/nvme0n1" ? HostAdapter{{}, 1} : HostAdapter{"/sys/devices/pci", 2};
+    });
+    EXPECT_TRUE(files.Take(0, "/dev/sda"));
+    EXPECT_TRUE(files.Take(1, "/dev/sg0"));
+    EXPECT_FALSE(files.Take(0, "/dev/sdb"));
+    EXPECT_EQ(files.LeftToTake(0), 1U);
+    EXPECT_TRUE(files.Take(0, "/dev/nvme0n1"));
+    // Twice is once: the program lets go of what a worker may let go of, too.
+    files.LetGo(1, "/dev/sg0");
+    files.LetGo(1, "/dev/sg0");
+    // It was taken before its adapter was known, and does not count there.
+    files.LetGo(0, "/dev/sdc");
+    EXPECT_EQ(files.LeftToTake(0), 1U);
+    EXPECT_TRUE(files.Take(0, "/dev/sdb"));
+    EXPECT_EQ(files.LeftToTake(0), 0U);
+}
+
+}  // namespace
+}  // namespace Zendra::ZDDevices
