@@ -189,6 +189,18 @@ TEST_F(KernelDevicesTest, TransportsHaveTheWordsThatLsblkHasForThem)
     }
 }
 
+TEST_F(KernelDevicesTest, AnAdapterWhoseDriverGivesNoNameHasTheOneThatItHangsOn)
+{
+    const fs::path interface = Device("/sys/devices/pci0/usb2/2-2:1.0", "bus/usb", "usb_interface");
+    fs::create_directories("/sys/bus/usb/drivers/uas");
+    Link(interface / "driver", "/sys/bus/usb/drivers/uas");
+    Unit(Host("pci0/usb2/2-2:1.0", "11", "<NULL>") / "target11:0:0", "11:0:0:0", "0", {"block/sda"});
+    Unit(Host("pci0", "12", "<NULL>") / "target12:0:0", "12:0:0:0", "0", {"block/sdb"});
+    const KernelDevices devices = KernelDevices::Read();
+    EXPECT_EQ(devices.OfFile("/dev/sda")->driver, "uas");
+    EXPECT_EQ(devices.OfFile("/dev/sdb")->driver, "");
+}
+
 TEST_F(KernelDevicesTest, AWorldWideNameIsWrittenAsInDevDiskById)
 {
     const fs::path target = Host("pci0", "0", "x") / "target0:0:0";

@@ -56,6 +56,22 @@ std::vector<std::string> Everything(const Answer<Record>& answer)
     return Everything(answer.status, answer.records);
 }
 
+/** What of firmware is the library's. */
+template <typename Identity>
+std::vector<DiskFirmware> IdentitiesOf(const std::vector<Identity>& firmware)
+{
+    std::vector<DiskFirmware> identities;
+    for (const ZDOptions::SoftwareIdentity_& one : firmware) {
+        identities.push_back({one, {}, {}, {}});
+    }
+    return identities;
+}
+
+std::vector<std::string> Everything(const FirmwareAnswer& answer)
+{
+    return Everything(answer.status, IdentitiesOf(answer.records));
+}
+
 /** What the program has learned; every question must have an answer. Classes are merged as the library does it. */
 std::vector<std::string> Everything(const Inventory& inventory)
 {
@@ -63,7 +79,7 @@ std::vector<std::string> Everything(const Inventory& inventory)
         EXPECT_TRUE(one.status) << one.failure;
     }
     if (inventory.firmware) {
-        return Everything(inventory.status, *inventory.firmware);
+        return Everything(inventory.status, IdentitiesOf(*inventory.firmware));
     }
     if (inventory.drives) {
         return Everything(inventory.status, *inventory.drives);

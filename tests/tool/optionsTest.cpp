@@ -126,9 +126,10 @@ TEST(CommandLine, AnUnknownColumnNamesThoseOfTheSubcommand)
     EXPECT_EQ(RefusalOf("--columns serial optical"),
               "unknown column \"serial\" (DRIVE, VENDOR, PRODUCT, READS, WRITES, DVD-READ, MRW-READ, CD-R-WRITE, "
               "CD-RW-WRITE, DVD-R-WRITE, DVD-RAM-WRITE, MRW-WRITE or RAM-WRITE)");
-    EXPECT_EQ(RefusalOf("firmware --columns port")
-                  .find("unknown column \"port\" (SOFTWARE-ID, VERSION, SERIAL, DESCRIPTION, "),
-              0U);
+    EXPECT_EQ(
+        RefusalOf("firmware --columns port")
+            .find("unknown column \"port\" (DEVICE, MODEL, REVISION, SERIAL, SOFTWARE-ID, VERSION, DESCRIPTION, "),
+        0U);
 }
 
 TEST(CommandLine, WhatIsNotKnownOrGivenTwiceIsRefused)

@@ -446,15 +446,17 @@ class SubcommandTest(Case):
     def test_firmware_table(self):
         self.assertEqual(self.run_scripted([IDENTITY], "firmware", "--as-library", call="firmware"), (
             0, "SOFTWARE-ID   VERSION SERIAL\nQEMU HARDDISK 2.5+    QM00001\n", ""))
+        self.assertEqual(self.run_scripted([IDENTITY], "firmware", "--log-level", "1", call="firmware"), (
+            0, "DEVICE MODEL         REVISION SERIAL\n-      QEMU HARDDISK 2.5+     QM00001\n", ""))
 
     def test_firmware_json_holds_every_property_in_order(self):
         document = self.document("firmware", [IDENTITY])
         self.assertEqual(list(document), ["schema", "host", "collected_at", "status", "complete", "unanswered", "identities"])
         identity = document["identities"][0]
-        self.assertEqual(list(identity), IDENTITY_FIELDS)
+        self.assertEqual(list(identity), IDENTITY_FIELDS + ["SerialNumber", "device", "model", "revision"])
         self.assertEqual({key: value for key, value in identity.items() if value is not None}, {
             "Name": "QEMU HARDDISK", "SoftwareID": "QEMU HARDDISK", "VersionString": "2.5+ ", "Classifications": "10",
-            "IsPLDMUpdateSupported": "0"})
+            "IsPLDMUpdateSupported": "0", "SerialNumber": "QM00001 ", "model": "QEMU HARDDISK", "revision": "2.5+"})
 
     def test_nothing_there_is_success(self):
         self.assertEqual(self.run_scripted([], "optical", call="optical", status=6),

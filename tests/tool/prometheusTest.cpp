@@ -123,7 +123,7 @@ TEST(LabelText, IsTheSameInEveryLocale)
 
 TEST(PrometheusFirmware, HasIdVersionAndSerial)
 {
-    ZDOptions::SoftwareIdentity_ identity;
+    DiskFirmware identity;
     identity.SoftwareID = identity.Name = "HX 900";
     identity.VersionString = "0102 ";
     identity.SerialNumber = "HX-1";

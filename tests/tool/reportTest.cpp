@@ -137,16 +137,17 @@ TEST(Columns, EveryTextOfEveryRecordHasOne)
               std::vector<std::string>({"f6:f8:f7:f9", "f3", "f1", "f2", "f5", "f4", "f6", "f8", "f7", "f9"}));
     EXPECT_EQ(AllCells<ZDSystemDevice::OpticalProperty>(),
               std::vector<std::string>({"f1", "f2", "f3", "-", "-", "f7", "f9", "f6", "f5", "f8", "f4", "f10", "f11"}));
-    EXPECT_EQ(AllCells<ZDOptions::SoftwareIdentity_>(),
-              std::vector<std::string>({"f10", "f6",  "f21", "f1",  "f2",  "f3",  "f4",  "f5",  "f7",  "f8",  "f9",
-                                        "f11", "f12", "f13", "f14", "f15", "f16", "f17", "f18", "f19", "f20", "f22"}));
+    EXPECT_EQ(AllCells<DiskFirmware>(),
+              std::vector<std::string>({"f23", "f24", "f25", "f21", "f10", "f6",  "f1",  "f2",  "f3",
+                                        "f4",  "f5",  "f7",  "f8",  "f9",  "f11", "f12", "f13", "f14",
+                                        "f15", "f16", "f17", "f18", "f19", "f20", "f22"}));
 }
 
 TEST(Members, AreInTheOrderOfTheRecordsDeclaration)
 {
     const auto drive = RecordOfDifferentTexts<ZDSystemDevice::OpticalProperty>();
     EXPECT_EQ(drive.drive_name_ + drive.dvd_ram_write_ + drive.dvd_read_ + drive.ram_w_, "f1f4f7f11");
-    const auto identity = RecordOfDifferentTexts<ZDOptions::SoftwareIdentity_>();
+    const auto identity = RecordOfDifferentTexts<DiskFirmware>();
     EXPECT_EQ(identity.Description + identity.LastUpdateErrorString + identity.SerialNumber + identity.ExtraInfo,
               "f1f20f21f22");
 }
@@ -245,8 +246,7 @@ TEST(Table, HostileTextsNeverLeaveTheirLines)
         for (int i = 0; i < 500; ++i) {
             ExpectHarmlessTable<SystemDevice>({HostileDevice(texts), HostileDevice(texts)});
             ExpectHarmlessTable<ZDSystemDevice::OpticalProperty>({HostileDrive(texts), HostileDrive(texts)});
-            const std::vector<ZDOptions::SoftwareIdentity_> identities = {HostileIdentity(texts),
-                                                                          HostileIdentity(texts)};
+            const std::vector<DiskFirmware> identities = {HostileIdentity(texts), HostileIdentity(texts)};
             ExpectHarmlessTable(identities, {"NAME", "SERIAL", "SOFTWARE-ID"});
             ExpectHarmlessTable(identities);
         }
@@ -401,15 +401,16 @@ TEST(Optical, SeveralDrivesInOneRecordAreRemarkedOn)
     EXPECT_NE(DescribeOptical(0, {drives}).remark.find("several optical drives"), std::string::npos);
 }
 
-TEST(Firmware, KeysAreThePropertyNamesInOrder)
+TEST(Firmware, KeysAreThePropertyNamesInOrderAndThenWhichDiskItIs)
 {
-    const auto object = ObjectOf(ZDOptions::SoftwareIdentity_());
+    const auto object = ObjectOf(DiskFirmware());
     std::vector<std::string> keys;
     for (const auto& item : object.items()) {
         keys.push_back(item.key());
     }
-    const std::vector<std::string> expected(std::begin(ZDOptions::SoftwareIdentityPropertyNames),
-                                            std::end(ZDOptions::SoftwareIdentityPropertyNames));
+    std::vector<std::string> expected(std::begin(ZDOptions::SoftwareIdentityPropertyNames),
+                                      std::end(ZDOptions::SoftwareIdentityPropertyNames));
+    expected.insert(expected.end(), {"SerialNumber", "device", "model", "revision"});
     EXPECT_EQ(keys, expected);
     EXPECT_EQ(object.at("IsPLDMUpdateSupported"), "0");
     EXPECT_TRUE(object.at("Name").is_null());

@@ -153,7 +153,9 @@ Answer<Record> Ask(const std::string& question, const std::function<bool(const s
         Record& record = result.records.emplace_back();
         auto text = texts.begin();
         for (const Field<Record>& field : MembersOf<Record>()) {
-            record.*field.member = FromHex(*text++);
+            if (text != texts.end()) {
+                record.*field.member = FromHex(*text++);
+            }
         }
     }
     return result;
@@ -173,7 +175,8 @@ OpticalAnswer AskForOptical()
 
 FirmwareAnswer AskForFirmware()
 {
-    return Ask<ZDOptions::SoftwareIdentity_>("firmware");
+    const Answer<DiskFirmware> answer = Ask<DiskFirmware>("firmware");
+    return {answer.status, {answer.records.begin(), answer.records.end()}};
 }
 
 /**

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
+#include "tools/zddevices/records/diskFirmware.h"
 
 namespace Zendra::ZDDevices {
 
@@ -107,9 +107,9 @@ inline ZDSystemDevice::OpticalProperty HostileDrive(HostileTexts& texts)
     return drive;
 }
 
-inline ZDOptions::SoftwareIdentity_ HostileIdentity(HostileTexts& texts)
+inline DiskFirmware HostileIdentity(HostileTexts& texts)
 {
-    ZDOptions::SoftwareIdentity_ identity;
+    DiskFirmware identity;
     identity.SoftwareID = texts.Next();
     identity.Name = texts.Next();
     identity.VersionString = texts.Next();

@@ -86,7 +86,7 @@ constexpr Subcommand subcommands[] = {
     {Command::Firmware, "firmware",
      "The disks' firmware as CIM software identities,\n"
      "without RAID volumes and M.2 disks",
-     HeadingsOf<ZDOptions::SoftwareIdentity_>},
+     HeadingsOf<DiskFirmware>},
     {Command::Doctor, "doctor",
      "What this host lets the library see, and what\n"
      "to do where that is not everything. Loads the\n"
@@ -323,6 +323,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         }
         if (app.count("--columns") > 0) {
             options.columns = ParseColumns(columns, headings());
+        } else if (asLibrary && options.command == Command::Firmware) {
+            // Its list does not say whose the firmware is.
+            options.columns = {"SOFTWARE-ID", "VERSION", "SERIAL"};
         }
         for (const std::string& filter : filters) {
             options.filters.push_back(ParseFilter(filter, headings()));

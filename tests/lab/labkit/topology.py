@@ -1,6 +1,7 @@
 """What a topology is made of, and the assertions that its test is written in."""
 
 import json
+import re
 import unittest
 
 from . import architecture, machine
@@ -21,16 +22,24 @@ CHANGER = "Medium Changer Device"
 ENCLOSURE = "Enclosure Device"
 
 # The guest's directory in its own order, what the kernel says of the devices, and one scan of everything.
-# find(1) of busybox prints names as readdir(3) yields them.
+# find(1) of busybox prints names as readdir(3) yields them. The lists are the library's own.
 INVENTORY_STEPS = {
     "dev": "find /dev -maxdepth 1 | sed -n 's,^/dev/,,p'",
     "addresses": "addresses",
-    "merged": "zddevices --format json",
-    "tape": "zddevices --type tape --format json",
-    "scsi": "zddevices --type scsi --format json",
-    "disk": "zddevices --type disk --format json",
-    "optical": "zddevices --type optical --format json",
+    "merged": "zddevices --as-library --format json",
+    "tape": "zddevices --as-library --type tape --format json",
+    "scsi": "zddevices --as-library --type scsi --format json",
+    "disk": "zddevices --as-library --type disk --format json",
+    "optical": "zddevices --as-library --type optical --format json",
 }
+
+# What the program says of the devices, and what the tools say that ask nobody but the kernel.
+KERNEL_STEPS = {
+    "rows": "zddevices --format json",
+    "lsblk": "lsblk -J -b -d -o NAME,HCTL,SIZE,TRAN",
+    "lsscsi": "/usr/bin/lsscsi -g",
+}
+KERNEL_PROGRAMS = ("lsblk", "lsscsi")
 
 # The address of a device for which no SCSI address was found: zeros in the list of a class, nothing in the merged list.
 ZEROS = (0, 0, 0, 0)
@@ -155,6 +164,17 @@ class Topology(unittest.TestCase):
 
     # Assertions.
 
+    def assert_firmware(self, step, expected):
+        """The identities in order, each with the name of a device of this guest."""
+        document = self.inventory(step)
+        self.assertEqual(OK, document["status"])
+        devices = [identity.pop("device") for identity in document["identities"]]
+        self.assertEqual(expected, document["identities"])
+        self.assertEqual(len(expected), len(set(devices)))
+        self.assertLessEqual(set(devices), set(self.stdout("dev").split()))
+        for identity in document["identities"]:
+            self.assertEqual([*IDENTITY_PROPERTIES, "SerialNumber", "model", "revision"], list(identity))
+
     def assert_inventory(self, step, status, devices, exit_status=0):
         """The whole document: status and every record, field by field and in order."""
         inventory = self.inventory(step, exit_status)
@@ -167,6 +187,40 @@ class Topology(unittest.TestCase):
                                   f"devices in step '{step}' (-: required, +: seen)")
         # The lines above are for the reader; the values themselves decide (1 is not "1").
         self.assertEqual(devices, inventory["devices"], f"devices in step '{step}'")
+
+    def assert_rows_are_the_kernels(self):
+        """Each device that lsblk or lsscsi knows is one row, with their name, address, size and transport; and no more.
+
+        To lsscsi all device files of an address belong together. An NVMe namespace is a disk to both tools.
+        """
+        rows = self.inventory("rows")["devices"]
+        addresses = {row["device"]: None if row["port"] is None else
+                     ":".join(str(row[part]) for part in ("port", "bus", "target", "lun")) for row in rows}
+        self.assertEqual(len(rows), len(addresses), "two rows of one name")
+        disks = {disk["name"]: disk for disk in json.loads(self.stdout("lsblk"))["blockdevices"]
+                 if not disk["name"].startswith(("loop", "ram", "zram"))}
+        self.assertGreater(len(disks), 0)
+        files = dict(_units(self.stdout("lsscsi")))
+        self.assertGreater(len(files), 0)
+
+        seen = set()
+        for row in rows:
+            name, address = row["device"], addresses[row["device"]]
+            mine = [disks[file[5:]] for file in row["device_files"] if file[5:] in disks]
+            seen.update(disk["name"] for disk in mine)
+            if mine:
+                self.assertEqual(name, mine[0]["name"])
+                self.assertEqual({address}, {disk["hctl"] for disk in mine}, name)
+                self.assertEqual(sum(disk["size"] for disk in mine), row["size_bytes"], name)
+                self.assertEqual({row["transport"]}, {disk["tran"] for disk in mine}, name)
+            else:
+                self.assertIsNone(row["size_bytes"], name)
+            if address is not None:
+                own, generic = files.pop(address)
+                self.assertEqual(own or generic, f"/dev/{name}")
+                self.assertLessEqual({file for file in (own, generic) if file}, set(row["device_files"]), name)
+        self.assertEqual(set(disks), seen)
+        self.assertEqual([], [address for address in files if not address.startswith("N:")])
 
     def device_files(self, prefix, listing="dev"):
         return [node for node in self.stdout(listing).split() if node.startswith(prefix)]
@@ -236,10 +290,19 @@ IDENTITY_PROPERTIES = [
 ]
 
 
-def identity_record(software_id, version):
-    """A firmware identity as JSON holds it."""
+def identity_record(software_id, version, serial, model=None):
+    """A firmware identity as JSON holds it, without the name of its device. `model` where the identity has part of it."""
     return {**dict.fromkeys(IDENTITY_PROPERTIES), "Name": software_id, "SoftwareID": software_id,
-            "VersionString": version, "Classifications": "10", "IsPLDMUpdateSupported": "0"}
+            "VersionString": version, "Classifications": "10", "IsPLDMUpdateSupported": "0", "SerialNumber": serial,
+            "model": model or software_id, "revision": version.rstrip(" \x06")}
+
+
+def _units(listing):
+    """What 'lsscsi -g' lists: address -> (its own device file, its generic one); None for one that is not there."""
+    for line in listing.splitlines():
+        address = re.match(r"\[(\S+)\]", line).group(1)
+        own, generic = (None if file == "-" else file for file in line.split()[-2:])
+        yield address, (own, generic)
 
 
 def _lines(records):

@@ -1,7 +1,7 @@
 """More than ten adapters and more than ten NVMe controllers: where names and numbers get a second digit."""
 
-from labkit.topology import (DISK, INVENTORY_STEPS, NO_ADDRESS, OK, ZEROS, Topology, device_record, empty_disk,
-                             qemu_device)
+from labkit.topology import (DISK, INVENTORY_STEPS, KERNEL_PROGRAMS, KERNEL_STEPS, NO_ADDRESS, OK, ZEROS,
+                             Topology, device_record, empty_disk, qemu_device)
 
 from . import one_of_each
 
@@ -30,8 +30,11 @@ class Many(Topology):
         for n in 0 1 2 3 4 5 6 7 8 9 10 11; do appear /dev/nvme${n}n1; done
     """
 
+    programs = KERNEL_PROGRAMS
+
     steps = {
         **INVENTORY_STEPS,
+        **KERNEL_STEPS,
         "nvme": 'for c in /sys/class/nvme/nvme*; do echo "${c##*/} $(cat "$c/serial")"; done',
         "nvme-revision": "cat /sys/class/nvme/nvme0/firmware_rev",
     }
@@ -51,6 +54,9 @@ class Many(Topology):
             hardware += qemu_device("nvme", id=f"nvme{number}", drive=f"flash{number}", serial=serial_number(number),
                                     addr=f"{8 + number:02x}.0")
         return hardware
+
+    def test_every_row_is_what_the_kernels_tools_say(self):
+        self.assert_rows_are_the_kernels()
 
     def nvme_records(self, address):
         """In directory order: the disks of the controllers 0 to 9, and the controllers 10 and 11 themselves."""

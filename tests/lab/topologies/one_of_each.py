@@ -1,7 +1,7 @@
 """One device of every kind that a plain server has."""
 
-from labkit.topology import (DISK, IDENTITY_PROPERTIES, INVENTORY_STEPS, NO_ADDRESS, OK, OPTICAL, OPTICAL_ROWS, TAPE,
-                             ZEROS, Topology, device_record, empty_disk, identity_record, qemu_device)
+from labkit.topology import (DISK, INVENTORY_STEPS, KERNEL_PROGRAMS, KERNEL_STEPS, NO_ADDRESS, OK, OPTICAL, OPTICAL_ROWS,
+                             TAPE, ZEROS, Topology, device_record, empty_disk, identity_record, qemu_device)
 
 
 def qemu_arguments():
@@ -59,8 +59,11 @@ class OneOfEach(Topology):
         appear /dev/st0 /dev/nst0a /dev/sg4
     """
 
+    programs = KERNEL_PROGRAMS
+
     steps = {
         **INVENTORY_STEPS,
+        **KERNEL_STEPS,
         "nvme-revision": "cat /sys/class/nvme/nvme0/firmware_rev",
         "limited": "zddevices --timeout 300 --format json",
         "table": "zddevices",
@@ -121,11 +124,27 @@ class OneOfEach(Topology):
         # the generic scan, which came first.
         self.assert_inventory("merged", OK, [ATA_GENERIC, self.flash_record(NO_ADDRESS), DVD, PLAIN, RAID, STREAMER])
 
-    def test_classes_that_are_asked_side_by_side_answer_the_same(self):
-        merged, limited = self.inventory("merged"), self.inventory("limited")
-        for document in merged, limited:
+    def test_every_row_is_what_the_kernels_tools_say(self):
+        self.assert_rows_are_the_kernels()
+
+    def test_each_row_has_the_librarys_texts_and_what_the_kernel_adds(self):
+        rows = self.inventory("rows")["devices"]
+        tape = rows[-1]
+        self.assertEqual(["nvme0n1", "sda", "sdb", "sdc", "sr0", "st0"], [row["device"] for row in rows])
+        self.assertEqual({**STREAMER, "device": "st0", "size_bytes": None, "transport": None, "wwn": tape["wwn"],
+                          "state": "running", "driver": "scsi_debug", "slot": None, "model": "Streamer 6",
+                          "revision": "T104", "device_files": tape["device_files"]}, tape)
+        self.assertEqual(["/dev/st0", "/dev/st0a", "/dev/st0l", "/dev/st0m", "/dev/nst0", "/dev/nst0a", "/dev/nst0l",
+                          "/dev/nst0m", "/dev/sg4", "/dev/bsg/7:0:0:0"], tape["device_files"])
+        ata = rows[1]
+        self.assertEqual(ATA_GENERIC, {key: ata[key] for key in ATA_GENERIC})
+        self.assertEqual(("SEAVIEW ST4000X", "AB12CD34"), (ata["model"], ata["revision"]))
+
+    def test_a_limit_that_is_not_reached_changes_nothing(self):
+        rows, limited = self.inventory("rows"), self.inventory("limited")
+        for document in rows, limited:
             del document["collected_at"]
-        self.assertEqual(merged, limited)
+        self.assertEqual(rows, limited)
 
     def test_optical_record_follows_the_kernels_table(self):
         table = self.optical_table()
@@ -140,26 +159,22 @@ class OneOfEach(Topology):
 
     def test_firmware_leaves_out_the_disk_whose_product_holds_raid(self):
         # In the order of the disk scan; an ATA disk is known by the first word of its model.
-        document = self.inventory("firmware")
-        self.assertEqual(OK, document["status"])
         disks = self.in_directory_order("sd", {
-            (1, 0, 0, 0): identity_record("SEAVIEW", "AB12CD34"), (6, 0, 0, 0): identity_record("HX 900", "0102"),
-            (6, 0, 3, 0): None})
+            (1, 0, 0, 0): identity_record("SEAVIEW", "AB12CD34", ATA_DISK["serial_number"], "SEAVIEW ST4000X"),
+            (6, 0, 0, 0): identity_record("HX 900", "0102", "HX-00017"), (6, 0, 3, 0): None})
         flash = self.flash_record(ZEROS)
-        self.assertEqual([disk for disk in disks if disk] + [
-            identity_record(flash["product"].strip(), flash["firmware_revision"])], document["identities"])
-        for identity in document["identities"]:
-            self.assertEqual(IDENTITY_PROPERTIES, list(identity))
+        self.assert_firmware("firmware", [disk for disk in disks if disk] + [
+            identity_record(flash["product"].strip(), flash["firmware_revision"], flash["serial_number"])])
 
     def test_scans_are_silent_without_a_log_level(self):
         for step in ("merged", "tape", "scsi", "disk", "optical", "table"):
             self.assertEqual("", self.stderr(step), step)
 
-    def test_table_shows_the_merged_list(self):
+    def test_table_shows_each_device_once(self):
         result = self.results["table"]
         self.assertEqual(0, result.status)
         lines = self.stdout("table").splitlines()
-        self.assertEqual(["ADDRESS", "1:0:0:0", "-", "2:0:0:0", "6:0:0:0", "6:0:3:0", "7:0:0:0"],
+        self.assertEqual(["DEVICE", "nvme0n1", "sda", "sdb", "sdc", "sr0", "st0"],
                          [line.split()[0] for line in lines])
         self.assertNotIn("\x06", self.stdout("table"))
 

@@ -254,7 +254,8 @@ std::vector<CheckedFile> CheckInWorkers(SysDeviceType type, const std::vector<st
                 return TextsOf(CheckDeviceFile(type, path, tell.deviceFile));
             });
         }
-        for (Outcome& outcome : RunWorkers(std::move(tasks), {limitPerDevice, observer})) {
+        std::deque<Outcome> outcomes = RunWorkers(std::move(tasks), {limitPerDevice, observer});
+        for (Outcome& outcome : outcomes) {
             CheckedFile file;
             file.path = paths[files.size()];
             file.visibility = Visibility::NoAnswerInTime;

@@ -185,6 +185,6 @@ template void WriteRecord(JsonWriter&, const StorageDevice&);
 template std::string RenderJson(const Report<StorageDevice>&, const ReportOrigin&);
 template std::string RenderJson(const Report<ZDSystemDevice::SystemDevice>&, const ReportOrigin&);
 template std::string RenderJson(const Report<ZDSystemDevice::OpticalProperty>&, const ReportOrigin&);
-template std::string RenderJson(const Report<ZDOptions::SoftwareIdentity_>&, const ReportOrigin&);
+template std::string RenderJson(const Report<DiskFirmware>&, const ReportOrigin&);
 
 }  // namespace Zendra::ZDDevices

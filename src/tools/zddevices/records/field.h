@@ -16,10 +16,10 @@
 #include <string>
 #include <vector>
 
-#include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/output/table.h"
 #include "tools/zddevices/output/text.h"
+#include "tools/zddevices/records/diskFirmware.h"
 #include "tools/zddevices/records/storageDevice.h"
 
 namespace Zendra::ZDDevices {
@@ -78,7 +78,7 @@ const RecordKind<StorageDevice>& KindOf<StorageDevice>();
 template <>
 const RecordKind<ZDSystemDevice::OpticalProperty>& KindOf<ZDSystemDevice::OpticalProperty>();
 template <>
-const RecordKind<ZDOptions::SoftwareIdentity_>& KindOf<ZDOptions::SoftwareIdentity_>();
+const RecordKind<DiskFirmware>& KindOf<DiskFirmware>();
 /** @} */
 
 /** Whether the fields name every text of the record, and none twice. */

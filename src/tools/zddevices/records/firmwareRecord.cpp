@@ -5,7 +5,7 @@ namespace Zendra::ZDDevices {
 
 namespace {
 
-using Identity = ZDOptions::SoftwareIdentity_;
+using Identity = DiskFirmware;
 
 /** A CIM property that is empty or the same for most disks. */
 constexpr Field<Identity> Rare(const char* heading, const char* key, std::string Identity::*member)
@@ -15,9 +15,12 @@ constexpr Field<Identity> Rare(const char* heading, const char* key, std::string
 
 constexpr Field<Identity> fields[] = {
     // Heading, least width; key in JSON, text.
-    {{"SOFTWARE-ID", 12}, "SoftwareID", &Identity::SoftwareID},
-    {{"VERSION", 8}, "VersionString", &Identity::VersionString},
-    {{"SERIAL", 20}, nullptr, &Identity::SerialNumber},
+    {{"DEVICE"}, "device", &Identity::device},
+    {{"MODEL", 12}, "model", &Identity::model},
+    {{"REVISION", 8}, "revision", &Identity::revision},
+    {{"SERIAL", 20}, "SerialNumber", &Identity::SerialNumber},
+    {{"SOFTWARE-ID", 12}, "SoftwareID", &Identity::SoftwareID, nullptr, InTable::WhenAsked},
+    {{"VERSION", 8}, "VersionString", &Identity::VersionString, nullptr, InTable::WhenAsked},
     Rare("DESCRIPTION", "Description", &Identity::Description),
     Rare("ELEMENT-NAME", "ElementName", &Identity::ElementName),
     Rare("PRODUCT-NAME", "ProductName", &Identity::ProductName),

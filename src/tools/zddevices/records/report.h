@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/deviceClass.h"
+#include "tools/zddevices/records/diskFirmware.h"
 #include "tools/zddevices/scan/missing.h"
 
 namespace Zendra::ZDDevices {
@@ -47,8 +47,7 @@ Report<Record> DescribeDevices(unsigned int status, std::vector<Record> devices,
 }
 
 /** What the facade answered when asked for the software identities of the disks. */
-Report<ZDOptions::SoftwareIdentity_> DescribeFirmware(unsigned int status,
-                                                      std::vector<ZDOptions::SoftwareIdentity_> identities);
+Report<DiskFirmware> DescribeFirmware(unsigned int status, std::vector<DiskFirmware> identities);
 
 /**
  * @brief What the facade answered when asked for the optical drives' capabilities.

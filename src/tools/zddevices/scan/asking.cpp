@@ -26,14 +26,16 @@ constexpr Duration slowDevice = std::chrono::milliseconds(5);
 /** What a worker whose proxy could not load the sg module answers behind the status. */
 constexpr const char* notUsingSg = "no sg";
 
-/** @name What became of one device file as a worker tells it: path, errors, and the texts of the record.
+/** @name What became of one device file as a worker tells it: path, errors, model and revision, and the texts of the
+ * record.
  * @{
  */
-constexpr std::size_t textsBeforeRecord = 3;
+constexpr std::size_t textsBeforeRecord = 5;
 
 Strings TextsOf(FileAnswer answer)
 {
-    Strings texts{std::move(answer.path), std::to_string(answer.openError), std::to_string(answer.error)};
+    Strings texts{std::move(answer.path), std::to_string(answer.openError), std::to_string(answer.error),
+                  std::move(answer.model), std::move(answer.revision)};
     if (answer.record) {
         AppendTexts(std::move(*answer.record), texts);
     }
@@ -42,7 +44,8 @@ Strings TextsOf(FileAnswer answer)
 
 FileAnswer FileAnswerOf(Strings texts)
 {
-    FileAnswer answer{std::move(texts.at(0)), std::stoi(texts.at(1)), std::stoi(texts.at(2)), {}};
+    FileAnswer answer{std::move(texts.at(0)), std::stoi(texts.at(1)), std::stoi(texts.at(2)), {},
+                      std::move(texts.at(3)), std::move(texts.at(4))};
     const std::size_t recordTexts = MembersOf<ZDSystemDevice::SystemDevice>().size();
     if (texts.size() == textsBeforeRecord + recordTexts) {
         auto text = texts.begin() + textsBeforeRecord;

@@ -123,11 +123,19 @@ std::string HostAttribute(udev_device& host, const char* hostClass, const char* 
     return Attribute(host, (std::string(hostClass) + "/" + udev_device_get_sysname(&host) + "/" + name).c_str());
 }
 
-/** The name that the driver of a host adapter gives itself, or what the kernel prints for none. */
+/** The name that the driver of a host adapter gives itself; where it gives none, that of what the adapter hangs on. */
 std::string HostDriver(udev_device& host)
 {
-    const std::string name = HostAttribute(host, "scsi_host", "proc_name");
-    return name == "(null)" || name == "<NULL>" ? std::string() : name;
+    std::string name = HostAttribute(host, "scsi_host", "proc_name");
+    if (!name.empty() && name != "(null)" && name != "<NULL>") {
+        return name;
+    }
+    const char* driver = nullptr;
+    for (udev_device* parent = udev_device_get_parent(&host); parent != nullptr && driver == nullptr;
+         parent = udev_device_get_parent(parent)) {
+        driver = udev_device_get_driver(parent);
+    }
+    return driver == nullptr ? std::string() : driver;
 }
 
 /** lsblk's words, and its order of looking. */

@@ -1,5 +1,8 @@
 #include "tools/zddevices/scan/library.h"
 
+#include <linux/hdreg.h>
+
+#include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <type_traits>
 #include <utility>
@@ -8,6 +11,7 @@
 #include "module/osinfos/systemdevice/dataProxy_linux.h"
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "module/osinfos/systemdevice/deviceNames.h"
+#include "module/osinfos/systemdevice/identityData.h"
 
 namespace Zendra::ZDDevices {
 
@@ -95,6 +99,15 @@ unsigned int AskFile(Proxy&& proxy, BusDevice& bus, std::string& path)
     }
 }
 
+/** @param answer of HDIO_DRIVE_CMD, through which the library asks for nothing but the identity of an ATA disk. */
+void TakeIdentity(const void* answer, FileAnswer& file)
+{
+    const ZDSystemDevice::AtaIdentity identity = ZDSystemDevice::ReadAtaIdentity(
+        {static_cast<const unsigned char*>(answer), sizeof(ZDSystemDevice::AtaIdentify::Buffer)});
+    file.model = boost::algorithm::trim_copy(identity.model);
+    file.revision = boost::algorithm::trim_copy(identity.firmwareRevision);
+}
+
 }  // namespace
 
 DeviceAnswer AskForDevices(std::optional<SysDeviceType> type)
@@ -139,7 +152,7 @@ ClassAnswer AskFileByFile(SysDeviceType type, const std::function<bool(const std
     const Watch watch{[&](const std::string& path) {
                           if (path != current.path) {
                               finish();
-                              current = {path, 0, 0, {}};
+                              current = {path};
                               taken = take(path);
                           }
                           return taken;
@@ -149,6 +162,8 @@ ClassAnswer AskFileByFile(SysDeviceType type, const std::function<bool(const std
                               current.openError = request.error;
                           } else if (request.error != 0) {
                               current.error = request.error;
+                          } else if (request.code == HDIO_DRIVE_CMD) {
+                              TakeIdentity(request.argument, current);
                           }
                       }};
     return WithProxy(type, watch, [&](auto&& proxy) {

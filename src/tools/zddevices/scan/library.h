@@ -66,7 +66,10 @@ struct FileAnswer {
     /** The error number of the last request that failed; 0 for none. */
     int error = 0;
     /** Absent when the list left the device out. */
-    std::optional<ZDSystemDevice::SystemDevice> record;
+    std::optional<ZDSystemDevice::SystemDevice> record = std::nullopt;
+    /** What an ATA disk says of itself, of which the record holds a part; empty for others. */
+    std::string model = {};
+    std::string revision = {};
 };
 
 /** What the list of a class answered. */

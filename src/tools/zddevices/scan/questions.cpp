@@ -1,6 +1,7 @@
 #include "tools/zddevices/scan/questions.h"
 
 #include <algorithm>
+#include <boost/algorithm/string/trim.hpp>
 #include <chrono>
 #include <cstddef>
 #include <cstring>
@@ -36,6 +37,16 @@ bool IsAskedByFile(const Question& question, const Options& options)
     return !options.asLibrary && !LibraryLogs(options) && question.subject != Subject::Capabilities;
 }
 
+/** @param disk empty where it is not known; then the identity's own texts stand for model and revision. */
+DiskFirmware FirmwareWithIdentity(const ZDOptions::SoftwareIdentity_& identity, const StorageDevice& disk)
+{
+    const auto known = [](const std::string& text, const std::string& otherwise) {
+        return text.empty() ? boost::algorithm::trim_copy(otherwise) : text;
+    };
+    return {identity, disk.device, known(disk.model, identity.SoftwareID),
+            known(disk.revision, identity.VersionString)};
+}
+
 /** An answer of the facade as a worker sends it: the status, then the texts of each record. */
 template <typename Record>
 Strings TextsOf(Answer<Record> answer)
@@ -45,6 +56,16 @@ Strings TextsOf(Answer<Record> answer)
         AppendTexts(std::move(record), texts);
     }
     return texts;
+}
+
+/** The facade's answer, which does not say whose the firmware is. */
+Answer<DiskFirmware> WithoutDevices(const FirmwareAnswer& answer)
+{
+    Answer<DiskFirmware> result{answer.status, {}};
+    for (const ZDOptions::SoftwareIdentity_& identity : answer.records) {
+        result.records.push_back(FirmwareWithIdentity(identity, {}));
+    }
+    return result;
 }
 
 /** The records of such an answer; none when there is none. */
@@ -62,7 +83,7 @@ Strings AskFacade(const Question& question)
 {
     switch (question.subject) {
     case Subject::Firmware:
-        return TextsOf(AskForFirmware());
+        return TextsOf(WithoutDevices(AskForFirmware()));
     case Subject::Capabilities:
         return TextsOf(AskForOptical());
     case Subject::Devices:
@@ -101,19 +122,24 @@ void AppendDevices(std::vector<FileAnswer> answers, std::vector<StorageDevice>& 
             StorageDevice& device = devices.emplace_back();
             static_cast<SystemDevice&>(device) = std::move(*answer.record);
             device.device_files = answer.path + "\n";
+            device.model = std::move(answer.model);
+            device.revision = std::move(answer.revision);
         }
     }
 }
 
-std::vector<ZDOptions::SoftwareIdentity_> FirmwareOf(const std::vector<FileAnswer>& disks)
+std::vector<DiskFirmware> FirmwareOf(const std::vector<FileAnswer>& files, const KernelDevices& kernel)
 {
-    std::vector<ZDOptions::SoftwareIdentity_> identities;
-    for (const FileAnswer& disk : disks) {
-        if (disk.record && ZDSystemDevice::HasFirmwareIdentity(*disk.record)) {
-            identities.push_back(ZDSystemDevice::FirmwareIdentityOf(*disk.record));
+    std::vector<StorageDevice> disks;
+    AppendDevices(files, disks);
+    std::vector<DiskFirmware> found;
+    const std::vector<StorageDevice> rows = RowsOfFiles(std::move(disks), kernel);
+    for (const StorageDevice& disk : rows) {
+        if (ZDSystemDevice::HasFirmwareIdentity(disk)) {
+            found.push_back(FirmwareWithIdentity(ZDSystemDevice::FirmwareIdentityOf(disk), disk));
         }
     }
-    return identities;
+    return found;
 }
 
 /** Moves the records of a facade's answer to the inventory. */
@@ -124,7 +150,7 @@ void TakeRecords(Subject subject, const std::optional<Strings>& answer, Inventor
         inventory.facadeDevices = RecordsOf<SystemDevice>(answer);
         break;
     case Subject::Firmware:
-        inventory.firmware = RecordsOf<ZDOptions::SoftwareIdentity_>(answer);
+        inventory.firmware = RecordsOf<DiskFirmware>(answer);
         break;
     case Subject::Capabilities:
         inventory.drives = RecordsOf<ZDSystemDevice::OpticalProperty>(answer);
@@ -151,7 +177,9 @@ public:
             Add({lost.path, lost.late ? Reason::NoAnswerInTime : Reason::WorkerDied, 0, lost.failure, {}});
         }
         for (const FileAnswer& file : outcome.files) {
-            if (!file.record && !IsDirectory(file.path)) {
+            if (file.record) {
+                accounted.insert(file.path);
+            } else if (!IsDirectory(file.path)) {
                 Add(WhyNoRecord({file.path, file.openError, file.error}, kernel.OfFile(file.path)));
             }
         }
@@ -288,6 +316,7 @@ std::vector<Question> QuestionsOf(const Options& options)
         return {{options.type}};
     }
     std::vector<Question> questions;
+    questions.reserve(deviceClasses.size());
     for (const DeviceClass& one : deviceClasses) {
         questions.push_back({one.type});
     }
@@ -324,6 +353,9 @@ Inventory TakeInventory(const Options& options, Observer* observer)
     const std::vector<AskedOutcome> outcomes =
         Ask(asked, {options.timeLimit, started, observer, logs ? 1 : options.jobs});
 
+    const bool wantsDevices = options.command == Command::Devices && !options.asLibrary;
+    const bool needsKernel = wantsDevices || options.command == Command::Firmware;
+    const KernelDevices kernel = needsKernel ? KernelDevices::Read() : KernelDevices({});
     Inventory inventory;
     std::vector<StorageDevice> devices;
     for (std::size_t i = 0; i < questions.size(); ++i) {
@@ -335,15 +367,12 @@ Inventory TakeInventory(const Options& options, Observer* observer)
         if (!asked[places[i]].files) {
             TakeRecords(questions[i].subject, outcome.answer, inventory);
         } else if (questions[i].subject == Subject::Firmware) {
-            inventory.firmware = FirmwareOf(outcome.files);
+            inventory.firmware = FirmwareOf(outcome.files, kernel);
         } else {
             AppendDevices(outcome.files, devices);
         }
     }
     inventory.status = StatusOf(inventory.questions);
-    const bool wantsDevices = options.command == Command::Devices && !options.asLibrary;
-    const bool needsKernel = wantsDevices || options.command == Command::Firmware;
-    const KernelDevices kernel = needsKernel ? KernelDevices::Read() : KernelDevices({});
     if (wantsDevices) {
         for (SystemDevice& record : inventory.facadeDevices.value_or(std::vector<SystemDevice>())) {
             static_cast<SystemDevice&>(devices.emplace_back()) = std::move(record);

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "common/options/softwareIdentity.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/options.h"
+#include "tools/zddevices/records/diskFirmware.h"
 #include "tools/zddevices/records/storageDevice.h"
 #include "tools/zddevices/scan/missing.h"
 #include "tools/zddevices/scan/worker.h"
@@ -53,7 +53,7 @@ struct Inventory {
      */
     std::optional<std::vector<StorageDevice>> devices;
     std::optional<std::vector<ZDSystemDevice::SystemDevice>> facadeDevices;
-    std::optional<std::vector<ZDOptions::SoftwareIdentity_>> firmware;
+    std::optional<std::vector<DiskFirmware>> firmware;
     std::optional<std::vector<ZDSystemDevice::OpticalProperty>> drives;
     /** What the answer lacks, by device file in natural order. */
     std::vector<Missing> missing;

@@ -1,0 +1,93 @@
+"""Disks behind each kind of adapter: SATA, SAS, USB, parallel SCSI, RAID, virtio and NVMe."""
+
+from labkit.topology import KERNEL_PROGRAMS, KERNEL_STEPS, Topology, empty_disk, qemu_device
+
+SHARED_WWN = "0x5000c500a1b2c3d4"
+
+
+class Transports(Topology):
+    name = "transports"
+    about = "disks behind SATA, SAS, USB, parallel SCSI, RAID, virtio and NVMe"
+
+    modules = ("ahci", "mptsas", "xhci_pci", "usb_storage", "uas", "sym53c8xx", "megaraid_sas")
+    programs = KERNEL_PROGRAMS
+
+    setup = """
+        modprobe sg; modprobe sd_mod; modprobe sr_mod; modprobe st
+        modprobe ahci; appear /dev/sda
+        modprobe virtio_scsi; appear /dev/sdc
+        modprobe mptsas; appear /dev/sde
+        modprobe megaraid_sas; appear /dev/sdf
+        modprobe sym53c8xx; appear /dev/sdg
+        modprobe usb_storage; modprobe uas; modprobe xhci_pci; appear /dev/sdh /dev/sdi
+        modprobe nvme; appear /dev/nvme0n2 /dev/nvme1n1
+    """
+
+    steps = {
+        **KERNEL_STEPS,
+        "paths": "zddevices --columns device,wwn,paths --no-headings",
+    }
+
+    @classmethod
+    def qemu_arguments(cls):
+        hardware = [
+            *qemu_device("ahci", id="ahci"),
+            *qemu_device("virtio-scsi-pci", id="virtio"),
+            *qemu_device("mptsas1068", id="sas"),
+            *qemu_device("megasas", id="raid"),
+            *qemu_device("lsi53c895a", id="spi"),
+            *qemu_device("qemu-xhci", id="usb"),
+            *qemu_device("nvme", id="controller", serial="NV-1"),
+            *qemu_device("nvme", id="other", serial="NV-2"),
+        ]
+
+        def disk(driver, megabytes, **properties):
+            node = f"disk{megabytes}"
+            hardware.extend(empty_disk(node, megabytes << 20))
+            hardware.extend(qemu_device(driver, drive=node, **properties))
+
+        # Each of another size, so that none is mistaken for another.
+        disk("ide-hd", 16, bus="ahci.0", serial="ATA-1", wwn="0x5000c50015ea71ac",
+             model="A MODEL OF MORE THAN SIXTEEN CHARACTERS", ver="VERSION8")
+        disk("ide-cd", 17, bus="ahci.1", serial="DVD-1")
+        # Two ways to one disk.
+        disk("scsi-hd", 18, bus="virtio.0", scsi_id=1, serial="SHARED", wwn=SHARED_WWN)
+        disk("scsi-hd", 19, bus="virtio.0", scsi_id=2, serial="SHARED", wwn=SHARED_WWN)
+        # Without a name of its own the adapter does not report a disk.
+        disk("scsi-hd", 20, bus="sas.0", scsi_id=0, serial="SAS-1", wwn="0x5000c50015ea7101")
+        disk("scsi-hd", 21, bus="sas.0", scsi_id=1, serial="SAS-2", wwn="0x5000c50015ea7102")
+        disk("scsi-hd", 22, bus="raid.0", scsi_id=0, serial="RAID-1")
+        disk("scsi-hd", 23, bus="spi.0", scsi_id=0, serial="SPI-1")
+        disk("usb-storage", 24, bus="usb.0", serial="USB-1")
+        hardware += qemu_device("usb-uas", id="uas", bus="usb.0")
+        disk("scsi-hd", 1025, bus="uas.0", serial="USB-2")
+        disk("nvme-ns", 26, bus="controller", nsid=1)
+        disk("nvme-ns", 27, bus="controller", nsid=2)
+        disk("nvme-ns", 28, bus="other", nsid=1)
+        return hardware
+
+    def test_every_row_is_what_the_kernels_tools_say(self):
+        self.assert_rows_are_the_kernels()
+
+    def test_the_guest_has_every_transport(self):
+        transports = [row["transport"] for row in self.inventory("rows")["devices"]]
+        self.assertEqual({None, "nvme", "sas", "sata", "spi", "usb"}, set(transports))
+
+    def test_two_ways_to_one_disk_are_two_rows_that_count_each_other(self):
+        lines = [line.split() for line in self.stdout("paths").splitlines()]
+        shared = [line for line in lines if line[1] == SHARED_WWN]
+        self.assertEqual(2, len(shared), lines)
+        self.assertEqual(["2", "2"], [line[2] for line in shared])
+        self.assertEqual(2, len({line[0] for line in shared}))
+
+    def test_an_nvme_controller_is_one_row_with_its_namespaces(self):
+        rows = {row["serial_number"].strip(): row for row in self.inventory("rows")["devices"]
+                if row["transport"] == "nvme"}
+        self.assertEqual(["NV-1", "NV-2"], sorted(rows))
+        self.assertEqual(53 << 20, rows["NV-1"]["size_bytes"])
+        self.assertEqual(["/dev/nvme0n1", "/dev/nvme0n2", "/dev/nvme0"], rows["NV-1"]["device_files"][:3])
+
+    def test_model_and_revision_of_a_sata_disk_are_whole(self):
+        disk, = (row for row in self.inventory("rows")["devices"] if row["wwn"] == "0x5000c50015ea71ac")
+        self.assertEqual("A MODEL OF MORE THAN SIXTEEN CHARACTERS", disk["model"])
+        self.assertEqual("VERSION8", disk["revision"])
