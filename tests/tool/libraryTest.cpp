@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <set>
+#include <sstream>
 
 #include "common/logger/log.h"
 #include "module/osinfos/systemdevice/deviceNames.h"
@@ -15,6 +16,7 @@
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/scan/access.h"
 #include "tools/zddevices/scan/library.h"
+#include "tools/zddevices/scan/logging.h"
 #include "tools/zddevices/scan/questions.h"
 
 namespace Zendra::ZDDevices {
@@ -275,6 +277,50 @@ TEST_F(Library, ADeviceFileByItselfIsListedAsInTheListOfItsClass)
     });
     EXPECT_GT(listedFiles, 100U);
     EXPECT_GT(otherFiles, 20U);
+}
+
+/** What `what` writes to standard error. */
+template <typename What>
+std::string WrittenToStandardError(What what)
+{
+    testing::internal::CaptureStderr();
+    what();
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST_F(Library, EachLogMessageIsOneLineWhateverTheDevicesSend)
+{
+    std::size_t messagesWithLineFeeds = 0;
+    OnEveryHost([&](const SimHost::Host& /*host*/, SimHost::MountedHost& mounted) {
+        static std::vector<std::string> places;
+        static std::size_t lineFeeds;
+        places.clear();
+        lineFeeds = 0;
+        Log::SetSink([](unsigned level, const char* file, int line, const std::string& message) {
+            places.push_back("[" + std::to_string(level) + "] " + file + ":" + std::to_string(line) + " ");
+            lineFeeds += message.find('\n') < message.size() - 1 ? 1 : 0;
+        });
+        Log::SetMinLogLevel(4);
+        mounted.BeginCall();
+        AskForDevices(std::nullopt);
+        messagesWithLineFeeds += lineFeeds;
+
+        EnableLog(4);
+        mounted.BeginCall();
+        std::istringstream written(WrittenToStandardError([] { AskForDevices(std::nullopt); }));
+        Log::SetMinLogLevel(0);
+        Log::SetSink(nullptr);
+        std::size_t lines = 0;
+        for (std::string line; std::getline(written, line); ++lines) {
+            ASSERT_LT(lines, places.size()) << line;
+            EXPECT_EQ(line.substr(0, places[lines].size()), places[lines]);
+            EXPECT_TRUE(std::all_of(line.begin(), line.end(), [](char c) {
+                return c == '\t' || (c >= ' ' && c <= '~');
+            })) << line;
+        }
+        EXPECT_EQ(lines, places.size());
+    });
+    EXPECT_GT(messagesWithLineFeeds, 2U);
 }
 
 TEST_F(Library, TheWatchIsToldOfEachFailureWithItsError)

@@ -695,6 +695,18 @@ class LogTest(Case):
                               r"Enter DeviceCollector::GetIndividualDevice\(\) device type = 0$")
         self.assertNotIn("Enter", out)
 
+    def test_a_message_is_one_line_and_no_device_can_write_one(self):
+        text = b"vendor == A\n[1] src/forged.cpp:1 the disk is healthy\r\n\n"
+        script = {"all": {"status": 0, "records": [], "log": text.hex()}}
+        _, _, err = self.run_program("--log-level", "4", program=SCRIPTED, script=script)
+        self.assertRegex(err, r"\A\[4\] \S+scriptedLibrary.cpp:\d+ vendor == A\\n\[1\] src/forged.cpp:1 the disk is "
+                              r"healthy\\x0d\\n\n\Z")
+
+    def test_what_follows_half_a_line_begins_a_line(self):
+        script = {"2": {"status": 0, "records": [], "say": "half a line", "exit": 1}}
+        _, _, err = self.run_program("--type", "disk", program=SCRIPTED, script=script)
+        self.assertEqual(err, "half a line\nzddevices: class disk: its process gave no proper answer\n")
+
     def test_level_1_and_3_do_not_trace(self):
         for level in ("1", "3"):
             _, _, err = self.run_program("--log-level", level)

@@ -125,9 +125,14 @@ TEST(Printable, WhateverTheBytesTheResultIsHarmlessAndHoldsThemAll)
     }
 }
 
-TEST(PrintableLines, KeepsLineEndsAndTabsOnly)
+TEST(PrintableLine, KeepsTabsOnly)
 {
-    EXPECT_EQ(PrintableLines("a\tb\nc\rd\x1b"), "a\tb\nc\\x0dd\\x1b");
+    EXPECT_EQ(PrintableLine("a\tb\nc\rd\x1b"), "a\tb\\nc\\x0dd\\x1b");
+}
+
+TEST(PrintableLine, TellsALineFeedFromABackslashAndALetter)
+{
+    EXPECT_EQ(PrintableLine("\n\\n\\x0a\\t"), "\\n\\x5cn\\x5cx0a\\t");
 }
 
 TEST(CellText, DropsWhiteSpaceAroundTheText)

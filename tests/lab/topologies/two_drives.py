@@ -58,4 +58,5 @@ class TwoDrives(Topology):
         ])
         # The program's own line to the person follows the last line of the library.
         self.assertIn(" Leave DeviceCollector::GetOpticalProperties()\nzddevices: ", self.stderr("trace"))
-        self.assertIn("cat cdrom info result =      " + table.rstrip("\n"), self.stderr("trace"))
+        self.assertIn("cat cdrom info result =      " + table.rstrip("\n").replace("\n", "\\n"),
+                      self.stderr("trace"))

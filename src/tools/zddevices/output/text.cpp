@@ -81,6 +81,17 @@ std::string Replaced(std::string_view text, Stays stays, Replace replace)
     return out;
 }
 
+std::string Hexadecimal(std::string_view bytes)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string escaped;
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        escaped.append({'\\', 'x', digits[value >> 4U], digits[value & 0x0FU]});
+    }
+    return escaped;
+}
+
 /** The text with every character that does not stay, and every byte that is not UTF-8, written as \xNN. */
 template <typename Stays>
 std::string Escaped(std::string_view text, Stays stays)
@@ -90,15 +101,7 @@ std::string Escaped(std::string_view text, Stays stays)
         [stays](CodePoint code, std::string_view rest) {
             return stays(code) && !boost::algorithm::starts_with(rest, "\\x");
         },
-        [](std::string_view bytes) {
-            static const char digits[] = "0123456789abcdef";
-            std::string escaped;
-            for (const char byte : bytes) {
-                const auto value = static_cast<unsigned char>(byte);
-                escaped.append({'\\', 'x', digits[value >> 4U], digits[value & 0x0FU]});
-            }
-            return escaped;
-        });
+        Hexadecimal);
 }
 
 /** A character of a printable text. */
@@ -134,11 +137,16 @@ std::string Printable(std::string_view text)
     return Escaped(text, [utf8 = LocaleIsUtf8()](CodePoint code) { return ShowsItself(code, utf8); });
 }
 
-std::string PrintableLines(std::string_view text)
+std::string PrintableLine(std::string_view text)
 {
-    return Escaped(text, [utf8 = LocaleIsUtf8()](CodePoint code) {
-        return code == '\n' || code == '\t' || ShowsItself(code, utf8);
-    });
+    return Replaced(
+        text,
+        [utf8 = LocaleIsUtf8()](CodePoint code, std::string_view rest) {
+            const bool looksEscaped =
+                boost::algorithm::starts_with(rest, "\\x") || boost::algorithm::starts_with(rest, "\\n");
+            return !looksEscaped && (code == '\t' || ShowsItself(code, utf8));
+        },
+        [](std::string_view bytes) { return bytes == "\n" ? "\\n" : Hexadecimal(bytes); });
 }
 
 std::string CellText(std::string_view text)

@@ -28,8 +28,13 @@ extern const char* const unknownText;
  */
 std::string Printable(std::string_view text);
 
-/** As Printable(), but line ends and tabs stay: for texts of several lines, such as log messages. */
-std::string PrintableLines(std::string_view text);
+/**
+ * @brief As Printable(), but tabs stay and a line feed is written as \n: a text of several lines, such as a log
+ *        message, in one.
+ *
+ * A backslash before an "n" is written as \x5c as well.
+ */
+std::string PrintableLine(std::string_view text);
 
 /**
  * @brief The text as a table cell: Printable(), without the white space around it and the control characters

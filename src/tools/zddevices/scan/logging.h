@@ -43,10 +43,15 @@ bool DirectLog([[maybe_unused]] unsigned int level, [[maybe_unused]] LogSink sin
 }
 
 /**
- * @brief From now on writes the library's messages up to `level` to standard error, as "[level] file:line text".
+ * @brief Writes a message to standard error as one line: "[level] file:line text". Keeps errno.
  *
- * Messages quote what devices answered, so they are made printable like everything else; their line ends and
- * tabs stay.
+ * Messages quote what devices answered. No byte of an answer may begin a line, or it could pass for a message of its
+ * own: the text is what PrintableLine() makes of it, without the line feed at its end that some messages have.
+ */
+void WriteLogLine(unsigned level, const char* file, int line, const std::string& message);
+
+/**
+ * @brief From now on writes the library's messages up to `level` with WriteLogLine().
  *
  * @return false when the logging library that this program runs with takes no level.
  */

@@ -249,6 +249,8 @@ private:
     void End(const std::string& failure)
     {
         process = none;
+        // What others write has to begin a line.
+        unwritten += isWithinLine || (!unwritten.empty() && unwritten.back() != '\n') ? "\n" : "";
         PassOn(unwritten.size());
         if (!outcome.answer) {
             outcome.failure = late.empty() ? failure : late;
@@ -268,6 +270,7 @@ private:
             observer->BeforeMessage();
         }
         WriteAll(STDERR_FILENO, unwritten.substr(0, size));
+        isWithinLine = unwritten[size - 1] != '\n';
         unwritten.erase(0, size);
     }
 
@@ -284,6 +287,8 @@ private:
     bool broken = false;
     Waiting waiting{{}, started};
     std::string unwritten;
+    /** Whether what was written last is no whole line. */
+    bool isWithinLine = false;
     /** The failure when its time is over; empty before. */
     std::string late;
 };
