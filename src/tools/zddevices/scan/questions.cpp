@@ -334,6 +334,7 @@ Inventory TakeInventory(const Options& options, Observer* observer)
     std::vector<Asked> asked;
     std::map<ZDSystemDevice::SysDeviceType, std::size_t> placeOfClass;
     std::vector<std::size_t> places;
+    places.reserve(questions.size());
     for (const Question& question : questions) {
         places.push_back(asked.size());
         if (!IsAskedByFile(question, options)) {
