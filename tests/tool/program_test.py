@@ -1106,7 +1106,7 @@ class PrivateDevices(Case):
     def inside(self, nodes, *arguments, user=NOBODY, prepare=""):
         """Runs the program in a /dev that holds the nodes: name -> (mode, group)."""
         commands = ["mount -t tmpfs -o mode=755 tmpfs /dev",
-                    "mknod -m 666 /dev/null c 1 3 || { touch /dev/null; chmod 666 /dev/null; }"]
+                    "mknod -m 666 /dev/null c 1 3 2>&- || { touch /dev/null; chmod 666 /dev/null; }"]
         for name, (mode, group) in nodes.items():
             path = shlex.quote("/dev/" + name)
             commands.append(f"touch -- {path}; chgrp {group} {path}; chmod {mode} {path}")

@@ -1,5 +1,6 @@
 #include <cwchar>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <tuple>
 
@@ -105,11 +106,18 @@ TEST(AddressColumn, OneFieldOtherThanZeroIsAnAddress)
     EXPECT_EQ(AddressOf(disk), "0:-:0:1");
 }
 
+std::string WithSingleBlanks(const std::string& text)
+{
+    return std::regex_replace(text, std::regex(" +"), " ");
+}
+
 TEST(DeviceTable, WithoutHeadingsIsTheSameButForTheFirstLine)
 {
     const Table table = TableOf(std::vector<SystemDevice>{Disk(), SystemDevice()}, {"VENDOR", "PORT"});
     for (const std::size_t width : {0U, 80U}) {
-        EXPECT_EQ("VENDOR PORT\n" + RenderTable(table, width, Headings::None), RenderTable(table, width));
+        // Since libsmartcols 2.41 a heading that is not shown takes no room either.
+        EXPECT_EQ("VENDOR PORT\n" + WithSingleBlanks(RenderTable(table, width, Headings::None)),
+                  WithSingleBlanks(RenderTable(table, width)));
     }
 }
 
