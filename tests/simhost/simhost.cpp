@@ -25,6 +25,7 @@
 
 #include "common/logger/log.h"
 #include "common/options/softwareIdentity.h"
+#include "kernel/namespaces.h"
 #include "module/osinfos/systemdevice/deviceCollector.h"
 #include "module/osinfos/systemdevice/systemDevice.h"
 
@@ -973,17 +974,9 @@ std::string EnterPrivateNamespace()
     if (entered) {
         return "";
     }
-    if (geteuid() != 0) {
-        return "simulated hosts need root";
-    }
-    if (unshare(CLONE_NEWNS) != 0) {
-        return ErrnoText("no mount namespace of our own (unshare)");
-    }
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return ErrnoText("cannot make the mounts private");
-    }
-    entered = true;
-    return "";
+    const std::string reason = Kernel::EnterNamespaces(CLONE_NEWNS);
+    entered = reason.empty();
+    return entered ? "" : "a simulated host " + reason;
 }
 
 // ---------------------------------------------------------------------------------------------------------------

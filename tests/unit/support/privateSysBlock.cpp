@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+
+#include "kernel/namespaces.h"
 
 namespace ZendraTest {
 namespace PrivateSysBlock {
@@ -24,14 +25,9 @@ std::string Enter(bool& done)
     if (done) {
         return "";
     }
-    if (geteuid() != 0) {
-        return "a /sys/block of our own takes root";
-    }
-    if (unshare(CLONE_NEWNS) != 0) {
-        return std::string("unshare: ") + std::strerror(errno);
-    }
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return std::string("making mounts private: ") + std::strerror(errno);
+    const std::string reason = Kernel::EnterNamespaces(CLONE_NEWNS);
+    if (!reason.empty()) {
+        return "a /sys/block of our own " + reason;
     }
     if (mount("none", root.c_str(), "tmpfs", 0, "size=8m,mode=755") != 0) {
         return std::string("mounting over /sys/block: ") + std::strerror(errno);

@@ -2,7 +2,7 @@
  * @file
  * @brief An empty /sys/block of this process's own, to put revision files into.
  *
- * Needs root (a private mount namespace). Without it the tests that ask for it skip, and under CI=true fail.
+ * Needs a mount namespace. Without it the tests that ask for it skip, and under CI=true fail.
  */
 #ifndef ZENDRA_TESTS_SUPPORT_PRIVATESYSBLOCK_H
 #define ZENDRA_TESTS_SUPPORT_PRIVATESYSBLOCK_H

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -121,13 +122,11 @@ void ExpectOneSocketLeftOpen(const std::map<int, std::string>& before)
     EXPECT_EQ(left.front().rfind("socket:", 0), 0U) << left.front();
 }
 
-const char* const needsNetwork = "makes a network namespace, which takes root";
-
 }  // namespace
 
 TEST(AvailablePort, Is5988WhenFree)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         const auto before = OpenDescriptors();
@@ -141,7 +140,7 @@ TEST(AvailablePort, Is5988WhenFree)
 
 TEST(AvailablePort, Is65535When5988IsTaken)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         ASSERT_GE(TakePort(5988), 0);
@@ -154,7 +153,7 @@ TEST(AvailablePort, Is65535When5988IsTaken)
 
 TEST(AvailablePort, IsTheHighestFreeOne)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         for (const int port : {5988, 65535, 65534, 65533, 65531}) {
@@ -167,7 +166,7 @@ TEST(AvailablePort, IsTheHighestFreeOne)
 
 TEST(AvailablePort, OfOneAddressDoesNotMindWhatAnotherHasTaken)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         ASSERT_GE(TakePort(5988), 0);
@@ -178,7 +177,7 @@ TEST(AvailablePort, OfOneAddressDoesNotMindWhatAnotherHasTaken)
 
 TEST(AvailablePort, Is1024WhenNoHigherOneIsFree)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         const TakenPorts taken(1025);
@@ -192,7 +191,7 @@ TEST(AvailablePort, Is1024WhenNoHigherOneIsFree)
 
 TEST(AvailablePort, Is65535WithASocketLeftOpenWhenEveryPortFrom1024UpIsTaken)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         const TakenPorts taken(1024);
@@ -209,7 +208,7 @@ TEST(AvailablePort, Is65535WithASocketLeftOpenWhenEveryPortFrom1024UpIsTaken)
 
 TEST(AvailablePort, OfATextThatIsNoAddressIsThatOfTheAllOnesAddress)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         // Whether the all-ones address can be bound is the kernel's answer, not the library's.
@@ -222,7 +221,7 @@ TEST(AvailablePort, OfATextThatIsNoAddressIsThatOfTheAllOnesAddress)
 
 TEST(AvailablePort, OfAnAddressThatIsNotThisHostsIs65535WithASocketLeftOpen)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         for (const char* address : {"192.0.2.1", "198.51.100.7"}) {
@@ -239,7 +238,7 @@ TEST(AvailablePort, OfAnAddressThatIsNotThisHostsIs65535WithASocketLeftOpen)
 
 TEST(AvailablePort, SearchThatFailedLeavesASocketThatNoProgramInherits)
 {
-    ZENDRA_NEEDS(IsRoot(), needsNetwork);
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNET);
     RunIsolated([] {
         EnterLoopbackNetwork();
         const auto inherited = InheritableDescriptors();
@@ -250,7 +249,7 @@ TEST(AvailablePort, SearchThatFailedLeavesASocketThatNoProgramInherits)
 
 TEST(HostnameAvailable, FollowsTheHostsFileWhateverTheSecondText)
 {
-    ZENDRA_NEEDS(IsRoot(), "puts a hosts file in place, in a mount namespace of its own, which takes root");
+    ZENDRA_NEEDS_NAMESPACES(CLONE_NEWNS | CLONE_NEWNET);
     const TemporaryDirectory directory;
     WriteFile(directory / "hosts", "127.0.0.1 localhost\n127.9.8.7 listed.test alias.test\n");
     WriteFile(directory / "nsswitch.conf", "hosts: files\n");

@@ -50,6 +50,14 @@ struct RecordHead {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
+void Enter(int namespaces)
+{
+    const std::string reason = Kernel::EnterNamespaces(namespaces);
+    if (!reason.empty()) {
+        Die(reason.c_str());
+    }
+}
+
 void RecordMessage(unsigned level, const char* file, int, const std::string& message)
 {
     const RecordHead head{getpid(), level, std::strlen(file), message.size()};
@@ -278,9 +286,7 @@ void BecomeUnknownUser()
 
 void EnterLoopbackNetwork()
 {
-    if (unshare(CLONE_NEWNET) != 0) {
-        Die("unshare");
-    }
+    Enter(CLONE_NEWNET);
     const int any = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ifreq request{};
     std::strncpy(request.ifr_name, "lo", sizeof request.ifr_name - 1);
@@ -293,9 +299,7 @@ void EnterLoopbackNetwork()
 
 void EnterPrivateMounts()
 {
-    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        Die("unshare");
-    }
+    Enter(CLONE_NEWNS);
 }
 
 }  // namespace ZendraTest

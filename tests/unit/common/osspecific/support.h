@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "kernel/namespaces.h"
+
 /**
  * Ends the test where it cannot run here: as skipped, with the reason; as failed where CI=true, since nothing may
  * be missing there.
@@ -27,6 +29,13 @@
             }                                                                                                          \
             GTEST_SKIP() << (reason);                                                                                  \
         }                                                                                                              \
+    } while (false)
+
+/** Ends the test in the same way where it cannot get namespaces (CLONE_NEWNS, CLONE_NEWNET). */
+#define ZENDRA_NEEDS_NAMESPACES(kinds)                                                                                 \
+    do {                                                                                                               \
+        const std::string refused = Kernel::NamespacesRefused(kinds);                                                  \
+        ZENDRA_NEEDS(refused.empty(), "a namespace " + refused);                                                       \
     } while (false)
 
 namespace ZendraTest {
