@@ -48,9 +48,8 @@ const char* const footer = "Examples:\n"
                            "  0  the scan ran, also when no device is there\n"
                            "  1  failure: the scan failed or its result could not be written\n"
                            "  2  wrong usage\n"
-                           "  3  the scan ran, but there are device files that could not be opened for lack\n"
-                           "     of privilege, or classes that did not answer in time; standard error says\n"
-                           "     which and what to do\n"
+                           "  3  the scan ran, but device files gave no record, or devices have no file;\n"
+                           "     standard error says which, and why\n"
                            "diff: 0 nothing has changed, 1 something has, 2 the files cannot be compared";
 
 /** Words that an option takes, and what each means. */
@@ -275,7 +274,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
     std::string timeLimit;
     app.add_option("--timeout", timeLimit,
                    "Show what answered within this time, and name\n"
-                   "the classes that did not")
+                   "the device files that did not")
         ->type_name("SECONDS");
 
     bool asLibrary = false;
