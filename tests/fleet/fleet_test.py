@@ -73,8 +73,10 @@ def differences(found, expected, path=""):
 
 
 def comparable(document, like=None):
-    """The document with its records in one order, and without what the model knows nothing of: those of no other key."""
+    """The document with its records in one order, and without the keys that the model knows nothing of."""
     result = dict(document)
+    lacking = [(one["device_file"], one["reason"]) for one in document["unanswered"]]
+    result["unanswered"] = sorted(lacking, key=str)
     for key in ("devices", "identities", "drives"):
         if key in document:
             keys = set((like or document)[key][0]) if (like or document)[key] else set()

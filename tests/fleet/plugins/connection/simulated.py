@@ -37,6 +37,8 @@ class Connection(ConnectionBase):
         kind, number = self.get_option("simulated_host").split(":")
         if kind == "unreachable":
             raise AnsibleConnectionFailure("Failed to connect to the host: no route to host")
+        if kind == "fails":
+            return 0, b'{"failed": true, "msg": "the module broke"}', b""
         huge, kind = kind == "huge", kind.replace("huge", "disks")
         with open(os.path.join(os.environ["SIMULATED_FACTS"], kind + ".json"), encoding="ascii") as file:
             fact = file.read().replace(NAME, "host%s" % number).replace(SERIAL, "S%s" % number)
