@@ -98,19 +98,19 @@ int FailUsage(const std::string& message)
     return EXIT_CODE_USAGE;
 }
 
-int FailScan(unsigned int status)
+int FailScan(unsigned int status, const Inventory& inventory)
 {
-    Complain(DescribeFailedScan(status).c_str());
+    ComplainUntil(DescribeFailedScan(status), inventory.end);
     return EXIT_CODE_FAILURE;
 }
 
 /** Says what an answer lacks; the exit code. */
-int ShowWhatIsMissing(const std::vector<Missing>& missing)
+int ShowWhatIsMissing(const Inventory& inventory)
 {
-    for (const std::string& line : DescribeMissing(missing, geteuid() == 0)) {
-        Complain(line.c_str());
+    for (const std::string& line : DescribeMissing(inventory.missing, geteuid() == 0)) {
+        ComplainUntil(line, inventory.end);
     }
-    return missing.empty() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
+    return inventory.missing.empty() ? EXIT_CODE_OK : EXIT_CODE_INCOMPLETE;
 }
 
 int ShowMetrics(const Options& options)
@@ -120,10 +120,10 @@ int ShowMetrics(const Options& options)
     WriteOutput(RenderPrometheus(inventory, begun));
     for (const QuestionOutcome& one : inventory.questions) {
         if (one.status && !ScanRan(*one.status)) {
-            return FailScan(*one.status);
+            return FailScan(*one.status, inventory);
         }
     }
-    return ShowWhatIsMissing(inventory.missing);
+    return ShowWhatIsMissing(inventory);
 }
 
 /** What people are told in place of a table without rows. */
@@ -155,12 +155,12 @@ int ShowReport(const Options& options, const ReportOrigin& origin, const Invento
     Arrange(report, options);
     WriteOutput(Render(report, options, origin));
     if (report.missing.empty() && !ScanRan(report.status)) {
-        return FailScan(report.status);
+        return FailScan(report.status, inventory);
     }
     if (!report.remark.empty()) {
-        Complain(report.remark.c_str());
+        ComplainUntil(report.remark, inventory.end);
     }
-    return ShowWhatIsMissing(report.missing);
+    return ShowWhatIsMissing(inventory);
 }
 
 int Show(const Options& options)

@@ -1,11 +1,15 @@
 #include "tools/zddevices/output/console.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
@@ -55,6 +59,34 @@ bool WriteAll(int descriptor, const std::string& text)
     return count >= 0;
 }
 
+std::size_t WriteUntil(int descriptor, std::string_view text, std::chrono::steady_clock::time_point end)
+{
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+        pollfd one{descriptor, POLLOUT, 0};
+        const int wait = static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+        const int ready = poll(&one, 1, wait);
+        if (ready == 0) {
+            break;
+        }
+        if (ready < 0) {
+            continue;
+        }
+        // A pipe that is ready takes so many bytes without delay.
+        const std::size_t size = std::min<std::size_t>(text.size() - written, PIPE_BUF);
+        const ssize_t count = write(descriptor, text.data() + written, size);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return text.size();
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    return written;
+}
+
 void WriteOutput(const std::string& text)
 {
     if (!WriteAll(STDOUT_FILENO, text) || (close(STDOUT_FILENO) != 0 && errno != EINTR)) {
@@ -68,6 +100,15 @@ void WriteOutput(const std::string& text)
 void Complain(const char* message) noexcept
 {
     static_cast<void>(std::fprintf(stderr, "zddevices: %s\n", message));
+}
+
+void ComplainUntil(const std::string& message, std::optional<std::chrono::steady_clock::time_point> end)
+{
+    if (end) {
+        WriteUntil(STDERR_FILENO, "zddevices: " + message + "\n", *end);
+    } else {
+        Complain(message.c_str());
+    }
 }
 
 }  // namespace Zendra::ZDDevices

@@ -68,14 +68,15 @@ void Progress::StillRunning(const std::vector<Waiting>& workers)
     const std::string text =
         ("zddevices: " + DescribeProgress(workers, started, now)).substr(0, TerminalWidth(STDERR_FILENO) - 1);
     const std::size_t blanks = shown > text.size() ? shown - text.size() : 0;
-    WriteAll(STDERR_FILENO, "\r" + text + std::string(blanks, ' '));
+    // A terminal that is stopped (Ctrl-S) must not keep the scan waiting.
+    WriteUntil(STDERR_FILENO, "\r" + text + std::string(blanks, ' '), now);
     shown = text.size();
 }
 
 void Progress::Erase()
 {
     if (shown > 0) {
-        WriteAll(STDERR_FILENO, "\r" + std::string(shown, ' ') + "\r");
+        WriteUntil(STDERR_FILENO, "\r" + std::string(shown, ' ') + "\r", Clock::now());
         shown = 0;
     }
 }

@@ -358,6 +358,9 @@ Inventory TakeInventory(const Options& options, Observer* observer)
     const bool needsKernel = wantsDevices || options.command == Command::Firmware;
     const KernelDevices kernel = needsKernel ? KernelDevices::Read() : KernelDevices({});
     Inventory inventory;
+    if (options.timeLimit) {
+        inventory.end = started + *options.timeLimit;
+    }
     std::vector<StorageDevice> devices;
     for (std::size_t i = 0; i < questions.size(); ++i) {
         const AskedOutcome& outcome = outcomes[places[i]];

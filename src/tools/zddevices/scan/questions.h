@@ -57,6 +57,8 @@ struct Inventory {
     std::optional<std::vector<ZDSystemDevice::OpticalProperty>> drives;
     /** What the answer lacks, by device file in natural order. */
     std::vector<Missing> missing;
+    /** When the time is over; nobody waits for a reader of messages then. */
+    std::optional<std::chrono::steady_clock::time_point> end;
 };
 
 /**

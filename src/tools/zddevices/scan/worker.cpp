@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <list>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include "common/descriptor.h"
@@ -131,12 +132,55 @@ bool LetGoOfInheritedFiles(int answer, int messages)
     _exit(sent ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 
+/**
+ * What goes to standard error. With a time limit nobody waits for a reader: a full pipe must keep no answer waiting.
+ * What is still there when the time is over is lost.
+ */
+class Messages {
+public:
+    Messages(Observer* whoIsTold, std::optional<Clock::time_point> endOfTime) : observer(whoIsTold), end(endOfTime) {}
+
+    bool AreWaiting() const { return !unwritten.empty(); }
+    /** Workers then have to wait with theirs. */
+    bool AreTooMany() const { return unwritten.size() > longestLine; }
+
+    void Add(std::string_view text)
+    {
+        unwritten += text;
+        WriteUntilNow();
+    }
+
+    void WriteUntilNow() { Write(Clock::now()); }
+    void WriteTheRest() { Write(end.value_or(Clock::time_point())); }
+
+private:
+    void Write(Clock::time_point until)
+    {
+        if (unwritten.empty()) {
+            return;
+        }
+        if (observer != nullptr) {
+            observer->BeforeMessage();
+        }
+        if (end) {
+            unwritten.erase(0, WriteUntil(STDERR_FILENO, unwritten, until));
+        } else {
+            WriteAll(STDERR_FILENO, unwritten);
+            unwritten.clear();
+        }
+    }
+
+    Observer* observer;
+    std::optional<Clock::time_point> end;
+    std::string unwritten;
+};
+
 /** One worker, from its start until it has ended or is left behind. */
 class Worker {
 public:
     /** Starts it. @param result is complete when the worker does not run any more. */
-    Worker(const Task& task, std::size_t number, Outcome& result, Observer* watcher)
-        : outcome(result), observer(watcher)
+    Worker(const Task& task, std::size_t number, Outcome& result, Messages& forStandardError)
+        : outcome(result), passedOn(forStandardError)
     {
         waiting.task = number;
         Descriptor answerEnd;
@@ -167,7 +211,7 @@ public:
     bool HasClosed() const { return !answer.IsOpen(); }
     /** Whether more of an answer must be on its way. */
     bool IsWithinFrame() const { return reader.IsWithinFrame(); }
-    std::array<int, 2> Pipes() const { return {answer.Get(), messages.Get()}; }
+    std::array<int, 2> Pipes() const { return {answer.Get(), passedOn.AreTooMany() ? -1 : messages.Get()}; }
     const Waiting& WhatItWaitsFor() const { return waiting; }
 
     /** Takes in a piece of what has come through the pipes; whether there was any. */
@@ -192,7 +236,7 @@ public:
             Kill();
             answer.Close();
         }
-        const std::string text = ReadPiece(messages);
+        const std::string text = IsRunning() && passedOn.AreTooMany() ? "" : ReadPiece(messages);
         unwritten += text;
         const std::size_t lines = unwritten.rfind('\n') + 1;
         PassOn(lines == 0 && unwritten.size() > longestLine ? unwritten.size() : lines);
@@ -260,16 +304,13 @@ private:
         outcome.elapsed = Clock::now() - started;
     }
 
-    /** Writes the first bytes of the messages to standard error. */
+    /** Hands on the first bytes of the messages. */
     void PassOn(std::size_t size)
     {
         if (size == 0) {
             return;
         }
-        if (observer != nullptr) {
-            observer->BeforeMessage();
-        }
-        WriteAll(STDERR_FILENO, unwritten.substr(0, size));
+        passedOn.Add(std::string_view(unwritten).substr(0, size));
         isWithinLine = unwritten[size - 1] != '\n';
         unwritten.erase(0, size);
     }
@@ -277,7 +318,7 @@ private:
     static constexpr pid_t none = -1;
 
     Outcome& outcome;
-    Observer* observer;
+    Messages& passedOn;
     pid_t process = none;
     Clock::time_point started = Clock::now();
     Descriptor answer;
@@ -330,6 +371,7 @@ std::deque<Outcome> RunWorkers(std::vector<Task> tasks, const Terms& terms)
     const std::string late = (boost::format("no answer within %.15g s") % seconds).str();
     // Workers keep references to theirs.
     std::deque<Outcome> outcomes(tasks.size());
+    Messages messages(terms.observer, terms.limit ? std::make_optional(terms.started + *terms.limit) : std::nullopt);
     std::list<Worker> running;
     std::size_t next = 0;
     bool killed = false;
@@ -352,7 +394,7 @@ std::deque<Outcome> RunWorkers(std::vector<Task> tasks, const Terms& terms)
         for (; next < tasks.size() && !killed &&
                static_cast<std::size_t>(std::count_if(running.begin(), running.end(), counting)) < terms.atATime;
              ++next) {
-            running.emplace_back(tasks[next], next, outcomes[next], terms.observer);
+            running.emplace_back(tasks[next], next, outcomes[next], messages);
             if (!running.back().IsRunning()) {
                 running.pop_back();
             }
@@ -367,10 +409,11 @@ std::deque<Outcome> RunWorkers(std::vector<Task> tasks, const Terms& terms)
         if (terms.limit) {
             longest = timeLeft();
         }
-        if (terms.observer != nullptr || terms.more || next < tasks.size()) {
+        if (terms.observer != nullptr || terms.more || next < tasks.size() || messages.AreWaiting()) {
             longest = std::min(longest.value_or(observeInterval), observeInterval);
         }
         Wait(running, longest);
+        messages.WriteUntilNow();
         for (Worker& worker : running) {
             worker.Read();
             if (killed || worker.HasClosed()) {
@@ -388,6 +431,7 @@ std::deque<Outcome> RunWorkers(std::vector<Task> tasks, const Terms& terms)
             terms.observer->StillRunning(waiting());
         }
     }
+    messages.WriteTheRest();
     for (; next < tasks.size(); ++next) {
         outcomes[next].failure = late;
     }

@@ -111,7 +111,8 @@ struct Terms {
  * Returns when each worker has answered or died, at the latest shortly after the limit. A worker that is late is
  * killed, with what it has started; one that cannot be killed is left behind. No worker holds on to a descriptor of
  * this process, so nobody who reads from it waits for one that was left behind. What workers write to standard error,
- * log messages included, is passed on line by line; what they write to standard output is lost. When this process dies,
+ * log messages included, is passed on line by line; what standard error does not take within the limit is lost, as is
+ * what they write to standard output. When this process dies,
  * its workers are killed.
  *
  * To be called while the process has one thread. SIGCHLD has its default action from then on.
