@@ -149,6 +149,8 @@ CheckedFile Found(Visibility visibility, int openError = 0, std::vector<RequestR
 struct ToldHost {
     HostFacts facts;
     std::map<std::string, CheckedFile> files;
+    /** What the kernel has. */
+    std::vector<KernelDevice> devices;
     std::vector<std::pair<std::string, ZDSystemDevice::SysDeviceType>> asked;
 
     explicit ToldHost(std::vector<std::string> names)
@@ -159,16 +161,18 @@ struct ToldHost {
 
     Diagnosis Examine()
     {
-        return Diagnose(facts, std::chrono::milliseconds(1500),
-                        [&](ZDSystemDevice::SysDeviceType type, const std::vector<std::string>& paths) {
-                            std::vector<CheckedFile> answer;
-                            for (const std::string& path : paths) {
-                                asked.emplace_back(path, type);
-                                answer.push_back(files.count(path) > 0 ? files[path] : Found(Visibility::Visible));
-                                answer.back().path = path;
-                            }
-                            return answer;
-                        });
+        return Diagnose(
+            facts, std::chrono::milliseconds(1500),
+            [&](const std::vector<FileOfClass>& toAsk) {
+                std::vector<CheckedFile> answer;
+                for (const auto& [type, path] : toAsk) {
+                    asked.emplace_back(path, type);
+                    answer.push_back(files.count(path) > 0 ? files[path] : Found(Visibility::Visible));
+                    answer.back().path = path;
+                }
+                return answer;
+            },
+            [&] { return KernelDevices(devices); });
     }
 
     /** The advice in one text, "" when all is visible and there is nothing to say. */
@@ -277,17 +281,18 @@ TEST(Doctor, ADiskThatIsVisibleInOneClassIsNoTroubleInAnother)
 {
     ToldHost host({"sda"});
     host.facts.sgUsed = host.facts.modprobeFindsSg = false;
-    const Diagnosis diagnosis =
-        Diagnose(host.facts, std::chrono::seconds(1),
-                 [](ZDSystemDevice::SysDeviceType type, const std::vector<std::string>& paths) {
-                     std::vector<CheckedFile> files;
-                     for (const std::string& path : paths) {
-                         const bool asDisk = type == ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
-                         files.push_back(Found(asDisk ? Visibility::Visible : Visibility::NoUsableAnswer));
-                         files.back().path = path;
-                     }
-                     return files;
-                 });
+    const Diagnosis diagnosis = Diagnose(
+        host.facts, std::chrono::seconds(1),
+        [](const std::vector<FileOfClass>& toAsk) {
+            std::vector<CheckedFile> files;
+            for (const auto& [type, path] : toAsk) {
+                const bool asDisk = type == ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
+                files.push_back(Found(asDisk ? Visibility::Visible : Visibility::NoUsableAnswer));
+                files.back().path = path;
+            }
+            return files;
+        },
+        [] { return KernelDevices({}); });
     EXPECT_TRUE(diagnosis.AllVisible());
     ASSERT_EQ(diagnosis.advice.size(), 1U);
     EXPECT_NE(diagnosis.advice[0].find("modprobe sg"), std::string::npos);
@@ -303,6 +308,116 @@ TEST(Doctor, DisksThatTheLibraryNeverLooksAtAreNamed)
     EXPECT_TRUE(diagnosis.AllVisible());
     EXPECT_NE(host.Advice().find("5 device files (/dev/mmcblk0, /dev/nvme10n1, /dev/vda, /dev/vdb, /dev/xvda) are not"),
               std::string::npos);
+}
+
+/** A SCSI device of the kernel's. */
+KernelDevice ScsiDevice(std::vector<std::string> files, unsigned int scsiType, const std::string& state = "running")
+{
+    KernelDevice device;
+    device.files = std::move(files);
+    device.address = "6:0:1:0";
+    device.scsiType = scsiType;
+    device.hasDriver = true;
+    device.state = state;
+    return device;
+}
+
+TEST(Doctor, ADiskThatIsOfflineIsNotToBeRemoved)
+{
+    const std::vector<CheckedFile> failures = {Found(Visibility::CannotBeOpened, ENXIO),
+                                               Found(Visibility::NoUsableAnswer), Found(Visibility::NoAnswerInTime)};
+    for (const CheckedFile& failure : failures) {
+        ToldHost host({"sda", "sg0"});
+        host.files["/dev/sda"] = failure;
+        host.devices = {ScsiDevice({"/dev/sda", "/dev/sg0"}, 0x00, "offline")};
+        const Diagnosis diagnosis = host.Examine();
+        EXPECT_FALSE(diagnosis.AllVisible());
+        EXPECT_EQ(diagnosis.advice,
+                  std::vector<std::string>(
+                      {"1 device file (/dev/sda) is out of service: look at the kernel's messages (dmesg), at cables "
+                       "and power. When the device answers again, run as root: echo running > "
+                       "/sys/class/scsi_device/6:0:1:0/device/state"}));
+        const std::string text = RenderDiagnosis(diagnosis);
+        EXPECT_NE(text.find("  /dev/sda  NOT VISIBLE: out of service: the kernel has set it \"offline\"\n"),
+                  std::string::npos)
+            << text;
+        const nlohmann::json json =
+            nlohmann::json::parse(RenderDiagnosisJson(diagnosis, {"host", "2024-02-29T12:00:00Z"}));
+        const nlohmann::json& file = json.at("classes").at(2).at("device_files").at(0);
+        EXPECT_EQ(file.at("visibility"), "offline");
+        EXPECT_EQ(file.at("state"), "offline");
+    }
+}
+
+TEST(Doctor, ADeviceInServiceKeepsItsTroubleAndShowsItsState)
+{
+    ToldHost host({"sda"});
+    host.files["/dev/sda"] = Found(Visibility::NoAnswerInTime);
+    host.devices = {ScsiDevice({"/dev/sda"}, 0x00)};
+    const Diagnosis diagnosis = host.Examine();
+    EXPECT_EQ(diagnosis.classes[2].files[0].visibility, Visibility::NoAnswerInTime);
+    EXPECT_EQ(diagnosis.classes[2].files[0].state, "running");
+}
+
+TEST(Doctor, AnNvmeControllerOutOfServiceHasNoScsiState)
+{
+    ToldHost host({"nvme0n1"});
+    host.files["/dev/nvme0n1"] = Found(Visibility::CannotBeOpened, ENODEV);
+    KernelDevice controller;
+    controller.files = {"/dev/nvme0n1", "/dev/nvme0"};
+    controller.state = "dead";
+    host.devices = {controller};
+    EXPECT_EQ(host.Advice(), "1 device file (/dev/nvme0n1) is out of service: look at the kernel's messages (dmesg), "
+                             "at cables and power.\n");
+}
+
+TEST(Doctor, ATapeWithoutItsDriverIsNamedWithTheModuleThatHelps)
+{
+    ToldHost host({"sg0"});
+    host.devices = {ScsiDevice({"/dev/sg0"}, 0x01)};
+    host.devices.front().hasDriver = false;
+    const Diagnosis diagnosis = host.Examine();
+    EXPECT_FALSE(diagnosis.AllVisible());
+    EXPECT_EQ(diagnosis.advice,
+              std::vector<std::string>({"/dev/sg0: the tape drive at 6:0:1:0 lacks a driver: modprobe st."}));
+    const nlohmann::json json = nlohmann::json::parse(RenderDiagnosisJson(diagnosis, {"host", "2024-02-29T12:00:00Z"}));
+    EXPECT_EQ(json.at("without_file").dump(),
+              R"([{"device_file":"/dev/sg0","errno":null,"message":"the tape drive at 6:0:1:0 lacks a driver: )"
+              R"(modprobe st","reason":"no_driver"}])");
+}
+
+TEST(Doctor, AChangerNeedsNoDriverButSg)
+{
+    for (const bool hasSg : {true, false}) {
+        ToldHost host(hasSg ? std::vector<std::string>({"sg0"}) : std::vector<std::string>());
+        host.devices = {ScsiDevice(hasSg ? std::vector<std::string>({"/dev/sg0"}) : std::vector<std::string>(), 0x08)};
+        host.devices.front().hasDriver = false;
+        const Diagnosis diagnosis = host.Examine();
+        EXPECT_EQ(diagnosis.AllVisible(), hasSg);
+        EXPECT_EQ(diagnosis.withoutFile.size(), hasSg ? 0U : 1U);
+    }
+}
+
+TEST(Doctor, NvmeDisksBeyondTheNinthAreJudgedByWhatIsListed)
+{
+    ToldHost host({"nvme10n1", "nvme10", "nvme11n1", "nvme11"});
+    for (const char* const name : {"/dev/nvme10", "/dev/nvme11"}) {
+        KernelDevice& controller = host.devices.emplace_back();
+        controller.files = {std::string(name) + "n1", name};
+        controller.state = "live";
+        controller.hasDriver = true;
+    }
+    EXPECT_EQ(host.Advice(), "");
+    host.files["/dev/nvme11"] = Found(Visibility::NoUsableAnswer);
+    EXPECT_EQ(host.Examine().notLookedAt, std::vector<std::string>({"/dev/nvme11n1"}));
+}
+
+TEST(Doctor, AVirtualMachineWithVirtioDisksOnlyIsToldWhyTheListIsEmpty)
+{
+    const std::string advice = ToldHost({"vda", "vdb", "vda1"}).Advice();
+    EXPECT_NE(advice.find("This virtual machine's disks are virtio block devices, so the list is empty."),
+              std::string::npos);
+    EXPECT_EQ(advice.find("There is no device file to look at"), std::string::npos);
 }
 
 TEST(Doctor, AHostWithoutDeviceFilesIsToldSo)
@@ -424,21 +539,21 @@ TEST(Doctor, ACheckedFileComesThroughBetweenProcessesWhole)
 
 TEST(Doctor, FilesAreAskedInWorkersAndKeepTheirOrder)
 {
-    std::vector<std::string> paths;
+    std::vector<FileOfClass> toAsk;
     for (int i = 0; i < 70; ++i) {
-        paths.push_back("/nowhere/sd" + std::to_string(i));
+        toAsk.push_back({ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, "/nowhere/sd" + std::to_string(i)});
     }
     const std::vector<CheckedFile> files =
-        CheckInWorkers(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, paths, std::chrono::minutes(5), nullptr);
-    ASSERT_EQ(files.size(), paths.size());
+        CheckInWorkers(toAsk, std::chrono::minutes(5), std::chrono::steady_clock::now(), nullptr);
+    ASSERT_EQ(files.size(), toAsk.size());
     for (std::size_t i = 0; i < files.size(); ++i) {
-        EXPECT_EQ(files[i].path, paths[i]);
+        EXPECT_EQ(files[i].path, toAsk[i].path);
         EXPECT_EQ(files[i].visibility, Visibility::CannotBeOpened);
         EXPECT_EQ(files[i].openError, ENOENT);
     }
 }
 
-TEST(Doctor, ADeviceThatDoesNotAnswerCostsItsTimeAndNoMore)
+TEST(Doctor, ManyDevicesThatDoNotAnswerCostTheTimeOfOne)
 {
     // The library never gets beyond loading its module.
     char directory[] = "/tmp/doctorTest.XXXXXX";
@@ -448,13 +563,22 @@ TEST(Doctor, ADeviceThatDoesNotAnswerCostsItsTimeAndNoMore)
     ASSERT_EQ(0, chmod(modprobe.c_str(), S_IRWXU));
     const std::string path = std::getenv("PATH");
     setenv("PATH", (std::string(directory) + ":" + path).c_str(), 1);
-    const std::vector<CheckedFile> files = CheckInWorkers(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, {"/nowhere/sda"},
-                                                          std::chrono::milliseconds(100), nullptr);
+    std::vector<FileOfClass> toAsk;
+    for (int i = 0; i < 40; ++i) {
+        toAsk.push_back({ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, "/nowhere/sd" + std::to_string(i)});
+    }
+    const auto started = std::chrono::steady_clock::now();
+    const std::vector<CheckedFile> files = CheckInWorkers(toAsk, std::chrono::seconds(2), started, nullptr);
+    const Duration elapsed = std::chrono::steady_clock::now() - started;
     setenv("PATH", path.c_str(), 1);
     std::filesystem::remove_all(directory);
-    ASSERT_EQ(files.size(), 1U);
-    EXPECT_EQ(files[0].path, "/nowhere/sda");
-    EXPECT_EQ(files[0].visibility, Visibility::NoAnswerInTime);
+    EXPECT_GE(elapsed, std::chrono::seconds(2));
+    EXPECT_LT(elapsed, std::chrono::seconds(3));
+    ASSERT_EQ(files.size(), toAsk.size());
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        EXPECT_EQ(files[i].path, toAsk[i].path);
+        EXPECT_EQ(files[i].visibility, Visibility::NoAnswerInTime);
+    }
 }
 
 }  // namespace

@@ -1348,9 +1348,9 @@ class DoctorTest(PrivateDevices):
         self.assertIn("  /dev/sd\\x1b[2Jx  NOT VISIBLE: open: Permission denied (EACCES)\n", out)
         self.assertEqual(list(self.files(self.document({name: ("0600", "root")}), "disk")), ["/dev/" + name])
 
-    def test_the_time_for_each_device_is_that_of_timeout(self):
-        self.assertEqual(self.document({}, user="")["seconds_per_device"], 10)
-        self.assertEqual(self.document({}, "--timeout", "2.5", user="")["seconds_per_device"], 2.5)
+    def test_the_time_for_all_devices_is_that_of_timeout(self):
+        self.assertEqual(self.document({}, user="")["time_limit_seconds"], 10)
+        self.assertEqual(self.document({}, "--timeout", "2.5", user="")["time_limit_seconds"], 2.5)
 
     def test_modprobe_decides_about_the_generic_class(self):
         """A modprobe of our own comes first in the PATH."""

@@ -48,7 +48,7 @@ enum ExitCode : int {
     EXIT_CODE_OK = 0,       ///< The scan ran, also when nothing is attached.
     EXIT_CODE_FAILURE = 1,  ///< The scan failed or its result could not be written.
     EXIT_CODE_USAGE = 2,    ///< The command line makes no sense.
-    /** The scan ran, but there are device files that this user may not open, or classes that did not answer in time. */
+    /** The scan ran, but device files gave no record, or devices could not be asked. */
     EXIT_CODE_INCOMPLETE = 3
 };
 
@@ -194,12 +194,13 @@ int Show(const Options& options)
 int ShowDiagnosis(const Options& options)
 {
     const ReportOrigin origin = HereAndNow();
-    const Duration limit = options.timeLimit.value_or(usualTimePerDevice);
+    const auto started = std::chrono::steady_clock::now();
+    const Duration limit = options.timeLimit.value_or(usualTimeForAll);
     std::unique_ptr<Progress> progress = MakeProgress(options);
     const Diagnosis diagnosis = Diagnose(
-        LookAtHost(limit), limit, [&](ZDSystemDevice::SysDeviceType type, const std::vector<std::string>& paths) {
-            return CheckInWorkers(type, paths, limit, progress.get());
-        });
+        LookAtHost(limit), limit,
+        [&](const std::vector<FileOfClass>& files) { return CheckInWorkers(files, limit, started, progress.get()); },
+        KernelDevices::Read);
     progress.reset();
     WriteOutput(options.format == Format::Json ? RenderDiagnosisJson(diagnosis, origin)
                                                : RenderDiagnosis(diagnosis, TerminalWidth(STDOUT_FILENO)));

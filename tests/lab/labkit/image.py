@@ -40,7 +40,7 @@ class Image:
             self.add_file(GUEST_FILES / name, f"lab/{name}")
         os.symlink("lab/init", self.root / "init")
         self.add_text("etc/passwd", "root:x:0:0:root:/root:/bin/sh\nguest:x:1000:1000:guest:/tmp:/bin/sh\n")
-        self.add_text("etc/group", "root:x:0:\nguest:x:1000:\n")
+        self.add_text("etc/group", "root:x:0:\ndisk:x:6:\nguest:x:1000:\n")
         # The kernel asks for its modules through /sbin/modprobe, as the library does through the shell.
         self.add_program(self._program_of_guest("kmod"), "sbin/modprobe")
 

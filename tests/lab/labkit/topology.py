@@ -222,6 +222,13 @@ class Topology(unittest.TestCase):
         self.assertEqual(set(disks), seen)
         self.assertEqual([], [address for address in files if not address.startswith("N:")])
 
+    def assert_rows(self, step, devices, exit_status=0):
+        """The library's texts of every row, in order."""
+        rows = [{field: row[field] for field in RECORD_FIELDS}
+                for row in self.inventory(step, exit_status)["devices"]]
+        self.assertMultiLineEqual(_lines(devices), _lines(rows), f"rows in step '{step}' (-: required, +: seen)")
+        self.assertEqual(devices, rows, f"rows in step '{step}'")
+
     def device_files(self, prefix, listing="dev"):
         return [node for node in self.stdout(listing).split() if node.startswith(prefix)]
 

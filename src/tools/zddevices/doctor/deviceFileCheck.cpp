@@ -207,8 +207,9 @@ CheckedFile CheckedFileFrom(const std::vector<std::string>& texts)
     if (texts.size() < textsOfFile || (texts.size() - textsOfFile) % textsOfRequest != 0) {
         throw std::runtime_error("a process gave no checked device file");
     }
-    CheckedFile file{texts[0], texts[1], static_cast<Visibility>(std::stoi(texts[2])), std::stoi(texts[3]), {},
-                     texts[4], texts[5]};
+    CheckedFile file{
+        texts[0], texts[1], static_cast<Visibility>(std::stoi(texts[2])), std::stoi(texts[3]), {}, texts[4],
+        texts[5], {}};
     for (std::size_t i = textsOfFile; i < texts.size(); i += textsOfRequest) {
         file.requests.push_back({texts[i], texts[i + 1], std::stoi(texts[i + 2]), texts[i + 3]});
     }

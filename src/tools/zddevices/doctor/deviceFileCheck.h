@@ -35,6 +35,7 @@ enum class Visibility {
     CannotBeOpened,  ///< The file cannot be opened for another reason.
     NoUsableAnswer,  ///< The device was asked and gave nothing that the library takes for a device.
     NoAnswerInTime,  ///< Nothing came back in time.
+    Offline,         ///< The kernel has taken the device out of service.
     NotAsked         ///< A rewinding tape node without a twin that could be asked; it may be opened.
 };
 
@@ -50,6 +51,8 @@ struct CheckedFile {
     /** As the library lists them; empty where no device answered. */
     std::string vendor;
     std::string product;
+    /** The device's state in sysfs; empty where it is not known. Not the worker's to tell. */
+    std::string state = {};
 };
 
 /** The request in words. */

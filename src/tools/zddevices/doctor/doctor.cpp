@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -31,8 +32,11 @@ using ZDSystemDevice::SysDeviceType;
 
 const std::string deviceDirectory = "/dev/";
 
-/** So many devices are asked at a time: enough that a host of sick ones answers soon, few enough for small hosts. */
-constexpr std::size_t devicesAtATime = 32;
+/** So many device files are asked at a time. */
+constexpr std::size_t filesAtATime = 16;
+
+/** One that takes longer does not count among those that are being asked, so sick ones do not use up the time. */
+constexpr Duration longestPatience = std::chrono::seconds(1);
 
 bool MayLoadModules()
 {
@@ -55,15 +59,29 @@ std::vector<std::string> FilesOf(SysDeviceType type, const HostFacts& facts)
     return DeviceFileNames(names, type);
 }
 
-/** Whole disks of drivers that speak no SCSI or ATA, and NVMe disks beyond the tenth controller. */
-std::vector<std::string> NotLookedAt(const HostFacts& facts)
+/** Whether the library lists the device behind this file by another file: an NVMe disk by its controller's. */
+bool IsListedOtherwise(const std::string& path, const Diagnosis& diagnosis, const KernelDevices& kernel)
 {
+    const KernelDevice* const device = kernel.OfFile(path);
+    return device != nullptr &&
+           std::any_of(diagnosis.classes.begin(), diagnosis.classes.end(), [&](const ClassFiles& one) {
+               return std::any_of(one.files.begin(), one.files.end(), [&](const CheckedFile& file) {
+                   return file.visibility == Visibility::Visible && kernel.OfFile(file.path) == device;
+               });
+           });
+}
+
+/** Whole disks of drivers that speak no SCSI or ATA, and NVMe disks beyond those that the library knows by name. */
+std::vector<std::string> NotLookedAt(const Diagnosis& diagnosis, const KernelDevices& kernel)
+{
+    const HostFacts& facts = diagnosis.facts;
     constexpr const char* wholeDisk = "@(vd+([a-z])|xvd+([a-z])|mmcblk+([0-9])|nvme+([0-9])n+([0-9]))";
     const std::vector<std::string> lookedAt = DeviceFileNames(facts.names, std::nullopt);
     std::vector<std::string> found;
     for (const std::string& name : facts.names) {
         if (fnmatch(wholeDisk, name.c_str(), FNM_EXTMATCH) == 0 &&
-            std::find(lookedAt.begin(), lookedAt.end(), name) == lookedAt.end()) {
+            std::find(lookedAt.begin(), lookedAt.end(), name) == lookedAt.end() &&
+            !IsListedOtherwise(deviceDirectory + name, diagnosis, kernel)) {
             found.push_back(deviceDirectory + name);
         }
     }
@@ -116,18 +134,39 @@ struct FileAdvice {
     std::string rest;
 };
 
+/** How the SCSI devices among these come back into service. */
+std::string AdviseOnReturn(const std::vector<std::string>& paths, const KernelDevices& kernel)
+{
+    std::set<std::string> commands;
+    for (const std::string& path : paths) {
+        const KernelDevice* const device = kernel.OfFile(path);
+        if (device != nullptr && !device->address.empty()) {
+            commands.insert("echo running > /sys/class/scsi_device/" + device->address + "/device/state");
+        }
+    }
+    return commands.empty() ? ""
+                            : " When the device answers again, run as root: " + boost::algorithm::join(commands, "; ");
+}
+
 /** What to do about device files that were asked or left out. */
-std::vector<FileAdvice> AdviseOnFiles(const Diagnosis& diagnosis)
+std::vector<FileAdvice> AdviseOnFiles(const Diagnosis& diagnosis, const KernelDevices& kernel)
 {
     const auto pathsWhere = [&](Condition condition) { return PathsWhere(diagnosis, condition); };
+    const std::vector<std::string> offline =
+        pathsWhere([](const CheckedFile& one) { return one.visibility == Visibility::Offline; });
     return {
         {pathsWhere(WasRefusedARequest), "could", "could",
          std::string("be opened, but the kernel keeps a command that is needed there from this user; ") +
              (diagnosis.facts.userIsRoot ? "even root may not here: grant this container or service the capabilities "
                                            "CAP_SYS_ADMIN and CAP_SYS_RAWIO."
                                          : "run zddevices as root. Membership of the group is not enough for it.")},
-        {pathsWhere([](const CheckedFile& one) { return one.openError == EBUSY; }), "is", "are",
-         "in use by another program; ask again when it has ended."},
+        {offline, "is", "are",
+         "out of service: look at the kernel's messages (dmesg), at cables and power." +
+             AdviseOnReturn(offline, kernel)},
+        {pathsWhere([](const CheckedFile& one) {
+             return one.visibility == Visibility::CannotBeOpened && one.openError == EBUSY;
+         }),
+         "is", "are", "in use by another program; ask again when it has ended."},
         {pathsWhere([](const CheckedFile& one) {
              return one.visibility == Visibility::CannotBeOpened && one.openError != EBUSY;
          }),
@@ -171,7 +210,46 @@ std::string AdviseOnSg(const HostFacts& facts)
     return std::string(advice) + " Until then the generic class asks /dev/sd* instead, where only ATA disks answer.";
 }
 
-std::vector<std::string> Advise(const Diagnosis& diagnosis)
+/** What to do where there is no device file of any class. */
+std::string AdviseOnEmptiness(const Diagnosis& diagnosis)
+{
+    const bool hasVirtioDisk =
+        std::any_of(diagnosis.notLookedAt.begin(), diagnosis.notLookedAt.end(),
+                    [](const std::string& path) { return path.rfind(deviceDirectory + "vd", 0) == 0; });
+    return hasVirtioDisk ? "This virtual machine's disks are virtio block devices, so the list is empty. A disk that "
+                           "its hypervisor attaches to a virtio-scsi, SATA or NVMe controller is listed."
+                         : "There is no device file to look at. In a container, pass the host's devices through; on a "
+                           "machine, see that the drivers of its controllers are loaded (lspci -k).";
+}
+
+void TakeState(const KernelDevice* device, CheckedFile& file)
+{
+    if (device == nullptr) {
+        return;
+    }
+    file.state = device->state;
+    if (!IsSettled(file) && !IsInService(file.state)) {
+        file.visibility = Visibility::Offline;
+    }
+}
+
+/** @param asked all files that were asked, of whichever class. */
+std::vector<Missing> FindDevicesWithoutFile(const KernelDevices& kernel, const std::set<std::string>& asked,
+                                            const std::vector<std::string>& notLookedAt)
+{
+    std::vector<Missing> found;
+    for (const DeviceClass& deviceClass : deviceClasses) {
+        for (Missing& one : DevicesWithoutFile(kernel, deviceClass.type, asked)) {
+            // A file that the library does not look at has advice of its own.
+            if (std::find(notLookedAt.begin(), notLookedAt.end(), one.deviceFile) == notLookedAt.end()) {
+                found.push_back(std::move(one));
+            }
+        }
+    }
+    return found;
+}
+
+std::vector<std::string> Advise(const Diagnosis& diagnosis, const KernelDevices& kernel)
 {
     const HostFacts& facts = diagnosis.facts;
     if (facts.directoryError != 0) {
@@ -187,7 +265,7 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
     if (!denied.empty()) {
         advice.push_back(DescribeDenied(denied, facts.userIsRoot) + ".");
     }
-    for (const FileAdvice& one : AdviseOnFiles(diagnosis)) {
+    for (const FileAdvice& one : AdviseOnFiles(diagnosis, kernel)) {
         if (!one.paths.empty()) {
             advice.push_back(Sentence(one));
         }
@@ -199,12 +277,14 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
         advice.push_back(Sentence(
             {diagnosis.notLookedAt, "is", "are",
              "not among those that the library looks at (virtio, Xen and memory cards answer no SCSI or ATA command; "
-             "NVMe names end at nvme9n9); nothing can be done about that here."}));
+             "NVMe disks are looked at up to nvme9n9); nothing can be done about that here."}));
+    }
+    for (const std::string& line : DescribeMissing(diagnosis.withoutFile, facts.userIsRoot)) {
+        advice.push_back(line + ".");
     }
     if (std::all_of(diagnosis.classes.begin(), diagnosis.classes.end(),
                     [](const ClassFiles& one) { return one.files.empty(); })) {
-        advice.push_back("There is no device file to look at. In a container, pass the host's devices through; on a "
-                         "machine, see that the drivers of its controllers are loaded (lspci -k).");
+        advice.push_back(AdviseOnEmptiness(diagnosis));
     }
     return advice;
 }
@@ -213,7 +293,8 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis)
 
 bool Diagnosis::AllVisible() const
 {
-    return facts.directoryError == 0 && PathsWhere(*this, [](const CheckedFile& /*any*/) { return true; }).empty();
+    return facts.directoryError == 0 && withoutFile.empty() &&
+           PathsWhere(*this, [](const CheckedFile& /*any*/) { return true; }).empty();
 }
 
 HostFacts LookAtHost(Duration limit)
@@ -242,44 +323,61 @@ HostFacts LookAtHost(Duration limit)
     return facts;
 }
 
-std::vector<CheckedFile> CheckInWorkers(SysDeviceType type, const std::vector<std::string>& paths,
-                                        Duration limitPerDevice, Observer* observer)
+std::vector<CheckedFile> CheckInWorkers(const std::vector<FileOfClass>& files, Duration limit,
+                                        std::chrono::steady_clock::time_point started, Observer* observer)
 {
-    std::vector<CheckedFile> files;
-    for (std::size_t first = 0; first < paths.size(); first += devicesAtATime) {
-        const std::size_t end = std::min(first + devicesAtATime, paths.size());
-        std::vector<Task> tasks;
-        for (std::size_t i = first; i < end; ++i) {
-            tasks.emplace_back([type, &path = paths[i]](const Tell& tell) {
-                return TextsOf(CheckDeviceFile(type, path, tell.deviceFile));
-            });
-        }
-        std::deque<Outcome> outcomes = RunWorkers(std::move(tasks), {limitPerDevice, observer});
-        for (Outcome& outcome : outcomes) {
-            CheckedFile file;
-            file.path = paths[files.size()];
-            file.visibility = Visibility::NoAnswerInTime;
-            files.push_back(outcome.answer ? CheckedFileFrom(*outcome.answer) : file);
-        }
+    constexpr int share = 4;
+    std::vector<Task> tasks;
+    tasks.reserve(files.size());
+    for (const FileOfClass& file : files) {
+        tasks.emplace_back(
+            [&file](const Tell& tell) { return TextsOf(CheckDeviceFile(file.type, file.path, tell.deviceFile)); });
     }
-    return files;
+    const Terms terms{limit, observer, filesAtATime, std::min(longestPatience, limit / share), nullptr, started};
+    const std::deque<Outcome> outcomes = RunWorkers(std::move(tasks), terms);
+    std::vector<CheckedFile> checked;
+    for (const Outcome& outcome : outcomes) {
+        CheckedFile file;
+        file.path = files[checked.size()].path;
+        file.visibility = Visibility::NoAnswerInTime;
+        checked.push_back(outcome.answer ? CheckedFileFrom(*outcome.answer) : file);
+    }
+    return checked;
 }
 
-Diagnosis Diagnose(const HostFacts& facts, Duration limitPerDevice, const CheckDeviceFiles& checkDeviceFiles)
+Diagnosis Diagnose(const HostFacts& facts, Duration limit, const CheckDeviceFiles& checkDeviceFiles,
+                   const std::function<KernelDevices()>& readKernel)
 {
     Diagnosis diagnosis;
     diagnosis.facts = facts;
-    diagnosis.secondsPerDevice = std::chrono::duration<double>(limitPerDevice).count();
+    diagnosis.limitSeconds = std::chrono::duration<double>(limit).count();
+    std::vector<FileOfClass> files;
     for (const DeviceClass& deviceClass : deviceClasses) {
-        std::vector<std::string> paths;
         for (const std::string& name : FilesOf(deviceClass.type, facts)) {
-            paths.push_back(deviceDirectory + name);
+            files.push_back({deviceClass.type, deviceDirectory + name});
         }
-        // One class after the other: several files of one device are then not asked at the same time.
-        diagnosis.classes.push_back({deviceClass.type, checkDeviceFiles(deviceClass.type, paths)});
     }
-    diagnosis.notLookedAt = NotLookedAt(facts);
-    diagnosis.advice = Advise(diagnosis);
+    std::vector<CheckedFile> checked = checkDeviceFiles(files);
+    const KernelDevices kernel = readKernel();
+    std::set<std::string> paths;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        TakeState(kernel.OfFile(files[i].path), checked[i]);
+        paths.insert(files[i].path);
+    }
+    auto next = checked.begin();
+    for (const DeviceClass& deviceClass : deviceClasses) {
+        ClassFiles& one = diagnosis.classes.emplace_back();
+        one.type = deviceClass.type;
+        const auto count = std::count_if(files.begin(), files.end(),
+                                         [&](const FileOfClass& file) { return file.type == deviceClass.type; });
+        one.files.assign(std::make_move_iterator(next), std::make_move_iterator(next + count));
+        next += count;
+    }
+    diagnosis.notLookedAt = NotLookedAt(diagnosis, kernel);
+    if (facts.directoryError == 0) {
+        diagnosis.withoutFile = FindDevicesWithoutFile(kernel, paths, diagnosis.notLookedAt);
+    }
+    diagnosis.advice = Advise(diagnosis, kernel);
     return diagnosis;
 }
 

@@ -2,12 +2,13 @@
  * @file
  * @brief Finds out what this host lets the library see, and what could be done where that is not everything.
  *
- * Asks as a scan does: the sg driver is loaded. But no tape is rewound. Each device is asked by a worker process of its
- * own, so that one that hangs costs no more than its time.
+ * Asks as a scan does: the sg driver is loaded. But no tape is rewound. Each device file is asked by a worker process
+ * of its own, many at a time, so that one that hangs holds up no other.
  */
 #ifndef ZENDRA_ZDDEVICES_DOCTOR_H
 #define ZENDRA_ZDDEVICES_DOCTOR_H
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -15,12 +16,14 @@
 
 #include "module/osinfos/systemdevice/systemDevice.h"
 #include "tools/zddevices/doctor/deviceFileCheck.h"
+#include "tools/zddevices/scan/kernelDevices.h"
+#include "tools/zddevices/scan/missing.h"
 #include "tools/zddevices/scan/worker.h"
 
 namespace Zendra::ZDDevices {
 
-/** How long one device may take when the user does not say. */
-constexpr Duration usualTimePerDevice = std::chrono::seconds(10);
+/** How long all devices together may take when the user does not say. */
+constexpr Duration usualTimeForAll = std::chrono::seconds(10);
 
 /** What the host says before any device is asked. */
 struct HostFacts {
@@ -47,29 +50,42 @@ struct Diagnosis {
     /** Tape, generic, disk, optical. */
     std::vector<ClassFiles> classes;
     std::vector<std::string> notLookedAt;  ///< Device files of disks that the library never looks at, as paths.
-    double secondsPerDevice = 0;           ///< How long each device had, in seconds.
-    std::vector<std::string> advice;       ///< What to do, one thing each, fit for a terminal.
+    /** Devices that the kernel has and that have no file of their class. */
+    std::vector<Missing> withoutFile;
+    double limitSeconds = 0;          ///< How long all of them had, in seconds.
+    std::vector<std::string> advice;  ///< What to do, one thing each, fit for a terminal.
 
-    /** Whether no device file hides its device from this user. */
+    /** Whether no device is hidden from this user. */
     bool AllVisible() const;
 };
 
-/** Asks the device files of a class, given by their paths; the answers come in the same order. */
-using CheckDeviceFiles =
-    std::function<std::vector<CheckedFile>(ZDSystemDevice::SysDeviceType type, const std::vector<std::string>& paths)>;
+/** A device file, and the class as whose device it is asked. */
+struct FileOfClass {
+    ZDSystemDevice::SysDeviceType type;
+    std::string path;
+};
+
+/** Asks the device files; the answers come in the same order. */
+using CheckDeviceFiles = std::function<std::vector<CheckedFile>(const std::vector<FileOfClass>& files)>;
 
 /** Asks this host, and loads the sg driver. Returns shortly after `limit`. */
 HostFacts LookAtHost(Duration limit);
 
 /**
- * @brief Asks each device in a worker process, for at most so long.
+ * @brief Asks each device file in a worker process; returns shortly after the limit.
+ * @param started when the limit began to run.
  * @param observer is told which take their time; may be null.
  */
-std::vector<CheckedFile> CheckInWorkers(ZDSystemDevice::SysDeviceType type, const std::vector<std::string>& paths,
-                                        Duration limitPerDevice, Observer* observer);
+std::vector<CheckedFile> CheckInWorkers(const std::vector<FileOfClass>& files, Duration limit,
+                                        std::chrono::steady_clock::time_point started, Observer* observer);
 
-/** Decides what to ask, has it asked, and draws the conclusions. */
-Diagnosis Diagnose(const HostFacts& facts, Duration limitPerDevice, const CheckDeviceFiles& checkDeviceFiles);
+/**
+ * @brief Decides what to ask, has it asked, and draws the conclusions.
+ * @param readKernel KernelDevices::Read(), or a test's stand-in; called when all have been asked, for a device that
+ * does not answer may be taken out of service meanwhile.
+ */
+Diagnosis Diagnose(const HostFacts& facts, Duration limit, const CheckDeviceFiles& checkDeviceFiles,
+                   const std::function<KernelDevices()>& readKernel);
 
 }  // namespace Zendra::ZDDevices
 

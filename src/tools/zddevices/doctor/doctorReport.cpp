@@ -22,12 +22,13 @@ struct VisibilityWords {
     const char* verdict;
 };
 
-constexpr std::array<VisibilityWords, 6> visibilityTable = {{
+constexpr std::array<VisibilityWords, 7> visibilityTable = {{
     {Visibility::Visible, "visible", "visible"},
     {Visibility::Denied, "denied", "NOT VISIBLE: open: "},
     {Visibility::CannotBeOpened, "cannot_be_opened", "NOT VISIBLE: open: "},
     {Visibility::NoUsableAnswer, "no_usable_answer", "NOT VISIBLE: does not answer as a device that is listed"},
     {Visibility::NoAnswerInTime, "no_answer_in_time", "NOT VISIBLE: no answer within "},
+    {Visibility::Offline, "offline", "NOT VISIBLE: "},
     {Visibility::NotAsked, "not_asked", "may be opened; not asked, because that would rewind the tape"},
 }};
 
@@ -89,6 +90,7 @@ void WriteFile(JsonWriter& json, const CheckedFile& file)
     WriteError(json, "open_error", file.openError);
     WriteRecordText(json, "vendor", file.vendor);
     WriteRecordText(json, "product", file.product);
+    WriteRecordText(json, "state", file.state);
     WriteArray(json, "questions", file.requests, WriteRequest);
     json.EndObject();
 }
@@ -117,7 +119,7 @@ std::string DescribeSg(const HostFacts& facts)
                                    : "not loaded, and cannot be: \"modprobe sg\" fails";
 }
 
-std::string Verdict(const CheckedFile& file, double secondsPerDevice)
+std::string Verdict(const CheckedFile& file, double limitSeconds)
 {
     std::string verdict = WordsOf(file.visibility).verdict;
     if (file.visibility == Visibility::Visible) {
@@ -129,16 +131,18 @@ std::string Verdict(const CheckedFile& file, double secondsPerDevice)
             }
         }
     } else if (file.visibility == Visibility::NoAnswerInTime) {
-        verdict += (boost::format("%g seconds") % secondsPerDevice).str();
+        verdict += (boost::format("%g seconds") % limitSeconds).str();
+    } else if (file.visibility == Visibility::Offline) {
+        verdict += DescribeOutOfService(file.state);
     } else if (file.openError != 0) {
         verdict += DescribeError(file.openError);
     }
     return verdict;
 }
 
-std::string DescribeFile(const CheckedFile& file, double secondsPerDevice)
+std::string DescribeFile(const CheckedFile& file, double limitSeconds)
 {
-    std::string text = "  " + Printable(file.path) + "  " + Verdict(file, secondsPerDevice) + "\n";
+    std::string text = "  " + Printable(file.path) + "  " + Verdict(file, limitSeconds) + "\n";
     if (!file.askedThrough.empty()) {
         text += "      asked through " + Printable(file.askedThrough) + ", which does not rewind the tape\n";
     }
@@ -165,7 +169,7 @@ std::string DescribeClass(const ClassFiles& one, const Diagnosis& diagnosis)
     }
     text += "\n";
     for (const CheckedFile& file : one.files) {
-        text += DescribeFile(file, diagnosis.secondsPerDevice);
+        text += DescribeFile(file, diagnosis.limitSeconds);
     }
     return text;
 }
@@ -203,9 +207,10 @@ std::string RenderDiagnosisJson(const Diagnosis& diagnosis, const ReportOrigin& 
         WriteBool(json, "used", facts.sgUsed);
         json.EndObject();
         WriteError(json, "directory_error", facts.directoryError);
-        json.Key("seconds_per_device");
-        json.Double(diagnosis.secondsPerDevice);
+        json.Key("time_limit_seconds");
+        json.Double(diagnosis.limitSeconds);
         WriteArray(json, "classes", diagnosis.classes, WriteClass);
+        WriteArray(json, "without_file", diagnosis.withoutFile, WriteMissing);
         WriteArray(json, "not_looked_at", diagnosis.notLookedAt, WriteItem);
         WriteArray(json, "advice", diagnosis.advice, WriteItem);
     });

@@ -42,21 +42,6 @@ void WriteLines(JsonWriter& json, std::string_view lines)
     json.EndArray();
 }
 
-void WriteMissing(JsonWriter& json, const Missing& missing)
-{
-    json.StartObject();
-    WriteRecordText(json, "device_file", missing.deviceFile);
-    WriteText(json, "reason", WordOf(missing.reason));
-    json.Key("errno");
-    if (missing.error == 0) {
-        json.Null();
-    } else {
-        json.Int(missing.error);
-    }
-    WriteText(json, "message", missing.message);
-    json.EndObject();
-}
-
 }  // namespace
 
 std::string ToJson(const std::function<void(JsonWriter&)>& write)
@@ -134,6 +119,21 @@ std::string RenderDocument(const char* schema, const ReportOrigin& origin,
         write(json);
         json.EndObject();
     });
+}
+
+void WriteMissing(JsonWriter& json, const Missing& missing)
+{
+    json.StartObject();
+    WriteRecordText(json, "device_file", missing.deviceFile);
+    WriteText(json, "reason", WordOf(missing.reason));
+    json.Key("errno");
+    if (missing.error == 0) {
+        json.Null();
+    } else {
+        json.Int(missing.error);
+    }
+    WriteText(json, "message", missing.message);
+    json.EndObject();
 }
 
 template <typename Record>

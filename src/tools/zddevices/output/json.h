@@ -62,6 +62,9 @@ ReportOrigin HereAndNow();
 std::string RenderDocument(const char* schema, const ReportOrigin& origin,
                            const std::function<void(JsonWriter&)>& write);
 
+/** Writes what an answer lacks as an object. */
+void WriteMissing(JsonWriter& json, const Missing& missing);
+
 /** Writes the record as an object. */
 template <typename Record>
 void WriteRecord(JsonWriter& json, const Record& record);

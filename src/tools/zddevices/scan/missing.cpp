@@ -16,12 +16,6 @@ namespace {
 
 using ZDSystemDevice::SysDeviceType;
 
-/** States in which the kernel passes commands to a SCSI device or an NVMe controller. */
-bool IsInService(const std::string& state)
-{
-    return state.empty() || state == "running" || state == "live";
-}
-
 /** What a driver makes of devices of one SCSI type. */
 struct TypeDriver {
     unsigned int scsiType;
@@ -54,6 +48,17 @@ bool HasNamespace(const KernelDevice& controller)
 }
 
 }  // namespace
+
+bool IsInService(const std::string& state)
+{
+    // Of SCSI devices and of NVMe controllers; what has no state is not known to be out of service.
+    return state.empty() || state == "running" || state == "live";
+}
+
+std::string DescribeOutOfService(const std::string& state)
+{
+    return "out of service: the kernel has set it \"" + state + "\"";
+}
 
 const char* WordOf(Reason reason)
 {
@@ -91,7 +96,7 @@ Missing WhyNoRecord(const FailedFile& file, const KernelDevice* device)
         return Missing{file.path, reason, error, message, {}};
     };
     if (device != nullptr && !IsInService(device->state)) {
-        return because(Reason::Offline, "out of service: the kernel has set it \"" + device->state + "\"");
+        return because(Reason::Offline, DescribeOutOfService(device->state));
     }
     switch (error) {
     case EACCES:
@@ -141,7 +146,8 @@ std::vector<Missing> DevicesWithoutFile(const KernelDevices& kernel, std::option
         }
         const TypeDriver& driver = DriverOf(*device.scsiType);
         // Of its own class a device is missing although the generic class may list it.
-        const bool lacksDriver = !device.hasDriver && type == driver.deviceClass;
+        const bool lacksDriver =
+            !device.hasDriver && type == driver.deviceClass && driver.deviceClass != ZDSystemDevice::SYS_DEVICE_SCSI;
         if (type.value_or(driver.deviceClass) != driver.deviceClass || (isAccounted && !lacksDriver)) {
             continue;
         }

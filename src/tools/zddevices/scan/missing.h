@@ -52,6 +52,12 @@ struct Missing {
     std::string group;
 };
 
+/** Whether the kernel passes commands to a device in this state of sysfs. */
+bool IsInService(const std::string& state);
+
+/** The state of a device that is not in service, for people. */
+std::string DescribeOutOfService(const std::string& state);
+
 /** "no_answer_in_time": JSON's word, and that of the metrics. */
 const char* WordOf(Reason reason);
 
