@@ -257,7 +257,7 @@ class OneOfEach(Topology):
             (1, "Fail in get firmware version from /sys/block/sr0/device/firmware_rev."),
             (4, "Exit CDDVDProxy::GetDeviceInfo()"),
             (4, "DataProxy::StoreBusDev   vendor id: QEMU productId: QEMU DVD-ROM deviceType: CD-ROM Device "
-                "serialNum:  rev: 1.07\n host adapter: 2 target ID: 0 bus 0 lun 0 devId:   "
+                "serialNum:  rev: 1.07\\n host adapter: 2 target ID: 0 bus 0 lun 0 devId:   "
                 "otherIdentInfo: Port:2|Target:0|Bus:0|Lun:0"),
             (4, "Exit DataProxy::GetDeviceList()"),
             (4, "Entry CDDVDProxy::~CDDVDProxy()"),
