@@ -74,7 +74,9 @@ private:
     rlimit former{};
 };
 
-TEST(FindDeniedFiles, DirectoryThatCannotBeListedForAnotherReasonIsAFailure)
+class UnlistableDirectory : public testing::TestWithParam<void (*)()> {};
+
+TEST_P(UnlistableDirectory, ForAnotherReasonThanPermissionsIsAFailure)
 {
     std::exception_ptr thrown;
     // A sanitizer that meets a type for the first time needs descriptors of its own.
@@ -82,7 +84,7 @@ TEST(FindDeniedFiles, DirectoryThatCannotBeListedForAnotherReasonIsAFailure)
     {
         const NoDescriptorLeft limit;
         try {
-            FindDeniedFiles(std::nullopt);
+            GetParam()();
         } catch (...) {
             // Looked at later: a sanitizer needs descriptors of its own for that.
             thrown = std::current_exception();
@@ -100,6 +102,10 @@ TEST(FindDeniedFiles, DirectoryThatCannotBeListedForAnotherReasonIsAFailure)
     EXPECT_EQ(std::error_code(EMFILE, std::generic_category()), code);
     EXPECT_EQ("/dev cannot be listed: Too many open files", message);
 }
+
+INSTANTIATE_TEST_SUITE_P(Functions, UnlistableDirectory,
+                         testing::Values([] { FindDeniedFiles(std::nullopt); },
+                                         [] { DeviceFilesOf(ZDSystemDevice::SYS_DEVICE_SCSI); }));
 
 TEST(DeviceFileNames, NameThatTheDirectoryGaveTwiceCountsOnce)
 {

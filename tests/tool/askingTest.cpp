@@ -2,6 +2,7 @@
  * @file
  * @brief Devices that are slow, silent or deadly cost no more than their own records.
  */
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,6 +12,7 @@
 #include "simhost.h"
 #include "simhostTest.h"
 #include "toolTests.h"
+#include "tools/zddevices/scan/asking.h"
 #include "tools/zddevices/scan/questions.h"
 #include "tools/zddevices/scan/sharing.h"
 
@@ -177,6 +179,76 @@ TEST_F(Asking, SlowDevicesAreSharedAndTheOrderStays)
     options.jobs = 1;
     EXPECT_EQ(shared, DevicesOf(TakeInventory(options, nullptr)));
     EXPECT_EQ(shared.size(), 26U);
+}
+
+/** Mounts an empty directory over one of sysfs, in this thread's mount namespace, while it lives. */
+class EmptyDirectory {
+public:
+    explicit EmptyDirectory(std::filesystem::path where) : path(std::move(where))
+    {
+        EXPECT_EQ(mount("tmpfs", path.c_str(), "tmpfs", 0, nullptr), 0);
+    }
+    ~EmptyDirectory() { EXPECT_EQ(umount2(path.c_str(), MNT_DETACH), 0); }
+    EmptyDirectory(const EmptyDirectory&) = delete;
+    EmptyDirectory& operator=(const EmptyDirectory&) = delete;
+
+private:
+    std::filesystem::path path;
+};
+
+TEST_F(Asking, AnSgDriverThatModprobeDoesNotFindIsAWarning)
+{
+    SimHost::Host host = HostWithDisks(1);
+    host.modprobeStatus = 256;
+    const SimHost::MountedHost mounted(host);
+    EXPECT_TRUE(TakeInventory({}, nullptr).missing.empty());
+    std::filesystem::create_directories("/sys/module/sg");
+    const Inventory inventory = TakeInventory({}, nullptr);
+    ASSERT_EQ(inventory.missing.size(), 1U);
+    EXPECT_EQ(inventory.missing[0].reason, Reason::NoDriver);
+    EXPECT_EQ(inventory.missing[0].message.find("the sg driver is loaded, but \"modprobe sg\" fails"), 0U);
+}
+
+TEST_F(Asking, TheAdapterOfADeviceIsTheFirstDriverAboveIt)
+{
+    namespace fs = std::filesystem;
+    const EmptyDirectory classes("/sys/class");
+    for (const auto& [driver, atATime] :
+         {std::pair{"usb-storage", 1U}, {"ata_piix", 2U}, {"uas", 4U}, {"ahci", 8U}, {"mpt3sas", 16U}}) {
+        const fs::path adapter = fs::path("/sys/class/adapters") / driver;
+        const fs::path disk = adapter / "host0/target0:0:0/0:0:0:0";
+        const fs::path block = fs::path("/sys/class/block") / (std::string("disk-of-") + driver);
+        fs::create_directories(disk);
+        fs::create_directories(block);
+        // Of the disk itself, which is none of the adapter's.
+        fs::create_symlink("/drivers/sd", disk / "driver");
+        fs::create_symlink(fs::path("/drivers") / driver, adapter / "driver");
+        fs::create_symlink(disk, block / "device");
+        const HostAdapter found = HostAdapterOf("/dev/" + block.filename().string());
+        EXPECT_EQ(found.directory, adapter);
+        EXPECT_EQ(found.atATime, atATime);
+    }
+    EXPECT_EQ(HostAdapterOf("/dev/nowhere").directory, "");
+}
+
+TEST(Ask, AWorkerThatSendsSomethingElseIsAFailure)
+{
+    for (const Strings& part : {Strings(), Strings({"/dev/sda"}), Strings({"/dev/sda", "0", "x"}),
+                                Strings({"/dev/sda", "0", "99999999999"}), Strings({"/dev/sda", "0", "0", "one"})}) {
+        const Task sends = [part](const Tell& tell) {
+            tell.part(part);
+            return Strings{"0"};
+        };
+        const std::vector<AskedOutcome> outcomes =
+            Ask({{std::nullopt, sends}}, {std::chrono::seconds(600), std::chrono::steady_clock::now(), nullptr, 1});
+        EXPECT_EQ(outcomes.at(0).failure, improperAnswer) << part.size();
+        EXPECT_FALSE(outcomes.at(0).status);
+    }
+    for (const char* status : {"", "x"}) {
+        const Task sends = [status](const Tell& /*tell*/) { return Strings{status}; };
+        EXPECT_EQ(Ask({{std::nullopt, sends}}, {{}, std::chrono::steady_clock::now(), nullptr, 1}).at(0).failure,
+                  improperAnswer);
+    }
 }
 
 TEST(SharedFiles, EachIsTakenOnce)

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "toolTests.h"
+#include "tools/zddevices/output/messages.h"
 
 namespace Zendra::ZDDevices {
 namespace {
@@ -98,6 +99,22 @@ TEST(DevicesWithoutFile, AFileThatIsNotThereAndADiskThatIsNeverAskedAreNamed)
               Strings({"/dev/nvme10n1 not_asked: the library asks NVMe disks up to nvme9n9 only"}));
     EXPECT_EQ(Without(nvme, ZDSystemDevice::SYS_DEVICE_TAPE, {}), Strings());
     EXPECT_EQ(Without(nvme, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, {"/dev/nvme10n1"}), Strings());
+}
+
+TEST(DescribeMissing, NamesTenAndCountsTheRest)
+{
+    std::vector<Missing> missing;
+    for (int i = 0; i < 13; ++i) {
+        missing.push_back({"/dev/sd" + std::to_string(i), Reason::Busy, EBUSY, "in use", {}});
+        missing.push_back({"/dev/sg" + std::to_string(i), Reason::Denied, EACCES, "denied", "disk"});
+    }
+    const Strings lines = DescribeMissing(missing, false);
+    ASSERT_EQ(lines.size(), 12U);
+    EXPECT_EQ(lines[0], "/dev/sd0: in use");
+    EXPECT_EQ(lines[10], "3 more gave no answer; --format json names them all");
+    EXPECT_EQ(lines[11].substr(0, 59), "13 device files could not be opened for lack of privilege (");
+    EXPECT_NE(lines[11].find("/dev/sg9, ...); run zddevices as root, or join the group disk"), std::string::npos);
+    EXPECT_EQ(DescribeMissing({{{}, Reason::NoDriver, 0, "no \x1b", {}}}, true), Strings({"no \\x1b"}));
 }
 
 TEST(Reasons, HaveTheirWords)

@@ -115,6 +115,18 @@ TEST(CommandLine, FiltersAndOrderNameColumnsOfTheSubcommand)
     EXPECT_EQ(Good({"--as-library"}).sortedBy, "");
 }
 
+TEST(CommandLine, JobsAreANumberFrom1To1000)
+{
+    EXPECT_EQ(Good({}).jobs, 16U);
+    EXPECT_EQ(Good({"--jobs", "1"}).jobs, 1U);
+    EXPECT_EQ(Good({"--jobs=1000"}).jobs, 1000U);
+    for (const char* text : {"0", "1001", "4x", "+4"}) {
+        EXPECT_NE(RefusalOf("--jobs=" + std::string(text)).find("is no number from 1 to 1000"), std::string::npos)
+            << text;
+    }
+    EXPECT_EQ(RefusalOf("--as-library --jobs 4"), "--jobs makes no sense with --as-library");
+}
+
 TEST(CommandLine, AnUnknownColumnNamesThoseOfTheSubcommand)
 {
     EXPECT_EQ(

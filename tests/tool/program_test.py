@@ -543,6 +543,13 @@ class DiffTest(Case):
         self.assertEqual((code, err), (1, ""))
         self.assertEqual([line.split()[:2] for line in out.splitlines()],
                          [["HOST", "CHANGE"], ["birch", "added"], ["Host", "alder:"]])
+        code, out, err = self.diff(fleet(alder=self.inventory(self.device("A", 0))), fleet(birch=self.inventory()),
+                                   "-f", "json")
+        document = json.loads(out)
+        validate(document, "zddevices-diff/1")
+        self.assertEqual((code, err), (1, ""))
+        self.assertEqual(document["hosts"], [{"host": "alder", "change": "removed", "devices": 1},
+                                             {"host": "birch", "change": "added", "devices": 0}])
         self.assertEqual(self.diff(fleet(), self.inventory()), (
             2, "", "zddevices: one of the files is the inventory of a host, the other that of a fleet\n"))
 
