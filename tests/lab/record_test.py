@@ -26,13 +26,13 @@ SKIPPED = 77
 
 # The calls of a recording, in its order, and how zddevices is asked for the same.
 CALLS = {
-    "all": "zddevices --format json",
-    "individual 0": "zddevices --type tape --format json",
-    "individual 1": "zddevices --type scsi --format json",
-    "individual 2": "zddevices --type disk --format json",
-    "individual 3": "zddevices --type optical --format json",
-    "optical": "zddevices optical --format json",
-    "firmware": "zddevices firmware --format json",
+    "all": "zddevices --as-library --format json",
+    "individual 0": "zddevices --type tape --as-library --format json",
+    "individual 1": "zddevices --type scsi --as-library --format json",
+    "individual 2": "zddevices --type disk --as-library --format json",
+    "individual 3": "zddevices --type optical --as-library --format json",
+    "optical": "zddevices optical --as-library --format json",
+    "firmware": "zddevices firmware --as-library --format json",
 }
 
 # In C++ the names end with an underscore, in JSON they do not.

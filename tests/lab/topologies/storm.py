@@ -95,7 +95,7 @@ class Storm(Topology):
             cat /tmp/complaints >&2
             exit "$status"
         """,
-        "merged": "zddevices --format json",
+        "merged": "zddevices --as-library --format json",
         "kernel": "dmesg",
     }
 
