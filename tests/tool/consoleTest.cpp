@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <system_error>
 
 #include "toolTests.h"
@@ -52,6 +54,18 @@ TEST(WriteOutput, TakesAnInterruptedCloseForDone)
     const std::error_code failure = FailureOfWriting();
     closeError = 0;
     EXPECT_EQ(failure, std::error_code());
+}
+
+TEST(WriteUntil, ToWhereNothingCanBeWrittenIsOver)
+{
+    int ends[2] = {};
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(WriteUntil(ends[1], "text", std::chrono::steady_clock::now()), 4U);
+    close(ends[0]);
+    auto* const before = std::signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(WriteUntil(ends[1], "text", std::chrono::steady_clock::now() + std::chrono::seconds(600)), 4U);
+    std::signal(SIGPIPE, before);
+    close(ends[1]);
 }
 
 }  // namespace

@@ -147,7 +147,7 @@ std::string TapeNodeToAsk(const std::string& path, const std::function<dev_t(con
 }
 
 CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path,
-                            const std::function<void(const std::string& path)>& noteDeviceFile)
+                            const std::function<void(const std::string& path)>& tell)
 {
     CheckedFile file;
     file.path = path;
@@ -164,8 +164,8 @@ CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::strin
     file.askedThrough = asked == path ? "" : asked;
     const DeviceFileAnswer answer =
         AskDeviceFile(type, asked,
-                      {[&noteDeviceFile](const std::string& deviceFile) {
-                           noteDeviceFile(deviceFile);
+                      {[&tell](const std::string& deviceFile) {
+                           tell(deviceFile);
                            return true;
                        },
                        [&file](const DeviceRequest& request) {

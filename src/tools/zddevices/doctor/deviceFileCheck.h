@@ -70,7 +70,7 @@ std::string TapeNodeToAsk(const std::string& path, const std::function<dev_t(con
 
 /** Asks the file; blocks for as long as the device does. */
 CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path,
-                            const std::function<void(const std::string& path)>& noteDeviceFile);
+                            const std::function<void(const std::string& path)>& tell);
 
 /** The texts by which a checked file passes from one process to another. */
 std::vector<std::string> TextsOf(const CheckedFile& file);

@@ -66,19 +66,12 @@ std::size_t WriteUntil(int descriptor, std::string_view text, std::chrono::stead
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
         pollfd one{descriptor, POLLOUT, 0};
         const int wait = static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
-        const int ready = poll(&one, 1, wait);
-        if (ready == 0) {
+        if (TEMP_FAILURE_RETRY(poll(&one, 1, wait)) <= 0) {
             break;
-        }
-        if (ready < 0) {
-            continue;
         }
         // A pipe that is ready takes so many bytes without delay.
         const std::size_t size = std::min<std::size_t>(text.size() - written, PIPE_BUF);
-        const ssize_t count = write(descriptor, text.data() + written, size);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t count = TEMP_FAILURE_RETRY(write(descriptor, text.data() + written, size));
         if (count < 0) {
             return text.size();
         }
