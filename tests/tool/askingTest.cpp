@@ -233,8 +233,9 @@ TEST_F(Asking, TheAdapterOfADeviceIsTheFirstDriverAboveIt)
 
 TEST(Ask, AWorkerThatSendsSomethingElseIsAFailure)
 {
-    for (const Strings& part : {Strings(), Strings({"/dev/sda"}), Strings({"/dev/sda", "0", "x"}),
-                                Strings({"/dev/sda", "0", "99999999999"}), Strings({"/dev/sda", "0", "0", "one"}), Strings(6, "0")}) {
+    for (const Strings& part :
+         {Strings(), Strings({"/dev/sda"}), Strings({"/dev/sda", "0", "x"}), Strings({"/dev/sda", "0", "99999999999"}),
+          Strings({"/dev/sda", "0", "0", "one"}), Strings(6, "0")}) {
         const Task sends = [part](const Tell& tell) {
             tell.part(part);
             return Strings{"0"};
