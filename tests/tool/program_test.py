@@ -1093,6 +1093,15 @@ class TimeoutTest(Case):
                 code, _, _ = self.end_in_time(1, *arguments)
                 self.assertEqual(code, 3)
 
+    def test_no_modprobe_of_the_current_directory_is_run(self):
+        modprobe = os.path.join(self.directory, "modprobe")
+        with open(modprobe, "w", encoding="ascii") as file:
+            file.write("#!/bin/sh\n: >was-run\n")
+        os.chmod(modprobe, 0o755)
+        with unittest.mock.patch.dict(os.environ, PATH=""):
+            self.run_program("-t", "scsi", cwd=self.directory)
+        self.assertFalse(os.path.exists(os.path.join(self.directory, "was-run")))
+
     def test_what_children_print_is_not_the_answer(self):
         code, out, err = self.run_classes({**NOTHING, "print": "printed"}, NOTHING, NOTHING,
                                           {**NOTHING, "say": "said\n"})

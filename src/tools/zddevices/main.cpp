@@ -86,7 +86,8 @@ void PrepareEnvironment()
 {
     // modprobe is run by a shell.
     const char* const path = std::getenv("PATH");
-    const std::string directories = path == nullptr ? "/usr/bin:/bin" : path;
+    // An empty one would stand for the current directory, which may be anybody's.
+    const std::string directories = path == nullptr || *path == '\0' ? "/usr/bin:/bin" : path;
     setenv("PATH", (directories + ":/usr/sbin:/sbin").c_str(), 1);
     // Where it is ignored, the end of modprobe cannot be waited for.
     static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
