@@ -98,6 +98,11 @@ TEST(Sorting, UsualOrderIsByDeviceWhereThereIsOne)
     disks[3].device = "nvme0n1";
     SortBy(disks, "");
     EXPECT_EQ(TableOf(disks, {"DEVICE"}).rows, (std::vector<Texts>{{"nvme0n1"}, {"sdb"}, {"sdaa"}, {"-"}}));
+    std::vector<DiskFirmware> firmware(2);
+    firmware[0].device = "sdaa";
+    firmware[1].device = "sdb";
+    SortBy(firmware, "");
+    EXPECT_EQ(firmware[0].device, "sdb");
     EXPECT_EQ(SortedSerials({Device("b", "2"), Device("a", "1")}, ""), Texts({"b", "a"}));
 }
 

@@ -158,13 +158,20 @@ class OneOfEach(Topology):
         }], document["drives"])
 
     def test_firmware_leaves_out_the_disk_whose_product_holds_raid(self):
-        # In the order of the disk scan; an ATA disk is known by the first word of its model.
-        disks = self.in_directory_order("sd", {
-            (1, 0, 0, 0): identity_record("SEAVIEW", "AB12CD34", ATA_DISK["serial_number"], "SEAVIEW ST4000X"),
-            (6, 0, 0, 0): identity_record("HX 900", "0102", "HX-00017"), (6, 0, 3, 0): None})
+        # By device; an ATA disk is known by the first word of its model.
         flash = self.flash_record(ZEROS)
-        self.assert_firmware("firmware", [disk for disk in disks if disk] + [
-            identity_record(flash["product"].strip(), flash["firmware_revision"], flash["serial_number"])])
+        expected = {
+            "nvme0n1": identity_record(flash["product"].strip(), flash["firmware_revision"], flash["serial_number"]),
+            self.file_at("1:0:0:0"): identity_record("SEAVIEW", "AB12CD34", ATA_DISK["serial_number"],
+                                                     "SEAVIEW ST4000X"),
+            self.file_at("6:0:0:0"): identity_record("HX 900", "0102", "HX-00017")}
+        self.assert_firmware("firmware", [expected[device] for device in sorted(expected)])
+
+    def file_at(self, address):
+        """The disk's file of an address."""
+        file, = (file for file, where in (line.split() for line in self.stdout("addresses").splitlines())
+                 if where == address and file.startswith("sd"))
+        return file
 
     def test_scans_are_silent_without_a_log_level(self):
         for step in ("merged", "tape", "scsi", "disk", "optical", "table"):

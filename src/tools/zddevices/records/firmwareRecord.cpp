@@ -49,7 +49,7 @@ template <>
 const RecordKind<Identity>& KindOf<Identity>()
 {
     static const RecordKind<Identity> kind = {
-        "zddevices-firmware/1", "identities", {std::begin(fields), std::end(fields)}};
+        "zddevices-firmware/1", "identities", {std::begin(fields), std::end(fields)}, "DEVICE"};
     return kind;
 }
 
