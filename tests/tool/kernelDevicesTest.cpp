@@ -13,10 +13,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "simhost.h"
 #include "simhostTest.h"
 #include "toolTests.h"
+#include "tools/zddevices/scan/missing.h"
 
 namespace Zendra::ZDDevices {
 namespace {
@@ -136,6 +138,23 @@ TEST_F(KernelDevicesTest, OneDiskHasAllThatTheKernelTiesToIt)
     EXPECT_EQ(devices.OfFile("/dev/sg1"), &found);
     EXPECT_EQ(devices.OfFile("/dev/sda1"), nullptr);
     EXPECT_EQ(devices.OfFile("/dev/sg2"), nullptr);
+}
+
+TEST_F(KernelDevicesTest, AnAddressMayHaveNoUnitConnected)
+{
+    const fs::path target = Host("pci0", "0", "x") / "target0:0:0";
+    const std::map<std::string, std::string> inquiries = {
+        {"0:0:0:0", std::string("\0\0\6", 3)}, {"0:0:0:1", "\x20"}, {"0:0:0:2", "\x7F"}, {"0:0:0:3", "\5"}};
+    for (const auto& [address, inquiry] : inquiries) {
+        Write(Unit(target, address, "0", {"scsi_generic/sg" + address}) / "inquiry", inquiry);
+    }
+    Unit(target, "0:0:0:4", "0", {"scsi_generic/sg4"});
+    const KernelDevices devices = KernelDevices::Read();
+    for (const auto& [address, isConnected] : std::map<std::string, bool>{
+             {"0:0:0:0", true}, {"0:0:0:1", false}, {"0:0:0:2", false}, {"0:0:0:3", true}, {"0:0:0:4", true}}) {
+        ASSERT_NE(devices.OfAddress(address), nullptr);
+        EXPECT_EQ(devices.OfAddress(address)->isConnected, isConnected) << address;
+    }
 }
 
 TEST_F(KernelDevicesTest, TheFileThatAPersonUsesIsTheFirst)
@@ -317,9 +336,15 @@ TEST_F(KernelDevicesTest, AFileIsTheDevicesWhoseNumberItHasWhateverItsName)
     };
     const KernelDevices devices = KernelDevices::Read();
     ASSERT_EQ(devices.All().size(), 2U);
-    EXPECT_EQ(devices.OfFile(node("sdb", S_IFBLK, 8)), devices.OfAddress("0:0:0:0"));
-    EXPECT_EQ(devices.OfFile(node("tape", S_IFCHR, 9)), devices.OfAddress("0:0:0:1"));
+    const std::string blockFile = node("sdb", S_IFBLK, 8);
+    const std::string tapeFile = node("tape", S_IFCHR, 9);
+    EXPECT_EQ(devices.OfFile(blockFile), devices.OfAddress("0:0:0:0"));
+    EXPECT_EQ(devices.OfFile(tapeFile), devices.OfAddress("0:0:0:1"));
     EXPECT_EQ(devices.OfFile(node("sdc", S_IFCHR, 8)), nullptr);
+    EXPECT_TRUE(DevicesWithoutFile(devices, std::nullopt, {blockFile, tapeFile}).empty());
+    const std::vector<Missing> missing = DevicesWithoutFile(devices, std::nullopt, {tapeFile});
+    ASSERT_EQ(missing.size(), 1U);
+    EXPECT_EQ(missing.front().deviceFile, "/dev/sda");
     fs::remove_all(directory);
 }
 

@@ -38,10 +38,12 @@ TEST(WhyNoRecord, NamesTheReasonOfEachError)
         const Missing missing = WhyNoRecord({"/dev/nowhere", openError, error}, nullptr);
         EXPECT_EQ(missing.reason, reason) << openError << " " << error;
         EXPECT_EQ(missing.deviceFile, "/dev/nowhere");
-        EXPECT_EQ(missing.error, openError != 0 && reason == Reason::Denied ? EACCES : openError + error);
+        EXPECT_EQ(missing.error, openError + error);
         EXPECT_FALSE(missing.message.empty());
     }
     EXPECT_EQ(WhyNoRecord({"/dev/sda", 0, EIO}, nullptr).message, "gives no answer: Input/output error (EIO)");
+    EXPECT_EQ(WhyNoRecord({"/dev/sda", EPERM, 0}, nullptr).message,
+              "this container or service has no access to the device");
 }
 
 TEST(WhyNoRecord, AStateThatPassesNoCommandsExplainsAnyError)
@@ -78,7 +80,11 @@ TEST(DevicesWithoutFile, EachTypeHasItsDriver)
 {
     const std::vector<std::pair<unsigned int, const char*>> drivers = {
         {0x00, "the disk at 2:0:1:0 lacks a driver: modprobe sd_mod"},
+        {0x04, "the write-once drive at 2:0:1:0 lacks a driver: modprobe sr_mod"},
         {0x05, "the optical drive at 2:0:1:0 lacks a driver: modprobe sr_mod"},
+        {0x07, "the optical disk at 2:0:1:0 lacks a driver: modprobe sd_mod"},
+        {0x0E, "the disk at 2:0:1:0 lacks a driver: modprobe sd_mod"},
+        {0x14, "the zoned disk at 2:0:1:0 lacks a driver: modprobe sd_mod"},
         {0x08, "the medium changer at 2:0:1:0 lacks a driver: modprobe sg"},
         {0x0D, "the enclosure at 2:0:1:0 lacks a driver: modprobe sg"},
         {0x03, "the SCSI device at 2:0:1:0 lacks a driver: modprobe sg"}};
@@ -93,12 +99,41 @@ TEST(DevicesWithoutFile, AFileThatIsNotThereAndADiskThatIsNeverAskedAreNamed)
     EXPECT_EQ(Without({Device({"/dev/sda", "/dev/sg0"}, 0)}, std::nullopt, {}),
               Strings({"/dev/sda not_asked: the kernel has this disk at 2:0:1:0, /dev has no such file"}));
     EXPECT_EQ(Without({Device({"/dev/sda", "/dev/sg0"}, 0)}, std::nullopt, {"/dev/sg0"}), Strings());
-    const std::vector<KernelDevice> nvme = {Device({"/dev/nvme10n1", "/dev/nvme10"}, std::nullopt),
-                                            Device({"/dev/nvme1"}, std::nullopt)};
+    const std::vector<KernelDevice> nvme = {
+        Device({"/dev/nvme10n1", "/dev/nvme10"}, std::nullopt), Device({"/dev/nvme1"}, std::nullopt),
+        Device({"/dev/nvme2n1", "/dev/nvme2"}, std::nullopt), Device({"/dev/nvme3n10", "/dev/nvme3"}, std::nullopt)};
     EXPECT_EQ(Without(nvme, std::nullopt, {}),
-              Strings({"/dev/nvme10n1 not_asked: the library asks NVMe disks up to nvme9n9 only"}));
+              Strings({"/dev/nvme10 not_asked: the kernel has this NVMe disk, /dev has no such file",
+                       "/dev/nvme2n1 not_asked: the kernel has this NVMe disk, /dev has no such file",
+                       "/dev/nvme3n10 not_asked: the library asks no NVMe disk of this name"}));
     EXPECT_EQ(Without(nvme, ZDSystemDevice::SYS_DEVICE_TAPE, {}), Strings());
-    EXPECT_EQ(Without(nvme, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, {"/dev/nvme10n1"}), Strings());
+    EXPECT_EQ(
+        Without(nvme, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, {"/dev/nvme10n1", "/dev/nvme2n1", "/dev/nvme3n10"}),
+        Strings());
+}
+
+TEST(DevicesWithoutFile, AnNvmeControllerOutOfServiceHasLostItsDisks)
+{
+    KernelDevice controller = Device({"/dev/nvme1"}, std::nullopt);
+    controller.state = "live";
+    EXPECT_EQ(Without({controller}, std::nullopt, {}), Strings());
+    controller.state = "dead";
+    EXPECT_EQ(Without({controller}, std::nullopt, {}),
+              Strings({"/dev/nvme1 offline: out of service: the kernel has set it \"dead\""}));
+    EXPECT_EQ(Without({controller}, ZDSystemDevice::SYS_DEVICE_SCSI, {}), Strings());
+}
+
+TEST(DevicesWithoutFile, AnAddressAtWhichNoUnitIsConnectedLacksNothing)
+{
+    KernelDevice device = Device({"/dev/sg3"}, 0, false);
+    EXPECT_EQ(Without({device}, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, {}).size(), 1U);
+    device.isConnected = false;
+    EXPECT_EQ(Without({device}, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, {}), Strings());
+}
+
+TEST(DevicesWithoutFile, WhereTheDirectoryMayNotBeListedNobodyKnowsWhichFilesAreThere)
+{
+    EXPECT_EQ(Without({Device({"/dev/sda", "/dev/sg0"}, 0)}, std::nullopt, {"/dev"}), Strings());
 }
 
 TEST(DescribeMissing, NamesTenAndCountsTheRest)

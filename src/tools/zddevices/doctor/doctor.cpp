@@ -277,7 +277,8 @@ std::vector<std::string> Advise(const Diagnosis& diagnosis, const KernelDevices&
         advice.push_back(Sentence(
             {diagnosis.notLookedAt, "is", "are",
              "not among those that the library looks at (virtio, Xen and memory cards answer no SCSI or ATA command; "
-             "NVMe disks are looked at up to nvme9n9); nothing can be done about that here."}));
+             "of NVMe disks it asks nvme0n1 to nvme9n9, and others by their controllers); nothing can be done about "
+             "that here."}));
     }
     for (const std::string& line : DescribeMissing(diagnosis.withoutFile, facts.userIsRoot)) {
         advice.push_back(line + ".");

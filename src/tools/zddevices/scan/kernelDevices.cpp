@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <new>
@@ -211,6 +212,14 @@ std::map<std::string, std::string> Slots(udev* context)
     return slots;
 }
 
+bool IsConnected(const fs::path& scsiDevice)
+{
+    constexpr unsigned int qualifierShift = 5;
+    std::ifstream inquiry(scsiDevice / "inquiry", std::ios::binary);
+    const int first = inquiry.get();
+    return first == std::ifstream::traits_type::eof() || static_cast<unsigned int>(first) >> qualifierShift == 0;
+}
+
 std::optional<KernelDevice> ScsiDevice(udev_device& device, const std::map<std::string, std::string>& slots)
 {
     const char* const kind = udev_device_get_devtype(&device);
@@ -230,6 +239,7 @@ std::optional<KernelDevice> ScsiDevice(udev_device& device, const std::map<std::
     }
     found.address = udev_device_get_sysname(&device);
     found.scsiType = NumberIn<unsigned int>(Attribute(device, "type"));
+    found.isConnected = IsConnected(directory);
     found.hasDriver = udev_device_get_driver(&device) != nullptr;
     found.transport = Transport(device, *host);
     found.wwn = Wwn(Attribute(device, "wwid"));

@@ -35,6 +35,11 @@ struct KernelDevice {
     std::string address;
     /** SPC peripheral device type (INQUIRY byte 0, bits 0 to 4); none for NVMe. */
     std::optional<unsigned int> scsiType;
+    /**
+     * Whether a unit is connected there (INQUIRY byte 0, bits 5 to 7 are 0). A disk array answers at addresses without
+     * one, too; no driver takes these.
+     */
+    bool isConnected = true;
     /** Whether a driver for its type has it (sd, sr, st, ch, ses). Always for NVMe. */
     bool hasDriver = false;
     /** Of a disk or an optical medium; of an NVMe controller that of all its namespaces together. */

@@ -23,10 +23,14 @@ struct TypeDriver {
     const char* module;
     SysDeviceType deviceClass;
 };
-constexpr std::array<TypeDriver, 5> typeDrivers = {{
+constexpr std::array<TypeDriver, 9> typeDrivers = {{
     {0x00, "disk", "sd_mod", ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE},
     {0x01, "tape drive", "st", ZDSystemDevice::SYS_DEVICE_TAPE},
+    {0x04, "write-once drive", "sr_mod", ZDSystemDevice::SYS_DEVICE_CDDVD},
     {0x05, "optical drive", "sr_mod", ZDSystemDevice::SYS_DEVICE_CDDVD},
+    {0x07, "optical disk", "sd_mod", ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE},
+    {0x0E, "disk", "sd_mod", ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE},
+    {0x14, "zoned disk", "sd_mod", ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE},
     // These two have files that no class looks at; their sg node is what counts.
     {0x08, "medium changer", "sg", ZDSystemDevice::SYS_DEVICE_SCSI},
     {0x0D, "enclosure", "sg", ZDSystemDevice::SYS_DEVICE_SCSI},
@@ -40,12 +44,57 @@ const TypeDriver& DriverOf(unsigned int scsiType)
     return found == typeDrivers.end() ? otherType : *found;
 }
 
-/** Whether a namespace makes a disk of a controller, whose own node is a class's only up to nvme9. */
-bool HasNamespace(const KernelDevice& controller)
+/** Why a controller gave no record; none where it has no disk and is in order. */
+std::optional<Missing> WhyNoNvmeRecord(const KernelDevice& controller)
 {
-    return !controller.files.empty() &&
-           controller.files.front().find('n', std::string("/dev/n").size()) != std::string::npos;
+    // The first file is a namespace's where there is one, else the controller's own.
+    const std::string& first = controller.files.front();
+    if (first.find('n', std::string("/dev/n").size()) == std::string::npos) {
+        if (IsInService(controller.state)) {
+            return std::nullopt;
+        }
+        return Missing{first, Reason::Offline, 0, DescribeOutOfService(controller.state), {}};
+    }
+    const auto asked = std::find_if(controller.files.begin(), controller.files.end(), [](const std::string& file) {
+        return ZDSystemDevice::IsDeviceFileName(ZDSystemDevice::DevicePrefix::nvmeDisk,
+                                                file.substr(std::string("/dev/").size()));
+    });
+    if (asked == controller.files.end()) {
+        return Missing{first, Reason::NotAsked, 0, "the library asks no NVMe disk of this name", {}};
+    }
+    return Missing{*asked, Reason::NotAsked, 0, "the kernel has this NVMe disk, /dev has no such file", {}};
 }
+
+/** Knows which devices have one of these files, by its name or, where a container has given it another, by its number.
+ */
+class Accounted {
+public:
+    Accounted(const KernelDevices& ofKernel, const std::set<std::string>& files) : kernel(ofKernel), paths(files) {}
+
+    bool Has(const KernelDevice& device)
+    {
+        return std::any_of(device.files.begin(), device.files.end(),
+                           [this](const std::string& file) { return paths.count(file) > 0; }) ||
+               ByNumber().count(&device) > 0;
+    }
+
+private:
+    const std::set<const KernelDevice*>& ByNumber()
+    {
+        if (!byNumber) {
+            byNumber.emplace();
+            for (const std::string& path : paths) {
+                byNumber->insert(kernel.OfFile(path));
+            }
+        }
+        return *byNumber;
+    }
+
+    const KernelDevices& kernel;
+    const std::set<std::string>& paths;
+    /** Looked for when the names leave a device out, which on most hosts they do not. */
+    std::optional<std::set<const KernelDevice*>> byNumber;
+};
 
 }  // namespace
 
@@ -101,6 +150,10 @@ Missing WhyNoRecord(const FailedFile& file, const KernelDevice* device)
     switch (error) {
     case EACCES:
     case EPERM:
+        if (file.openError == EPERM) {
+            // Not the file's permissions: the device cgroup answers so.
+            return because(Reason::Denied, "this container or service has no access to the device");
+        }
         if (file.openError != 0) {
             return WhyDenied(DeniedFileAt(file.path));
         }
@@ -132,15 +185,23 @@ std::vector<Missing> DevicesWithoutFile(const KernelDevices& kernel, std::option
                                         const std::set<std::string>& accounted)
 {
     std::vector<Missing> missing;
+    // Where /dev may not be listed, nobody knows which files are there.
+    if (accounted.count("/dev") > 0) {
+        return missing;
+    }
+    Accounted known(kernel, accounted);
     for (const KernelDevice& device : kernel.All()) {
+        if (!device.isConnected) {
+            continue;
+        }
         const std::string file = device.files.empty() ? "" : device.files.front();
-        const bool isAccounted = std::any_of(device.files.begin(), device.files.end(),
-                                             [&](const std::string& one) { return accounted.count(one) > 0; });
+        const bool isAccounted = known.Has(device);
         if (!device.scsiType) {
             const bool isAsked =
                 type.value_or(ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE) == ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
-            if (isAsked && !isAccounted && HasNamespace(device)) {
-                missing.push_back({file, Reason::NotAsked, 0, "the library asks NVMe disks up to nvme9n9 only", {}});
+            std::optional<Missing> why = isAsked && !isAccounted ? WhyNoNvmeRecord(device) : std::nullopt;
+            if (why) {
+                missing.push_back(std::move(*why));
             }
             continue;
         }

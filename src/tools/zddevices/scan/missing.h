@@ -78,7 +78,7 @@ Missing WhyDenied(const DeniedFile& file);
 /**
  * @brief The devices that the kernel has and nobody could ask, for want of a device file or of a driver.
  * @param type the class that was asked for; all when absent.
- * @param accounted the device files that gave a record or are known to be missing.
+ * @param accounted the device files that gave a record or are known to be missing; "/dev" where it may not be listed.
  */
 std::vector<Missing> DevicesWithoutFile(const KernelDevices& kernel, std::optional<ZDSystemDevice::SysDeviceType> type,
                                         const std::set<std::string>& accounted);
