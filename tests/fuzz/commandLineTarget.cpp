@@ -11,6 +11,7 @@
 // Then the command line. The functions other than the first get the words between single blanks: path, arg0 (where
 // there is one), parameters; those that hold a '=' as environment besides.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 

@@ -24,6 +24,7 @@
 // INQUIRY, serial page, ATA and NVMe may be given several times: answers in sequence, the last one again and again.
 // Numbers have their low byte first.
 
+#include <algorithm>
 #include <cctype>
 #include <map>
 #include <set>

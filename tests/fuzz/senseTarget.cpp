@@ -6,6 +6,7 @@
 //   1 n and n bytes of sense data, 1 n and n bytes of data.
 // Behind the end of the input SG_IO answers with zeros. Numbers have their low byte first.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <memory>

@@ -2,6 +2,7 @@
 
 #include <fnmatch.h>
 
+#include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
 
 namespace Zendra::ZDDevices {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
 #include <cstring>
 
