@@ -101,6 +101,23 @@ TEST(RowsOfDevices, TheFirstRecordThatHasATextGivesIt)
               Strings({"ACME | GENERIC | enclosure | S1 | F1 | WHOLE MODEL OF MORE THAN 16 CHARACTERS | REVISION"}));
 }
 
+TEST(RowsOfDevices, ARecordWithADeviceTypeIsBetterThanOneWithout)
+{
+    const KernelDevices kernel({Disk({"/dev/sda"}, "1:0:0:0")});
+    StorageDevice generic = Record("/dev/sda", "TWO");
+    generic.vendor = "MODEL";
+    generic.device_type = "";
+    generic.serial_number = "S1";
+    generic.model = "MODEL TWO";
+    StorageDevice disk = Record("/dev/sda", "MODEL");
+    disk.vendor = "ATA";
+    disk.device_type = "Direct Access Device";
+    const Strings expected = {"sda | ATA | MODEL | disk | S1 | MODEL TWO"};
+    const Strings columns = {"DEVICE", "VENDOR", "PRODUCT", "TYPE", "SERIAL", "MODEL"};
+    EXPECT_EQ(Cells(RowsOfDevices({generic, disk}, kernel), columns), expected);
+    EXPECT_EQ(Cells(RowsOfDevices({disk, generic}, kernel), columns), expected);
+}
+
 TEST(RowsOfDevices, TheKernelsFieldsAreFilledIn)
 {
     KernelDevice disk = Disk({"/dev/sda"}, "1:0:0:0");

@@ -33,6 +33,7 @@ class NoSg(Topology):
         "trace": "zddevices --type scsi --format json --log-level 4",
         "failures": "zddevices --type scsi --format json --log-level 1",
         "doctor": "zddevices doctor --format json",
+        "rows": "zddevices --format json",
     }
 
     @classmethod
@@ -71,6 +72,13 @@ class NoSg(Topology):
     def test_the_module_is_not_there(self):
         self.assertNotEqual(0, self.results["modprobe"].status)
         self.assertEqual([], self.device_files("sg"))
+
+    def test_a_row_of_an_ata_disk_has_the_texts_of_the_disk_class(self):
+        rows = {row["device"]: row for row in self.inventory("rows")["devices"]}
+        for address, file in self.disks():
+            if address in ("1:0:0:0", "4:0:0:0"):
+                self.assertEqual(("ATA", DISK), (rows[file]["vendor"], rows[file]["device_type"]))
+                self.assertEqual("SEAVIEW ST4000X" if address == "1:0:0:0" else "MONOLITH", rows[file]["model"])
 
     def test_generic_class_lists_the_ata_disks_through_their_disk_files(self):
         self.assert_inventory("scsi", OK, self.generic_records((ZEROS, ZEROS)))

@@ -170,7 +170,13 @@ std::vector<StorageDevice> RowsOfDevices(std::vector<StorageDevice> found, const
         if (isNew) {
             rows.push_back(std::move(record));
         } else {
-            FillFromRecord(rows[place->second], record);
+            StorageDevice& row = rows[place->second];
+            // Without the sg driver the generic class asks disks' files, and takes the model's first word for the
+            // vendor.
+            if (row.device_type.empty() && !record.device_type.empty()) {
+                std::swap(row, record);
+            }
+            FillFromRecord(row, record);
         }
     }
     for (const auto& [device, place] : rowOf) {

@@ -17,8 +17,8 @@ namespace Zendra::ZDDevices {
  *
  * What the kernel says is one device is one row, with the kernel's address, also where its files gave different texts:
  * each text is then that of the first record that has it, so that the classes have the same precedence as in the
- * library's merged list. Records whose files the kernel does not know are merged by their address, as the library does
- * it, and stand behind the others.
+ * library's merged list; but records with a device type come first. Records whose files the kernel does not know are
+ * merged by their address, as the library does it, and stand behind the others.
  *
  * @param found the records of the classes in the order of deviceClasses. `device_files` is the path that was asked,
  *              ended by a line end, or empty where that is not known. `model` and `revision` may hold what was asked of
