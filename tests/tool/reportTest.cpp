@@ -118,7 +118,7 @@ TEST(DeviceTable, WithoutHeadingsIsTheSameButForTheFirstLine)
 {
     const Table table = TableOf(std::vector<SystemDevice>{Disk(), SystemDevice()}, {"VENDOR", "PORT"});
     for (const std::size_t width : {0U, 80U}) {
-        // Since libsmartcols 2.41 a heading that is not shown takes no room either.
+        // A heading that is not shown takes no room.
         EXPECT_EQ("VENDOR PORT\n" + WithSingleBlanks(RenderTable(table, width, Headings::None)),
                   WithSingleBlanks(RenderTable(table, width)));
     }
@@ -198,6 +198,13 @@ TEST(Table, BreaksBetweenWordsWhereItIsTooWideAndMakesTheColumnsWholeThatLackThe
                                       "          two   GH\n"
                                       "          three\n"
                                       "-         -     -\n");
+}
+
+TEST(Table, HeadingsThatAreNotShownTakeNoRoom)
+{
+    const Table table = {{{"TRANSPORT"}, {"STATE"}, {"WORDS", 6}}, {{"sas", "-", "one two"}}};
+    EXPECT_EQ(RenderTable(table, 13, Headings::None), "sas - one two\n");
+    EXPECT_EQ(RenderTable(table, 0, Headings::None), "sas - one two\n");
 }
 
 TEST(Table, ThatDoesNotFitIsShownRowByRow)

@@ -135,7 +135,9 @@ std::string RenderTable(const Table& table, std::size_t width, Headings headings
     // What is to be broken is broken already: nothing is left for a terminal's width to decide.
     Check(scols_table_set_termforce(layout.get(), SCOLS_TERMFORCE_NEVER));
     for (const Column& column : table.columns) {
-        libscols_column* const made = Check(scols_table_new_column(layout.get(), column.heading, 0, SCOLS_FL_WRAP));
+        // A column is as wide as its heading even where no headings are shown.
+        const char* const heading = headings == Headings::Shown ? column.heading : "";
+        libscols_column* const made = Check(scols_table_new_column(layout.get(), heading, 0, SCOLS_FL_WRAP));
         Check(scols_column_set_wrapfunc(made, scols_wrapnl_chunksize, scols_wrapnl_nextchunk, nullptr));
     }
     for (const std::vector<std::string>& row : table.rows) {
