@@ -244,6 +244,7 @@ TEST(Doctor, EachKindOfTroubleHasItsAdvice)
         {Found(Visibility::CannotBeOpened, EBUSY), "1 device file (/dev/sda) is in use by another program"},
         {Found(Visibility::CannotBeOpened, ENXIO), "1 device file (/dev/sda) cannot be opened: no device or no driver"},
         {Found(Visibility::NoAnswerInTime), "1 device file (/dev/sda) has not answered in time"},
+        {Found(Visibility::NotAskedInTime), "1 device file (/dev/sda) was not asked, because the time was over"},
         {Found(Visibility::NoUsableAnswer, 0, {{"HDIO_DRIVE_CMD", "x", EACCES, ""}}), "CAP_SYS_RAWIO"},
         {Found(Visibility::NoUsableAnswer, 0, {{"HDIO_DRIVE_CMD", "x", EPERM, ""}}),
          "nothing there answers as a SCSI, ATA or NVMe device"}};
@@ -577,8 +578,19 @@ TEST(Doctor, ManyDevicesThatDoNotAnswerCostTheTimeOfOne)
     ASSERT_EQ(files.size(), toAsk.size());
     for (std::size_t i = 0; i < files.size(); ++i) {
         EXPECT_EQ(files[i].path, toAsk[i].path);
-        EXPECT_EQ(files[i].visibility, Visibility::NoAnswerInTime);
+        EXPECT_EQ(files[i].visibility, Visibility::NotAskedInTime);
     }
+}
+
+TEST(Doctor, ADeviceThatWasAskedIsToldFromOneThatWasNot)
+{
+    Outcome late;
+    late.late = true;
+    EXPECT_EQ(FileWithoutAnswer("/dev/sda", late).visibility, Visibility::NotAskedInTime);
+    late.deviceFile = "/dev/sda";
+    EXPECT_EQ(FileWithoutAnswer("/dev/sda", late).visibility, Visibility::NoAnswerInTime);
+    EXPECT_EQ(FileWithoutAnswer("/dev/sda", Outcome()).visibility, Visibility::NoAnswerInTime);
+    EXPECT_EQ(FileWithoutAnswer("/dev/sda", late).path, "/dev/sda");
 }
 
 }  // namespace

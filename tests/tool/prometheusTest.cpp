@@ -111,6 +111,21 @@ TEST(PrometheusLabels, ControlCharactersAndBytesThatAreNotUtf8AreWrittenAsHexade
         << DeviceSamples({Disk("a\"b\\\n\x1b\xff")}).at(0);
 }
 
+TEST(PrometheusMissing, DeniedFilesAreCountedAndEachMissingFileHasItsReason)
+{
+    Inventory inventory;
+    inventory.missing = {{"/dev/sda", Reason::Denied, 13, "only root may open it", {}},
+                         {"/dev/sdb", Reason::Denied, 13, "only root may open it", {}},
+                         {"/dev/sdc", Reason::Busy, 16, "in use by another program", {}},
+                         {"", Reason::NoAnswerInTime, 0, "class tape: no answer within 5 s", {}}};
+    const std::string text = Render(inventory);
+    EXPECT_EQ(Samples(text, "zendra_device_files_denied"), Lines({"zendra_device_files_denied 2"}));
+    EXPECT_EQ(Samples(text, "zendra_device_missing"),
+              Lines({R"(zendra_device_missing{device_file="/dev/sda",reason="denied"} 1)",
+                     R"(zendra_device_missing{device_file="/dev/sdb",reason="denied"} 1)",
+                     R"(zendra_device_missing{device_file="/dev/sdc",reason="busy"} 1)"}));
+}
+
 TEST(LabelText, IsTheSameInEveryLocale)
 {
     for (const char* locale : {"C.UTF-8", "C"}) {

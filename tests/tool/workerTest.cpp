@@ -20,9 +20,23 @@
 #include "tools/zddevices/scan/progress.h"
 #include "tools/zddevices/scan/worker.h"
 
+namespace {
+
+/** Whom kill() was called for. */
+std::vector<pid_t> killed;
+
+/** As if each process were in a system call that never ends. */
+bool nobodyCanBeKilled = false;
+
+}  // namespace
+
 /** In place of the C library's: what is more than a child and its group is a failure, and stays alive. */
 extern "C" int kill(pid_t process, int signal) noexcept
 {
+    killed.push_back(process);
+    if (nobodyCanBeKilled) {
+        return 0;
+    }
     if (process >= -1 && process <= 1) {
         ADD_FAILURE() << "kill(" << process << ") ends more than a child";
         errno = EINVAL;
@@ -250,6 +264,27 @@ TEST(Workers, WhatALateChildHasStartedEndsWithIt)
     if (state != "-" && state != "Z") {
         kill(grandchild, SIGKILL);
     }
+}
+
+TEST(Workers, OneThatCannotBeKilledIsLeftAfterAMoment)
+{
+    const auto begun = std::chrono::steady_clock::now();
+    killed.clear();
+    nobodyCanBeKilled = true;
+    const Outcome outcome = RunOne([]() -> std::string { Hang(); }, milliseconds(500));
+    nobodyCanBeKilled = false;
+    const auto elapsed = std::chrono::steady_clock::now() - begun;
+    EXPECT_EQ(outcome.failure, "no answer within 0.5 s");
+    EXPECT_TRUE(outcome.late);
+    // A killed process needs some time to end; nobody waits long for one that does not.
+    EXPECT_GE(elapsed, milliseconds(600));
+    EXPECT_LT(elapsed, milliseconds(1500));
+    // Its group, in which is what it has started, and itself.
+    ASSERT_EQ(killed.size(), 2U);
+    ASSERT_GT(killed[1], 1);
+    EXPECT_EQ(killed[0], -killed[1]);
+    kill(killed[1], SIGKILL);
+    EXPECT_EQ(waitpid(killed[1], nullptr, 0), killed[1]);
 }
 
 TEST(Workers, WhatIsThrownIsTheFailure)
@@ -593,6 +628,7 @@ TEST(Workers, WhoWasNotStartedInTimeHasNotAnswered)
     for (const Outcome& outcome : outcomes) {
         EXPECT_EQ(outcome.failure, "no answer within 0.2 s");
         EXPECT_EQ(outcome.answer, std::nullopt);
+        EXPECT_TRUE(outcome.late);
     }
 }
 

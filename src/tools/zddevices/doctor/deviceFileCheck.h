@@ -35,6 +35,7 @@ enum class Visibility {
     CannotBeOpened,  ///< The file cannot be opened for another reason.
     NoUsableAnswer,  ///< The device was asked and gave nothing that the library takes for a device.
     NoAnswerInTime,  ///< Nothing came back in time.
+    NotAskedInTime,  ///< The time was over before the device was asked.
     Offline,         ///< The kernel has taken the device out of service.
     NotAsked         ///< A rewinding tape node without a twin that could be asked; it may be opened.
 };

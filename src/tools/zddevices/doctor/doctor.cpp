@@ -176,6 +176,8 @@ std::vector<FileAdvice> AdviseOnFiles(const Diagnosis& diagnosis, const KernelDe
         {pathsWhere([](const CheckedFile& one) { return one.visibility == Visibility::NoAnswerInTime; }), "has", "have",
          "not answered in time: look at the kernel's messages (dmesg), at cables and power. A scan waits there too; "
          "zddevices --timeout bounds it."},
+        {pathsWhere([](const CheckedFile& one) { return one.visibility == Visibility::NotAskedInTime; }), "was", "were",
+         "not asked, because the time was over before: zddevices doctor --timeout gives more."},
         {pathsWhere([](const CheckedFile& one) {
              return one.visibility == Visibility::NoUsableAnswer && !WasRefusedARequest(one);
          }),
@@ -324,6 +326,16 @@ HostFacts LookAtHost(Duration limit)
     return facts;
 }
 
+CheckedFile FileWithoutAnswer(const std::string& path, const Outcome& outcome)
+{
+    CheckedFile file;
+    file.path = path;
+    // A worker names the file before it asks the device.
+    const bool wasAsked = !outcome.late || !outcome.deviceFile.empty();
+    file.visibility = wasAsked ? Visibility::NoAnswerInTime : Visibility::NotAskedInTime;
+    return file;
+}
+
 std::vector<CheckedFile> CheckInWorkers(const std::vector<FileOfClass>& files, Duration limit,
                                         std::chrono::steady_clock::time_point started, Observer* observer)
 {
@@ -338,10 +350,8 @@ std::vector<CheckedFile> CheckInWorkers(const std::vector<FileOfClass>& files, D
     const std::deque<Outcome> outcomes = RunWorkers(std::move(tasks), terms);
     std::vector<CheckedFile> checked;
     for (const Outcome& outcome : outcomes) {
-        CheckedFile file;
-        file.path = files[checked.size()].path;
-        file.visibility = Visibility::NoAnswerInTime;
-        checked.push_back(outcome.answer ? CheckedFileFrom(*outcome.answer) : file);
+        checked.push_back(outcome.answer ? CheckedFileFrom(*outcome.answer)
+                                         : FileWithoutAnswer(files[checked.size()].path, outcome));
     }
     return checked;
 }

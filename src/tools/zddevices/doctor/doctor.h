@@ -71,6 +71,9 @@ using CheckDeviceFiles = std::function<std::vector<CheckedFile>(const std::vecto
 /** Asks this host, and loads the sg driver. Returns shortly after `limit`. */
 HostFacts LookAtHost(Duration limit);
 
+/** What there is to say of a file whose worker gave no answer: whether the device was asked at all. */
+CheckedFile FileWithoutAnswer(const std::string& path, const Outcome& outcome);
+
 /**
  * @brief Asks each device file in a worker process; returns shortly after the limit.
  * @param started when the limit began to run.

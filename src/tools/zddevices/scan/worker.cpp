@@ -434,6 +434,7 @@ std::deque<Outcome> RunWorkers(std::vector<Task> tasks, const Terms& terms)
     messages.WriteTheRest();
     for (; next < tasks.size(); ++next) {
         outcomes[next].failure = late;
+        outcomes[next].late = true;
     }
     return outcomes;
 }

@@ -49,7 +49,7 @@ struct Outcome {
     std::string failure;
     /** Whether the failure is what the task threw. */
     bool threw = false;
-    /** Whether it was killed, or left, because the time was over. */
+    /** Whether it was killed, left, or not even started, because the time was over. */
     bool late = false;
     /** The device file that was being asked when there was no answer; empty when that is not known. */
     std::string deviceFile;
