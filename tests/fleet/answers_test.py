@@ -62,6 +62,7 @@ class AnswerTest(unittest.TestCase):
             (lambda f: f["optical"]["drives"][0].update(vendor=7), "optical", "^optical/drives/0/vendor: 7"),
             (lambda f: f.update(problems=[{"reason": "error"}]), None, "^problems/0: 'document' is a required"),
             (lambda f: f.update(problems=[dict(answers.problem("error", "x"), classes=[1])]), None, "^problems/0/classes/0"),
+            (lambda f: f.update(problems=[answers.problem("bad luck", "x")]), None, "^problems/0/reason"),
             (lambda f: f["inventory"].update(more=float("nan")), None, "not JSON compliant"),
         ):
             with self.subTest(message=message):
@@ -86,6 +87,11 @@ class AnswerTest(unittest.TestCase):
         fact = changed(lambda f: f["inventory"]["devices"][0].update(colour="green"))
         self.assertEqual(answer(fact)["status"], "ok")
         self.assertEqual(answer(fact)["inventory"], fact["inventory"])
+
+    def test_what_the_fact_says_is_wrong_is_kept(self):
+        problems = [answers.problem("time_limit", "no answer in time", "inventory", ["disk", "tape"])]
+        found = answer(dict(FACT, problems=problems))
+        self.assertEqual((found["status"], found["problems"]), ("incomplete", problems))
 
     def test_a_fact_without_a_document_says_which(self):
         found = answer(dict(FACT, optical=None))
@@ -159,6 +165,7 @@ class MergeTest(Merged):
         self.assertEqual([one["name"] for one in hosts], ["a", "b", "c", "d", "e", long])
         self.assertEqual([one["status"] for one in hosts], ["ok"] + ["failed"] * 5)
         self.assertEqual([one["problems"][0]["reason"] for one in hosts[1:]], ["error"] * 5)
+        self.assertEqual([one["answered_at"] for one in hosts[1:]], [None] * 5)
         self.assertEqual([row[0] for row in data["problems"]], [1, 2, 3, 4, 5])
 
     def test_the_merged_file_is_read_as_it_was_written(self):
@@ -169,6 +176,7 @@ class MergeTest(Merged):
             hosts, _ = self.merge(*names)
             rest, read = answers.read_fleet(self.path)
             self.assertEqual((rest["collected_at"], rest["totals"]["hosts"], rest["hosts"]), (MOMENT, count, []))
+            self.assertEqual(rest["totals"]["devices"], count * len(FACT["inventory"]["devices"]))
             self.assertEqual(list(read), hosts)
 
 

@@ -77,7 +77,7 @@ def judge(local, refused=None):
     if fact is None:
         problems.append(problem("not_installed", "the host has no fact zddevices"))
     elif not isinstance(fact, dict):
-        problems.append(problem("error", "the fact zddevices: %s" % str(fact)[:MESSAGE_LIMIT]))
+        problems.append(problem("error", "the fact zddevices: %s" % str(fact)))
     if not isinstance(fact, dict):
         fact = {}
     if refused and (problems or fact.get("problems")):

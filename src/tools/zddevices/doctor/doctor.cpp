@@ -349,6 +349,7 @@ std::vector<CheckedFile> CheckInWorkers(const std::vector<FileOfClass>& files, D
     const Terms terms{limit, observer, filesAtATime, std::min(longestPatience, limit / share), nullptr, started};
     const std::deque<Outcome> outcomes = RunWorkers(std::move(tasks), terms);
     std::vector<CheckedFile> checked;
+    checked.reserve(outcomes.size());
     for (const Outcome& outcome : outcomes) {
         checked.push_back(outcome.answer ? CheckedFileFrom(*outcome.answer)
                                          : FileWithoutAnswer(files[checked.size()].path, outcome));
