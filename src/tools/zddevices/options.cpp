@@ -269,7 +269,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
     app.add_option("-l,--log-level", logLevel,
                    "What the library logs on standard error:\n"
                    "0 nothing (default), 1 failures, 3 outcomes,\n"
-                   "4 every step")
+                   "4 every step, with --as-library also those of\n"
+                   "its list of all devices")
         ->type_name("0..4");
     std::string timeLimit;
     app.add_option("--timeout", timeLimit,

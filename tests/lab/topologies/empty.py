@@ -29,7 +29,7 @@ class Empty(Topology):
         "before": "lsmod",
         **INVENTORY_STEPS,
         "table": "zddevices",
-        "trace": "zddevices --format json --log-level 4",
+        "trace": "zddevices --as-library --format json --log-level 4",
         "failures": "zddevices --format json --log-level 1",
         "after": "lsmod",
     }

@@ -70,7 +70,7 @@ class OneOfEach(Topology):
         "cdrom": "cat /proc/sys/dev/cdrom/info",
         "optical-record": "zddevices optical --format json",
         "firmware": "zddevices firmware --format json",
-        "optical-trace": "zddevices --type optical --format json --log-level 4",
+        "optical-trace": "zddevices --as-library --type optical --format json --log-level 4",
         "optical-failures": "zddevices --type optical --format json --log-level 1",
         "scsi-trace": "zddevices --type scsi --format json --log-level 4",
         "disk-trace": "zddevices --type disk --format json --log-level 4",

@@ -93,7 +93,7 @@ public:
         for (std::size_t number = 0; number < asked.size(); ++number) {
             PutInOrder(files[number], results[number].files);
             const std::optional<Strings>& answer = results[number].answer;
-            results[number].usesSgDriver = !asked[number].files || !answer || answer->back() != notUsingSg;
+            results[number].usesSgDriver = !asked[number].files || UsesSgDriver(answer);
         }
         return results;
     }
@@ -106,6 +106,8 @@ private:
                        [](const Asked& one) { return one.files ? DeviceFilesOf(*one.files) : Strings(); });
         return listed;
     }
+
+    static bool UsesSgDriver(const std::optional<Strings>& answer) { return !answer || answer->back() != notUsingSg; }
 
     /** One more worker. RunWorkers() is given them in the order in which they are made. */
     Task TaskFor(std::size_t number)
@@ -140,8 +142,11 @@ private:
         const Duration sinceLook = now - lastLook;
         const bool looks = sinceLook >= observeInterval;
         std::vector<std::size_t> doneNow(asked.size());
+        // Without the sg driver the generic class asks none of its files.
+        std::vector<bool> takesFiles(asked.size(), true);
         for (std::size_t task = 0; task < outcomes.size(); ++task) {
             doneNow[askedOfTask[task]] += outcomes[task].parts.size();
+            takesFiles[askedOfTask[task]] = takesFiles[askedOfTask[task]] && UsesSgDriver(outcomes[task].answer);
             if (!outcomes[task].failure.empty()) {
                 shared.LetGo(askedOfTask[task], outcomes[task].deviceFile);
             }
@@ -164,8 +169,8 @@ private:
             const bool isSlow =
                 looks && !begins[number] && (doneNow[number] - done[number]) * slowDevice < workers[number] * sinceLook;
             // No more than one for each file: should every device kill its worker, it comes to an end all the same.
-            if ((workers[number] == 0 || isSlow) && atWork < jobs && starts[number] <= files[number].size() &&
-                shared.LeftToTake(number) > 0) {
+            if (takesFiles[number] && (workers[number] == 0 || isSlow) && atWork < jobs &&
+                starts[number] <= files[number].size() && shared.LeftToTake(number) > 0) {
                 SpareAdapters();
                 more.push_back(TaskFor(number));
                 ++atWork;

@@ -26,15 +26,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using ZDSystemDevice::SystemDevice;
 
-bool LibraryLogs(const Options& options)
-{
-    return options.logLevel.value_or(0) > 0;
-}
-
-/** Whether the devices of a class are asked one by one; otherwise the facade is asked, whose log it is. */
+/** Whether the devices of a class are asked one by one; otherwise the facade is asked. */
 bool IsAskedByFile(const Question& question, const Options& options)
 {
-    return !options.asLibrary && !LibraryLogs(options) && question.subject != Subject::Capabilities;
+    return !options.asLibrary && question.subject != Subject::Capabilities;
 }
 
 /** @param disk empty where it is not known; then the identity's own texts stand for model and revision. */
@@ -311,8 +306,7 @@ std::vector<Question> QuestionsOf(const Options& options)
     if (options.command == Command::Optical) {
         return {capabilities};
     }
-    const bool forMetrics = options.format == Format::Prometheus;
-    if (options.type || options.asLibrary || (LibraryLogs(options) && !forMetrics)) {
+    if (options.type || options.asLibrary) {
         return {{options.type}};
     }
     std::vector<Question> questions;
@@ -320,7 +314,7 @@ std::vector<Question> QuestionsOf(const Options& options)
     for (const DeviceClass& one : deviceClasses) {
         questions.push_back({one.type});
     }
-    if (forMetrics) {
+    if (options.format == Format::Prometheus) {
         questions.insert(questions.end(), {firmware, capabilities});
     }
     return questions;
@@ -330,7 +324,6 @@ Inventory TakeInventory(const Options& options, Observer* observer)
 {
     const Clock::time_point started = Clock::now();
     const std::vector<Question> questions = QuestionsOf(options);
-    const bool logs = LibraryLogs(options);
     std::vector<Asked> asked;
     std::map<ZDSystemDevice::SysDeviceType, std::size_t> placeOfClass;
     std::vector<std::size_t> places;
@@ -351,8 +344,9 @@ Inventory TakeInventory(const Options& options, Observer* observer)
     if (asked.front().files) {
         MakeGenericFiles(options.timeLimit);
     }
-    const std::vector<AskedOutcome> outcomes =
-        Ask(asked, {options.timeLimit, started, observer, logs ? 1 : options.jobs});
+    // What workers log at the same time would be mixed.
+    const std::size_t jobs = options.logLevel.value_or(0) > 0 ? 1 : options.jobs;
+    const std::vector<AskedOutcome> outcomes = Ask(asked, {options.timeLimit, started, observer, jobs});
 
     const bool wantsDevices = options.command == Command::Devices && !options.asLibrary;
     const bool needsKernel = wantsDevices || options.command == Command::Firmware;
@@ -378,19 +372,12 @@ Inventory TakeInventory(const Options& options, Observer* observer)
     }
     inventory.status = StatusOf(inventory.questions);
     if (wantsDevices) {
-        for (SystemDevice& record : inventory.facadeDevices.value_or(std::vector<SystemDevice>())) {
-            static_cast<SystemDevice&>(devices.emplace_back()) = std::move(record);
-        }
-        inventory.facadeDevices.reset();
         inventory.devices = options.type ? RowsOfFiles(devices, kernel) : RowsOfDevices(devices, kernel);
     }
     std::vector<const AskedOutcome*> outcomeOf(questions.size());
     std::transform(places.begin(), places.end(), outcomeOf.begin(),
                    [&outcomes](std::size_t place) { return &outcomes[place]; });
-    // The facade does not say which files its records are from: there, a device is not missing if any of its files is.
-    const bool byFile = asked.front().files.has_value();
-    inventory.missing =
-        FindMissing(options, questions, outcomeOf, byFile || !inventory.devices ? devices : *inventory.devices, kernel);
+    inventory.missing = FindMissing(options, questions, outcomeOf, devices, kernel);
     return inventory;
 }
 
