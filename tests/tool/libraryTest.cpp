@@ -349,5 +349,21 @@ TEST_F(Library, TheWatchIsToldOfEachFailureWithItsError)
     EXPECT_GT(failures, 50U);
 }
 
+TEST_F(Library, WhatFailsBecauseADeviceIsNoAtaDiskDoesNotHideWhatCameBefore)
+{
+    std::size_t found = 0;
+    OnEveryHost([&](const SimHost::Host& host, SimHost::MountedHost& /*mounted*/) {
+        // A disk that answers INQUIRY with CHECK CONDITION, and IDENTIFY DEVICE with EINVAL.
+        if (std::filesystem::path(host.name).stem() == "check_condition_drops_the_device") {
+            AskFileByFile(ZDSystemDevice::SYS_DEVICE_SCSI, Ask, [&](const FileAnswer& file) {
+                EXPECT_EQ(file.path, "/dev/sg0");
+                EXPECT_EQ(file.error, 0);
+                ++found;
+            });
+        }
+    });
+    EXPECT_EQ(found, 1U);
+}
+
 }  // namespace
 }  // namespace Zendra::ZDDevices

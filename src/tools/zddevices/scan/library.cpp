@@ -138,6 +138,7 @@ ClassAnswer AskFileByFile(SysDeviceType type, const std::function<bool(const std
     std::vector<ZDSystemDevice::SystemDevice> records;
     FileAnswer current;
     bool taken = false;
+    bool hasAnswered = false;
     // The list asks one file after the other, and appends the record of one before it asks the next.
     const auto finish = [&] {
         if (!records.empty()) {
@@ -153,15 +154,21 @@ ClassAnswer AskFileByFile(SysDeviceType type, const std::function<bool(const std
                           if (path != current.path) {
                               finish();
                               current = {path};
+                              hasAnswered = false;
                               taken = take(path);
                           }
                           return taken;
                       },
                       [&](const DeviceRequest& request) {
+                          const bool isFirst = !std::exchange(hasAnswered, true);
                           if (request.status == ZDSystemDevice::DEV_OPEN_FAILED) {
                               current.openError = request.error;
                           } else if (request.error != 0) {
-                              current.error = request.error;
+                              // What is no ATA disk fails at this command anyhow, with an error that each driver
+                              // chooses for itself. What came before tells more, unless the command takes a privilege.
+                              if (isFirst || request.code != HDIO_DRIVE_CMD || request.error == EACCES) {
+                                  current.error = request.error;
+                              }
                           } else if (request.code == HDIO_DRIVE_CMD) {
                               TakeIdentity(request.argument, current);
                           }
