@@ -204,10 +204,14 @@ TEST_F(Asking, AnSgDriverThatModprobeDoesNotFindIsAWarning)
     const SimHost::MountedHost mounted(host);
     EXPECT_TRUE(TakeInventory({}, nullptr).missing.empty());
     std::filesystem::create_directories("/sys/module/sg");
-    const Inventory inventory = TakeInventory({}, nullptr);
-    ASSERT_EQ(inventory.missing.size(), 1U);
-    EXPECT_EQ(inventory.missing[0].reason, Reason::NoDriver);
-    EXPECT_EQ(inventory.missing[0].message.find("the sg driver is loaded, but \"modprobe sg\" fails"), 0U);
+    Options options;
+    for (const bool asLibrary : {false, true}) {
+        options.asLibrary = asLibrary;
+        const Inventory inventory = TakeInventory(options, nullptr);
+        ASSERT_EQ(inventory.missing.size(), 1U);
+        EXPECT_EQ(inventory.missing[0].reason, Reason::NoDriver);
+        EXPECT_EQ(inventory.missing[0].message.find("the sg driver is loaded, but \"modprobe sg\" fails"), 0U);
+    }
 }
 
 TEST_F(Asking, TheAdapterOfADeviceIsTheFirstDriverAboveIt)

@@ -146,14 +146,13 @@ protected:
     }
 };
 
-/** By the facade, file by file, with a time limit, one after the other, and with a log. */
+/** By the facade, file by file, with a time limit, and one after the other with a log. */
 std::vector<Options> Roads(const Options& what)
 {
-    std::vector<Options> roads(5, what);
+    std::vector<Options> roads(4, what);
     roads[0].asLibrary = true;
     roads[2].timeLimit = limit;
-    roads[3].jobs = 1;
-    roads[4].logLevel = 1;
+    roads[3].logLevel = 1;
     return roads;
 }
 

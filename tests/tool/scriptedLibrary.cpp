@@ -209,7 +209,7 @@ DeviceFileAnswer AskDeviceFile(ZDSystemDevice::SysDeviceType /*type*/, std::stri
 
 bool LoadSgDriver()
 {
-    return false;
+    return true;
 }
 
 }  // namespace Zendra::ZDDevices

@@ -23,9 +23,6 @@ constexpr Duration longestPatience = std::chrono::seconds(1);
 /** A class whose devices take longer, on average, is worth another worker. */
 constexpr Duration slowDevice = std::chrono::milliseconds(5);
 
-/** What a worker whose proxy could not load the sg module answers behind the status. */
-constexpr const char* notUsingSg = "no sg";
-
 /** @name What became of one device file as a worker tells it: path, errors, model and revision, and the texts of the
  * record.
  * @{
@@ -92,8 +89,7 @@ public:
         }
         for (std::size_t number = 0; number < asked.size(); ++number) {
             PutInOrder(files[number], results[number].files);
-            const std::optional<Strings>& answer = results[number].answer;
-            results[number].usesSgDriver = !asked[number].files || UsesSgDriver(answer);
+            results[number].usesSgDriver = UsesSgDriver(results[number].answer);
         }
         return results;
     }
@@ -107,7 +103,10 @@ private:
         return listed;
     }
 
-    static bool UsesSgDriver(const std::optional<Strings>& answer) { return !answer || answer->back() != notUsingSg; }
+    static bool UsesSgDriver(const std::optional<Strings>& answer)
+    {
+        return !answer || answer->size() < textsBeforeRecords || answer->at(1) != notUsingSg;
+    }
 
     /** One more worker. RunWorkers() is given them in the order in which they are made. */
     Task TaskFor(std::size_t number)

@@ -21,6 +21,13 @@
 
 namespace Zendra::ZDDevices {
 
+/** @name What every worker's answer begins with: the library's status, and this where the sg driver is not used.
+ * @{
+ */
+constexpr const char* notUsingSg = "no sg";
+constexpr std::size_t textsBeforeRecords = 2;
+/** @} */
+
 /** What is asked. */
 struct Asked {
     /** The class whose device files are asked one by one; absent for something that is one worker's. */

@@ -16,6 +16,7 @@
 #include "tools/zddevices/scan/access.h"
 #include "tools/zddevices/scan/asking.h"
 #include "tools/zddevices/scan/library.h"
+#include "tools/zddevices/scan/logging.h"
 #include "tools/zddevices/scan/recordTexts.h"
 #include "tools/zddevices/scan/rows.h"
 
@@ -42,11 +43,11 @@ DiskFirmware FirmwareWithIdentity(const ZDOptions::SoftwareIdentity_& identity, 
             known(disk.revision, identity.VersionString)};
 }
 
-/** An answer of the facade as a worker sends it: the status, then the texts of each record. */
+/** An answer of the facade: the texts before the records, then those of each record. */
 template <typename Record>
 Strings TextsOf(Answer<Record> answer)
 {
-    Strings texts{std::to_string(answer.status)};
+    Strings texts{std::to_string(answer.status), ""};
     for (Record& record : answer.records) {
         AppendTexts(std::move(record), texts);
     }
@@ -68,23 +69,26 @@ template <typename Record>
 std::vector<Record> RecordsOf(std::optional<Strings> answer)
 {
     std::vector<Record> records;
-    for (auto text = answer ? answer->begin() + 1 : Strings::iterator(); answer && text != answer->end();) {
-        records.push_back(TakeRecord<Record>(text));
+    if (answer && answer->size() >= textsBeforeRecords) {
+        const auto textsOfRecord = static_cast<std::ptrdiff_t>(MembersOf<Record>().size());
+        for (auto text = answer->begin() + textsBeforeRecords; answer->end() - text >= textsOfRecord;) {
+            records.push_back(TakeRecord<Record>(text));
+        }
     }
     return records;
 }
 
 Strings AskFacade(const Question& question)
 {
-    switch (question.subject) {
-    case Subject::Firmware:
-        return TextsOf(WithoutDevices(AskForFirmware()));
-    case Subject::Capabilities:
-        return TextsOf(AskForOptical());
-    case Subject::Devices:
-        break;
+    Strings texts = question.subject == Subject::Firmware       ? TextsOf(WithoutDevices(AskForFirmware()))
+                    : question.subject == Subject::Capabilities ? TextsOf(AskForOptical())
+                                                                : TextsOf(AskForDevices(question.deviceClass));
+    // The log is whole. Whether the lists used the sg driver shows no more than by making sure of it as they do.
+    EnableLog(0);
+    if (question.subject != Subject::Capabilities && !LoadSgDriver()) {
+        texts[1] = notUsingSg;
     }
-    return TextsOf(AskForDevices(question.deviceClass));
+    return texts;
 }
 
 /**
@@ -274,8 +278,8 @@ std::vector<Missing> FindMissing(const Options& options, const std::vector<Quest
             {{},
              Reason::NoDriver,
              0,
-             "the sg driver is loaded, but \"modprobe sg\" fails, without which it is not used: medium changers "
-             "and enclosures are missing; zddevices doctor tells more",
+             "the sg driver is loaded, but \"modprobe sg\" fails, without which it is not used: devices with no file "
+             "but /dev/sg* are missing; zddevices doctor tells more",
              {}});
     }
     const bool everyClass = questions.size() > 1;
