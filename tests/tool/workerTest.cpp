@@ -545,7 +545,10 @@ TEST(Workers, TheObserverHearsOfThoseThatRunAndOfMessages)
              EXPECT_EQ(write(STDERR_FILENO, "x\n", 2), 2);
              Hang();
          }},
-        [&](const std::deque<Outcome>&) { return observer.calls >= 2 && observer.messages >= 1; }, &observer);
+        [&](const std::deque<Outcome>&) {
+            return observer.messages >= 1 && observer.last.size() == 1 && !observer.last[0].deviceFile.empty();
+        },
+        &observer);
     const std::string text = testing::internal::GetCapturedStderr();
     EXPECT_EQ(text.substr(0, 2), "x\n");
     EXPECT_EQ(2U * static_cast<std::size_t>(observer.messages), text.size());

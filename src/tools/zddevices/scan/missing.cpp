@@ -167,7 +167,7 @@ Missing WhyNoRecord(const FailedFile& file, const KernelDevice* device)
     case ENODEV:
         return because(Reason::Removed, "no device is behind it, or not any more");
     case 0:
-        return because(Reason::NoUsableAnswer, "what answers there answers as no SCSI, ATA or NVMe device");
+        return because(Reason::NoUsableAnswer, "answers with an error, or not as a SCSI, ATA or NVMe device");
     default:
         return because(Reason::NoUsableAnswer,
                        (file.openError != 0 ? "cannot be opened: " : "gives no answer: ") + DescribeError(error));
