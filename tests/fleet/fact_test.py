@@ -6,6 +6,7 @@
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -69,6 +70,17 @@ class FactTest(unittest.TestCase):
             self.assertEqual(answer[document], {"asked": "--timeout 60.0 --format json" + word})
         self.assertEqual(answer["problems"], [])
 
+    def test_the_program_is_looked_for_where_roots_programs_are(self):
+        answer = self.ask('printf \'{"path":"%s"}\' "$PATH"')
+        self.assertEqual(answer["inventory"]["path"].split(":")[-3:], ["/usr/local/sbin", "/usr/sbin", "/sbin"])
+
+    def test_it_answers_before_ansible_gives_up(self):
+        grace = float(re.search(r"^GRACE = (.*)$", TEMPLATE, re.MULTILINE)[1])
+        defaults = pathlib.Path(sys.argv[1]).parents[1] / "defaults/main.yml"
+        seconds = float(re.search(r"^zddevices_fact_seconds: (.*)$", defaults.read_text("ascii"), re.MULTILINE)[1])
+        # Ansible waits for 10 seconds, and Python has to start in them.
+        self.assertLessEqual(seconds + grace, 9)
+
     def test_a_program_that_is_not_there_is_not_installed(self):
         # Where the machine has the program itself, its directories are searched behind PATH.
         if any(os.path.exists(place + "/zddevices") for place in ("/usr/local/sbin", "/usr/sbin", "/sbin", "/usr/bin")):
@@ -111,7 +123,10 @@ class FactTest(unittest.TestCase):
 
     def test_a_program_that_never_ends_is_given_up(self):
         numbers = self.directory / "started"
+        begun = time.monotonic()
         answer = self.ask("sleep infinity & echo $! >>%s; wait" % numbers, seconds=5)
+        # All three together, not one after the other.
+        self.assertLess(time.monotonic() - begun, 12)
         self.assertEqual(self.reasons(answer), self.all_documents("time_limit"))
         self.check_gone(numbers)
 

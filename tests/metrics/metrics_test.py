@@ -449,8 +449,9 @@ class RulesTest(Promtool):
             series = f"{name}{{{','.join([*words, f'instance={json.dumps(host)}'])}}}"
             yield {"series": series, "values": " ".join(values)}
 
-    def check(self, hosts, expected, firmware=None):
-        """expected: minutes after the second file came, alert, and its labels and words, or nothing."""
+    def check(self, hosts, expected, firmware=None, versions=1):
+        """expected: minutes after the second file came, alert, and its labels and words, or nothing. firmware: how many
+        disks tell theirs at first, and versions: how many there are of it."""
         series = [one for host, texts in hosts.items() for one in self.series(host, *texts)]
         alerts = []
         for minute, name, *found in expected:
@@ -460,7 +461,9 @@ class RulesTest(Promtool):
         tests = json.dumps({"rule_files": [self.rules], "evaluation_interval": "1m", "tests": [
             {"interval": "1m", "input_series": series, "alert_rule_test": alerts, "promql_expr_test": [
                 {"expr": "sum(zendra:disk_firmware:count)", "eval_time": "60m",
-                 "exp_samples": [{"labels": "{}", "value": firmware or len(hosts)}]}]}]})
+                 "exp_samples": [{"labels": "{}", "value": firmware or len(hosts)}]},
+                {"expr": "count(zendra:disk_firmware:count)", "eval_time": "60m",
+                 "exp_samples": [{"labels": "{}", "value": versions}]}]}]})
         result = self.promtool("test", "rules", self.write("tests.yml", tests))
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
 
@@ -480,6 +483,12 @@ class RulesTest(Promtool):
             (65, "StorageDeviceNew"),
             (-1, "StorageFirmwareChanged"), (2, "StorageFirmwareChanged", changed),
             (55, "StorageFirmwareChanged", changed), (65, "StorageFirmwareChanged")], firmware=6)
+
+    def test_devices_without_a_serial_number_or_a_firmware_are_not_told_of(self):
+        more = self.written(disk(b"S1"), disk(b""), disk(b"S2"))
+        less = self.written(disk(b"S1"), disk(b"S2", b""))
+        self.check({"a": (more, less), "b": (less, more)}, [
+            (2, "StorageDeviceGone"), (2, "StorageDeviceNew"), (2, "StorageFirmwareChanged")], firmware=5, versions=2)
 
     def test_a_host_that_was_never_seen_has_no_new_devices(self):
         self.check({"a": (self.written(disk(b"S1")),) * 2}, [(-190, "StorageDeviceNew"), (-100, "StorageDeviceNew")])
