@@ -486,7 +486,8 @@ class RulesTest(Promtool):
 
     def test_devices_without_a_serial_number_or_a_firmware_are_not_told_of(self):
         more = self.written(disk(b"S1"), disk(b""), disk(b"S2"))
-        less = self.written(disk(b"S1"), disk(b"S2", b""))
+        # Without the drive, which has no serial number either.
+        less = self.written(disk(b"S1"), disk(b"S2", b""), **{CLASSES["optical_class"]: answer(status=6)})
         self.check({"a": (more, less), "b": (less, more)}, [
             (2, "StorageDeviceGone"), (2, "StorageDeviceNew"), (2, "StorageFirmwareChanged")], firmware=5, versions=2)
 
@@ -521,7 +522,8 @@ class RulesTest(Promtool):
         old = {"severity": "warning", "instance": "a"}, "a: the storage devices were last listed 3h 5m 0s ago"
         self.check({"a": (text, text), "b": (text, "")}, [
             (170, "StorageInventoryOld"), (185, "StorageInventoryOld", old),
-            (-1, "StorageHostSilent"), (10, "StorageHostSilent"), (20, "StorageHostSilent", silent)])
+            (-1, "StorageHostSilent"), (10, "StorageHostSilent"), (20, "StorageHostSilent", silent),
+            (190, "StorageHostSilent", silent)])
 
     def test_the_rules_ask_for_series_that_there_are(self):
         with open(self.rules, encoding="utf-8") as file:

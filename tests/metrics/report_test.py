@@ -299,6 +299,7 @@ class BrowserTest(Rendered):
         self.assertEqual(self.cells("devices", 2)[:4], ["6:0:1:0", "6:0:2:0", "6:0:10:0", "2:0:0:0"])
         self.assertEqual(self.cells("devices", 2)[-5:], ["", "6:0:0:0", "7:0:0:0", "8:0:0:0", ""])
         self.assertEqual(self.cells("hosts", 0), ["alder", "birch", "cedar", "dogwood"])
+        self.assertEqual(self.cells("hosts", 2), ["alder-itself", "birch-itself", "cedar-itself", ""])
         self.assertEqual(self.cells("hosts", 4), ["4", "4", "3", ""])
         self.assertEqual(self.find("#shown").text, "11 of 11 devices, 4 of 4 hosts")
 

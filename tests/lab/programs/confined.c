@@ -7,7 +7,6 @@
 //
 // In C: it is full of system calls that have no other name.
 
-#define _GNU_SOURCE
 #include <fcntl.h>
 #include <sched.h>
 #include <stdio.h>
@@ -194,19 +193,17 @@ static const struct Thing things[] = {
 };
 
 /** Where a link in /proc/self/ns leads: two processes in one namespace have the same. */
-static void ShowNamespace(const char* name)
+static void ShowNamespace(const char* path)
 {
-    char path[64];
     char link[64] = "";
-    (void)snprintf(path, sizeof path, "/proc/self/ns/%s", name);
     const ssize_t size = readlink(path, link, sizeof link - 1);
     printf("namespace %s\n", size > 0 ? link : "unknown");
 }
 
 int main(void)
 {
-    ShowNamespace("net");
-    ShowNamespace("uts");
+    ShowNamespace("/proc/self/ns/net");
+    ShowNamespace("/proc/self/ns/uts");
     for (size_t i = 0; i < sizeof things / sizeof things[0]; ++i) {
         (void)fflush(stdout);
         const pid_t child = fork();
