@@ -56,7 +56,7 @@ class Portable(Topology):
         "optical-record": "zddevices optical --format json",
         "firmware": "zddevices firmware --format json",
         "table": "zddevices",
-        "doctor": "zddevices doctor --format json",
+        "doctor": "zddevices doctor --format json --timeout 300",
         "scsi-failures": "zddevices --type scsi --format json --log-level 1",
     }
 
