@@ -20,6 +20,7 @@ from labkit.image import Image  # noqa: E402
 from labkit.machine import StepResult  # noqa: E402
 from labkit.problem import Problem  # noqa: E402
 from labkit.topology import Topology, device_record, qemu_device  # noqa: E402
+from topologies import one_of_each  # noqa: E402
 
 BUILD = None
 
@@ -100,6 +101,16 @@ class CommandLineTest(unittest.TestCase):
                                    "--add", "/no/such/file"], capture_output=True, text=True, check=False)
             self.assertNotEqual(0, done.returncode)
             self.assertIn("/no/such/file does not exist", done.stdout + done.stderr)
+
+    def test_a_host_without_the_programs_of_a_topologys_test_can_run_its_inventory(self):
+        with tempfile.TemporaryDirectory() as others:
+            for program in Path("/usr/bin").iterdir():
+                if program.name not in one_of_each.OneOfEach.programs:
+                    (Path(others) / program.name).symlink_to(program)
+            done = subprocess.run([HERE / "lab", "run", "--build", BUILD.programs[0].parent, "one-of-each"],
+                                  capture_output=True, text=True, check=False, env={**os.environ, "PATH": others})
+        self.assertEqual((0, ""), (done.returncode, done.stderr))
+        self.assertIn("HX-00017", done.stdout)
 
     def test_an_unknown_topology_is_a_failure_of_the_lab(self):
         done = subprocess.run([HERE / "lab", "run", "nowhere"], capture_output=True, text=True, check=False)
