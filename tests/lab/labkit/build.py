@@ -16,13 +16,17 @@ PROGRAM = "zddevices"
 class Build:
     programs: tuple  # their shared libraries come along
 
+    @property
+    def tree(self):
+        """The build tree that the program is in; None for an installation."""
+        return next((path for path in self.programs[0].parents if (path / "CMakeCache.txt").exists()), None)
+
     def install(self, root):
         """Puts what a host gets below `root`, and returns that."""
-        trees = [path for path in self.programs[0].parents if (path / "CMakeCache.txt").exists()]
-        if not trees:
+        if self.tree is None:
             raise Problem(f"{self.programs[0]} is in no build tree, from which all could be installed")
         for component in ("tools", "collector", "logger"):
-            done = subprocess.run(["cmake", "--install", trees[0], "--component", component], capture_output=True,
+            done = subprocess.run(["cmake", "--install", self.tree, "--component", component], capture_output=True,
                                   text=True, check=False, env={**os.environ, "DESTDIR": str(root)})
             if done.returncode != 0:
                 raise Problem(f"cmake --install failed:\n{done.stderr}")
