@@ -241,6 +241,7 @@ TEST_F(KernelDevicesTest, AWorldWideNameIsWrittenAsInDevDiskById)
 TEST_F(KernelDevicesTest, ASlotIsTheEnclosuresComponentElseTheBayOfTheEndDevice)
 {
     const fs::path host = Host("pci0", "6", "mpt3sas");
+    fs::create_directories(host / "sas_host/host6");
     const fs::path inSlot = Unit(host / "port-6:0/end_device-6:0/target6:0:0", "6:0:0:0", "0", {"block/sda"});
     const fs::path endDevice = Device(host / "port-6:1/end_device-6:1", "class/sas_port");
     Write(endDevice / "sas_device/end_device-6:1/enclosure_identifier", "0x500304800ad4e03f");

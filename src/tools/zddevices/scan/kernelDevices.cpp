@@ -1,8 +1,11 @@
 #include "tools/zddevices/scan/kernelDevices.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <libudev.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -12,13 +15,14 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <new>
 #include <set>
 #include <system_error>
 #include <utility>
+
+#include "common/descriptor.h"
 
 namespace Zendra::ZDDevices {
 
@@ -57,12 +61,57 @@ void ForEach(udev* context, const char* subsystem, const std::function<void(udev
     }
 }
 
-/** An attribute without the white space around it; empty when the device has no such attribute. */
-std::string Attribute(udev_device& device, const char* name)
+/**
+ * @name Parts of sysfs, by their path or beneath an open directory: a thousand devices have long paths.
+ * @{
+ */
+/** What a file holds; empty when it cannot be read. */
+std::string TextIn(const std::string& file, int directory = AT_FDCWD)
 {
-    const char* const value = udev_device_get_sysattr_value(&device, name);
-    return value == nullptr ? std::string() : boost::algorithm::trim_copy(std::string(value));
+    constexpr std::size_t longest = 4096;
+    std::array<char, longest> text;
+    const Descriptor descriptor(openat(directory, file.c_str(), O_RDONLY | O_CLOEXEC));
+    const ssize_t length = descriptor.IsOpen() ? read(descriptor.Get(), text.data(), text.size()) : 0;
+    return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
 }
+
+/** An attribute without the white space around it; empty when there is no such attribute. */
+std::string Attribute(const std::string& file, int directory = AT_FDCWD)
+{
+    return boost::algorithm::trim_copy(TextIn(file, directory));
+}
+
+bool Exists(const std::string& path, int directory = AT_FDCWD)
+{
+    return faccessat(directory, path.c_str(), F_OK, 0) == 0;
+}
+
+/** The names in a directory, sg2 before sg10 and st0 before nst0; none when there is no such directory. */
+std::vector<std::string> NamesIn(const std::string& path, int directory = AT_FDCWD)
+{
+    std::vector<std::string> names;
+    Descriptor descriptor(openat(directory, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(descriptor.IsOpen() ? fdopendir(descriptor.Get()) : nullptr,
+                                                     &closedir);
+    if (!stream) {
+        return names;
+    }
+    descriptor.Release();
+    while (const dirent* const entry = readdir(stream.get())) {
+        if (!starts_with(entry->d_name, ".")) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    std::sort(names.begin(), names.end(), [](const std::string& left, const std::string& right) {
+        const bool leftRewinds = starts_with(left, "st");
+        if (leftRewinds != starts_with(right, "st")) {
+            return leftRewinds;
+        }
+        return strverscmp(left.c_str(), right.c_str()) < 0;
+    });
+    return names;
+}
+/** @} */
 
 template <typename Number>
 std::optional<Number> NumberIn(const std::string& text)
@@ -80,31 +129,6 @@ std::optional<std::uint64_t> SizeBytes(const std::string& sectors)
     return count ? std::optional(*count * sectorLength) : std::nullopt;
 }
 
-/** The names in a directory, sg2 before sg10 and st0 before nst0; none when there is no such directory. */
-std::vector<std::string> NamesIn(const fs::path& directory)
-{
-    std::vector<std::string> names;
-    std::error_code error;
-    for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
-         entry.increment(error)) {
-        names.push_back(entry->path().filename().string());
-    }
-    std::sort(names.begin(), names.end(), [](const std::string& left, const std::string& right) {
-        const bool leftRewinds = starts_with(left, "st");
-        if (leftRewinds != starts_with(right, "st")) {
-            return leftRewinds;
-        }
-        return strverscmp(left.c_str(), right.c_str()) < 0;
-    });
-    return names;
-}
-
-bool Exists(const fs::path& path)
-{
-    std::error_code error;
-    return fs::exists(path, error);
-}
-
 /** A directory in a SCSI device's directory whose entries are device files, and where those stand in /dev. */
 struct FileClass {
     const char* directory;
@@ -118,56 +142,63 @@ constexpr std::array<FileClass, 5> fileClasses = {{{"block", "/dev/"},
                                                    {"scsi_changer", "/dev/"},
                                                    {"bsg", "/dev/bsg/"}}};
 
-/** An attribute of the host adapter that a class of the kernel's keeps for it. */
-std::string HostAttribute(udev_device& host, const char* hostClass, const char* name)
-{
-    return Attribute(host, (std::string(hostClass) + "/" + udev_device_get_sysname(&host) + "/" + name).c_str());
-}
+/** What all devices behind a host adapter share. */
+struct Host {
+    std::string driver;
+    /** lsblk's word for the transport that the kernel keeps the adapter's attributes under; empty for none. */
+    std::string transport;
+};
 
 /** The name that the driver of a host adapter gives itself; where it gives none, that of what the adapter hangs on. */
-std::string HostDriver(udev_device& host)
+std::string HostDriver(udev* context, const fs::path& host)
 {
-    std::string name = HostAttribute(host, "scsi_host", "proc_name");
+    std::string name = Attribute(host / "scsi_host" / host.filename() / "proc_name");
     if (!name.empty() && name != "(null)" && name != "<NULL>") {
         return name;
     }
+    const UdevDevice device(udev_device_new_from_syspath(context, host.c_str()));
     const char* driver = nullptr;
-    for (udev_device* parent = udev_device_get_parent(&host); parent != nullptr && driver == nullptr;
-         parent = udev_device_get_parent(parent)) {
+    for (udev_device* parent = device ? udev_device_get_parent(device.get()) : nullptr;
+         parent != nullptr && driver == nullptr; parent = udev_device_get_parent(parent)) {
         driver = udev_device_get_driver(parent);
     }
     return driver == nullptr ? std::string() : driver;
 }
 
-/** lsblk's words, and its order of looking. */
-std::string Transport(udev_device& device, udev_device& host)
+/** In lsblk's order of looking. */
+std::string HostTransport(const fs::path& host)
 {
-    const fs::path directory = udev_device_get_syspath(&device);
-    const fs::path hostDirectory = udev_device_get_syspath(&host);
-    const auto hostIs = [&](const char* type) { return Exists(hostDirectory / (std::string(type) + "_host")); };
-    if (hostIs("spi")) {
-        return "spi";
+    for (const char* transport : {"spi", "fc", "sas", "iscsi"}) {
+        const fs::path attributes = host / (std::string(transport) + "_host");
+        if (Exists(attributes)) {
+            return contains(Attribute(attributes / host.filename() / "symbolic_name"), " over ") ? "fcoe" : transport;
+        }
     }
-    if (hostIs("fc")) {
-        return contains(HostAttribute(host, "fc_host", "symbolic_name"), " over ") ? "fcoe" : "fc";
+    return {};
+}
+
+/** lsblk's words, and its order of looking. */
+std::string Transport(const std::string& path, int directory, const Host& host)
+{
+    if (!host.transport.empty() && host.transport != "iscsi") {
+        return host.transport;
     }
-    if (hostIs("sas") || Exists(directory / "sas_device")) {
+    if (Exists("sas_device", directory)) {
         return "sas";
     }
-    if (Exists(directory / "ieee1394_id")) {
+    if (Exists("ieee1394_id", directory)) {
         return "sbp";
     }
-    if (hostIs("iscsi")) {
-        return "iscsi";
+    if (!host.transport.empty()) {
+        return host.transport;
     }
-    if (contains(directory.native(), "usb")) {
+    if (contains(path, "usb")) {
         return "usb";
     }
-    const std::string driver = HostDriver(host);
-    if (driver == "ahci" || driver == "sata") {
+    if (host.driver == "ahci" || host.driver == "sata") {
         return "sata";
     }
-    return contains(driver, "ata") ? "ata" : "";
+    return contains(host.driver, "ata") ? "ata" : "";
 }
 
 /** The kernel's name for the world-wide name of a unit; a T10 vendor's text is none. */
@@ -181,17 +212,13 @@ std::string Wwn(const std::string& kernelsName)
 }
 
 /** The bay that a SAS expander tells of an end device, for devices that no enclosure driver knows. */
-std::string SasBay(udev_device& device)
+std::string SasBay(const fs::path& directory)
 {
-    udev_device* const end = udev_device_get_parent_with_subsystem_devtype(&device, "scsi", "scsi_target");
-    udev_device* const endDevice = end != nullptr ? udev_device_get_parent(end) : nullptr;
-    if (endDevice == nullptr) {
-        return {};
-    }
-    const std::string place = "sas_device/" + std::string(udev_device_get_sysname(endDevice)) + "/";
-    const std::string enclosure = Attribute(*endDevice, (place + "enclosure_identifier").c_str());
-    const std::string bay = Attribute(*endDevice, (place + "bay_identifier").c_str());
-    return enclosure.empty() || bay.empty() ? "" : enclosure + "/" + bay;
+    const fs::path endDevice = directory.parent_path().parent_path();
+    const fs::path place = endDevice / "sas_device" / endDevice.filename();
+    const std::string enclosure = Attribute(place / "enclosure_identifier");
+    const std::string bay = enclosure.empty() ? "" : Attribute(place / "bay_identifier");
+    return bay.empty() ? "" : enclosure + "/" + bay;
 }
 
 /** Slots by the directory of the device in them, as the enclosure driver knows them. */
@@ -212,44 +239,71 @@ std::map<std::string, std::string> Slots(udev* context)
     return slots;
 }
 
-bool IsConnected(const fs::path& scsiDevice)
+bool IsConnected(int scsiDevice)
 {
     constexpr unsigned int qualifierShift = 5;
-    std::ifstream inquiry(scsiDevice / "inquiry", std::ios::binary);
-    const int first = inquiry.get();
-    return first == std::ifstream::traits_type::eof() || static_cast<unsigned int>(first) >> qualifierShift == 0;
+    const std::string inquiry = TextIn("inquiry", scsiDevice);
+    return inquiry.empty() || static_cast<unsigned char>(inquiry.front()) >> qualifierShift == 0;
 }
 
-std::optional<KernelDevice> ScsiDevice(udev_device& device, const std::map<std::string, std::string>& slots)
+KernelDevice ScsiDevice(const fs::path& path, const Host& host, const std::map<std::string, std::string>& slots)
 {
-    const char* const kind = udev_device_get_devtype(&device);
-    udev_device* const host = udev_device_get_parent_with_subsystem_devtype(&device, "scsi", "scsi_host");
-    if (kind == nullptr || std::string(kind) != "scsi_device" || host == nullptr) {
-        return std::nullopt;
-    }
     KernelDevice found;
-    const fs::path directory = udev_device_get_syspath(&device);
+    const Descriptor opened(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const int directory = opened.Get();
     for (const FileClass& fileClass : fileClasses) {
-        for (const std::string& name : NamesIn(directory / fileClass.directory)) {
+        for (const std::string& name : NamesIn(fileClass.directory, directory)) {
             found.files.push_back(fileClass.place + name);
             if (std::string(fileClass.directory) == "block") {
-                found.sizeBytes = SizeBytes(Attribute(device, ("block/" + name + "/size").c_str()));
+                found.sizeBytes = SizeBytes(Attribute("block/" + name + "/size", directory));
             }
         }
     }
-    found.address = udev_device_get_sysname(&device);
-    found.scsiType = NumberIn<unsigned int>(Attribute(device, "type"));
-    found.isConnected = IsConnected(directory);
-    found.hasDriver = udev_device_get_driver(&device) != nullptr;
-    found.transport = Transport(device, *host);
-    found.wwn = Wwn(Attribute(device, "wwid"));
-    found.state = Attribute(device, "state");
-    found.driver = HostDriver(*host);
-    const auto slot = slots.find(directory.string());
-    found.slot = slot != slots.end() ? slot->second : SasBay(device);
-    found.model = Attribute(device, "model");
-    found.revision = Attribute(device, "rev");
+    found.address = path.filename();
+    found.scsiType = NumberIn<unsigned int>(Attribute("type", directory));
+    found.hasDriver = Exists("driver", directory);
+    found.isConnected = found.hasDriver || IsConnected(directory);
+    found.transport = Transport(path.native(), directory, host);
+    found.wwn = Wwn(Attribute("wwid", directory));
+    found.state = Attribute("state", directory);
+    found.driver = host.driver;
+    const auto slot = slots.find(path.native());
+    if (slot != slots.end()) {
+        found.slot = slot->second;
+    } else if (found.transport == "sas") {
+        found.slot = SasBay(path);
+    }
+    found.model = Attribute("model", directory);
+    found.revision = Attribute("rev", directory);
     return found;
+}
+
+/**
+ * Appends all SCSI devices. Without libudev, which makes every one of a thousand devices, and each device above it, out
+ * of its path anew: that takes ten times as long.
+ */
+void AppendScsiDevices(udev* context, std::vector<KernelDevice>& found)
+{
+    const fs::path place = "/sys/bus/scsi/devices";
+    const std::map<std::string, std::string> slots = Slots(context);
+    std::map<std::string, Host> hosts;
+    for (const std::string& address : NamesIn(place)) {
+        if (address.find_first_not_of("0123456789:") != std::string::npos) {
+            continue;  // an adapter or a target
+        }
+        std::error_code error;
+        const fs::path directory = (place / fs::read_symlink(place / address, error)).lexically_normal();
+        const std::size_t begin = directory.native().find("/host" + address.substr(0, address.find(':')) + "/");
+        if (error || begin == std::string::npos) {
+            continue;  // gone meanwhile
+        }
+        const std::string host = directory.native().substr(0, directory.native().find('/', begin + 1));
+        const auto [entry, isNew] = hosts.try_emplace(host);
+        if (isNew) {
+            entry->second = {HostDriver(context, host), HostTransport(host)};
+        }
+        found.push_back(ScsiDevice(directory, entry->second, slots));
+    }
 }
 
 /** Whether a name is the beginning, a number, "n" and a number: nvme0n1, ng0n1. */
@@ -267,7 +321,8 @@ KernelDevice NvmeController(udev_device& controller)
 {
     KernelDevice found;
     const std::string name = udev_device_get_sysname(&controller);
-    std::vector<fs::path> places = {udev_device_get_syspath(&controller)};
+    const fs::path directory = udev_device_get_syspath(&controller);
+    std::vector<fs::path> places = {directory};
     // Namespaces that several controllers may reach stand in the directory of their subsystem.
     const fs::path subsystems = "/sys/class/nvme-subsystem";
     for (const std::string& subsystem : NamesIn(subsystems)) {
@@ -284,12 +339,9 @@ KernelDevice NvmeController(udev_device& controller)
             if (!IsNamespace(entry, "nvme")) {
                 continue;
             }
-            const UdevDevice disk(
-                udev_device_new_from_subsystem_sysname(udev_device_get_udev(&controller), "block", entry.c_str()));
+            const fs::path disk = "/sys/class/block/" + entry;
             NvmeNamespace& one = found.namespaces[found.files.emplace_back(deviceDirectory + entry)];
-            if (disk) {
-                one = {SizeBytes(Attribute(*disk, "size")), Attribute(*disk, "wwid")};
-            }
+            one = {SizeBytes(Attribute(disk / "size")), Attribute(disk / "wwid")};
             if (one.sizeBytes) {
                 found.sizeBytes = found.sizeBytes.value_or(0) + *one.sizeBytes;
             }
@@ -303,9 +355,9 @@ KernelDevice NvmeController(udev_device& controller)
     found.hasDriver = true;
     found.transport = "nvme";
     found.driver = "nvme";
-    found.state = Attribute(controller, "state");
-    found.model = Attribute(controller, "model");
-    found.revision = Attribute(controller, "firmware_rev");
+    found.state = Attribute(directory / "state");
+    found.model = Attribute(directory / "model");
+    found.revision = Attribute(directory / "firmware_rev");
     return found;
 }
 
@@ -354,12 +406,7 @@ KernelDevices KernelDevices::Read()
         throw std::bad_alloc();
     }
     std::vector<KernelDevice> found;
-    const std::map<std::string, std::string> slots = Slots(context.get());
-    ForEach(context.get(), "scsi", [&](udev_device& device) {
-        if (std::optional<KernelDevice> scsiDevice = ScsiDevice(device, slots)) {
-            found.push_back(std::move(*scsiDevice));
-        }
-    });
+    AppendScsiDevices(context.get(), found);
     ForEach(context.get(), "nvme", [&](udev_device& controller) { found.push_back(NvmeController(controller)); });
     return KernelDevices(std::move(found));
 }

@@ -2,7 +2,7 @@
  * @file
  * @brief What the kernel itself says of the storage devices: which device files lead to one device, and what it is.
  *
- * Read from sysfs, through libudev, which needs no running udev for that. No device is asked and no device file opened,
+ * Read from sysfs, which needs no running udev. No device is asked and no device file opened,
  * so a device that hangs costs nothing here. What is missing in sysfs is missing here: the fields stay empty.
  */
 #ifndef ZENDRA_ZDDEVICES_KERNELDEVICES_H
