@@ -83,6 +83,8 @@ protected:
         Write(unit / "type", type);
         for (const std::string& entry : entries) {
             fs::create_directories(unit / entry);
+            // As the kernel writes its links.
+            Link(fs::path("/sys/class") / entry, "../.." / (unit / entry).lexically_relative("/sys"));
         }
         return unit;
     }

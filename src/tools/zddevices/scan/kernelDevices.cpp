@@ -12,6 +12,7 @@
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <charconv>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -129,9 +130,20 @@ std::optional<std::uint64_t> SizeBytes(const std::string& sectors)
     return count ? std::optional(*count * sectorLength) : std::nullopt;
 }
 
-/** A directory in a SCSI device's directory whose entries are device files, and where those stand in /dev. */
+/** The directory that a link leads to; empty when there is no such link. All of sysfs' own begin at its root. */
+std::string Linked(const std::string& link)
+{
+    std::array<char, PATH_MAX> text;
+    const ssize_t length = readlink(link.c_str(), text.data(), text.size());
+    const std::string target(text.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    const std::string up = "../";
+    const std::size_t climb = target.rfind(up);
+    return climb == std::string::npos ? target : "/sys/" + target.substr(climb + up.size());
+}
+
+/** A class of devices that are files of a SCSI device, and where those stand in /dev. */
 struct FileClass {
-    const char* directory;
+    const char* name;
     const char* place;
 };
 
@@ -141,6 +153,27 @@ constexpr std::array<FileClass, 5> fileClasses = {{{"block", "/dev/"},
                                                    {"scsi_generic", "/dev/"},
                                                    {"scsi_changer", "/dev/"},
                                                    {"bsg", "/dev/bsg/"}}};
+
+/** Names of device files, class by class, by the directories of the SCSI devices that they lead to. */
+using FilesOfDevices = std::map<std::string, std::array<std::vector<std::string>, fileClasses.size()>>;
+
+/** From the classes, which takes a tenth of what looking into the directory of each device takes. */
+FilesOfDevices ReadFilesOfDevices()
+{
+    FilesOfDevices files;
+    for (std::size_t i = 0; i < fileClasses.size(); ++i) {
+        const std::string place = std::string("/sys/class/") + fileClasses[i].name + "/";
+        for (std::string& name : NamesIn(place)) {
+            // .../2:0:0:0/block/sda
+            const std::string directory = Linked(place + name);
+            const std::string end = std::string("/") + fileClasses[i].name + "/" + name;
+            if (boost::algorithm::ends_with(directory, end)) {
+                files[directory.substr(0, directory.size() - end.size())][i].push_back(std::move(name));
+            }
+        }
+    }
+    return files;
+}
 
 /** What all devices behind a host adapter share. */
 struct Host {
@@ -246,18 +279,20 @@ bool IsConnected(int scsiDevice)
     return inquiry.empty() || static_cast<unsigned char>(inquiry.front()) >> qualifierShift == 0;
 }
 
-KernelDevice ScsiDevice(const fs::path& path, const Host& host, const std::map<std::string, std::string>& slots)
+KernelDevice ScsiDevice(const fs::path& path, const Host& host, const FilesOfDevices& files,
+                        const std::map<std::string, std::string>& slots)
 {
     KernelDevice found;
     const Descriptor opened(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     const int directory = opened.Get();
-    for (const FileClass& fileClass : fileClasses) {
-        for (const std::string& name : NamesIn(fileClass.directory, directory)) {
-            found.files.push_back(fileClass.place + name);
-            if (std::string(fileClass.directory) == "block") {
-                found.sizeBytes = SizeBytes(Attribute("block/" + name + "/size", directory));
-            }
+    const auto own = files.find(path.native());
+    for (std::size_t i = 0; own != files.end() && i < fileClasses.size(); ++i) {
+        for (const std::string& name : own->second[i]) {
+            found.files.push_back(fileClasses[i].place + name);
         }
+    }
+    if (own != files.end() && !own->second.front().empty()) {
+        found.sizeBytes = SizeBytes(Attribute("block/" + own->second.front().front() + "/size", directory));
     }
     found.address = path.filename();
     found.scsiType = NumberIn<unsigned int>(Attribute("type", directory));
@@ -284,25 +319,25 @@ KernelDevice ScsiDevice(const fs::path& path, const Host& host, const std::map<s
  */
 void AppendScsiDevices(udev* context, std::vector<KernelDevice>& found)
 {
-    const fs::path place = "/sys/bus/scsi/devices";
+    const std::string place = "/sys/bus/scsi/devices/";
+    const FilesOfDevices files = ReadFilesOfDevices();
     const std::map<std::string, std::string> slots = Slots(context);
     std::map<std::string, Host> hosts;
     for (const std::string& address : NamesIn(place)) {
         if (address.find_first_not_of("0123456789:") != std::string::npos) {
             continue;  // an adapter or a target
         }
-        std::error_code error;
-        const fs::path directory = (place / fs::read_symlink(place / address, error)).lexically_normal();
-        const std::size_t begin = directory.native().find("/host" + address.substr(0, address.find(':')) + "/");
-        if (error || begin == std::string::npos) {
+        const std::string directory = Linked(place + address);
+        const std::size_t begin = directory.find("/host" + address.substr(0, address.find(':')) + "/");
+        if (begin == std::string::npos) {
             continue;  // gone meanwhile
         }
-        const std::string host = directory.native().substr(0, directory.native().find('/', begin + 1));
+        const std::string host = directory.substr(0, directory.find('/', begin + 1));
         const auto [entry, isNew] = hosts.try_emplace(host);
         if (isNew) {
             entry->second = {HostDriver(context, host), HostTransport(host)};
         }
-        found.push_back(ScsiDevice(directory, entry->second, slots));
+        found.push_back(ScsiDevice(directory, entry->second, files, slots));
     }
 }
 

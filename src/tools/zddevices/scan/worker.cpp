@@ -46,13 +46,12 @@ constexpr Duration reapInterval = std::chrono::milliseconds(1);
 /** What waits in a pipe, or a piece of it; closes the pipe at its end. */
 std::string ReadPiece(Descriptor& pipe)
 {
-    std::string piece(pipe.IsOpen() ? longestPiece : 0, '\0');
+    std::array<char, longestPiece> piece;
     const ssize_t count = pipe.IsOpen() ? read(pipe.Get(), piece.data(), piece.size()) : 0;
-    piece.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
     if (count == 0) {
         pipe.Close();
     }
-    return piece;
+    return {piece.data(), count > 0 ? static_cast<std::size_t>(count) : 0};
 }
 
 bool MakePipe(Descriptor& readEnd, Descriptor& writeEnd)
