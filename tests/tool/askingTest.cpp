@@ -6,9 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <thread>
 
 #include "simhost.h"
 #include "simhostTest.h"
@@ -196,6 +199,31 @@ public:
 private:
     std::filesystem::path path;
 };
+
+TEST_F(Asking, ADeviceThatGoesOutOfServiceWhileItIsAskedIsSaidToBeSo)
+{
+    namespace fs = std::filesystem;
+    SimHost::Host host = HostWithDisks(1);
+    for (SimHost::DevEntry& entry : host.dev) {
+        entry.node.inquiry = entry.node.serial;  // nothing but errors
+    }
+    const fs::path disk = "/sys/class/hosts/host0/target0:0:0/0:0:0:0";
+    const SickHost mounted(host, [&disk](const std::string& /*file*/) {
+        // Long after the program has read sysfs for the first time.
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        std::ofstream(disk / "state") << "offline\n";
+    });
+    fs::create_directories(disk / "block/sda");
+    fs::create_directories("/sys/class/block");
+    fs::create_directories("/sys/bus/scsi/devices");
+    fs::create_symlink(disk / "block/sda", "/sys/class/block/sda");
+    fs::create_symlink(disk, "/sys/bus/scsi/devices/0:0:0:0");
+    std::ofstream(disk / "state") << "running\n";
+    Options options;
+    options.type = ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
+    const Inventory inventory = TakeInventory(options, nullptr);
+    EXPECT_EQ(MissingOf(inventory), Strings({"/dev/sda offline"}));
+}
 
 TEST_F(Asking, AnSgDriverThatModprobeDoesNotFindIsAWarning)
 {

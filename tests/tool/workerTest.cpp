@@ -534,6 +534,27 @@ public:
     std::vector<Waiting> last;
 };
 
+TEST(Workers, AreNotWaitedForByWhatIsDoneMeanwhile)
+{
+    const std::string file = testing::TempDir() + "/meanwhile." + std::to_string(getpid());
+    int calls = 0;
+    Terms terms{longLimit};
+    terms.meanwhile = [&] {
+        ++calls;
+        std::ofstream(file) << "now";
+    };
+    const std::deque<Outcome> outcomes = RunWorkers({[&file](const Tell& /*tell*/) {
+                                                        while (!std::filesystem::exists(file)) {
+                                                            usleep(1000);
+                                                        }
+                                                        return Texts{"it came"};
+                                                    }},
+                                                    terms);
+    std::filesystem::remove(file);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(outcomes.at(0).answer, Texts({"it came"}));
+}
+
 TEST(Workers, TheObserverHearsOfThoseThatRunAndOfMessages)
 {
     CountingObserver observer;

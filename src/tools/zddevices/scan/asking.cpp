@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <stdexcept>
@@ -58,7 +59,8 @@ class Scan {
 public:
     Scan(const std::vector<Asked>& whatToAsk, const AskTerms& howToAsk)
         : asked(whatToAsk), limit(howToAsk.limit), started(howToAsk.started), observer(howToAsk.observer),
-          jobs(howToAsk.jobs), files(ListFiles(whatToAsk)), shared(files), starts(asked.size()), done(asked.size())
+          jobs(howToAsk.jobs), meanwhile(howToAsk.meanwhile), files(ListFiles(whatToAsk)), shared(files),
+          starts(asked.size()), done(asked.size())
     {
         constexpr int share = 4;
         if (limit) {
@@ -81,7 +83,8 @@ public:
                           [this](const std::deque<Outcome>& outcomes, const std::vector<Waiting>& running) {
                               return MoreTasks(outcomes, running);
                           },
-                          started};
+                          started,
+                          meanwhile};
         std::deque<Outcome> outcomes = RunWorkers(std::move(tasks), terms);
         std::vector<AskedOutcome> results(asked.size());
         for (std::size_t task = 0; task < outcomes.size(); ++task) {
@@ -241,6 +244,7 @@ private:
     const Clock::time_point started;
     Observer* const observer;
     const std::size_t jobs;
+    const std::function<void()> meanwhile;
     Duration patience = Duration::max();
     /** Of each class, as /dev had them in the beginning. */
     const std::vector<Strings> files;

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -75,6 +76,8 @@ struct AskTerms {
     Observer* observer;
     /** How many workers ask at a time; with one, class follows class. */
     std::size_t jobs;
+    /** As Terms::meanwhile. */
+    std::function<void()> meanwhile = nullptr;
 };
 
 /** @return the outcomes in the order of what was asked, at the latest shortly after the limit. */

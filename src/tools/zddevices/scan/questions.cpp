@@ -141,6 +141,13 @@ std::vector<DiskFirmware> FirmwareOf(const std::vector<FileAnswer>& files, const
     return found;
 }
 
+bool LacksSomething(const AskedOutcome& outcome)
+{
+    return !outcome.failure.empty() || !outcome.lost.empty() ||
+           std::any_of(outcome.files.begin(), outcome.files.end(),
+                       [](const FileAnswer& file) { return !file.record.has_value(); });
+}
+
 /** Moves the records of a facade's answer to the inventory. */
 void TakeRecords(Subject subject, const std::optional<Strings>& answer, Inventory& inventory)
 {
@@ -350,11 +357,20 @@ Inventory TakeInventory(const Options& options, Observer* observer)
     }
     // What workers log at the same time would be mixed.
     const std::size_t jobs = options.logLevel.value_or(0) > 0 ? 1 : options.jobs;
-    const std::vector<AskedOutcome> outcomes = Ask(asked, {options.timeLimit, started, observer, jobs});
-
     const bool wantsDevices = options.command == Command::Devices && !options.asLibrary;
     const bool needsKernel = wantsDevices || options.command == Command::Firmware;
-    const KernelDevices kernel = needsKernel ? KernelDevices::Read() : KernelDevices({});
+    KernelDevices kernel({});
+    const auto readKernel = [&] {
+        if (needsKernel) {
+            kernel = KernelDevices::Read();
+        }
+    };
+    // With many disks that takes as long as asking them.
+    const std::vector<AskedOutcome> outcomes = Ask(asked, {options.timeLimit, started, observer, jobs, readKernel});
+    // A device that fails may be out of service now, because it was asked.
+    if (std::any_of(outcomes.begin(), outcomes.end(), LacksSomething)) {
+        readKernel();
+    }
     Inventory inventory;
     if (options.timeLimit) {
         inventory.end = started + *options.timeLimit;

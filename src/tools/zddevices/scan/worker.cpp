@@ -372,6 +372,7 @@ std::deque<Outcome> RunWorkers(std::vector<Task> tasks, const Terms& terms)
     std::deque<Outcome> outcomes(tasks.size());
     Messages messages(terms.observer, terms.limit ? std::make_optional(terms.started + *terms.limit) : std::nullopt);
     std::list<Worker> running;
+    std::function<void()> meanwhile = terms.meanwhile;
     std::size_t next = 0;
     bool killed = false;
     const auto waiting = [&running] {
@@ -397,6 +398,9 @@ std::deque<Outcome> RunWorkers(std::vector<Task> tasks, const Terms& terms)
             if (!running.back().IsRunning()) {
                 running.pop_back();
             }
+        }
+        if (meanwhile) {
+            std::exchange(meanwhile, nullptr)();
         }
         if (running.empty()) {
             break;

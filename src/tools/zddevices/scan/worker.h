@@ -103,6 +103,8 @@ struct Terms {
     MoreTasks more = nullptr;
     /** When the limit began to run. */
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+    /** What this process does when the first workers run, while nobody looks after them. May be empty. */
+    std::function<void()> meanwhile = nullptr;
 };
 
 /**
