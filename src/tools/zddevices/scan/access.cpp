@@ -1,5 +1,6 @@
 #include "tools/zddevices/scan/access.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
@@ -8,7 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <memory>
 #include <system_error>
 
 #include "module/osinfos/systemdevice/deviceNames.h"
@@ -27,13 +28,15 @@ constexpr const char* deviceDirectory = "/dev";
 std::vector<std::string> ListDeviceDirectory()
 {
     std::vector<std::string> names;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(deviceDirectory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        names.push_back(entry->path().filename().string());
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(deviceDirectory), &closedir);
+    if (directory) {
+        errno = 0;
+        while (const dirent* const entry = readdir(directory.get())) {
+            names.emplace_back(entry->d_name);
+        }
     }
-    if (error) {
-        throw std::system_error(error, std::string(deviceDirectory) + " cannot be listed");
+    if (errno != 0) {
+        throw std::system_error(errno, std::generic_category(), std::string(deviceDirectory) + " cannot be listed");
     }
     return names;
 }

@@ -65,13 +65,16 @@ std::string FrameBytes(const Frame& frame)
 std::optional<Frame> FrameReader::Next()
 {
     std::string_view rest = received;
+    rest.remove_prefix(taken);
     const std::optional<std::size_t> length = TakeLength(rest);
     if (!length || (*length <= longestFrame && *length > rest.size())) {
+        received.erase(0, taken);
+        taken = 0;
         return std::nullopt;
     }
     std::optional<Frame> frame = *length <= longestFrame ? ReadFrame(rest.substr(0, *length)) : std::nullopt;
     broken = !frame;
-    received.erase(0, broken ? received.size() : sizeof(Length) + *length);
+    taken = broken ? received.size() : taken + sizeof(Length) + *length;
     return frame;
 }
 

@@ -48,10 +48,12 @@ public:
     bool IsBroken() const { return broken; }
 
     /** Whether part of a frame has come. */
-    bool IsWithinFrame() const { return !received.empty(); }
+    bool IsWithinFrame() const { return received.size() > taken; }
 
 private:
     std::string received;
+    /** How many bytes of it were made frames already. */
+    std::size_t taken = 0;
     bool broken = false;
 };
 
