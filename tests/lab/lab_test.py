@@ -253,10 +253,13 @@ class AssertionTest(unittest.TestCase):
                 self.check(document, status)
 
     def test_log_entries_are_found_only_in_order(self):
-        topology = topological({"scan": (0, "", "[4] a.cpp:1 first \n[1] a.cpp:2 second\nand its second line\n")})
-        self.assertEqual([(4, "first "), (1, "second\nand its second line")], topology.messages("scan"))
-        topology.assert_logs("scan", [(4, "first "), (1, "second\nand its second line")])
-        for wrong in ([(1, "second\nand its second line"), (4, "first ")], [(4, "first")], [(1, "first ")]):
+        topology = topological({"scan": (0, "", "[4] a.cpp:1 first \n[1] a.cpp:2 second\nzddevices: it ran\n"),
+                                "torn": (0, "", "[4] a.cpp:1 first \nand its second line\n")})
+        self.assertEqual([(4, "first "), (1, "second")], topology.messages("scan"))
+        topology.assert_logs("scan", [(4, "first "), (1, "second")])
+        with self.assertRaises(AssertionError):
+            topology.messages("torn")
+        for wrong in ([(1, "second"), (4, "first ")], [(4, "first")], [(1, "first ")]):
             with self.assertRaises(AssertionError):
                 topology.assert_logs("scan", wrong)
             with self.assertRaises(AssertionError):
