@@ -97,7 +97,10 @@ Strings AskFacade(const Question& question)
 void MakeGenericFiles(std::optional<Duration> limit)
 {
     constexpr int share = 4;
-    if (DeviceFilesOf(ZDSystemDevice::SYS_DEVICE_SCSI).empty()) {
+    const Strings files = DeviceFilesOf(ZDSystemDevice::SYS_DEVICE_SCSI);
+    // Without its own, the generic class takes those of the disks.
+    if (std::none_of(files.begin(), files.end(),
+                     [](const std::string& file) { return file.rfind("/dev/sg", 0) == 0; })) {
         RunWorkers({[](const Tell& /*tell*/) { return Strings{LoadSgDriver() ? "sg" : ""}; }},
                    {limit ? std::make_optional(*limit / share) : std::nullopt});
     }
