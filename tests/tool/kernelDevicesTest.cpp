@@ -142,6 +142,17 @@ TEST_F(KernelDevicesTest, OneDiskHasAllThatTheKernelTiesToIt)
     EXPECT_EQ(devices.OfFile("/dev/sg2"), nullptr);
 }
 
+TEST_F(KernelDevicesTest, WhatIsNoScsiDeviceIsPassedOver)
+{
+    const fs::path target = Device(Host("pci0", "2", "ahci") / "target2:0:0", "bus/scsi", "scsi_target");
+    Unit(target, "2:0:0:0", "0", {});
+    // As one looks that goes away between two system calls.
+    Device("/sys/devices/nowhere/3:0:0:0", "bus/scsi");
+    const KernelDevices devices = KernelDevices::Read();
+    ASSERT_EQ(devices.All().size(), 1U);
+    EXPECT_EQ(devices.All().front().address, "2:0:0:0");
+}
+
 TEST_F(KernelDevicesTest, AnAddressMayHaveNoUnitConnected)
 {
     const fs::path target = Host("pci0", "0", "x") / "target0:0:0";

@@ -76,16 +76,12 @@ public:
         for (std::size_t number = 0; number < asked.size(); ++number) {
             tasks.push_back(TaskFor(number));
         }
-        const Terms terms{limit,
-                          observer,
-                          jobs == 1 ? jobs : allAtOnce,
-                          patience,
-                          [this](const std::deque<Outcome>& outcomes, const std::vector<Waiting>& running) {
-                              return MoreTasks(outcomes, running);
-                          },
-                          started,
-                          meanwhile};
-        std::deque<Outcome> outcomes = RunWorkers(std::move(tasks), terms);
+        const auto more = [this](const std::deque<Outcome>& soFar, const std::vector<Waiting>& running) {
+            return MoreTasks(soFar, running);
+        };
+        const std::size_t atATime = jobs == 1 ? jobs : allAtOnce;
+        std::deque<Outcome> outcomes =
+            RunWorkers(std::move(tasks), {limit, observer, atATime, patience, more, started, meanwhile});
         std::vector<AskedOutcome> results(asked.size());
         for (std::size_t task = 0; task < outcomes.size(); ++task) {
             Add(outcomes[task], results[askedOfTask[task]]);
