@@ -24,6 +24,7 @@ namespace Zendra::ZDDevices {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 class KernelDevicesTest : public testing::Test {
 protected:
@@ -284,7 +285,7 @@ TEST_F(KernelDevicesTest, AnNvmeControllerIsOneDeviceWithItsNamespaces)
         const fs::path disk = Device(controller / ("nvme0n" + number), "class/block", "disk");
         Write(disk / "size", "2048");
         Write(disk / "wwid", "eui.000000000000000" + number);
-        fs::create_directories(controller / ("ng0n" + number));
+        Device(controller / ("ng0n" + number), "class/nvme-generic");
     }
     fs::create_directories(controller / "nvme0n1p1");
 
@@ -307,26 +308,35 @@ TEST_F(KernelDevicesTest, AnNvmeControllerIsOneDeviceWithItsNamespaces)
     EXPECT_EQ(found.revision, "GXA7401Q");
 }
 
-TEST_F(KernelDevicesTest, NamespacesThatTwoControllersReachAreFilesOfBoth)
+TEST_F(KernelDevicesTest, ANamespaceIsAFileOfEachControllerThatReachesIt)
 {
     const fs::path subsystem = Device("/sys/devices/virtual/nvme-subsystem/nvme-subsys0", "class/nvme-subsystem");
     for (const std::string number : {"0", "1"}) {
         const fs::path controller = Device("/sys/devices/pci0/nvme/nvme" + number, "class/nvme");
         Link(subsystem / ("nvme" + number), controller);
         fs::create_directories(controller / ("nvme0c" + number + "n1"));
+        // The first namespace is shared, of the others each controller has one; the last is not ready yet.
+        fs::create_directories(controller / ("nvme0c" + number + "n" + (number == "0" ? "2" : "3")));
+        fs::create_directories(controller / ("nvme0c" + number + "n4"));
+        const fs::path disk = Device(subsystem / ("nvme0n" + (number == "0" ? "2"s : "3"s)), "class/block", "disk");
+        Write(disk / "size", "16");
+        Write(disk / "wwid", "uuid." + number);
     }
     const fs::path disk = Device(subsystem / "nvme0n1", "class/block", "disk");
     Write(disk / "size", "8");
     Write(disk / "wwid", "uuid.x");
+    Device(subsystem / "ng0n1", "class/nvme-generic");
 
     const KernelDevices devices = KernelDevices::Read();
     ASSERT_EQ(devices.All().size(), 2U);
-    EXPECT_EQ(devices.All()[0].files, Strings({"/dev/nvme0n1", "/dev/nvme0"}));
-    EXPECT_EQ(devices.All()[1].files, Strings({"/dev/nvme0n1", "/dev/nvme1"}));
+    EXPECT_EQ(devices.All()[0].files, Strings({"/dev/nvme0n1", "/dev/nvme0n2", "/dev/nvme0", "/dev/ng0n1"}));
+    EXPECT_EQ(devices.All()[1].files, Strings({"/dev/nvme0n1", "/dev/nvme0n3", "/dev/nvme1", "/dev/ng0n1"}));
     EXPECT_EQ(devices.All()[0].wwn, "uuid.x");
-    EXPECT_EQ(devices.All()[1].sizeBytes, 4096U);
+    EXPECT_EQ(devices.All()[1].sizeBytes, 12U * 1024);
     EXPECT_EQ(devices.OfFile("/dev/nvme0n1"), &devices.All()[0]);
+    EXPECT_EQ(devices.OfFile("/dev/nvme0n3"), &devices.All()[1]);
     EXPECT_EQ(devices.CountPaths("uuid.x"), 2U);
+    EXPECT_EQ(devices.CountPaths("uuid.1"), 1U);
     EXPECT_EQ(devices.CountPaths("uuid.y"), 0U);
 }
 

@@ -153,6 +153,30 @@ TEST(RowsOfDevices, AnNvmeControllerIsOneRowWithoutAnAddress)
               Strings({"nvme0n1 | 1.5K | eui.1 | - | 1 | /dev/nvme0n1 /dev/nvme0n2 /dev/nvme0"}));
 }
 
+TEST(RowsOfDevices, AnotherControllerOfASubsystemIsARowOfItsOwn)
+{
+    KernelDevice second = Nvme();
+    second.files = {"/dev/nvme0n1", "/dev/nvme1", "/dev/ng0n1"};
+    second.namespaces.erase("/dev/nvme0n2");
+    second.sizeBytes = 512;
+    second.state = "dead";
+    second.revision = "F2";
+    // Nothing of this one was asked.
+    KernelDevice third = Nvme();
+    third.files = {"/dev/nvme7n1", "/dev/nvme7"};
+    third.namespaces = {{"/dev/nvme7n1", {512, "eui.7"}}};
+    third.wwn = "eui.7";
+    const KernelDevices kernel({Nvme(), second, third});
+    StorageDevice first = Record("/dev/nvme0n1", "P");
+    first.serial_number = "S1";
+    first.firmware_revision = "F1";
+    first.revision = "F1";
+    EXPECT_EQ(Cells(RowsOfDevices({first, Record("/dev/nvme0n2", "P")}, kernel),
+                    {"DEVICE", "SIZE", "WWN", "PATHS", "STATE", "SERIAL", "FIRMWARE", "REVISION", "ADDRESS", "FILES"}),
+              Strings({"nvme0n1 | 1.5K | eui.1 | 2 | - | S1 | F1 | F1 | - | /dev/nvme0n1 /dev/nvme0n2 /dev/nvme0",
+                       "nvme1 | 512B | eui.1 | 2 | dead | S1 | F2 | F2 | - | /dev/nvme0n1 /dev/nvme1 /dev/ng0n1"}));
+}
+
 TEST(RowsOfDevices, WhatTheKernelDoesNotKnowIsMergedByAddress)
 {
     const std::vector<StorageDevice> rows =

@@ -20,7 +20,7 @@ class Transports(Topology):
         modprobe megaraid_sas; appear /dev/sdf
         modprobe sym53c8xx; appear /dev/sdg
         modprobe usb_storage; modprobe uas; modprobe xhci_pci; appear /dev/sdh /dev/sdi
-        modprobe nvme; appear /dev/nvme0n2 /dev/nvme1n1
+        modprobe nvme; appear /dev/nvme0n2 /dev/nvme1n1 /dev/nvme2n1 /dev/nvme2n2
     """
 
     steps = {
@@ -39,6 +39,9 @@ class Transports(Topology):
             *qemu_device("qemu-xhci", id="usb"),
             *qemu_device("nvme", id="controller", serial="NV-1"),
             *qemu_device("nvme", id="other", serial="NV-2"),
+            *qemu_device("nvme-subsys", id="pair", nqn="pair"),
+            *qemu_device("nvme", id="left", serial="NV-3", subsys="pair"),
+            *qemu_device("nvme", id="right", serial="NV-3", subsys="pair"),
         ]
 
         def disk(driver, megabytes, **properties):
@@ -64,6 +67,9 @@ class Transports(Topology):
         disk("nvme-ns", 26, bus="controller", nsid=1)
         disk("nvme-ns", 27, bus="controller", nsid=2)
         disk("nvme-ns", 28, bus="other", nsid=1)
+        # Both controllers of the subsystem reach the first of these, only the first controller the second.
+        disk("nvme-ns", 29, bus="left", nsid=1, shared="on")
+        disk("nvme-ns", 30, bus="left", nsid=2, shared="off")
         return hardware
 
     def test_every_row_is_what_the_kernels_tools_say(self):
@@ -81,11 +87,20 @@ class Transports(Topology):
         self.assertEqual(2, len({line[0] for line in shared}))
 
     def test_an_nvme_controller_is_one_row_with_its_namespaces(self):
-        rows = {row["serial_number"].strip(): row for row in self.inventory("rows")["devices"]
-                if row["transport"] == "nvme"}
-        self.assertEqual(["NV-1", "NV-2"], sorted(rows))
-        self.assertEqual(53 << 20, rows["NV-1"]["size_bytes"])
-        self.assertEqual(["/dev/nvme0n1", "/dev/nvme0n2", "/dev/nvme0"], rows["NV-1"]["device_files"][:3])
+        rows = {row["device"]: row for row in self.inventory("rows")["devices"] if row["transport"] == "nvme"}
+        self.assertEqual({"nvme0n1": "NV-1", "nvme1n1": "NV-2", "nvme2n1": "NV-3", "nvme3": "NV-3"},
+                         {name: row["serial_number"].strip() for name, row in rows.items()})
+        self.assertEqual(53 << 20, rows["nvme0n1"]["size_bytes"])
+        self.assertEqual(["/dev/nvme0n1", "/dev/nvme0n2", "/dev/nvme0"], rows["nvme0n1"]["device_files"][:3])
+
+    def test_two_controllers_of_a_subsystem_are_two_rows_with_what_each_reaches(self):
+        rows = {row["device"]: row for row in self.inventory("rows")["devices"]}
+        first, second = rows["nvme2n1"], rows["nvme3"]
+        self.assertEqual(["/dev/nvme2n1", "/dev/nvme2n2", "/dev/nvme2"], first["device_files"][:3])
+        self.assertEqual(["/dev/nvme2n1", "/dev/nvme3"], second["device_files"][:2])
+        self.assertEqual([59 << 20, 29 << 20], [first["size_bytes"], second["size_bytes"]])
+        self.assertEqual(first["wwn"], second["wwn"])
+        self.assertEqual(["live", "live"], [first["state"], second["state"]])
 
     def test_model_and_revision_of_a_sata_disk_are_whole(self):
         disk, = (row for row in self.inventory("rows")["devices"] if row["wwn"] == "0x5000c50015ea71ac")

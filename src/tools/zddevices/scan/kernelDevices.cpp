@@ -341,15 +341,17 @@ void AppendScsiDevices(udev* context, std::vector<KernelDevice>& found)
     }
 }
 
-/** Whether a name is the beginning, a number, "n" and a number: nvme0n1, ng0n1. */
-bool IsNamespace(const std::string& name, const char* beginning)
+/** "0n1" for "nvme0n1", and for "nvme0c2n1", the way to it through another controller of its subsystem; else empty. */
+std::string NamespaceOf(const std::string& entry)
 {
+    int subsystem = 0;
     int controller = 0;
     int number = 0;
     int length = 0;
-    const std::string pattern = std::string(beginning) + "%dn%d%n";
-    return std::sscanf(name.c_str(), pattern.c_str(), &controller, &number, &length) == 2 &&
-           static_cast<std::size_t>(length) == name.size();
+    const bool isOne = std::sscanf(entry.c_str(), "nvme%dn%d%n", &subsystem, &number, &length) == 2 ||
+                       std::sscanf(entry.c_str(), "nvme%dc%dn%d%n", &subsystem, &controller, &number, &length) == 3;
+    const bool isWhole = isOne && static_cast<std::size_t>(length) == entry.size();
+    return isWhole ? std::to_string(subsystem) + "n" + std::to_string(number) : "";
 }
 
 KernelDevice NvmeController(udev_device& controller)
@@ -357,29 +359,20 @@ KernelDevice NvmeController(udev_device& controller)
     KernelDevice found;
     const std::string name = udev_device_get_sysname(&controller);
     const fs::path directory = udev_device_get_syspath(&controller);
-    std::vector<fs::path> places = {directory};
-    // Namespaces that several controllers may reach stand in the directory of their subsystem.
-    const fs::path subsystems = "/sys/class/nvme-subsystem";
-    for (const std::string& subsystem : NamesIn(subsystems)) {
-        if (Exists(subsystems / subsystem / name)) {
-            places.push_back(subsystems / subsystem);
-        }
-    }
     std::vector<std::string> genericFiles;
-    for (const fs::path& place : places) {
-        for (const std::string& entry : NamesIn(place)) {
-            if (IsNamespace(entry, "ng")) {
-                genericFiles.push_back(deviceDirectory + entry);
-            }
-            if (!IsNamespace(entry, "nvme")) {
-                continue;
-            }
-            const fs::path disk = "/sys/class/block/" + entry;
-            NvmeNamespace& one = found.namespaces[found.files.emplace_back(deviceDirectory + entry)];
-            one = {SizeBytes(Attribute(disk / "size")), Attribute(disk / "wwid")};
-            if (one.sizeBytes) {
-                found.sizeBytes = found.sizeBytes.value_or(0) + *one.sizeBytes;
-            }
+    for (const std::string& entry : NamesIn(directory)) {
+        const std::string numbers = NamespaceOf(entry);
+        const fs::path disk = "/sys/class/block/nvme" + numbers;
+        if (numbers.empty() || !Exists(disk)) {
+            continue;
+        }
+        NvmeNamespace& one = found.namespaces[found.files.emplace_back(deviceDirectory + ("nvme" + numbers))];
+        one = {SizeBytes(Attribute(disk / "size")), Attribute(disk / "wwid")};
+        if (one.sizeBytes) {
+            found.sizeBytes = found.sizeBytes.value_or(0) + *one.sizeBytes;
+        }
+        if (Exists("/sys/class/nvme-generic/ng" + numbers)) {
+            genericFiles.push_back(deviceDirectory + ("ng" + numbers));
         }
     }
     if (!found.files.empty()) {

@@ -1,5 +1,6 @@
 #include "tools/zddevices/scan/rows.h"
 
+#include <algorithm>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
@@ -128,6 +129,31 @@ void FillFromRecord(StorageDevice& row, const StorageDevice& record)
 }
 
 /**
+ * Appends a row for each NVMe controller all of whose namespaces were asked by files that are taken for another
+ * controller's: in a subsystem several controllers may reach a namespace, which has one file. Product and serial number
+ * are the subsystem's, the firmware is each controller's own.
+ */
+void AppendOtherControllers(const KernelDevices& kernel, const std::map<const KernelDevice*, std::size_t>& rowOf,
+                            std::vector<StorageDevice>& rows)
+{
+    for (const KernelDevice& controller : kernel.All()) {
+        const auto isAsked = [&](const auto& entry) { return rowOf.count(kernel.OfFile(entry.first)) > 0; };
+        const auto asked = std::find_if(controller.namespaces.begin(), controller.namespaces.end(), isAsked);
+        if (rowOf.count(&controller) > 0 || asked == controller.namespaces.end()) {
+            continue;
+        }
+        StorageDevice row = rows[rowOf.at(kernel.OfFile(asked->first))];
+        row.model = controller.model;
+        row.revision = controller.revision;
+        row.firmware_revision = controller.revision;
+        const auto own = std::find_if(controller.files.begin(), controller.files.end(),
+                                      [&](const std::string& file) { return controller.namespaces.count(file) == 0; });
+        FillFromKernel(row, controller, *own, kernel);
+        rows.push_back(std::move(row));
+    }
+}
+
+/**
  * Appends the records that the kernel knows nothing of: of those with one address the first, in the library's order of
  * addresses, then those without an address, about which the library knows no more than that they are there.
  */
@@ -179,6 +205,7 @@ std::vector<StorageDevice> RowsOfDevices(std::vector<StorageDevice> found, const
             FillFromRecord(row, record);
         }
     }
+    AppendOtherControllers(kernel, rowOf, rows);
     for (const auto& [device, place] : rowOf) {
         FillFromKernel(rows[place], *device, {}, kernel);
     }
