@@ -242,6 +242,19 @@ TEST_F(Asking, AnSgDriverThatModprobeDoesNotFindIsAWarning)
     }
 }
 
+TEST_F(Asking, AnEmptySysIsToldWhereRowsAreMadeOfIt)
+{
+    SimHost::Host host = HostWithDisks(1);
+    host.modprobeStatus = 0;
+    const SimHost::MountedHost mounted(host);
+    EXPECT_EQ(MissingOf(TakeInventory({}, nullptr)), Strings());
+    const EmptyDirectory sysfs("/sys");
+    EXPECT_EQ(MissingOf(TakeInventory({}, nullptr)), Strings({" not_asked"}));
+    Options asLibrary;
+    asLibrary.asLibrary = true;
+    EXPECT_EQ(MissingOf(TakeInventory(asLibrary, nullptr)), Strings());
+}
+
 TEST_F(Asking, TheAdapterOfADeviceIsTheFirstDriverAboveIt)
 {
     namespace fs = std::filesystem;

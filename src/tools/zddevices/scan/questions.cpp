@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <set>
 #include <sstream>
@@ -290,6 +291,17 @@ std::vector<Missing> FindMissing(const Options& options, const std::vector<Quest
              0,
              "the sg driver is loaded, but \"modprobe sg\" fails, without which it is not used: devices with no file "
              "but /dev/sg* are missing; zddevices doctor tells more",
+             {}});
+    }
+    std::error_code error;
+    if (options.command != Command::Optical && !options.asLibrary &&
+        (std::filesystem::is_empty("/sys", error) || error)) {
+        missing.Add(
+            {{},
+             Reason::NotAsked,
+             0,
+             "there is nothing in /sys: what only the kernel knows of the devices (size, transport, state, which "
+             "device files are one device) is not known",
              {}});
     }
     const bool everyClass = questions.size() > 1;
