@@ -2,14 +2,17 @@
  * @file
  * @brief What sharing the devices among workers gains on a host whose devices take their time.
  *
- * Usage: benchSlowDevices DISKS MILLISECONDS. Each disk has an sd and an sg node, and each ioctl takes so long. Prints
- * how long one GetAllDevice takes and how long the program's scan takes, in seconds, and their ratio.
+ * Usage: benchSlowDevices DISKS MILLISECONDS [ROUNDS]. Each disk has an sd and an sg node, and each ioctl takes so
+ * long. Prints how long one GetAllDevice takes and how long the program's scan takes, in seconds, and their ratio: of
+ * the least times of all rounds, since what else the machine does can only add to a time.
  */
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <string>
 
 #include "micro/simulatedHost.h"
@@ -52,8 +55,8 @@ double Seconds(Work work)
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "Usage: benchSlowDevices DISKS MILLISECONDS\n");
+    if (argc != 3 && argc != 4) {
+        std::fprintf(stderr, "Usage: benchSlowDevices DISKS MILLISECONDS [ROUNDS]\n");
         return 2;
     }
     const std::string reason = SimHost::EnterPrivateNamespace();
@@ -66,8 +69,13 @@ int main(int argc, char** argv)
     const SlowHost mounted(host, std::strtod(argv[2], nullptr));
     std::size_t listed = 0;
     std::size_t rows = 0;
-    const double facade = Seconds([&] { listed = AskForDevices(std::nullopt).records.size(); });
-    const double program = Seconds([&] { rows = TakeInventory({}, nullptr).devices.value().size(); });
+    double facade = std::numeric_limits<double>::infinity();
+    double program = facade;
+    const unsigned long rounds = argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 1;
+    for (unsigned long round = 0; round < rounds; ++round) {
+        facade = std::min(facade, Seconds([&] { listed = AskForDevices(std::nullopt).records.size(); }));
+        program = std::min(program, Seconds([&] { rows = TakeInventory({}, nullptr).devices.value().size(); }));
+    }
     std::printf("GetAllDevice %.3f s, %zu devices; zddevices %.3f s, %zu devices; ratio %.3f\n", facade, listed,
                 program, rows, program / facade);
     return listed == rows ? 0 : 1;
