@@ -244,6 +244,7 @@ TEST(Doctor, EachKindOfTroubleHasItsAdvice)
         {Found(Visibility::CannotBeOpened, EBUSY), "1 device file (/dev/sda) is in use by another program"},
         {Found(Visibility::CannotBeOpened, ENXIO), "1 device file (/dev/sda) cannot be opened: no device or no driver"},
         {Found(Visibility::NoAnswerInTime), "1 device file (/dev/sda) has not answered in time"},
+        {Found(Visibility::WorkerDied), "1 device file (/dev/sda) gave no answer, because the process that asks"},
         {Found(Visibility::NotAskedInTime), "1 device file (/dev/sda) was not asked, because the time was over"},
         {Found(Visibility::NoUsableAnswer, 0, {{"HDIO_DRIVE_CMD", "x", EACCES, ""}}), "CAP_SYS_RAWIO"},
         {Found(Visibility::NoUsableAnswer, 0, {{"HDIO_DRIVE_CMD", "x", EPERM, ""}}),
@@ -589,7 +590,7 @@ TEST(Doctor, ADeviceThatWasAskedIsToldFromOneThatWasNot)
     EXPECT_EQ(FileWithoutAnswer("/dev/sda", late).visibility, Visibility::NotAskedInTime);
     late.deviceFile = "/dev/sda";
     EXPECT_EQ(FileWithoutAnswer("/dev/sda", late).visibility, Visibility::NoAnswerInTime);
-    EXPECT_EQ(FileWithoutAnswer("/dev/sda", Outcome()).visibility, Visibility::NoAnswerInTime);
+    EXPECT_EQ(FileWithoutAnswer("/dev/sda", Outcome()).visibility, Visibility::WorkerDied);
     EXPECT_EQ(FileWithoutAnswer("/dev/sda", late).path, "/dev/sda");
 }
 

@@ -44,11 +44,8 @@ def find(directory=None, arch=None):
         if program is None:
             raise Problem(f"{directory} holds no {PROGRAM}")
         return Build((program,))
-    release = _program(ROOT / "build" / "release")
-    if release is not None:
-        return Build((release,))
-    others = [_program(path) for path in (ROOT / "build", *ROOT.glob("build/*"), *ROOT.glob("build-*"))]
-    found = [program for program in others if program is not None]
+    places = (ROOT / "build", *ROOT.glob("build/*"), *ROOT.glob("build-*"))
+    found = [program for program in map(_program, places) if program is not None]
     if not found:
         raise Problem(f"no build of {PROGRAM} below {ROOT}: build one, or name it with --build")
     return Build((max(found, key=lambda program: program.stat().st_mtime),))

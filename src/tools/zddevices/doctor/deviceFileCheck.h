@@ -36,6 +36,7 @@ enum class Visibility {
     NoUsableAnswer,  ///< The device was asked and gave nothing that the library takes for a device.
     NoAnswerInTime,  ///< Nothing came back in time.
     NotAskedInTime,  ///< The time was over before the device was asked.
+    WorkerDied,      ///< The process that asks it ended without an answer, or could not be started.
     Offline,         ///< The kernel has taken the device out of service.
     NotAsked         ///< A rewinding tape node without a twin that could be asked; it may be opened.
 };

@@ -178,6 +178,9 @@ std::vector<FileAdvice> AdviseOnFiles(const Diagnosis& diagnosis, const KernelDe
          "zddevices --timeout bounds it."},
         {pathsWhere([](const CheckedFile& one) { return one.visibility == Visibility::NotAskedInTime; }), "was", "were",
          "not asked, because the time was over before: zddevices doctor --timeout gives more."},
+        {pathsWhere([](const CheckedFile& one) { return one.visibility == Visibility::WorkerDied; }), "gave", "gave",
+         "no answer, because the process that asks came to an end: look whether this host is short of memory or of "
+         "processes, and ask again."},
         {pathsWhere([](const CheckedFile& one) {
              return one.visibility == Visibility::NoUsableAnswer && !WasRefusedARequest(one);
          }),
@@ -331,8 +334,8 @@ CheckedFile FileWithoutAnswer(const std::string& path, const Outcome& outcome)
     CheckedFile file;
     file.path = path;
     // A worker names the file before it asks the device.
-    const bool wasAsked = !outcome.late || !outcome.deviceFile.empty();
-    file.visibility = wasAsked ? Visibility::NoAnswerInTime : Visibility::NotAskedInTime;
+    const Visibility inTime = outcome.deviceFile.empty() ? Visibility::NotAskedInTime : Visibility::NoAnswerInTime;
+    file.visibility = outcome.late ? inTime : Visibility::WorkerDied;
     return file;
 }
 

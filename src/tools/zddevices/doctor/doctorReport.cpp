@@ -22,13 +22,14 @@ struct VisibilityWords {
     const char* verdict;
 };
 
-constexpr std::array<VisibilityWords, 8> visibilityTable = {{
+constexpr std::array<VisibilityWords, 9> visibilityTable = {{
     {Visibility::Visible, "visible", "visible"},
     {Visibility::Denied, "denied", "NOT VISIBLE: open: "},
     {Visibility::CannotBeOpened, "cannot_be_opened", "NOT VISIBLE: open: "},
     {Visibility::NoUsableAnswer, "no_usable_answer", "NOT VISIBLE: does not answer as a device that is listed"},
     {Visibility::NoAnswerInTime, "no_answer_in_time", "NOT VISIBLE: no answer within "},
     {Visibility::NotAskedInTime, "not_asked_in_time", "NOT VISIBLE: not asked: the time was over"},
+    {Visibility::WorkerDied, "worker_died", "NOT VISIBLE: the process that asks came to an end"},
     {Visibility::Offline, "offline", "NOT VISIBLE: "},
     {Visibility::NotAsked, "not_asked", "may be opened; not asked, because that would rewind the tape"},
 }};
