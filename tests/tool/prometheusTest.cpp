@@ -44,6 +44,7 @@ StorageDevice Disk(const std::string& serial)
     disk.vendor = "HALVARD ";
     disk.product = " HX 900 ";
     disk.device_type = "Direct Access Device";
+    disk.type = "disk";
     disk.serial_number = serial;
     disk.firmware_revision = "0102\x06";
     disk.port = "10";

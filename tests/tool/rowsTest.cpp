@@ -121,10 +121,15 @@ TEST(RowsOfDevices, ARecordWithADeviceTypeIsBetterThanOneWithout)
 TEST(RowsOfDevices, TheKernelsFieldsAreFilledIn)
 {
     KernelDevice disk = Disk({"/dev/sda"}, "1:0:0:0");
+    disk.scsiType = 0x14;
     disk.wwn = "0x5000c500a1b2c3d4";
-    EXPECT_EQ(Cells(RowsOfDevices({Record("/dev/sda", "P")}, KernelDevices({disk})),
-                    {"SIZE", "TRANSPORT", "WWN", "STATE", "DRIVER", "SLOT", "MODEL", "REVISION", "PATHS"}),
-              Strings({"1K | sas | 0x5000c500a1b2c3d4 | running | mpt3sas | 6:0:9:0/Slot 03 | KERNEL MODEL | K1 | 1"}));
+    StorageDevice zoned = Record("/dev/sda", "P");
+    zoned.device_type = "Write-Once Device";
+    EXPECT_EQ(
+        Cells(RowsOfDevices({zoned}, KernelDevices({disk})),
+              {"TYPE", "SIZE", "TRANSPORT", "WWN", "STATE", "DRIVER", "SLOT", "MODEL", "REVISION", "PATHS"}),
+        Strings(
+            {"disk | 1K | sas | 0x5000c500a1b2c3d4 | running | mpt3sas | 6:0:9:0/Slot 03 | KERNEL MODEL | K1 | 1"}));
     KernelDevice bare;
     bare.files = {"/dev/sda"};
     bare.address = "1:0:0:0";

@@ -50,16 +50,26 @@ TEST(StorageDevice, SizesAreWrittenAsLsblkWritesThem)
     }
 }
 
-TEST(StorageDevice, TypesAreShortWordsAndTheLibrarysTextsOnDemand)
+TEST(StorageDevice, ATypeIsAShortWordAndTheLibrarysTextOnDemand)
 {
+    EXPECT_EQ(TypeWord({}, "Medium Changer Device"), "changer");
+    EXPECT_EQ(TypeWord({}, "Something New"), "Something New");
+    EXPECT_EQ(TypeWord({}, ""), "");
     StorageDevice device;
+    device.type = "changer";
     device.device_type = "Medium Changer Device";
     EXPECT_EQ(Cell(device, "TYPE"), "changer");
     EXPECT_EQ(Cell(device, "TYPE-TEXT"), "Medium Changer Device");
-    device.device_type = "Something New";
-    EXPECT_EQ(Cell(device, "TYPE"), "Something New");
-    device.device_type.clear();
-    EXPECT_EQ(Cell(device, "TYPE"), "-");
+}
+
+TEST(StorageDevice, TheKernelsTypeHasABitMoreThanTheLibrarys)
+{
+    EXPECT_EQ(TypeWord({}, "Write-Once Device"), "worm");
+    EXPECT_EQ(TypeWord(0x04, "Write-Once Device"), "worm");
+    EXPECT_EQ(TypeWord(0x14, "Write-Once Device"), "disk");
+    EXPECT_EQ(TypeWord(0x11, "Sequential Access Device"), "osd");
+    EXPECT_EQ(TypeWord(0x1F, "Optical Card Reader Device"), "unknown");
+    EXPECT_EQ(TypeWord(0x12, "Printer Device"), "Printer Device");
 }
 
 TEST(StorageDevice, AnAddressOfZerosIsAnAddress)

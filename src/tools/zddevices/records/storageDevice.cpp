@@ -16,7 +16,6 @@ namespace {
 using Device = StorageDevice;
 
 std::string Address(const Device& device);
-std::string Type(const Device& device);
 std::string Size(const Device& device);
 
 /** A column that stays as it is, and that a table has when asked for. */
@@ -29,7 +28,7 @@ constexpr Field<Device> Extra(const char* heading, const char* key, std::string 
 constexpr Field<Device> fields[] = {
     // Heading, least width, key in JSON, text.
     {{"DEVICE"}, "device", &Device::device},
-    {{"TYPE"}, nullptr, nullptr, Type},
+    {{"TYPE"}, nullptr, &Device::type},
     {{"SIZE"}, "size_bytes", &Device::size_bytes, Size, InTable::ByDefault, Content::Number},
     {{"VENDOR", 8}, "vendor", &Device::vendor},
     {{"MODEL", 12}, "model", &Device::model},
@@ -58,32 +57,37 @@ std::string Address(const Device& device)
     return device.port.empty() ? "" : device.port + ":" + device.bus + ":" + device.target + ":" + device.lun;
 }
 
-/** A text of the library's, and a word for it. */
-struct TypeWord {
+/** A SCSI type, the library's text for it, and a word. */
+struct TypeName {
+    unsigned int scsiType;
     const char* text;
     const char* word;
 };
 
-constexpr TypeWord typeWords[] = {
-    {"Direct Access Device", "disk"},       {"Sequential Access Device", "tape"},
-    {"Printer Device", "printer"},          {"Processor Device", "processor"},
-    {"Write-Once Device", "worm"},          {"CD-ROM Device", "cd"},
-    {"Scanner Device", "scanner"},          {"Optical Memory Device", "optical"},
-    {"Medium Changer Device", "changer"},   {"Communications Device", "network"},
-    {"Graphic Arts Device", "prepress"},    {"Storage Array Controller", "raid"},
-    {"Enclosure Device", "enclosure"},      {"Simple Direct Access Device", "disk"},
-    {"Optical Card Reader Device", "card"}, {"Optical Based Storage Device", "osd"},
+/** The library looks at four bits of the type: some of its texts belong to two. */
+constexpr TypeName typeNames[] = {
+    {0x00, "Direct Access Device", "disk"},
+    {0x01, "Sequential Access Device", "tape"},
+    {0x02, "Printer Device", "printer"},
+    {0x03, "Processor Device", "processor"},
+    {0x04, "Write-Once Device", "worm"},
+    {0x05, "CD-ROM Device", "cd"},
+    {0x06, "Scanner Device", "scanner"},
+    {0x07, "Optical Memory Device", "optical"},
+    {0x08, "Medium Changer Device", "changer"},
+    {0x09, "Communications Device", "network"},
+    {0x0A, "Graphic Arts Device", "prepress"},
+    {0x0B, "Graphic Arts Device", "prepress"},
+    {0x0C, "Storage Array Controller", "raid"},
+    {0x0D, "Enclosure Device", "enclosure"},
+    {0x0E, "Simple Direct Access Device", "disk"},
+    {0x0F, "Optical Card Reader Device", "card"},
+    {0x11, "Optical Based Storage Device", "osd"},
+    // A disk whose zones the host manages.
+    {0x14, "Write-Once Device", "disk"},
+    {0x1E, "Simple Direct Access Device", "wlun"},
+    {0x1F, "Optical Card Reader Device", "unknown"},
 };
-
-std::string Type(const Device& device)
-{
-    for (const TypeWord& one : typeWords) {
-        if (device.device_type == one.text) {
-            return one.word;
-        }
-    }
-    return device.device_type;
-}
 
 /** As lsblk writes it: powers of 1024, and one decimal where that is not zero ("1.8T", "16M"). */
 std::string Size(const Device& device)
@@ -115,6 +119,16 @@ std::string Size(const Device& device)
 }
 
 }  // namespace
+
+std::string TypeWord(std::optional<unsigned int> scsiType, const std::string& text)
+{
+    for (const TypeName& one : typeNames) {
+        if (scsiType ? *scsiType == one.scsiType : text == one.text) {
+            return one.word;
+        }
+    }
+    return text;
+}
 
 template <>
 const RecordKind<Device>& KindOf<Device>()

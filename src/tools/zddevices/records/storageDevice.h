@@ -5,6 +5,7 @@
 #ifndef ZENDRA_ZDDEVICES_STORAGEDEVICE_H
 #define ZENDRA_ZDDEVICES_STORAGEDEVICE_H
 
+#include <optional>
 #include <string>
 
 #include "module/osinfos/systemdevice/systemDevice.h"
@@ -33,9 +34,18 @@ struct StorageDevice : ZDSystemDevice::SystemDevice {
     std::string model;
     /** Of the firmware, likewise. */
     std::string revision;
+    /** TypeWord()'s. */
+    std::string type;
     /** How many devices of this host have this `wwn`, and are therefore ways to one disk; decimal digits. */
     std::string paths;
 };
+
+/**
+ * @brief "disk", "tape", "cd", "changer": a word for what kind of device it is.
+ * @param scsiType SPC's peripheral device type; goes further than the text.
+ * @param text the library's `device_type`; comes back where there is no word for either.
+ */
+std::string TypeWord(std::optional<unsigned int> scsiType, const std::string& text);
 
 }  // namespace Zendra::ZDDevices
 

@@ -71,6 +71,7 @@ const KernelDevice* DeviceOf(const StorageDevice& record, const KernelDevices& k
 /** What nobody else knows, out of what the library says. */
 void CompleteFromItsTexts(StorageDevice& row)
 {
+    row.type = row.type.empty() ? TypeWord({}, row.device_type) : row.type;
     row.model = row.model.empty() ? trim_copy(row.product) : row.model;
     row.revision = row.revision.empty() ? trim_copy(row.firmware_revision) : row.revision;
 }
@@ -102,6 +103,7 @@ void FillFromKernel(StorageDevice& row, const KernelDevice& device, const std::s
     row.size_bytes = size ? std::to_string(*size) : "";
     row.wwn = isOneOfSeveral ? disk->second.wwn : device.wwn;
     row.paths = row.wwn.empty() ? "" : std::to_string(kernel.CountPaths(row.wwn));
+    row.type = TypeWord(device.scsiType, row.device_type);
     row.transport = device.transport;
     row.state = device.state;
     row.driver = device.driver;
