@@ -225,6 +225,36 @@ TEST_F(Asking, ADeviceThatGoesOutOfServiceWhileItIsAskedIsSaidToBeSo)
     EXPECT_EQ(MissingOf(inventory), Strings({"/dev/sda offline"}));
 }
 
+TEST_F(Asking, ATapeThatAnsweredByOneFileLacksNoneOfTheOthers)
+{
+    namespace fs = std::filesystem;
+    SimHost::Host host = HostWithDisks(1);
+    SimHost::DevEntry tape = host.dev.front();
+    tape.name = "nst0";
+    host.dev = {tape};
+    for (const char* name : {"nst0a", "nst1"}) {
+        tape.name = name;
+        tape.node.inquiry = tape.node.serial;  // nothing but errors
+        host.dev.push_back(tape);
+    }
+    const SimHost::MountedHost mounted(host);
+    fs::create_directories("/sys/bus/scsi/devices");
+    for (const auto& [address, names] : {std::pair{"0:0:0:0", Strings{"nst0", "nst0a"}}, {"0:0:1:0", {"nst1"}}}) {
+        const fs::path device = fs::path("/sys/devices/host0/target0:0:0") / address;
+        for (const std::string& name : names) {
+            fs::create_directories(device / "scsi_tape" / name);
+            fs::create_directories("/sys/class/scsi_tape");
+            fs::create_symlink(device / "scsi_tape" / name, "/sys/class/scsi_tape/" + name);
+        }
+        fs::create_symlink(device, fs::path("/sys/bus/scsi/devices") / address);
+    }
+    Options options;
+    options.type = ZDSystemDevice::SYS_DEVICE_TAPE;
+    const Inventory inventory = TakeInventory(options, nullptr);
+    EXPECT_EQ(DevicesOf(inventory), Strings({"DISK a"}));
+    EXPECT_EQ(MissingOf(inventory), Strings({"/dev/nst1 no_usable_answer"}));
+}
+
 TEST_F(Asking, AnSgDriverThatModprobeDoesNotFindIsAWarning)
 {
     SimHost::Host host = HostWithDisks(1);

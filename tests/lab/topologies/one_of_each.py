@@ -75,6 +75,13 @@ class OneOfEach(Topology):
         "scsi-trace": "zddevices --type scsi --format json --log-level 4",
         "disk-trace": "zddevices --type disk --format json --log-level 4",
         "tape-trace": "zddevices --type tape --format json --log-level 4",
+        "tape-of-modes": """
+            mkdir /tmp/rewinding && mv /dev/st* /tmp/rewinding
+            zddevices --type tape --format json
+            status=$?
+            mv /tmp/rewinding/* /dev
+            exit "$status"
+        """,
         "doctor": "zddevices doctor --format json",
         "doctor-words": "zddevices doctor",
         "doctor-user": """
@@ -105,6 +112,9 @@ class OneOfEach(Topology):
         self.assertIn("nst0a", self.device_files("nst"))
         self.assertIn("st0a", self.device_files("st"))
         self.assert_inventory("tape", OK, [STREAMER])
+
+    def test_files_of_modes_that_are_not_set_up_lack_nothing_where_the_tape_answers_by_another(self):
+        self.assert_rows("tape-of-modes", [STREAMER])
 
     def test_scsi_scan_lists_every_generic_device_in_directory_order(self):
         self.assert_inventory("scsi", OK, self.in_directory_order("sg", {

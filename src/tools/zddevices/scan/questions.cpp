@@ -186,11 +186,21 @@ public:
         for (const LostFile& lost : outcome.lost) {
             Add({lost.path, lost.late ? Reason::NoAnswerInTime : Reason::WorkerDied, 0, lost.failure, {}});
         }
+        std::set<const KernelDevice*> answered;
         for (const FileAnswer& file : outcome.files) {
             if (file.record) {
                 accounted.insert(file.path);
-            } else if (!IsDirectory(file.path)) {
-                Add(WhyNoRecord({file.path, file.openError, file.error}, kernel.OfFile(file.path)));
+                answered.insert(kernel.OfFile(file.path));
+            }
+        }
+        for (const FileAnswer& file : outcome.files) {
+            const KernelDevice* const device = file.record ? nullptr : kernel.OfFile(file.path);
+            if (deviceClass.type == ZDSystemDevice::SYS_DEVICE_TAPE && device != nullptr &&
+                answered.count(device) > 0) {
+                // A tape drive has a file for each mode, of which most are never set up.
+                accounted.insert(file.path);
+            } else if (!file.record && !IsDirectory(file.path)) {
+                Add(WhyNoRecord({file.path, file.openError, file.error}, device));
             }
         }
         // Listed again: sg's files appear while the generic class is asked; without that driver it asks none of them.
