@@ -6,6 +6,7 @@ import os
 import pathlib
 import random
 import re
+import subprocess
 import sys
 import tempfile
 import unittest
@@ -64,6 +65,13 @@ class AnswerTest(unittest.TestCase):
             (lambda f: f.update(problems=[dict(answers.problem("error", "x"), classes=[1])]), None, "^problems/0/classes/0"),
             (lambda f: f.update(problems=[answers.problem("bad luck", "x")]), None, "^problems/0/reason"),
             (lambda f: f["inventory"].update(more=float("nan")), None, "not JSON compliant"),
+            (lambda f: f["inventory"]["devices"][0].update(port=1.0), "inventory", "^inventory/devices/0/port: 1.0 is not"),
+            (lambda f: f["inventory"]["devices"][0].update(port=True), "inventory", "^inventory/devices/0/port: True is not"),
+            (lambda f: f["inventory"]["devices"][0].update(size_bytes=2 ** 64), None, r"^18446744073709551616\.\.\. is no number"),
+            (lambda f: f["inventory"].update(more=10 ** 400), None, r"^10{19}\.\.\. is no number of 64 bits$"),
+            (lambda f: f["inventory"].update(more=10 ** 5000), None, "integer string conversion"),
+            (lambda f: f["inventory"]["devices"][0].update(vendor="half \ud800"), None, "surrogates not allowed"),
+            (lambda f: f["inventory"].update({"\udc00": 1}), None, "surrogates not allowed"),
         ):
             with self.subTest(message=message):
                 self.check_failed(changed(change), document, message)
@@ -82,6 +90,11 @@ class AnswerTest(unittest.TestCase):
     def test_a_message_is_cut(self):
         found = answer(changed(lambda f: f["inventory"].update(devices="x" * MEBIBYTE)))
         self.assertEqual(len(found["problems"][0]["message"]), answers.MESSAGE_LIMIT)
+
+    def test_a_message_holds_nothing_that_a_terminal_or_a_reader_of_the_file_stumbles_over(self):
+        found = answer("half \ud800, \x1b]0;title\x07, \x9b31m, \u202e, back\rover,\r\nnext\tline")
+        self.assertEqual(found["problems"][0]["message"], "the fact zddevices: half \ufffd, \ufffd]0;title\ufffd, \ufffd31m, "
+                         "\ufffd, back\ufffdover,\nnext\tline")
 
     def test_keys_that_a_newer_program_has_are_let_through(self):
         fact = changed(lambda f: f["inventory"]["devices"][0].update(colour="green"))
@@ -124,13 +137,15 @@ class Merged(unittest.TestCase):
         answers.write_whole(answers.host_path(self.output, name), [text])
 
     def merge(self, *names):
-        """What the playbook's last steps do; the merged file's hosts, and the page's data."""
+        """What the playbook's last steps do; the merged file's hosts, and the page's data. The program can read the file."""
         hosts = (answers.read_answer(self.output, name, "192.0.2.1") for name in names)
         answers.write_whole(self.path, answers.fleet_pieces(MOMENT, hosts))
         content = "".join(page.pieces(self.path, FRAME))
         data = json.loads(re.search(r'id="data">(.*?)</script>', content, re.DOTALL)[1])
         merged = json.loads(pathlib.Path(self.path).read_text(encoding="ascii"))
         self.assertEqual(merged["totals"], data["totals"])
+        compared = subprocess.run([os.environ["ZDDEVICES"], "diff", self.path, self.path], capture_output=True, check=False)
+        self.assertEqual((compared.returncode, compared.stderr), (0, b""))
         return merged["hosts"], data
 
 

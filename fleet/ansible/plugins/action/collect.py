@@ -16,7 +16,11 @@ from ansible.errors import AnsibleConnectionFailure
 from ansible.executor.task_executor import TaskTimeoutError
 from ansible.module_utils.common.text.converters import to_text
 from ansible.plugins.action import ActionBase
-from ansible_collections.zendra.devices.plugins.module_utils import answers
+from ansible_collections.zendra.devices.plugins.module_utils import answers, texts
+
+
+# Where a module says why it failed.
+TOLD = ("msg", "module_stderr", "module_stdout")
 
 
 class ActionModule(ActionBase):
@@ -32,29 +36,37 @@ class ActionModule(ActionBase):
                 task_vars=task_vars,
             )
             if gathered.get("failed"):
-                message = self._why(gathered)
-                self._keep(task_vars, {}, [answers.problem("error", message)])
-                result.update(failed=True, msg=message)
-                return result
-            local = gathered["ansible_facts"].get("ansible_local", {})
+                return self._failed(task_vars, result, "error", self._why(gathered))
+            local = gathered["ansible_facts"]["ansible_local"]
             status = self._keep(task_vars, *answers.judge(local, self._task.args.get("refused")))
         except AnsibleConnectionFailure as error:
-            self._keep(task_vars, {}, [answers.problem("unreachable", to_text(error))])
-            raise
+            raise AnsibleConnectionFailure(self._failed(task_vars, result, "unreachable", error)["msg"]) from None
         except TaskTimeoutError:
+            result["time_limit"] = True
             message = "the host did not answer within %s seconds" % self._task.timeout
-            self._keep(task_vars, {}, [answers.problem("time_limit", message)])
-            result.update(failed=True, time_limit=True, msg=message)
-            return result
+            return self._failed(task_vars, result, "time_limit", message)
         except Exception as error:
-            self._keep(task_vars, {}, [answers.problem("error", to_text(error))])
-            raise
+            return self._failed(task_vars, result, "error", error)
         result.update(changed=False, status=status)
+        return result
+
+    def _parse_returned_data(self, res, *more):
+        """What is looked at, and nothing else: the rest would become warnings of Ansible's, and a terminal acts on those."""
+        said = super()._parse_returned_data({**res, "stdout": texts.printable(res.get("stdout", ""))}, *more)
+        facts = said.get("ansible_facts")
+        local = facts.get("ansible_local") if isinstance(facts, dict) else None
+        kept = {key: said[key] for key in ("_ansible_parsed", "failed", *TOLD) if key in said}
+        return {**kept, "ansible_facts": {"ansible_local": local}}
+
+    def _failed(self, task_vars, result, reason, message):
+        problem = answers.problem(reason, to_text(message))
+        self._keep(task_vars, {}, [problem])
+        result.update(failed=True, msg=problem["message"])
         return result
 
     @staticmethod
     def _why(gathered):
-        told = [gathered.get(key) for key in ("msg", "module_stderr", "module_stdout")]
+        told = [gathered.get(key) for key in TOLD]
         return "\n".join(to_text(text).strip() for text in told if text)
 
     def _keep(self, task_vars, fact, problems):

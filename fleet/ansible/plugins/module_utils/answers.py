@@ -10,6 +10,7 @@ import urllib.parse
 
 from ansible_collections.zendra.devices.plugins.module_utils import documents
 from ansible_collections.zendra.devices.plugins.module_utils.documents import compact
+from ansible_collections.zendra.devices.plugins.module_utils.texts import printable
 
 DOCUMENTS = tuple(documents.SCHEMAS)
 
@@ -63,7 +64,7 @@ def problem(reason, message, document=None, classes=()):
         "reason": reason,
         "document": document,
         "classes": list(classes),
-        "message": str(message).strip()[:MESSAGE_LIMIT],
+        "message": printable(str(message).strip()[:MESSAGE_LIMIT]),
     }
 
 

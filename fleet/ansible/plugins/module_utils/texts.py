@@ -33,6 +33,11 @@ PADDING = "".join(map(chr, range(0x21))) + "\x7f"
 LONGEST = 300
 
 
+def printable(text):
+    """The text with U+FFFD in place of what a terminal acts on, no eye sees or no file holds. Lines stay lines."""
+    return HIDDEN.sub(lambda found: found[0] if found[0] in "\n\t" else "\ufffd", text.replace("\r\n", "\n"))
+
+
 def shown(value):
     """The text without its padding, U+FFFD in place of what cannot be seen; empty when there is none."""
     if value is None:

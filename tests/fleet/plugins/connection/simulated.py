@@ -1,9 +1,11 @@
 """An Ansible connection that ends on the controller: each host answers with a fact that a real zddevices once printed.
 
 Whatever module is sent, what comes back is what ansible.builtin.setup says of such a host. The variable simulated_host
-says which fact, from the directory SIMULATED_FACTS, and which number the host has: see tests/fleet/scale.
+says which fact, from the directory SIMULATED_FACTS, and which number the host has: see tests/fleet/scale. Where that
+directory has a file "asked", each request is a line in it.
 """
 import os
+import time
 
 from ansible.errors import AnsibleConnectionFailure
 from ansible.plugins.connection import ConnectionBase
@@ -35,12 +37,29 @@ class Connection(ConnectionBase):
         if in_data is None:
             raise AssertionError("more is asked for than a module's answer: %s" % cmd)
         kind, number = self.get_option("simulated_host").split(":")
+        directory = os.environ["SIMULATED_FACTS"]
+        if os.path.exists(os.path.join(directory, "asked")):
+            with open(os.path.join(directory, "asked"), "a", encoding="ascii") as file:
+                file.write(kind + "\n")
         if kind == "unreachable":
             raise AnsibleConnectionFailure("Failed to connect to the host: no route to host")
+        if kind == "hangs":
+            time.sleep(600)
+        if kind == "rootless":
+            if "sudo" in cmd:
+                return 1, b"", b"sudo: a password is required\n"
+            kind = "fact"
+        if kind == "says":
+            # Byte by byte what a host's Python would have written.
+            with open(os.path.join(directory, "says." + number), "rb") as file:
+                said = file.read()
+            if said.startswith(b"unreachable"):
+                raise AnsibleConnectionFailure(said.decode())
+            return 0, said, b""
         if kind == "fails":
             return 0, b'{"failed": true, "msg": "the module broke"}', b""
         huge, kind = kind == "huge", kind.replace("huge", "disks")
-        with open(os.path.join(os.environ["SIMULATED_FACTS"], kind + ".json"), encoding="ascii") as file:
+        with open(os.path.join(directory, kind + ".json"), encoding="ascii") as file:
             fact = file.read().replace(NAME, "host%s" % number).replace(SERIAL, "S%s" % number)
         if huge:
             fact = fact.replace('"HALVARD"', '"%s"' % ("x" * (100 << 20)), 1)
