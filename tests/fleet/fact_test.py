@@ -195,6 +195,27 @@ class FactTest(unittest.TestCase):
         answer = self.ask('printf \'{"text":"\'; head -c 20000000 /dev/zero | tr "\\0" x; printf \'"}\'')
         self.assertEqual(len(answer["inventory"]["text"]), 20000000)
 
+    def test_an_output_of_a_gigabyte_is_an_error_and_takes_little_memory(self):
+        self.place('[ "${5-}" != firmware ] || exec head -c 1000000000 /dev/zero; ' + GOOD)
+        begun = time.monotonic()
+        with self.start() as fact:
+            answer = json.loads(fact.stdout.read())
+            _, status, usage = os.wait4(fact.pid, 0)
+            fact.returncode = os.waitstatus_to_exitcode(status)
+            self.assertEqual((fact.returncode, fact.stderr.read()), (0, b""))
+        self.assertLess(time.monotonic() - begun, SECONDS)
+        self.assertEqual(self.reasons(answer), [("error", "firmware", [])])
+        self.assertEqual(answer["inventory"]["schema"], "inventory")
+        self.assertLess(usage.ru_maxrss, 300 << 10)
+
+    def test_an_answer_that_nobody_reads_leaves_no_process(self):
+        numbers = self.directory / "started"
+        self.place("echo $$ >>%s; sleep 1; %s" % (numbers, GOOD))
+        with self.start() as fact:
+            fact.stdout.close()
+            self.assertNotEqual(fact.wait(), 0)
+            self.check_gone(numbers)
+
 
 if __name__ == "__main__":
     unittest.main(argv=sys.argv[:1], verbosity=2)

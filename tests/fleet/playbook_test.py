@@ -75,7 +75,10 @@ class Case(unittest.TestCase):
             network.run("mount", "--bind", str(programs / name), "/usr/bin/" + name)
             cls.addClassCleanup(network.run, "umount", "--lazy", "/usr/bin/" + name)
         cls.ansible = controller.Ansible(cls.directory, SOURCE)
+        # What the roles set is seen only where nobody else has.
+        del cls.ansible.environment["LC_ALL"]
         cls.ansible.environment.update(
+            LANG="C.UTF-8",
             PATH="%s:%s" % (programs, cls.ansible.environment["PATH"]),
             ANSIBLE_CONNECTION_PLUGINS=str(HERE / "plugins/connection"),
             SIMULATED_FACTS=str(cls.directory),
