@@ -140,7 +140,7 @@ class RoleTest(Case):
         return stat.S_IMODE(found.st_mode), found.st_uid, found.st_gid
 
     def test_the_packages_are_installed_in_one_call_and_the_fact_is_placed(self):
-        os.umask(os.umask(0o077))
+        self.addCleanup(os.umask, os.umask(0o077))
         counts = recap(self.install())["one"]
         self.assertEqual((counts["failed"], counts["rescued"], counts["changed"]), (0, 0, 3))
         [(command, where, frontend, language, files)] = self.calls()

@@ -484,6 +484,31 @@ class RulesTest(Promtool):
             (-1, "StorageFirmwareChanged"), (2, "StorageFirmwareChanged", changed),
             (55, "StorageFirmwareChanged", changed), (65, "StorageFirmwareChanged")], firmware=6)
 
+    def test_labels_that_a_host_makes_up_cost_no_other_host_its_alerts(self):
+        text = "{{ $externalURL }} {{ 7 }}"
+        series = []
+        for host, more in (("good", [""]), ("bad", ['severity="1",', 'severity="2",', 'alertname="x",'])):
+            for labels in more:
+                for name, own, values in (("zendra_device_missing", f'device_file="{text}",reason="denied",', "1x200"),
+                                          ("zendra_device_scan_complete", f'class="{text}",asked="disk",', "0x200"),
+                                          ("zendra_device_scan_timestamp_seconds", "", "1x200 stale")):
+                    series.append({"series": f'{name}{{{own}{labels}instance="{host}"}}', "values": values})
+
+        def expected(minute, name, words, **labels):
+            return {"eval_time": f"{minute}m", "alertname": name, "exp_alerts": [
+                {"exp_labels": {"severity": "warning", "instance": host, **labels},
+                 "exp_annotations": {"summary": f"{host}: {words}"}} for host in ("bad", "good")]}
+
+        alerts = [
+            expected(190, "StorageDeviceSilent", text + " gives no answer (denied)", device_file=text, reason="denied"),
+            expected(190, "StorageScanIncomplete", f"devices of the class {text} do not answer", **{"class": text, "asked": "disk"}),
+            expected(190, "StorageInventoryOld", "the storage devices were last listed 3h 9m 59s ago"),
+            expected(230, "StorageHostSilent", "tells nothing of its storage devices any more")]
+        tests = json.dumps({"rule_files": [self.rules], "evaluation_interval": "1m", "tests": [
+            {"interval": "1m", "input_series": series, "alert_rule_test": alerts}]})
+        result = self.promtool("test", "rules", self.write("tests.yml", tests))
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
     def test_devices_without_a_serial_number_or_a_firmware_are_not_told_of(self):
         more = self.written(disk(b"S1"), disk(b""), disk(b"S2"))
         # Without the drive, which has no serial number either.
