@@ -324,6 +324,16 @@ class HostileTest(Case):
         self.assertIn(template, hosts["h2"]["problems"][0]["message"])
         self.assertEqual(len(os.listdir(self.output / "hosts")), len(hosts))
 
+    def test_a_host_that_says_more_than_memory_holds_fails(self):
+        (self.directory / "fact.json").write_text(json.dumps(FACT), encoding="ascii")
+        self.inventory("endless ansible_connection=simulated simulated_host=endless:1",
+                       "good ansible_connection=simulated simulated_host=fact:00001")
+        self.play("collect")
+        endless, good = self.fleet()
+        self.assertEqual((endless["status"], [(one["reason"], one["message"]) for one in endless["problems"]]),
+                         ("failed", [("error", "the answer is larger than the memory that a host may take")]))
+        self.assertEqual(good["status"], "ok")
+
     def test_where_root_is_refused_the_host_is_asked_again_without_and_one_that_hangs_is_not(self):
         fact = {**FACT, "problems": [{"reason": "not_root", "document": "inventory", "classes": [], "message": "run as root"}]}
         (self.directory / "fact.json").write_text(json.dumps(fact), encoding="ascii")

@@ -10,7 +10,9 @@ devices of all hosts at once, and no text of a device is ever taken for a templa
 """
 from __future__ import annotations
 
+import contextlib
 import os
+import resource
 
 from ansible.errors import AnsibleConnectionFailure
 from ansible.executor.task_executor import TaskTimeoutError
@@ -19,8 +21,25 @@ from ansible.plugins.action import ActionBase
 from ansible_collections.zendra.devices.plugins.module_utils import answers, texts
 
 
+# Of memory, for one host's answer. An answer of a hundred megabytes, which is refused, takes half of it.
+LARGEST = 1 << 30
+
 # Where a module says why it failed.
 TOLD = ("msg", "module_stderr", "module_stdout")
+
+
+@contextlib.contextmanager
+def bounded_memory():
+    """Each host is asked by a process of its own. A host that says something without end must not take the controller's memory."""
+    before = resource.getrlimit(resource.RLIMIT_AS)
+    with open("/proc/self/statm", encoding="ascii") as file:
+        now = int(file.read().split()[0]) * resource.getpagesize()
+    wanted = now + LARGEST
+    resource.setrlimit(resource.RLIMIT_AS, (wanted if before[1] == resource.RLIM_INFINITY else min(wanted, before[1]), before[1]))
+    try:
+        yield
+    finally:
+        resource.setrlimit(resource.RLIMIT_AS, before)
 
 
 class ActionModule(ActionBase):
@@ -30,11 +49,12 @@ class ActionModule(ActionBase):
     def run(self, tmp=None, task_vars=None):
         result = super().run(tmp, task_vars)
         try:
-            gathered = self._execute_module(
-                module_name="ansible.builtin.setup",
-                module_args={"gather_subset": ["!all", "!min", "local"], "filter": ["ansible_local"]},
-                task_vars=task_vars,
-            )
+            with bounded_memory():
+                gathered = self._execute_module(
+                    module_name="ansible.builtin.setup",
+                    module_args={"gather_subset": ["!all", "!min", "local"], "filter": ["ansible_local"]},
+                    task_vars=task_vars,
+                )
             if gathered.get("failed"):
                 return self._failed(task_vars, result, "error", self._why(gathered))
             local = gathered["ansible_facts"]["ansible_local"]
@@ -45,6 +65,8 @@ class ActionModule(ActionBase):
             result["time_limit"] = True
             message = "the host did not answer within %s seconds" % self._task.timeout
             return self._failed(task_vars, result, "time_limit", message)
+        except MemoryError:
+            return self._failed(task_vars, result, "error", "the answer is larger than the memory that a host may take")
         except Exception as error:
             return self._failed(task_vars, result, "error", error)
         result.update(changed=False, status=status)
