@@ -71,15 +71,17 @@ class Case(unittest.TestCase):
             script = script.replace("DIRECTORY", str(cls.directory)).replace("REAL", os.environ["ZDDEVICES"])
             (programs / name).write_text(script, encoding="ascii")
             (programs / name).chmod(0o755)
-        for name in ("apt-get", "dpkg"):
-            network.run("mount", "--bind", str(programs / name), "/usr/bin/" + name)
-            cls.addClassCleanup(network.run, "umount", "--lazy", "/usr/bin/" + name)
+        # zddevices is where root's programs are, which not everybody's PATH names.
+        for program, place in ((programs / "apt-get", "/usr/bin/apt-get"), (programs / "dpkg", "/usr/bin/dpkg"),
+                               (programs, "/usr/local/sbin")):
+            network.run("mount", "--bind", str(program), place)
+            cls.addClassCleanup(network.run, "umount", "--lazy", place)
         cls.ansible = controller.Ansible(cls.directory, SOURCE)
         # What the roles set is seen only where nobody else has.
         del cls.ansible.environment["LC_ALL"]
         cls.ansible.environment.update(
             LANG="C.UTF-8",
-            PATH="%s:%s" % (programs, cls.ansible.environment["PATH"]),
+            PATH="/usr/bin:/bin",
             ANSIBLE_CONNECTION_PLUGINS=str(HERE / "plugins/connection"),
             SIMULATED_FACTS=str(cls.directory),
             ANSIBLE_REMOTE_TMP=str(cls.directory / "remote"),
@@ -167,11 +169,12 @@ class RoleTest(Case):
     def test_hosts_that_fail_say_why_and_stand_in_nobody_s_way(self):
         self.inventory("a ansible_connection=local zddevices_packages='[\"broken\"]'",
                        "b ansible_connection=simulated simulated_host=unreachable:1",
-                       "c ansible_connection=local zddevices_fact_directory=/etc/ansible/c")
-        done = self.install("broken_1.0_all.deb", zendra_batch=1)
+                       "c ansible_connection=local zddevices_fact_directory=/etc/ansible/c",
+                       "d ansible_connection=local zddevices_fact_directory=/etc/ansible/d")
+        done = self.install("broken_1.0_all.deb", zendra_batch=1, zendra_hosts="a:b:c")
         counts = {name: (one["failed"], one["unreachable"], one["rescued"]) for name, one in recap(done).items()}
         self.assertEqual(counts["a"], (0, 0, 1))
-        self.assertEqual(counts["c"], (0, 0, 0))
+        self.assertEqual((counts["c"], sorted(counts)), ((0, 0, 0), ["a", "b", "c"]))
         # What Ansible says of it, and no more.
         self.assertEqual(counts["b"], (0, 0, 0))
         self.assertIn("fatal: [b]: UNREACHABLE!", done)
@@ -255,6 +258,15 @@ class ChangesTest(Case):
         self.assertEqual(recap(done)["localhost"]["changed"], 2)
         self.assertNotIn('"firmware changed"', (self.output / "fleet.html").read_text(encoding="ascii"))
 
+    def test_a_comparison_that_fails_fails_the_play(self):
+        self.play("collect")
+        program = self.directory / "programs/zddevices"
+        script = program.read_text(encoding="ascii")
+        self.addCleanup(program.write_text, script, encoding="ascii")
+        program.write_text(script.replace("diff*)", "diff\\ fleet*) echo out of order >&2; exit 2 ;;\ndiff*)"), encoding="ascii")
+        with self.assertRaisesRegex(AssertionError, "out of order"):
+            self.changes()
+
     def test_what_has_changed_is_told_in_lines_that_are_not_cut(self):
         self.play("collect")
         long = "W" * 150
@@ -264,6 +276,7 @@ class ChangesTest(Case):
         done = self.changes()
         self.assertIn(long, done)
         self.assertIn("firmware changed", done)
+        self.assertRegex(done, "0102.*" + long)
         self.assertEqual(recap(done)["localhost"]["changed"], 3)
 
 
@@ -338,17 +351,22 @@ class HostileTest(Case):
         fact = {**FACT, "problems": [{"reason": "not_root", "document": "inventory", "classes": [], "message": "run as root"}]}
         (self.directory / "fact.json").write_text(json.dumps(fact), encoding="ascii")
         self.inventory("r ansible_connection=simulated simulated_host=rootless:00001",
-                       "s ansible_connection=simulated simulated_host=hangs:00002")
+                       "s ansible_connection=simulated simulated_host=hangs:00002",
+                       "t ansible_connection=simulated simulated_host=fails:00003")
+        # Also where root is what the controller asks for by itself.
+        self.addCleanup(self.ansible.environment.pop, "ANSIBLE_BECOME")
+        self.ansible.environment["ANSIBLE_BECOME"] = "true"
         done = self.play("collect", zendra_become="true", zendra_host_seconds=5)
-        rootless, silent = self.fleet()
+        rootless, silent, failing = self.fleet()
+        self.assertEqual([one["reason"] for one in failing["problems"]], ["error"])
         self.assertEqual([(one["reason"], one["message"]) for one in rootless["problems"]][1:], [("not_root", "run as root")])
         self.assertEqual((rootless["status"], rootless["problems"][0]["reason"]), ("incomplete", "not_root"))
         self.assertIn("a password is required", rootless["problems"][0]["message"])
         self.assertEqual([(one["reason"], one["message"]) for one in silent["problems"]],
                          [("time_limit", "the host did not answer within 5 seconds")])
         asked = (self.directory / "asked").read_text(encoding="ascii").split()
-        self.assertEqual((asked.count("rootless"), asked.count("hangs")), (2, 1))
-        self.assertEqual({name: one["failed"] for name, one in recap(done).items()}, dict.fromkeys(("r", "s", "localhost"), 0))
+        self.assertEqual((asked.count("rootless"), asked.count("hangs"), asked.count("fails")), (2, 1, 2))
+        self.assertEqual({name: one["failed"] for name, one in recap(done).items()}, dict.fromkeys(("r", "s", "t", "localhost"), 0))
         # Who is not root by choice is not asked twice.
         (self.directory / "asked").write_text("", encoding="ascii")
         self.inventory("f ansible_connection=simulated simulated_host=fails:00001")

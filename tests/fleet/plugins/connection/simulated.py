@@ -44,7 +44,7 @@ class Connection(ConnectionBase):
         if kind == "unreachable":
             raise AnsibleConnectionFailure("Failed to connect to the host: no route to host")
         if kind == "hangs":
-            time.sleep(600)
+            time.sleep(60)
         if kind == "endless":
             return 0, b"x" * (3 << 30), b""
         if kind == "rootless":
