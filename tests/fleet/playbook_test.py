@@ -353,9 +353,6 @@ class HostileTest(Case):
         self.inventory("r ansible_connection=simulated simulated_host=rootless:00001",
                        "s ansible_connection=simulated simulated_host=hangs:00002",
                        "t ansible_connection=simulated simulated_host=fails:00003")
-        # Also where root is what the controller asks for by itself.
-        self.addCleanup(self.ansible.environment.pop, "ANSIBLE_BECOME")
-        self.ansible.environment["ANSIBLE_BECOME"] = "true"
         done = self.play("collect", zendra_become="true", zendra_host_seconds=5)
         rootless, silent, failing = self.fleet()
         self.assertEqual([one["reason"] for one in failing["problems"]], ["error"])
@@ -367,6 +364,12 @@ class HostileTest(Case):
         asked = (self.directory / "asked").read_text(encoding="ascii").split()
         self.assertEqual((asked.count("rootless"), asked.count("hangs"), asked.count("fails")), (2, 1, 2))
         self.assertEqual({name: one["failed"] for name, one in recap(done).items()}, dict.fromkeys(("r", "s", "t", "localhost"), 0))
+        # Also where the controller's own settings ask for root.
+        self.addCleanup(self.ansible.environment.pop, "ANSIBLE_BECOME")
+        self.ansible.environment["ANSIBLE_BECOME"] = "true"
+        self.inventory("r ansible_connection=simulated simulated_host=rootless:00001")
+        self.play("collect", zendra_become="true")
+        self.assertEqual([one["status"] for one in self.fleet()], ["incomplete"])
         # Who is not root by choice is not asked twice.
         (self.directory / "asked").write_text("", encoding="ascii")
         self.inventory("f ansible_connection=simulated simulated_host=fails:00001")

@@ -360,6 +360,8 @@ class BrowserTest(Rendered):
         self.assertEqual(self.cells("devices", 8), [*reversed(ascending), ""])
         self.click(self.heading("devices", "Host"))
         self.assertEqual(self.cells("devices", 0), ["alder"] * 4 + ["birch"] * 4 + ["cedar"] * 3)
+        # Devices of one host stay in their order.
+        self.assertEqual(self.cells("devices", 8)[:4], ["HX-1", "HX-2", "HX-10", ""])
         self.assertEqual(self.run_script("return [...document.querySelectorAll('#devices th[aria-sort]')]"
                                          ".map((cell) => [cell.cellIndex, cell.ariaSort])"), [[0, "ascending"]])
         self.assertEqual(self.cells("hosts", 0), ["alder", "birch", "cedar", "dogwood"])
