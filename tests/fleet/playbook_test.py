@@ -314,9 +314,10 @@ class HostileTest(Case):
                 {"reason": "device", "document": "inventory", "classes": [template], "message": template + self.ESCAPES}]}),
             '{"ansible_facts": {"inventory_hostname": "h0", "ansible_connection": "local", "ansible_local": {"zddevices": '
             + json.dumps(template) + "}}}",
-            '{"ansible_facts": []}', "{}", "[]", "null", '{"failed": ' + "[" * 100000, '{"ansible_facts": ' + "9" * 10000 + "}",
+            '{"ansible_facts": [1]}', "{}", "[]", "null", '{"failed": ' + "[" * 100000, '{"ansible_facts": ' + "9" * 10000 + "}",
             self.setting({**FACT, "inventory": dict(FACT["inventory"], host="\ud800")}),
             '{"ansible_facts": {"ansible_local": {"zddevices": {"inventory": 1, "inventory": NaN}}}}',
+            '{"deep": ' + "[" * 100000 + "]" * 100000 + "}",
         ]
         lines = [self.says(number, text) for number, text in enumerate(said)]
         self.inventory(*lines, "good ansible_connection=simulated simulated_host=fact:00001",
@@ -335,6 +336,9 @@ class HostileTest(Case):
         for one in hosts.values():
             self.assertEqual(UNSAFE.findall("".join(problem["message"] for problem in one["problems"])), [])
         self.assertIn(template, hosts["h2"]["problems"][0]["message"])
+        no_facts = hosts["h%d" % said.index('{"ansible_facts": [1]}')]
+        self.assertEqual([one["reason"] for one in no_facts["problems"]], ["not_installed"])
+        self.assertIn("recursion", hosts["h%d" % (len(said) - 1)]["problems"][0]["message"])
         self.assertEqual(len(os.listdir(self.output / "hosts")), len(hosts))
 
     def test_a_host_that_says_more_than_memory_holds_fails(self):

@@ -346,6 +346,10 @@ class BrowserTest(Rendered):
         self.type("birch")
         self.assertEqual((self.cells("devices", 8), self.cells("hosts", 0)), (["HX-3", "HX-4", "NV-1", "HX-5"],
                                                                               ["birch"]))
+        for words, serials, hosts in (("behind", ["HX-3", "HX-4"], []), ("failed", [], ["dogwood"]),
+                                      ("192.0.2.3", [], ["cedar"]), ("birch-itself", [], ["birch"])):
+            self.type(words)
+            self.assertEqual((self.cells("devices", 8), self.cells("hosts", 0)), (serials, hosts), words)
         self.type("nothing like it")
         self.assertEqual((self.cells("devices", 8), self.cells("hosts", 0)), ([], []))
         self.type(" ")
@@ -394,7 +398,8 @@ class BrowserTest(Rendered):
 
     def test_a_host_with_a_revision_for_each_device_does_not_fill_the_chart(self):
         source = pathlib.Path(self.directory, "revisions.json")
-        content = [host("bad", *[device("HX 900", f"r{number}", f"HX-{number}") for number in range(20000)]), *USUAL]
+        content = [host("bad", *[device("HX 900", f"r{number}", f"HX-{number}") for number in range(20000)]), *USUAL,
+                   host("namesake", device("HX 900", "r1", "O-1", vendor="OTHER"))]
         answers.write_whole(str(source), answers.fleet_pieces(MOMENT, content))
         self.pages["revisions"] = source.with_suffix(".html")
         answers.write_whole(str(self.pages["revisions"]), page.pieces(str(source), FRAME))
@@ -408,6 +413,11 @@ class BrowserTest(Rendered):
                                  ".map((piece) => piece.style.flexGrow)")
         self.assertEqual(pieces, ["1"] * 50 + ["19955"])
         self.assertLess(self.run_script("return document.querySelectorAll('*').length"), 3000)
+        # The same product and revision of another maker is another model.
+        [namesake] = [one for one in self.browser.find_elements("css selector", ".models > li") if "OTHER" in one.text]
+        self.assertIn("one disk", namesake.text)
+        self.click(namesake.find_element("css selector", "button"))
+        self.assertEqual(self.cells("devices", 8), ["O-1"])
 
     def test_a_revision_of_the_chart_chooses_its_disks(self):
         button = self.find(".models > li:first-child button:nth-child(2)")
@@ -538,6 +548,9 @@ class BrowserTest(Rendered):
         self.run_script("const box = document.querySelector('#devices .scroll'); box.scrollTop = box.scrollHeight")
         self.browser.execute_async_script("requestAnimationFrame(() => setTimeout(arguments[0]))")
         self.assertEqual(self.cells("devices", 8)[-1], "HX-09999-23")
+        # What is chosen anew is seen from its beginning.
+        self.type("hx")
+        self.assertEqual(self.cells("devices", 8)[0], "HX-00000-00")
 
     def test_paper_has_the_rows_without_their_window_up_to_a_limit_that_it_names(self):
         self.run_script("document.querySelector('#devices .scroll').style.maxHeight = '50px';"
