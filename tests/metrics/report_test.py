@@ -335,6 +335,8 @@ class BrowserTest(Rendered):
         self.assertEqual(self.cells("devices", 6), ["4 TB", "960 GB", ""])
         self.click(self.heading("devices", "Size"))
         self.assertEqual(self.cells("devices", 6), ["960 GB", "4 TB", ""])
+        self.type("/dev/sdb")
+        self.assertEqual(self.cells("devices", 8), ["HX-2"])
         self.type("4 tb")
         self.assertEqual(self.cells("devices", 8), ["HX-1"])
 
@@ -347,7 +349,7 @@ class BrowserTest(Rendered):
         self.assertEqual((self.cells("devices", 8), self.cells("hosts", 0)), (["HX-3", "HX-4", "NV-1", "HX-5"],
                                                                               ["birch"]))
         for words, serials, hosts in (("behind", ["HX-3", "HX-4"], []), ("failed", [], ["dogwood"]),
-                                      ("192.0.2.3", [], ["cedar"]), ("birch-itself", [], ["birch"])):
+                                      ("192.0.2.3", [], ["cedar"]), ("birch-itself", [], ["birch"]), ("6:0:10:0", ["HX-10"], [])):
             self.type(words)
             self.assertEqual((self.cells("devices", 8), self.cells("hosts", 0)), (serials, hosts), words)
         self.type("nothing like it")
@@ -534,6 +536,7 @@ class BrowserTest(Rendered):
                 self.assertIn(f"{count} of 235200 devices", self.find("#shown").text)
             print(f"opened in {min(opened):.0f} ms; {words!r} filtered in {taken:.0f} ms")
         self.picture("large")
+        self.assertFalse(self.find("#devices .more").is_displayed())
         self.assertEqual(len(self.cells("problems", 0)), 100)
         self.click(self.find("#problems .more"))
         self.assertEqual(len(self.cells("problems", 0)), 200)
