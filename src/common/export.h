@@ -22,13 +22,13 @@
  * shared library directly gets a copy relocation: the variable is copied into the executable, away from the objects
  * that lay beside it. A weak reference is never resolved that way in position-independent code, the default of g++ and
  * clang: it goes through the global offset table to the library's own bytes. Code compiled with -fno-pie is refused by
- * the linker, because the symbols are also protected; that is better than a torn table. The linkers for s390x and
- * 32-bit Arm copy protected variables too, with a warning; for these the compiler refuses the use of such a variable. A
- * weak reference alone does not make the linker keep a library, so a header that declares such data also names
- * something of the library for certain. (The attribute nodirect_extern_access is no alternative: it bars copy
+ * the linker, because the symbols are also protected; that is better than a torn table. The linkers for s390x,
+ * 32-bit Arm and RISC-V copy protected variables too, with a warning; for these the compiler refuses the use of such a
+ * variable. A weak reference alone does not make the linker keep a library, so a header that declares such data also
+ * names something of the library for certain. (The attribute nodirect_extern_access is no alternative: it bars copy
  * relocations from the whole executable, type information included.)
  */
-#if (defined(__s390x__) || defined(__arm__)) && !defined(__PIC__)
+#if (defined(__s390x__) || defined(__arm__) || defined(__riscv)) && !defined(__PIC__)
 #define ZENDRA_EXPORTED_DATA                                                                                           \
     ZENDRA_EXPORT __attribute__((weak, unavailable("compile with -fpie: else the program gets a copy of it")))
 #else
