@@ -2,8 +2,11 @@
 """The lab's own promises: what a person or a test gets back from a guest, above all from one that fails."""
 
 import argparse
+import dataclasses
+import lzma
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -149,6 +152,19 @@ class ImageTest(unittest.TestCase):
         self.assertNotIn("sg.ko", without)
         self.assertIn("sd_mod.ko", without)
 
+    def test_compressed_modules_are_as_others_in_the_guest(self):
+        debian = kernel.get()
+        with tempfile.TemporaryDirectory() as root:
+            modules = Path(root) / "lib/modules" / debian.release
+            shutil.copytree(debian.modules, modules)
+            for path in modules.rglob("*.ko"):
+                path.with_suffix(".ko.xz").write_bytes(lzma.compress(path.read_bytes(), preset=0))
+                path.unlink()
+            dependencies = (modules / "modules.dep").read_text(encoding="ascii")
+            (modules / "modules.dep").write_text(re.sub(r"\.ko\b", ".ko.xz", dependencies), encoding="ascii")
+            with unittest.mock.patch.object(kernel, "get", lambda: dataclasses.replace(debian, root=Path(root))):
+                self.assertTrue({"sg.ko", "nvme.ko", "nvme-core.ko"} <= self.modules())
+
     def test_a_module_that_the_kernel_lacks_is_refused(self):
         with self.assertRaises(Problem):
             self.modules(extra=("no_such_module",))
@@ -177,14 +193,18 @@ class CacheTest(unittest.TestCase):
         path.write_text(f"#!/bin/sh\n{text}\n", encoding="ascii")
         path.chmod(0o755)
 
-    def test_a_try_that_fails_keeps_what_it_has_downloaded(self):
+    def make_mirror(self):
+        """A directory for programs in place of the host's, among them one that knows a kernel."""
         self.programs = tempfile.TemporaryDirectory()
         self.addCleanup(self.programs.cleanup)
-        downloads = Path(self.programs.name) / "downloads"
         self.program("apt-cache", """case $1 in
             depends) echo '  Depends: linux-image-9-amd64' ;;
             show) echo 'Version: 9-1' ;;
             esac""")
+
+    def test_a_try_that_fails_keeps_what_it_has_downloaded(self):
+        self.make_mirror()
+        downloads = Path(self.programs.name) / "downloads"
         self.program("apt-get", f"echo once >>{downloads}; touch linux-image.deb")
         self.program("depmod", "true")
         with unittest.mock.patch.dict(os.environ, PATH=f"{self.programs.name}:{os.environ['PATH']}"):
@@ -196,6 +216,16 @@ class CacheTest(unittest.TestCase):
             self.assertEqual("9-amd64", kernel.prepare().release)
         self.assertEqual("once\n", downloads.read_text(encoding="ascii"))
         self.assertEqual({"linux-image-9-amd64_9-1", "lock"}, {path.name for path in self.cache.iterdir()})
+
+    def test_a_package_may_have_its_modules_below_usr(self):
+        self.make_mirror()
+        self.program("apt-get", "touch linux-image.deb")
+        self.program("depmod", 'test -e "$2/lib/modules/$3/modules.order"')
+        self.program("dpkg-deb", 'mkdir -p "$3/usr/lib/modules/9-amd64" "$3/boot" && touch "$3/boot/vmlinuz-9-amd64" '
+                                 '"$3/usr/lib/modules/9-amd64/modules.order"')
+        with unittest.mock.patch.dict(os.environ, PATH=f"{self.programs.name}:{os.environ['PATH']}"):
+            prepared = kernel.prepare()
+        self.assertTrue((prepared.modules / "modules.order").exists())
 
     def test_nothing_is_downloaded_for_a_host_that_lacks_a_program(self):
         with unittest.mock.patch.object(programs, "find", lambda name: None if name == "depmod" else "/bin/false"):

@@ -207,6 +207,9 @@ def _unpack(package, version, archive):
         unpacked = Path(scratch) / "unpacked"
         unpacked.mkdir()
         programs.run("dpkg-deb", "-x", str(archive), str(unpacked))
+        # From Debian 13 on, packages have all of /lib below /usr.
+        if not (unpacked / "lib").exists():
+            os.rename(unpacked / "usr" / "lib", unpacked / "lib")
         releases = [path.name for path in (unpacked / "lib" / "modules").iterdir()]
         if len(releases) != 1:
             raise Problem(f"{package} holds modules of {releases}, not of one kernel")
