@@ -182,6 +182,20 @@ TEST(RowsOfDevices, AnotherControllerOfASubsystemIsARowOfItsOwn)
                        "nvme1 | 512B | eui.1 | 2 | dead | S1 | F2 | F2 | - | /dev/nvme0n1 /dev/nvme1 /dev/ng0n1"}));
 }
 
+TEST(RowsOfDevices, AControllerHasTheNameOfANamespaceThatNoOtherReaches)
+{
+    KernelDevice first = Nvme();
+    first.files = {"/dev/nvme1n1", "/dev/nvme0"};
+    first.namespaces = {{"/dev/nvme1n1", {512, "eui.1"}}};
+    KernelDevice second = first;
+    second.files = {"/dev/nvme1n1", "/dev/nvme1n2", "/dev/nvme1"};
+    second.namespaces["/dev/nvme1n2"] = {512, "eui.2"};
+    const KernelDevices kernel({first, second});
+    EXPECT_EQ(
+        Cells(RowsOfDevices({Record("/dev/nvme1n1", "P"), Record("/dev/nvme1n2", "P")}, kernel), {"DEVICE", "FILES"}),
+        Strings({"nvme1n1 | /dev/nvme1n1 /dev/nvme0", "nvme1n2 | /dev/nvme1n1 /dev/nvme1n2 /dev/nvme1"}));
+}
+
 TEST(RowsOfDevices, WhatTheKernelDoesNotKnowIsMergedByAddress)
 {
     const std::vector<StorageDevice> rows =

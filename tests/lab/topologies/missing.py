@@ -135,11 +135,17 @@ class Missing(Topology):
                            [("/dev/st0", "busy", EBUSY, BUSY)])
 
     def test_an_ordinary_user_is_told_which_node_is_denied_and_which_command_is_refused(self):
-        self.assert_answer("denied", [product for product in ("HX 1", "HX 2") if product != self.product_of("/dev/sda")],
-                           [("/dev/nvme0n1", "refused", EACCES, REFUSED),
-                            ("/dev/sda", "denied", EACCES, "only root may open it")],
-                           [f"/dev/nvme0n1: {REFUSED}",
+        listed = [product for product in ("HX 1", "HX 2") if product != self.product_of("/dev/sda")]
+        listed, refused = self.with_nvme(listed)
+        self.assert_answer("denied", listed, [*refused, ("/dev/sda", "denied", EACCES, "only root may open it")],
+                           [*(f"{file}: {message}" for file, _, _, message in refused),
                             "1 device file could not be opened for lack of privilege (/dev/sda); run zddevices as root"])
+
+    def with_nvme(self, products):
+        """What an ordinary user who may open the NVMe disk is told of it, beside these products."""
+        if self.nvme_identifies_itself_to_all():
+            return [*products, "QEMU NVMe Ctrl"], []
+        return products, [("/dev/nvme0n1", "refused", EACCES, REFUSED)]
 
     def product_of(self, file):
         return "HX 1" if file in self.files_at("0:0:1:0") else "HX 2"
@@ -151,8 +157,8 @@ class Missing(Topology):
                            [f"3 device files could not be opened for lack of privilege ({', '.join(files)}); "
                             "run zddevices as root, or join the group disk"])
 
-    def test_membership_of_the_group_is_not_enough_for_nvme_and_that_is_said(self):
-        self.assert_answer("member", ["HX 1", "HX 2"], [("/dev/nvme0n1", "refused", EACCES, REFUSED)])
+    def test_where_membership_of_the_group_is_not_enough_for_nvme_that_is_said(self):
+        self.assert_answer("member", *self.with_nvme(["HX 1", "HX 2"]))
 
     def test_a_tape_without_its_driver_is_named_with_the_module_that_helps(self):
         self.assert_answer("no-st", [], [("/dev/sg2", "no_driver", None, NO_DRIVER)], library=NONE)

@@ -20,7 +20,8 @@ class Transports(Topology):
         modprobe megaraid_sas; appear /dev/sdf
         modprobe sym53c8xx; appear /dev/sdg
         modprobe usb_storage; modprobe uas; modprobe xhci_pci; appear /dev/sdh /dev/sdi
-        modprobe nvme; appear /dev/nvme0n2 /dev/nvme1n1 /dev/nvme2n1 /dev/nvme2n2
+        # Which controller comes first is another one each time.
+        modprobe nvme; until [ "$(ls /dev | grep -c '^nvme[0-9]n[0-9]$')" -eq 5 ]; do sleep 0.1; done
     """
 
     steps = {
@@ -86,21 +87,37 @@ class Transports(Topology):
         self.assertEqual(["2", "2"], [line[2] for line in shared])
         self.assertEqual(2, len({line[0] for line in shared}))
 
+    def controllers(self):
+        """The rows of NVMe controllers by serial number, and the number of each in the names of its files."""
+        rows = {}
+        for row in self.inventory("rows")["devices"]:
+            if row["transport"] == "nvme":
+                number, = (file.removeprefix("/dev/nvme") for file in row["device_files"]
+                           if file.removeprefix("/dev/nvme").isdigit())
+                rows.setdefault(row["serial_number"].strip(), []).append((row, number))
+        return rows
+
     def test_an_nvme_controller_is_one_row_with_its_namespaces(self):
-        rows = {row["device"]: row for row in self.inventory("rows")["devices"] if row["transport"] == "nvme"}
-        self.assertEqual({"nvme0n1": "NV-1", "nvme1n1": "NV-2", "nvme2n1": "NV-3", "nvme3": "NV-3"},
-                         {name: row["serial_number"].strip() for name, row in rows.items()})
-        self.assertEqual(53 << 20, rows["nvme0n1"]["size_bytes"])
-        self.assertEqual(["/dev/nvme0n1", "/dev/nvme0n2", "/dev/nvme0"], rows["nvme0n1"]["device_files"][:3])
+        controllers = self.controllers()
+        self.assertEqual({"NV-1": 1, "NV-2": 1, "NV-3": 2}, {name: len(rows) for name, rows in controllers.items()})
+        (row, number), = controllers["NV-1"]
+        self.assertEqual(53 << 20, row["size_bytes"])
+        self.assertEqual([f"/dev/nvme{number}n1", f"/dev/nvme{number}n2", f"/dev/nvme{number}"],
+                         row["device_files"][:3])
 
     def test_two_controllers_of_a_subsystem_are_two_rows_with_what_each_reaches(self):
-        rows = {row["device"]: row for row in self.inventory("rows")["devices"]}
-        first, second = rows["nvme2n1"], rows["nvme3"]
-        self.assertEqual(["/dev/nvme2n1", "/dev/nvme2n2", "/dev/nvme2"], first["device_files"][:3])
-        self.assertEqual(["/dev/nvme2n1", "/dev/nvme3"], second["device_files"][:2])
-        self.assertEqual([59 << 20, 29 << 20], [first["size_bytes"], second["size_bytes"]])
-        self.assertEqual(first["wwn"], second["wwn"])
-        self.assertEqual(["live", "live"], [first["state"], second["state"]])
+        rows = self.controllers()["NV-3"]
+        (left, number), (right, other) = sorted(rows, key=lambda pair: -pair[0]["size_bytes"])
+        self.assertEqual([59 << 20, 29 << 20], [left["size_bytes"], right["size_bytes"]])
+        # The subsystem has the number of the controller that came first, its disks are numbered as they come.
+        subsystem = left["device_files"][0].removesuffix("n1")
+        self.assertIn(subsystem.removeprefix("/dev/nvme"), (number, other))
+        self.assertEqual([f"{subsystem}n1", f"{subsystem}n2", f"/dev/nvme{number}"], left["device_files"][:3])
+        self.assertIn(right["device_files"][0], left["device_files"][:2])
+        self.assertEqual(f"/dev/nvme{other}", right["device_files"][1])
+        paths = {line[0]: line[2] for line in map(str.split, self.stdout("paths").splitlines())}
+        self.assertEqual("2", paths[right["device"]])
+        self.assertEqual(["live", "live"], [left["state"], right["state"]])
 
     def test_model_and_revision_of_a_sata_disk_are_whole(self):
         disk, = (row for row in self.inventory("rows")["devices"] if row["wwn"] == "0x5000c50015ea71ac")

@@ -444,6 +444,13 @@ const KernelDevice* KernelDevices::OfFile(const std::string& path) const
     return Find(deviceByFile, deviceDirectory + KernelsNameOf(path));
 }
 
+std::string KernelDevices::FirstFileOf(const KernelDevice& device) const
+{
+    const auto own = std::find_if(device.files.begin(), device.files.end(),
+                                  [&](const std::string& file) { return Find(deviceByFile, file) == &device; });
+    return own == device.files.end() ? std::string() : *own;
+}
+
 const KernelDevice* KernelDevices::OfAddress(const std::string& address) const
 {
     return Find(deviceByAddress, address);

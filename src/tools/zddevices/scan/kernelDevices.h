@@ -78,6 +78,12 @@ public:
      */
     const KernelDevice* OfFile(const std::string& path) const;
 
+    /**
+     * The first of its files that no device before it has; empty for none. Several NVMe controllers may reach one
+     * namespace.
+     */
+    std::string FirstFileOf(const KernelDevice& device) const;
+
     /** The device with this address that has any file; null when there is none. */
     const KernelDevice* OfAddress(const std::string& address) const;
 

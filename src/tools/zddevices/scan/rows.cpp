@@ -96,7 +96,7 @@ void FillFromKernel(StorageDevice& row, const KernelDevice& device, const std::s
     for (const std::string& one : device.files) {
         row.device_files += one + '\n';
     }
-    row.device = NameOf(file.empty() ? device.files.front() : file);
+    row.device = NameOf(file.empty() ? kernel.FirstFileOf(device) : file);
     const auto disk = device.namespaces.find(file);
     const bool isOneOfSeveral = disk != device.namespaces.end();
     const std::optional<std::uint64_t> size = isOneOfSeveral ? disk->second.sizeBytes : device.sizeBytes;
@@ -148,9 +148,7 @@ void AppendOtherControllers(const KernelDevices& kernel, const std::map<const Ke
         row.model = controller.model;
         row.revision = controller.revision;
         row.firmware_revision = controller.revision;
-        const auto own = std::find_if(controller.files.begin(), controller.files.end(),
-                                      [&](const std::string& file) { return controller.namespaces.count(file) == 0; });
-        FillFromKernel(row, controller, *own, kernel);
+        FillFromKernel(row, controller, {}, kernel);
         rows.push_back(std::move(row));
     }
 }
