@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <libudev.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -13,7 +14,6 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <charconv>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -344,14 +344,12 @@ void AppendScsiDevices(udev* context, std::vector<KernelDevice>& found)
 /** "0n1" for "nvme0n1", and for "nvme0c2n1", the way to it through another controller of its subsystem; else empty. */
 std::string NamespaceOf(const std::string& entry)
 {
-    int subsystem = 0;
-    int controller = 0;
-    int number = 0;
-    int length = 0;
-    const bool isOne = std::sscanf(entry.c_str(), "nvme%dn%d%n", &subsystem, &number, &length) == 2 ||
-                       std::sscanf(entry.c_str(), "nvme%dc%dn%d%n", &subsystem, &controller, &number, &length) == 3;
-    const bool isWhole = isOne && static_cast<std::size_t>(length) == entry.size();
-    return isWhole ? std::to_string(subsystem) + "n" + std::to_string(number) : "";
+    if (fnmatch("nvme+([0-9])?(c+([0-9]))n+([0-9])", entry.c_str(), FNM_EXTMATCH) != 0) {
+        return {};
+    }
+    std::string numbers = entry.substr(std::string("nvme").size());
+    const std::size_t controller = numbers.find('c');
+    return controller == std::string::npos ? numbers : numbers.erase(controller, numbers.find('n') - controller);
 }
 
 KernelDevice NvmeController(udev_device& controller)
