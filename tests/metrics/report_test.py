@@ -551,6 +551,10 @@ class BrowserTest(Rendered):
         self.run_script("const box = document.querySelector('#devices .scroll'); box.scrollTop = box.scrollHeight")
         self.browser.execute_async_script("requestAnimationFrame(() => setTimeout(arguments[0]))")
         self.assertEqual(self.cells("devices", 8)[-1], "HX-09999-23")
+        self.assertEqual(self.run_script(
+            "const row = [...document.querySelectorAll('#devices tbody tr:not(.room)')].at(-1);"
+            "return [row.ariaRowIndex, row.closest('table').ariaRowCount, row.cells[8].title, row.offsetHeight]"),
+            ["235201", "235201", "HX-09999-23", 30])
         # What is chosen anew is seen from its beginning.
         self.type("hx")
         self.assertEqual(self.cells("devices", 8)[0], "HX-00000-00")
