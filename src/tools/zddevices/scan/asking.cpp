@@ -231,8 +231,13 @@ private:
             const auto found = places.find(answer.path);
             return found == places.end() ? places.size() : found->second;
         };
-        std::stable_sort(answers.begin(), answers.end(),
-                         [&](const FileAnswer& left, const FileAnswer& right) { return place(left) < place(right); });
+        const auto before = [&place](const FileAnswer& left, const FileAnswer& right) {
+            return place(left) < place(right);
+        };
+        // One worker's answers are, and moving them takes longer than looking.
+        if (!std::is_sorted(answers.begin(), answers.end(), before)) {
+            std::stable_sort(answers.begin(), answers.end(), before);
+        }
     }
 
     const std::vector<Asked>& asked;

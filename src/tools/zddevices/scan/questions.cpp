@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <map>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -233,9 +232,11 @@ public:
     void AddFound(const std::vector<StorageDevice>& devices)
     {
         for (const StorageDevice& device : devices) {
-            std::istringstream paths(device.device_files);
-            for (std::string path; std::getline(paths, path);) {
-                accounted.insert(path);
+            const std::string& paths = device.device_files;
+            std::size_t begin = 0;
+            for (std::size_t end = paths.find('\n'); end != std::string::npos; end = paths.find('\n', begin)) {
+                accounted.insert(paths.substr(begin, end - begin));
+                begin = end + 1;
             }
         }
     }
