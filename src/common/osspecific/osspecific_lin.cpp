@@ -102,7 +102,7 @@ public:
     void Abandon()
     {
         for (auto& copy : copies) {
-            copy.release();
+            static_cast<void>(copy.release());
         }
     }
 

@@ -41,7 +41,10 @@ const TypeDriver& DriverOf(unsigned int scsiType)
 {
     const auto* const found = std::find_if(typeDrivers.begin(), typeDrivers.end(),
                                            [&](const TypeDriver& one) { return one.scsiType == scsiType; });
-    return found == typeDrivers.end() ? otherType : *found;
+    if (found == typeDrivers.end()) {
+        return otherType;
+    }
+    return *found;
 }
 
 /** Why a controller gave no record; none where it has no disk and is in order. */
