@@ -177,8 +177,11 @@ TEST_F(Asking, WhereEveryDeviceKillsItComesToAnEnd)
 TEST_F(Asking, SlowDevicesAreSharedAndTheOrderStays)
 {
     const SimHost::Host host = HostWithDisks(26);
-    const SickHost mounted(host, [](const std::string& /*file*/) { usleep(3000); });
+    // Far above what a class is shared out for, so that a busy machine makes no difference.
+    const SickHost mounted(host, [](const std::string& /*file*/) { usleep(20000); });
     Options options;
+    // The whole list would be in the order of addresses, whoever asks.
+    options.type = ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
     const Strings shared = DevicesOf(TakeInventory(options, nullptr));
     options.jobs = 1;
     EXPECT_EQ(shared, DevicesOf(TakeInventory(options, nullptr)));
@@ -253,6 +256,29 @@ TEST_F(Asking, ATapeThatAnsweredByOneFileLacksNoneOfTheOthers)
     const Inventory inventory = TakeInventory(options, nullptr);
     EXPECT_EQ(DevicesOf(inventory), Strings({"DISK a"}));
     EXPECT_EQ(MissingOf(inventory), Strings({"/dev/nst1 no_usable_answer"}));
+}
+
+TEST_F(Asking, ADiskThatAnsweredByOneFileLacksItsOther)
+{
+    namespace fs = std::filesystem;
+    SimHost::Host host = HostWithDisks(2);
+    for (SimHost::DevEntry& entry : host.dev) {
+        if (entry.name == "sdb") {
+            entry.node.inquiry = entry.node.serial;  // nothing but errors
+        }
+    }
+    const SimHost::MountedHost mounted(host);
+    const fs::path device = "/sys/devices/host0/target0:0:0/0:0:0:0";
+    fs::create_directories("/sys/bus/scsi/devices");
+    fs::create_directories("/sys/class/block");
+    fs::create_symlink(device, "/sys/bus/scsi/devices/0:0:0:0");
+    for (const std::string name : {"sda", "sdb"}) {
+        fs::create_directories(device / "block" / name);
+        fs::create_symlink(device / "block" / name, "/sys/class/block/" + name);
+    }
+    Options options;
+    options.type = ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE;
+    EXPECT_EQ(MissingOf(TakeInventory(options, nullptr)), Strings({"/dev/sdb no_usable_answer"}));
 }
 
 TEST_F(Asking, AnSgDriverThatModprobeDoesNotFindIsAWarning)

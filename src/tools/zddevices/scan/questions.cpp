@@ -305,8 +305,7 @@ std::vector<Missing> FindMissing(const Options& options, const std::vector<Quest
              {}});
     }
     std::error_code error;
-    if (options.command != Command::Optical && !options.asLibrary &&
-        (std::filesystem::is_empty("/sys", error) || error)) {
+    if (IsAskedByFile(questions.front(), options) && (std::filesystem::is_empty("/sys", error) || error)) {
         missing.Add(
             {{},
              Reason::NotAsked,
