@@ -2,6 +2,8 @@
  * @file
  * @brief Devices that are slow, silent or deadly cost no more than their own records.
  */
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -188,6 +190,34 @@ TEST_F(Asking, SlowDevicesAreSharedAndTheOrderStays)
     EXPECT_EQ(shared.size(), 26U);
 }
 
+TEST_F(Asking, ATapeDriveIsAskedByOneFileAtATime)
+{
+    SimHost::Host host = HostWithDisks(1);
+    SimHost::DevEntry tape = host.dev.front();
+    host.dev.clear();
+    for (const char* name : {"nst0l", "nst0", "nst0a", "nst0m", "nst1", "nst1a"}) {
+        tape.name = name;
+        host.dev.push_back(tape);
+    }
+    const SickHost mounted(host, [](const std::string& file) {
+        const int drive = open(("/sys" + file.substr(0, sizeof "/dev/nst0" - 1)).c_str(), O_CREAT | O_RDWR, 0600);
+        if (flock(drive, LOCK_EX | LOCK_NB) != 0) {
+            std::ofstream("/sys/clash") << file;
+        }
+        // Loading takes longer than anybody waits for a device before going on; the others are slow.
+        const bool isLoaded = std::filesystem::exists("/sys/loaded");
+        std::ofstream("/sys/loaded") << file;
+        usleep(isLoaded ? 20000 : 1500000);
+        close(drive);
+    });
+    std::filesystem::create_directories("/sys/dev");
+    Options options;
+    options.type = ZDSystemDevice::SYS_DEVICE_TAPE;
+    EXPECT_EQ(DevicesOf(TakeInventory(options, nullptr)), Strings(6, "DISK a"));
+    EXPECT_TRUE(std::filesystem::exists("/sys/loaded"));
+    EXPECT_FALSE(std::filesystem::exists("/sys/clash"));
+}
+
 /** Mounts an empty directory over one of sysfs, in this thread's mount namespace, while it lives. */
 class EmptyDirectory {
 public:
@@ -331,6 +361,18 @@ TEST_F(Asking, TheAdapterOfADeviceIsTheFirstDriverAboveIt)
         EXPECT_EQ(found.atATime, atATime);
     }
     EXPECT_EQ(HostAdapterOf("/dev/nowhere").directory, "");
+}
+
+TEST(TapeDriveOf, FilesOfADriveHaveItsNumber)
+{
+    for (const char* file : {"/dev/st0", "/dev/nst0", "/dev/nst0a", "/dev/st0m"}) {
+        EXPECT_EQ(TapeDriveOf(file).directory, "st0") << file;
+        EXPECT_EQ(TapeDriveOf(file).atATime, 1U);
+    }
+    EXPECT_EQ(TapeDriveOf("/dev/nst10l").directory, "st10");
+    for (const char* file : {"/dev/sda", "/dev/nvme0n1", "/dev/sg0", "/dev/n", "/dev/st"}) {
+        EXPECT_EQ(TapeDriveOf(file).directory, "") << file;
+    }
 }
 
 TEST(Ask, AWorkerThatSendsSomethingElseIsAFailure)

@@ -62,6 +62,7 @@ public:
           jobs(howToAsk.jobs), meanwhile(howToAsk.meanwhile), files(ListFiles(whatToAsk)), shared(files),
           starts(asked.size()), done(asked.size())
     {
+        shared.Spare(TapeDriveOf);
         constexpr int share = 4;
         if (limit) {
             patience = std::min(longestPatience, *limit / share);
@@ -155,7 +156,10 @@ private:
         for (const Waiting& one : running) {
             const std::size_t number = askedOfTask[one.task];
             if (now - one.since >= patience) {
-                shared.LetGo(number, one.deviceFile);
+                // A tape drive that is loading stays closed to others for as long as it takes.
+                if (asked[number].files != ZDSystemDevice::SYS_DEVICE_TAPE) {
+                    shared.LetGo(number, one.deviceFile);
+                }
             } else {
                 ++workers[number];
                 ++atWork;

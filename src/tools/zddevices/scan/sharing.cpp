@@ -39,7 +39,7 @@ HostAdapter HostAdapterOf(const std::string& deviceFile)
     namespace fs = std::filesystem;
     const std::string name = fs::path(deviceFile).filename();
     std::error_code error;
-    for (const char* group : {"block", "scsi_generic", "scsi_tape"}) {
+    for (const char* group : {"block", "scsi_generic"}) {
         const fs::path device = fs::canonical(fs::path("/sys/class") / group / name / "device", error);
         if (error) {
             continue;
@@ -57,6 +57,16 @@ HostAdapter HostAdapterOf(const std::string& deviceFile)
         }
     }
     return {{}, usualLimit};
+}
+
+HostAdapter TapeDriveOf(const std::string& deviceFile)
+{
+    const std::string name = std::filesystem::path(deviceFile).filename();
+    const std::size_t begin = name.rfind("nst", 0) == 0 ? 1 : 0;
+    if (name.compare(begin, 2, "st") != 0) {
+        return {{}, usualLimit};
+    }
+    return {name.substr(begin, name.find_last_of("0123456789") + 1 - begin), 1};
 }
 
 void SharedFiles::Unmap::operator()(File* mapped) const

@@ -4,6 +4,7 @@
  *
  * Workers take the files one by one, in memory that they share with the program, so none is asked twice and none waits
  * for a worker that is held up by another. A host adapter is spared: only so many of its devices are asked at a time.
+ * So is a tape drive, which can be asked by one of its files at a time.
  */
 #ifndef ZENDRA_ZDDEVICES_SHARING_H
 #define ZENDRA_ZDDEVICES_SHARING_H
@@ -27,8 +28,14 @@ struct HostAdapter {
     unsigned int atATime;
 };
 
-/** The host adapter of a device file. */
+/** The host adapter of a device file; of none for a tape drive's, which TapeDriveOf() is for. */
 HostAdapter HostAdapterOf(const std::string& deviceFile);
+
+/**
+ * The drive of a tape's device file in place of an adapter; of none for another file. Its files (nst0, nst0a, nst0l,
+ * nst0m) have to take turns: the kernel lets a drive be open once, and refuses a second one (EBUSY) without waiting.
+ */
+HostAdapter TapeDriveOf(const std::string& deviceFile);
 
 /** The device files of several questions, each asked with each of its own. To be made before the workers are started.
  */
