@@ -55,8 +55,8 @@ def device_record(vendor, product, type, serial, firmware, address):
 
 
 def qemu_device(driver, **properties):
-    """One `-device` of qemu. Underscores in a name stand for dashes."""
-    return ["-device", ",".join([driver, *(f"{name.replace('_', '-')}={_quoted(value)}"
+    """One `-device` of qemu, whose `scsi-id` is Python's scsi_id; other names of properties are the same."""
+    return ["-device", ",".join([driver, *(f"{name.replace('scsi_id', 'scsi-id')}={_quoted(value)}"
                                            for name, value in properties.items())])]
 
 

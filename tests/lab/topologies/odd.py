@@ -6,7 +6,8 @@ from labkit.topology import (CHANGER, DISK, ENCLOSURE, INVENTORY_STEPS, NONE, OK
 HOST = 6  # of the virtio-scsi controller, behind the six of the AHCI controller
 
 # What the twelve targets are told to say: vendor, product, revision, serial number (None: they have no such page).
-# qemu fills vendor and product with blanks, the revision with zero bytes, and sends a serial number as it is.
+# qemu fills vendor and product with blanks, the revision with zero bytes, and sends a serial number as it is; the
+# identifier of another page would be the same, and may not be longer than 20 characters from qemu 9 on.
 TOLD = {
     0: ("VENDOR 8", "SIXTEEN  LETTERS", "V  4", "32 characters with  inner blanks"),
     1: ("HALVARD", "HX 33", "0001", "33 characters are one too many..."),
@@ -110,7 +111,7 @@ class Odd(Topology):
             hardware += empty_disk(f"disk{target}")
             hardware += qemu_device("scsi-hd", bus="scsi.0", drive=f"disk{target}", channel=0, scsi_id=target, lun=0,
                                     vendor=vendor, product=product, ver=revision,
-                                    **({} if serial is None else {"serial": serial}))
+                                    **({} if serial is None else {"serial": serial, "device_id": serial[:20]}))
         return hardware
 
     def generic_records(self, but=()):
