@@ -41,8 +41,11 @@ OPTICAL_FIELDS = [name + "_" for name in ("drive_name", "vendor", "product", *OP
 
 def recorder_files():
     """The recorder, Debian's interpreter and the modules that it loads: (file of this host, path in the guest)."""
-    script = f"import json, runpy, sys; runpy.run_path({str(RECORDER)!r}); " \
-             "print(json.dumps([m.__file__ for m in sys.modules.values() if getattr(m, '__file__', None)]))"
+    # The interpreter complains where it does not find the directory of its own shared objects.
+    script = f"import json, os, runpy, sys; runpy.run_path({str(RECORDER)!r}); " \
+             "files = [m.__file__ for m in sys.modules.values() if getattr(m, '__file__', None)]; " \
+             "objects = next(path for path in sys.path if path.endswith('lib-dynload')); " \
+             "print(json.dumps([*files, os.path.join(objects, os.listdir(objects)[0])]))"
     loaded = subprocess.run([PYTHON, "-I", "-S", "-c", script], capture_output=True, text=True, check=True).stdout
     yield PYTHON, "usr/bin/python3"
     for path in sorted({*json.loads(loaded)}):
