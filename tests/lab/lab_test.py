@@ -161,7 +161,7 @@ class ImageTest(unittest.TestCase):
                 path.with_suffix(".ko.xz").write_bytes(lzma.compress(path.read_bytes(), preset=0))
                 path.unlink()
             dependencies = (modules / "modules.dep").read_text(encoding="ascii")
-            (modules / "modules.dep").write_text(re.sub(r"\.ko\b", ".ko.xz", dependencies), encoding="ascii")
+            (modules / "modules.dep").write_text(re.sub(r"\.ko\b(?!\.)", ".ko.xz", dependencies), encoding="ascii")
             with unittest.mock.patch.object(kernel, "get", lambda: dataclasses.replace(debian, root=Path(root))):
                 self.assertTrue({"sg.ko", "nvme.ko", "nvme-core.ko"} <= self.modules())
 
