@@ -64,7 +64,7 @@ class GuestTest(unittest.TestCase):
                 "modprobe": "modprobe --version",
                 "added": "lsscsi",
             })
-        self.assertEqual(b"/bin/sh\n/bin/sh\n", results["shells"].stdout)
+        self.assertEqual(b"/usr/bin/sh\n/usr/bin/sh\n", results["shells"].stdout)
         self.assertRegex(results["modprobe"].stdout, b"^kmod version")
         self.assertEqual(b"the one that was added\n", results["added"].stdout)
 

@@ -16,7 +16,8 @@ from .problem import Problem
 MODULES = ("sg", "sd_mod", "sr_mod", "st", "ses", "ch", "virtio_scsi", "virtio_console", "nvme")
 
 # Of the package, what is not configuration, documentation or for another shell.
-SYSTEMD_FILES = ("/bin/", "/sbin/", "/lib/systemd/", "/usr/bin/", "/usr/lib/systemd/", "/usr/lib/tmpfiles.d/")
+SYSTEMD_FILES = ("/bin/", "/sbin/", "/lib/systemd/", "/usr/bin/", "/usr/sbin/", "/usr/lib/systemd/",
+                 "/usr/lib/tmpfiles.d/")
 
 GUEST_FILES = Path(__file__).resolve().parent.parent / "guest"
 
@@ -28,9 +29,12 @@ class Image:
         self.root = Path(root)
         self.machine = machine or architecture.find()
         self.host = kernels.guest_root(self.machine)
-        for directory in ("bin", "sbin", "usr/bin", "usr/sbin", "usr/lib", "lib64", "etc", "dev", "proc", "sys",
-                          "tmp", "root", "lab/steps"):
+        for directory in ("usr", "etc", "dev", "proc", "sys", "tmp", "root", "lab/steps"):
             (self.root / directory).mkdir(parents=True, exist_ok=True)
+        # As on every Debian host: a file has both names.
+        for directory in ("bin", "sbin", "lib", "lib64"):
+            (self.root / "usr" / directory).mkdir()
+            (self.root / directory).symlink_to(f"usr/{directory}")
         busybox = self._program_of_guest("busybox")
         if _is_dynamic(busybox):
             raise Problem("a static busybox is needed: install busybox-static")
