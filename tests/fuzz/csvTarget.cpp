@@ -2,7 +2,6 @@
 //
 // Input: byte 0: the number of columns, 1 to 4. Then the cells, each ended by a NUL.
 
-#include <algorithm>
 #include <string>
 #include <vector>
 

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <new>
 
 namespace Zendra {
 namespace Fuzz {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <string>
-#include <vector>
 
 #include "check.h"
 #include "tools/zddevices/scan/frame.h"

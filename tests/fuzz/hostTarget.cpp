@@ -25,7 +25,6 @@
 // Numbers have their low byte first.
 
 #include <algorithm>
-#include <cctype>
 #include <map>
 #include <set>
 

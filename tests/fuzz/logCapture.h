@@ -6,7 +6,6 @@
 #define ZENDRA_TESTS_FUZZ_LOGCAPTURE_H
 
 #include <string>
-#include <vector>
 
 #include "common/logger/log.h"
 

@@ -10,7 +10,6 @@
 #ifndef ZENDRA_TESTS_SIMHOST_H
 #define ZENDRA_TESTS_SIMHOST_H
 
-#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>

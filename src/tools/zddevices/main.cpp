@@ -12,7 +12,6 @@
 #include <exception>
 #include <memory>
 #include <new>
-#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -34,7 +33,6 @@
 #include "tools/zddevices/records/arrange.h"
 #include "tools/zddevices/records/field.h"
 #include "tools/zddevices/records/report.h"
-#include "tools/zddevices/scan/access.h"
 #include "tools/zddevices/scan/logging.h"
 #include "tools/zddevices/scan/progress.h"
 #include "tools/zddevices/scan/questions.h"

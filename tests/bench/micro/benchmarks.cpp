@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "module/osinfos/systemdevice/dataProxy_linux.h"

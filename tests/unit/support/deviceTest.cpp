@@ -1,7 +1,5 @@
 #include "support/deviceTest.h"
 
-#include <locale>
-
 #include "common/logger/log.h"
 
 namespace ZendraTest {

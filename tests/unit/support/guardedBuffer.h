@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstddef>
-#include <cstring>
 #include <stdexcept>
 
 namespace ZendraTest {

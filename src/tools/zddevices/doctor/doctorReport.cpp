@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <boost/format.hpp>
-#include <cstring>
 #include <system_error>
 #include <utility>
 

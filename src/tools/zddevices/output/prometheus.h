@@ -8,7 +8,6 @@
 #define ZENDRA_ZDDEVICES_PROMETHEUS_H
 
 #include <chrono>
-#include <cstddef>
 #include <string>
 
 #include "tools/zddevices/scan/questions.h"

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <stdexcept>
 #include <utility>

@@ -7,8 +7,6 @@
 #include <unistd.h>
 #include <utmp.h>
 
-#include <array>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>

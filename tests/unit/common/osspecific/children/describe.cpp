@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <string>

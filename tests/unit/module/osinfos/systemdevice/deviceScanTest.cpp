@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <functional>
-#include <memory>
 #include <new>
-#include <stdexcept>
 #include <string>
 #include <vector>
 

@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "common/logger/log.h"
 #include "module/osinfos/systemdevice/dataProxy_linux.h"
