@@ -111,8 +111,7 @@ TEST(CommandLine, FiltersAndOrderNameColumnsOfTheSubcommand)
     EXPECT_EQ(options.format, Format::Csv);
     EXPECT_EQ(Good({"--filter", "serial="}).filters.at(0).pattern, "");
     EXPECT_TRUE(Good({}).filters.empty());
-    EXPECT_EQ(Good({}).sortedBy, "DEVICE");
-    EXPECT_EQ(Good({"--as-library"}).sortedBy, "");
+    EXPECT_EQ(Good({}).sortedBy, "");
 }
 
 TEST(CommandLine, JobsAreANumberFrom1To1000)

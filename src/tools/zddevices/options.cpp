@@ -332,8 +332,6 @@ CommandLine ParseCommandLine(int argc, const char* const* argv)
         }
         if (app.count("--sort") > 0) {
             options.sortedBy = ParseColumn(sortedBy, headings());
-        } else if (options.command == Command::Devices && !asLibrary) {
-            options.sortedBy = "DEVICE";
         }
         RefuseNonsense(options, app);
         return options;
