@@ -59,10 +59,10 @@ class FactTest(unittest.TestCase):
 
     @staticmethod
     def reasons(answer):
-        return [(one["reason"], one["document"], one["classes"]) for one in answer["problems"]]
+        return [(one["reason"], one["document"]) for one in answer["problems"]]
 
-    def all_documents(self, reason, classes=()):
-        return [(reason, document, list(classes)) for document in ("inventory", "firmware", "optical")]
+    def all_documents(self, reason):
+        return [(reason, document) for document in ("inventory", "firmware", "optical")]
 
     def test_three_documents_are_asked_for_with_the_limit(self):
         answer = self.ask('printf \'{"asked":"%s"}\' "$*"')
@@ -88,11 +88,6 @@ class FactTest(unittest.TestCase):
         answer = self.ask()
         self.assertEqual(self.reasons(answer), self.all_documents("not_installed"))
         self.assertEqual([answer[name] for name in ("inventory", "firmware", "optical")], [None] * 3)
-
-    def test_classes_that_did_not_answer_are_named(self):
-        answer = self.ask('printf \'{"complete":false,"unanswered":["disk","tape"]}\'; exit 3')
-        self.assertEqual(self.reasons(answer), self.all_documents("time_limit", ["disk", "tape"]))
-        self.assertEqual(answer["inventory"]["unanswered"], ["disk", "tape"])
 
     def test_devices_that_gave_no_answer_have_their_reason(self):
         def answer_with(*reasons):
@@ -132,7 +127,7 @@ class FactTest(unittest.TestCase):
 
     def test_one_that_hangs_takes_nothing_from_the_others(self):
         answer = self.ask('[ "${5-}" != firmware ] || exec sleep infinity; ' + GOOD, seconds=8)
-        self.assertEqual(self.reasons(answer), [("time_limit", "firmware", [])])
+        self.assertEqual(self.reasons(answer), [("time_limit", "firmware")])
         self.assertEqual(answer["optical"]["schema"], "optical")
         self.assertEqual(answer["inventory"]["schema"], "inventory")
 
@@ -204,7 +199,7 @@ class FactTest(unittest.TestCase):
             fact.returncode = os.waitstatus_to_exitcode(status)
             self.assertEqual((fact.returncode, fact.stderr.read()), (0, b""))
         self.assertLess(time.monotonic() - begun, SECONDS)
-        self.assertEqual(self.reasons(answer), [("error", "firmware", [])])
+        self.assertEqual(self.reasons(answer), [("error", "firmware")])
         self.assertEqual(answer["inventory"]["schema"], "inventory")
         self.assertLess(usage.ru_maxrss, 300 << 10)
 

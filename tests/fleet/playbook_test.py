@@ -311,7 +311,7 @@ class HostileTest(Case):
             json.dumps({"ansible_facts": {"ansible_" + self.ESCAPES + "_interpreter": "x", "ansible_ssh_" + self.ESCAPES: 1,
                                           "ansible_local": {"zddevices": FACT}}}),
             self.setting({**FACT, "problems": [
-                {"reason": "device", "document": "inventory", "classes": [template], "message": template + self.ESCAPES}]}),
+                {"reason": "device", "document": "inventory", "message": template + self.ESCAPES}]}),
             '{"ansible_facts": {"inventory_hostname": "h0", "ansible_connection": "local", "ansible_local": {"zddevices": '
             + json.dumps(template) + "}}}",
             '{"ansible_facts": [1]}', "{}", "[]", "null", '{"failed": ' + "[" * 100000, '{"ansible_facts": ' + "9" * 10000 + "}",
@@ -352,7 +352,7 @@ class HostileTest(Case):
         self.assertEqual(good["status"], "ok")
 
     def test_where_root_is_refused_the_host_is_asked_again_without_and_one_that_hangs_is_not(self):
-        fact = {**FACT, "problems": [{"reason": "not_root", "document": "inventory", "classes": [], "message": "run as root"}]}
+        fact = {**FACT, "problems": [{"reason": "not_root", "document": "inventory", "message": "run as root"}]}
         (self.directory / "fact.json").write_text(json.dumps(fact), encoding="ascii")
         self.inventory("r ansible_connection=simulated simulated_host=rootless:00001",
                        "s ansible_connection=simulated simulated_host=hangs:00002",

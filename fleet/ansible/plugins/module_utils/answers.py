@@ -59,13 +59,8 @@ def asked_path(output):
 CHANGE_FILES = ("fleet.before.json", "fleet.json", "changes.json")
 
 
-def problem(reason, message, document=None, classes=()):
-    return {
-        "reason": reason,
-        "document": document,
-        "classes": list(classes),
-        "message": printable(str(message).strip()[:MESSAGE_LIMIT]),
-    }
+def problem(reason, message, document=None):
+    return {"reason": reason, "document": document, "message": printable(str(message).strip()[:MESSAGE_LIMIT])}
 
 
 def judge(local, refused=None):
@@ -95,7 +90,7 @@ def host_answer(name, address, fact, problems):
         problems.append(problem("error", message, document if document in DOCUMENTS else None))
         fact = {}
     for one in fact.get("problems") or []:
-        problems.append(problem(one["reason"], one["message"], one["document"], one["classes"]))
+        problems.append(problem(one["reason"], one["message"], one["document"]))
     missing = [document for document in DOCUMENTS if fact.get(document) is None]
     if len(missing) == len(DOCUMENTS):
         status = "failed"

@@ -19,11 +19,10 @@ PROBLEMS = {
     "type": "array",
     "items": {
         "type": "object",
-        "required": ["reason", "document", "classes", "message"],
+        "required": ["reason", "document", "message"],
         "properties": {
             "reason": {"enum": ["time_limit", "not_root", "not_installed", "device", "error"]},
             "document": {"enum": [*SCHEMAS, None]},
-            "classes": {"type": "array", "items": {"type": "string", "minLength": 1}},
             "message": {"type": "string"},
         },
     },

@@ -42,13 +42,10 @@ def changes_of(difference):
 
 
 def silent_devices(host):
-    """Device files, or classes of them, that gave no answer: name, reason, message."""
+    """What gave no answer: device file, reason, message."""
     for document in answers.DOCUMENTS:
         for one in (host[document] or {}).get("unanswered", ()):
-            if isinstance(one, str):
-                yield "class " + one, "time limit", ""
-            else:
-                yield shown(one["device_file"]), shown(one["reason"]).replace("_", " "), shown(one["message"])
+            yield shown(one["device_file"]), shown(one["reason"]).replace("_", " "), shown(one["message"])
 
 
 class Contents:
@@ -73,8 +70,6 @@ class Contents:
         )
         for problem in host["problems"]:
             missing = problem["document"] or "everything"
-            if problem["classes"]:
-                missing += " (%s)" % ", ".join(problem["classes"])
             reason = REASONS.get(problem["reason"], problem["reason"])
             self.problems.append([number, reason, shown(missing), shown(problem["message"])])
         self.silent += ([number, *one] for one in dict.fromkeys(silent_devices(host)))
