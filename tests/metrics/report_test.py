@@ -102,7 +102,7 @@ HOSTILE = fleet(
     host("<b>name</b>", status="failed", problems=[problem("error", text) for text in ATTACKS], address="<i>"))
 
 
-def large(hosts=10000, each=24):
+def large(hosts=10000):
     """Hosts as many as a page has to show; one in fifty did not answer."""
     for number in range(hosts):
         name = f"host{number:05d}.example.org"
@@ -111,7 +111,7 @@ def large(hosts=10000, each=24):
         else:
             yield host(name, *[device(f"HX 9{(number + disk) % 40:02d}", f"01{(number * disk) % 7 == 0:02d}",
                                       f"HX-{number:05d}-{disk:02d}", address=(6, 0, disk, 0))
-                               for disk in range(each)])
+                               for disk in range(24)])
 
 
 def render(directory, content, changes=None):

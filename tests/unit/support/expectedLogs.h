@@ -99,10 +99,10 @@ inline Lines GenericEmpty(bool isSg)
 }
 
 /** GetDriverData; `model` is the 40 characters of the model. */
-inline Lines Driver(const std::string& model, const std::string& address = "Port:0|Target:0|Bus:0|Lun:0")
+inline Lines Driver(const std::string& model)
 {
     return {L4("Entry  GetDriverData() "), L4(model),
-            L4("Get HDIO_DRIVE_CMD|HDIO_DRIVE_TASK Inquiry passed.. otherIdentInfo = " + address),
+            L4("Get HDIO_DRIVE_CMD|HDIO_DRIVE_TASK Inquiry passed.. otherIdentInfo = Port:0|Target:0|Bus:0|Lun:0"),
             L4("Entry  GetDriverData() ")};
 }
 

@@ -86,11 +86,6 @@ std::string L4(const std::string& text)
     return "[4] " + text;
 }
 
-std::string L3(const std::string& text)
-{
-    return "[3] " + text;
-}
-
 std::string L1(const std::string& text)
 {
     return "[1] " + text;

@@ -39,9 +39,8 @@ Lines SourceFiles();
 
 }  // namespace Trace
 
-/** A message of level 4, 3 or 1 as it stands in a trace. */
+/** A message of level 4 or 1 as it stands in a trace. */
 std::string L4(const std::string& text);
-std::string L3(const std::string& text);
 std::string L1(const std::string& text);
 
 /** The lists one after the other. */

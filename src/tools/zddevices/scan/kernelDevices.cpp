@@ -88,10 +88,10 @@ bool Exists(const std::string& path, int directory = AT_FDCWD)
 }
 
 /** The names in a directory, sg2 before sg10 and st0 before nst0; none when there is no such directory. */
-std::vector<std::string> NamesIn(const std::string& path, int directory = AT_FDCWD)
+std::vector<std::string> NamesIn(const std::string& path)
 {
     std::vector<std::string> names;
-    Descriptor descriptor(openat(directory, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Descriptor descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(descriptor.IsOpen() ? fdopendir(descriptor.Get()) : nullptr,
                                                      &closedir);
     if (!stream) {

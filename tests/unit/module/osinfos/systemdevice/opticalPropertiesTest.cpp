@@ -46,7 +46,7 @@ Lines Texts(const std::vector<OpticalProperty>& properties)
 const std::string noCapabilities = "{No}{No}{No}{No}{No}{No}{No}{No}";
 
 /** A whole table of one drive, as the kernel writes it: 19 line ends, and so 20 lines with the empty last one. */
-std::string Table(const std::string& drive, const std::string& canWriteCdR = "1")
+std::string Table(const std::string& drive)
 {
     return "CD-ROM information, Id: cdrom.c 3.20 2003/12/17\n"
            "\n"
@@ -63,9 +63,7 @@ std::string Table(const std::string& drive, const std::string& canWriteCdR = "1"
            "Can read multisession:\t1\n"
            "Can read MCN:\t\t1\n"
            "Can play audio:\t\t1\n"
-           "Can write CD-R:\t\t" +
-           canWriteCdR +
-           "\n"
+           "Can write CD-R:\t\t1\n"
            "Can write CD-RW:\t0\n"
            "Can read DVD:\t\t1\n"
            "Can write DVD-R:\t0\n"
