@@ -312,7 +312,6 @@ TEST(Doctor, DisksThatTheLibraryNeverLooksAtAreNamed)
               std::string::npos);
 }
 
-/** A SCSI device of the kernel's. */
 KernelDevice ScsiDevice(std::vector<std::string> files, unsigned int scsiType, const std::string& state = "running")
 {
     KernelDevice device;

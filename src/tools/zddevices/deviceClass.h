@@ -14,7 +14,6 @@
 
 namespace Zendra::ZDDevices {
 
-/** A class of devices. */
 struct DeviceClass {
     ZDSystemDevice::SysDeviceType type;
     /** On the command line and in every output: "disk". */

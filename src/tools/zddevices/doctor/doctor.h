@@ -36,7 +36,6 @@ struct HostFacts {
     std::vector<std::string> names;  ///< What is in /dev, directories left out.
 };
 
-/** The device files of one class. */
 struct ClassFiles {
     ZDSystemDevice::SysDeviceType type;
     /** In natural order. */
