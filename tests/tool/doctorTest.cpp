@@ -112,6 +112,9 @@ TEST(Request, SenseDataOfBothFormatsAndSilenceAreToldInWords)
         EXPECT_EQ(answer.Describe(EIO).remark, "");
         answer.header.host_status = 3;
         EXPECT_EQ(answer.Describe().remark, "nothing came back from the device (host status 0x3)");
+        // DID_ERROR: VMware's adapter gives it with every answer that is shorter than the room for it.
+        answer.header.host_status = 7;
+        EXPECT_EQ(answer.Describe().remark, "the host adapter reported an error (host status 0x7)");
     }
 }
 

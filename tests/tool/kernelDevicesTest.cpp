@@ -275,6 +275,29 @@ TEST_F(KernelDevicesTest, ASlotIsTheEnclosuresComponentElseTheBayOfTheEndDevice)
     EXPECT_EQ(devices.OfFile("/dev/sg2")->slot, "");
 }
 
+TEST_F(KernelDevicesTest, ABayWithoutAnEnclosureIsNoSlot)
+{
+    const fs::path host = Host("pci0", "6", "mptsas");
+    fs::create_directories(host / "sas_host/host6");
+    // Zero bytes are what the kernel gives where the driver fails.
+    const std::vector<std::string> enclosures = {"", "0x0", "0x0000000000000000", std::string(33, '\0')};
+    for (std::size_t i = 0; i < enclosures.size(); ++i) {
+        const std::string number = std::to_string(i);
+        const std::string endDevice = "end_device-6:" + number;
+        const fs::path directory = host / ("port-6:" + number) / endDevice;
+        Write(directory / "sas_device" / endDevice / "enclosure_identifier", enclosures[i]);
+        Write(directory / "sas_device" / endDevice / "bay_identifier", "0");
+        Unit(directory / ("target6:0:" + number), "6:0:" + number + ":0", "0", {"block/sd" + number});
+    }
+
+    const KernelDevices devices = KernelDevices::Read();
+    ASSERT_EQ(devices.All().size(), enclosures.size());
+    for (const KernelDevice& device : devices.All()) {
+        EXPECT_EQ(device.transport, "sas");
+        EXPECT_EQ(device.slot, "") << device.address;
+    }
+}
+
 TEST_F(KernelDevicesTest, AnNvmeControllerIsOneDeviceWithItsNamespaces)
 {
     const fs::path controller = Device("/sys/devices/pci0/nvme/nvme0", "class/nvme");

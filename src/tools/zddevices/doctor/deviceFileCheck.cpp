@@ -29,6 +29,9 @@ constexpr unsigned int withoutRewind = 0x80;
 
 constexpr int firstVersionWithSgIo = 30000;
 
+/** The kernel's DID_NO_CONNECT, DID_BUS_BUSY, DID_TIME_OUT and DID_BAD_TARGET, which are 1 to 4. */
+constexpr unsigned int highestSilentStatus = 4;
+
 /** SPC INQUIRY: the bit of byte 1 by which it asks for a page of vital product data. */
 constexpr std::size_t pageBitByte = 1;
 constexpr unsigned char pageBit = 0x01;
@@ -58,7 +61,10 @@ std::string DescribeScsiAnswer(const sg_io_hdr_t& header)
         return {};
     }
     if (header.host_status != 0) {
-        return (boost::format("nothing came back from the device (host status 0x%x)") % header.host_status).str();
+        // Behind any other error there may be an answer all the same.
+        const char* const what = header.host_status <= highestSilentStatus ? "nothing came back from the device"
+                                                                           : "the host adapter reported an error";
+        return (boost::format("%s (host status 0x%x)") % what % header.host_status).str();
     }
     return (boost::format("the device answered with SCSI status 0x%02x") % static_cast<unsigned int>(header.status))
                .str() +

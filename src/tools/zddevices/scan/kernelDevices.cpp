@@ -20,6 +20,7 @@
 #include <memory>
 #include <new>
 #include <set>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -250,7 +251,12 @@ std::string SasBay(const fs::path& directory)
     const fs::path endDevice = directory.parent_path().parent_path();
     const fs::path place = endDevice / "sas_device" / endDevice.filename();
     const std::string enclosure = Attribute(place / "enclosure_identifier");
-    const std::string bay = enclosure.empty() ? "" : Attribute(place / "bay_identifier");
+    // Without an enclosure drivers give 0; of some, which fail instead, the kernel passes on zero bytes.
+    constexpr std::string_view none("0x\0", 3);
+    if (enclosure.find_first_not_of(none) == std::string::npos) {
+        return {};
+    }
+    const std::string bay = Attribute(place / "bay_identifier");
     return bay.empty() ? "" : enclosure + "/" + bay;
 }
 
