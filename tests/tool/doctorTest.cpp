@@ -209,21 +209,26 @@ TEST(Doctor, AsksEachFileOfEachClass)
 TEST(Doctor, TheGenericClassFollowsModprobeAndNotTheFiles)
 {
     struct Case {
-        bool used, loaded, found;
+        bool used, loaded, found, mayLoad;
         const char* path;
         const char* advice;
         const char* state;
     };
     const std::vector<Case> cases = {
-        {true, true, true, "/dev/sg0", "", "loaded"},
-        {false, true, false, "/dev/sda", "The sg driver is loaded, but", "loaded, but not used: \"modprobe sg\" fails"},
-        {false, false, false, "/dev/sda", "finds none", "not loaded, and cannot be: \"modprobe sg\" fails"},
-        {false, false, true, "/dev/sda", "may not load it", "not loaded, and this user may not load it"}};
+        {true, true, true, true, "/dev/sg0", "", "loaded"},
+        {false, true, false, true, "/dev/sda", "The sg driver is loaded, but",
+         "loaded, but not used: \"modprobe sg\" fails"},
+        {false, false, false, true, "/dev/sda", "finds none", "not loaded, and cannot be: \"modprobe sg\" fails"},
+        {false, false, true, false, "/dev/sda", "may not load it", "not loaded, and this user may not load it"},
+        // As "install sg /bin/false" in modprobe's configuration has it.
+        {false, false, true, true, "/dev/sda", "look for a line about sg in /etc/modprobe.d",
+         "not loaded, and cannot be: \"modprobe sg\" fails"}};
     for (const Case& one : cases) {
         ToldHost host({"sg0", "sda"});
         host.facts.sgUsed = one.used;
         host.facts.sgLoaded = one.loaded;
         host.facts.modprobeFindsSg = one.found;
+        host.facts.mayLoadModules = one.mayLoad;
         const Diagnosis diagnosis = host.Examine();
         ASSERT_EQ(host.asked.size(), 2U);
         EXPECT_EQ(host.asked[0], std::make_pair(std::string(one.path), ZDSystemDevice::SYS_DEVICE_SCSI));

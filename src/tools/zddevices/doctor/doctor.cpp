@@ -203,7 +203,10 @@ std::string Sentence(const FileAdvice& advice)
 std::string AdviseOnSg(const HostFacts& facts)
 {
     const char* const advice =
-        facts.modprobeFindsSg
+        facts.modprobeFindsSg && facts.mayLoadModules
+            ? "The sg driver is not loaded and \"modprobe sg\" fails, although its module is there: look for a line "
+              "about sg in /etc/modprobe.d, and at the kernel's messages (dmesg)."
+        : facts.modprobeFindsSg
             ? "The sg driver is not loaded and this process may not load it: run \"modprobe sg\" as root once, or have "
               "it loaded at boot (/etc/modules-load.d)."
         : facts.sgLoaded

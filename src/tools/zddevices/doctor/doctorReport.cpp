@@ -115,9 +115,11 @@ std::string DescribeSg(const HostFacts& facts)
     if (facts.sgUsed) {
         return "loaded";
     }
-    return facts.sgLoaded          ? "loaded, but not used: \"modprobe sg\" fails"
-           : facts.modprobeFindsSg ? "not loaded, and this user may not load it"
-                                   : "not loaded, and cannot be: \"modprobe sg\" fails";
+    if (facts.sgLoaded) {
+        return "loaded, but not used: \"modprobe sg\" fails";
+    }
+    return facts.modprobeFindsSg && !facts.mayLoadModules ? "not loaded, and this user may not load it"
+                                                          : "not loaded, and cannot be: \"modprobe sg\" fails";
 }
 
 std::string Verdict(const CheckedFile& file, double limitSeconds)
