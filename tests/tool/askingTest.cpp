@@ -258,6 +258,15 @@ TEST_F(Asking, ADeviceThatGoesOutOfServiceWhileItIsAskedIsSaidToBeSo)
     EXPECT_EQ(MissingOf(inventory), Strings({"/dev/sda offline"}));
 }
 
+TEST_F(Asking, ADeviceFileThatAppearsMeanwhileIsSaidToHaveDoneSo)
+{
+    const Inventory inventory = Take(
+        1, [](const std::string& /*file*/) { std::ofstream("/dev/sdq"); }, std::nullopt);
+    EXPECT_EQ(DevicesOf(inventory), Strings({"DISK a"}));
+    ASSERT_EQ(MissingOf(inventory), Strings({"/dev/sdq not_asked"}));
+    EXPECT_EQ(inventory.missing[0].message, "it appeared while other devices were asked");
+}
+
 TEST_F(Asking, ATapeThatAnsweredByOneFileLacksNoneOfTheOthers)
 {
     namespace fs = std::filesystem;

@@ -181,7 +181,11 @@ public:
     void AddFilesOf(const DeviceClass& deviceClass, const AskedOutcome& outcome, const KernelDevices& kernel)
     {
         const std::size_t before = missing.size();
-        const std::string notAsked = outcome.failure.empty() ? "it was not asked in time" : outcome.failure;
+        std::string notAsked = outcome.failure;
+        if (notAsked.empty()) {
+            // Workers that were not held up have asked every file that they found.
+            notAsked = outcome.lost.empty() ? "it appeared while other devices were asked" : "it was not asked in time";
+        }
         for (const LostFile& lost : outcome.lost) {
             Add({lost.path, lost.late ? Reason::NoAnswerInTime : Reason::WorkerDied, 0, lost.failure, {}});
         }
