@@ -87,6 +87,7 @@ NO_CAPABILITY = {name: b"No" for name in DRIVE_FIELDS[3:]}
 DRIVE = record(DRIVE_FIELDS, **{**NO_CAPABILITY, "drive_name": b"/dev/sr0", "vendor": b"QEMU    ",
                                 "product": b"QEMU DVD-ROM    ", "dvd_read": b"Yes"})
 TWO_DRIVES = record(DRIVE_FIELDS, drive_name=b"/dev/sr1\tsr0", **NO_CAPABILITY)
+NO_DRIVE = record(DRIVE_FIELDS, drive_name=b"/dev/", **NO_CAPABILITY)
 IDENTITY = record(IDENTITY_TEXTS, Name=b"QEMU HARDDISK", SoftwareID=b"QEMU HARDDISK", VersionString=b"2.5+ ",
                   Classifications=b"10", IsPLDMUpdateSupported=b"0", SerialNumber=b"QM00001 ")
 UNIQUE = b"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
@@ -442,6 +443,13 @@ class SubcommandTest(Case):
         self.assertEqual(out.splitlines()[1].split(), ["/dev/sr1\\x09sr0", "-", "-", "-", "-"])
         self.assertEqual(err, "zddevices: this host has several optical drives; the library describes one only, so "
                               "what these can read and write is not known\n")
+
+    def test_the_kernels_table_without_a_drive_is_no_drive(self):
+        self.assertEqual(self.run_scripted([NO_DRIVE], "optical", call="optical"),
+                         (0, "No optical drives found.\n", ""))
+        # The library's own list has it.
+        self.assertEqual(self.run_scripted([NO_DRIVE], "optical", "--as-library", "--columns=drive", call="optical"),
+                         (0, "DRIVE\n/dev/\n", ""))
 
     def test_firmware_table(self):
         self.assertEqual(self.run_scripted([IDENTITY], "firmware", "--as-library", call="firmware"), (

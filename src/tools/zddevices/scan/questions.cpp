@@ -151,8 +151,14 @@ bool LacksSomething(const AskedOutcome& outcome)
                        [](const FileAnswer& file) { return !file.record.has_value(); });
 }
 
+/** The kernel's table of optical drives stays when the last one goes; the library makes a record of it all the same. */
+bool IsTableWithoutDrive(const ZDSystemDevice::OpticalProperty& drive)
+{
+    return drive.drive_name_ == "/dev/";
+}
+
 /** Moves the records of a facade's answer to the inventory. */
-void TakeRecords(Subject subject, const std::optional<Strings>& answer, Inventory& inventory)
+void TakeRecords(Subject subject, const std::optional<Strings>& answer, const Options& options, Inventory& inventory)
 {
     switch (subject) {
     case Subject::Devices:
@@ -163,6 +169,10 @@ void TakeRecords(Subject subject, const std::optional<Strings>& answer, Inventor
         break;
     case Subject::Capabilities:
         inventory.drives = RecordsOf<ZDSystemDevice::OpticalProperty>(answer);
+        if (inventory.drives && !options.asLibrary) {
+            std::vector<ZDSystemDevice::OpticalProperty>& drives = *inventory.drives;
+            drives.erase(std::remove_if(drives.begin(), drives.end(), IsTableWithoutDrive), drives.end());
+        }
         break;
     }
 }
@@ -412,7 +422,7 @@ Inventory TakeInventory(const Options& options, Observer* observer)
         }
         inventory.questions.push_back({questions[i], outcome.status, outcome.failure, outcome.elapsed});
         if (!asked[places[i]].files) {
-            TakeRecords(questions[i].subject, outcome.answer, inventory);
+            TakeRecords(questions[i].subject, outcome.answer, options, inventory);
         } else if (questions[i].subject == Subject::Firmware) {
             inventory.firmware = FirmwareOf(outcome.files, kernel);
         } else {
