@@ -1,4 +1,5 @@
 """Ansible as the tests use it: the collection built and installed, and nothing of the user's own settings."""
+import json
 import os
 import subprocess
 
@@ -56,8 +57,10 @@ class Ansible:
 
     @staticmethod
     def playbook_arguments(name, inventory, variables):
-        settings = [item for pair in variables.items() for item in ("-e", "%s=%s" % pair)]
-        return ["-i", str(inventory), "zendra.devices." + name, *settings]
+        settings = ["-i", str(inventory), "zendra.devices." + name]
+        for variable, value in variables.items():
+            settings += ["-e", json.dumps({variable: value}) if isinstance(value, list) else "%s=%s" % (variable, value)]
+        return settings
 
     def playbook(self, name, inventory=None, **variables):
         return self.run("ansible-playbook", *self.playbook_arguments(name, inventory or self.inventory, variables))

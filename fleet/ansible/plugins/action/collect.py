@@ -15,7 +15,6 @@ import os
 import resource
 
 from ansible.errors import AnsibleConnectionFailure
-from ansible.executor.task_executor import TaskTimeoutError
 from ansible.module_utils.common.text.converters import to_text
 from ansible.plugins.action import ActionBase
 from ansible_collections.zendra.devices.plugins.module_utils import answers, texts
@@ -61,14 +60,17 @@ class ActionModule(ActionBase):
             status = self._keep(task_vars, *answers.judge(local, self._task.args.get("refused")))
         except AnsibleConnectionFailure as error:
             raise AnsibleConnectionFailure(self._failed(task_vars, result, "unreachable", error)["msg"]) from None
-        except TaskTimeoutError:
-            result["time_limit"] = True
-            message = "the host did not answer within %s seconds" % self._task.timeout
-            return self._failed(task_vars, result, "time_limit", message)
         except MemoryError:
             return self._failed(task_vars, result, "error", "the answer is larger than the memory that a host may take")
         except Exception as error:
             return self._failed(task_vars, result, "error", error)
+        except BaseException as error:
+            # No Exception, and each release of Ansible keeps it in another module.
+            if type(error).__name__ != "TaskTimeoutError":
+                raise
+            result["time_limit"] = True
+            message = "the host did not answer within %s seconds" % self._task.timeout
+            return self._failed(task_vars, result, "time_limit", message)
         result.update(changed=False, status=status)
         return result
 
