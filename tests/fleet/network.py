@@ -14,17 +14,20 @@ import tempfile
 import threading
 import time
 
+HERE = pathlib.Path(__file__).resolve().parent
 INSIDE = "ZENDRA_FLEET_DIRECTORY"
 BRIDGE_ADDRESS = "10.77.0.1"
 MASK = 16
+# Of a host its own.
+NAMESPACES = ("--mount", "--net", "--pid", "--uts", "--ipc")
 
 # Runs in the namespaces of a host, whose directory is $1: says that it is there, waits for its network cable.
 BOOT = r"""
 set -eu
-base=$1 name=$2 address=$3
+base=$1 name=$2 address=$3 options=$4
 hostname "$name"
 mount --make-rprivate /
-mount -t overlay overlay -o "lowerdir=/,upperdir=$base/upper,workdir=$base/work" "$base/root"
+mount -t overlay overlay -o "lowerdir=/,upperdir=$base/upper,workdir=$base/work$options" "$base/root"
 mount -t proc proc "$base/root/proc"
 mount -t tmpfs -o mode=755 tmpfs "$base/root/run"
 mount -t tmpfs -o mode=1777 tmpfs "$base/root/tmp"
@@ -113,6 +116,12 @@ def run(*command, **options):
     subprocess.run(command, check=True, **options)
 
 
+def layer_options(directory):
+    """What a layer over / that lies in this directory is mounted with; None where there can be none."""
+    done = subprocess.run([str(HERE.parent / "layerOptions"), str(directory)], stdout=subprocess.PIPE, text=True, check=False)
+    return done.stdout.strip() if done.returncode == 0 else None
+
+
 class Network:
     """The bridge, the keys and the hosts. For `with`."""
 
@@ -120,11 +129,22 @@ class Network:
         self.directory = pathlib.Path(os.environ[INSIDE])
         self.devices_library = devices_library
         self.make_devices = make_devices
+        # For layers that cannot be in memory.
+        self.disk = tempfile.TemporaryDirectory(prefix="layers.", dir=os.path.dirname(devices_library))
+        self.layer_options = None
         self.hosts = {}
         self.addresses = {}
 
     def __enter__(self):
         run("mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", str(self.directory))
+        hosts = self.directory / "hosts"
+        hosts.mkdir()
+        self.layer_options = layer_options(hosts)
+        if self.layer_options is None:
+            run("mount", "--bind", self.disk.name, str(hosts))
+            self.layer_options = layer_options(hosts)
+        if self.layer_options is None:
+            raise Failure("this kernel lays nothing over / that dpkg can work in")
         run("ip", "link", "set", "lo", "up")
         run("ip", "link", "add", "fleet0", "type", "bridge")
         run("ip", "address", "add", "%s/%d" % (BRIDGE_ADDRESS, MASK), "dev", "fleet0")
@@ -140,6 +160,7 @@ class Network:
             process.wait()
             process.stdin.close()
             process.stdout.close()
+        self.disk.cleanup()
 
     def _place(self, base, host, address):
         """What the host's root has more than the machine's."""
@@ -215,10 +236,10 @@ class Network:
         self._place(base, host, address)
         if prepare:
             prepare(base)
-        command = ["unshare", "--mount", "--net", "--pid", "--uts", "--ipc", "--fork", "--kill-child", "--"]
+        command = ["unshare", *NAMESPACES, "--fork", "--kill-child", "--"]
         with open(base / "log", "wb") as log:
             process = subprocess.Popen(
-                command + ["/bin/sh", "-c", BOOT, "boot", str(base), host.name, address],
+                command + ["/bin/sh", "-c", BOOT, "boot", str(base), host.name, address, self.layer_options],
                 stdin=subprocess.PIPE,
                 stdout=subprocess.PIPE,
                 stderr=log,
@@ -264,7 +285,7 @@ class Network:
     def inside(self, name, *command, **options):
         """Runs a command in the host."""
         first = str(self._first(self.hosts[name]))
-        enter_host = ["nsenter", "--all", "--target", first, "--root", "--wdns=/"]
+        enter_host = ["nsenter", *NAMESPACES, "--target", first, "--root", "--wdns=/"]
         return subprocess.run(enter_host + list(command), capture_output=True, text=True, check=False, **options)
 
     def complaints(self, name):
