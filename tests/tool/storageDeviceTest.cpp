@@ -69,7 +69,11 @@ TEST(StorageDevice, TheKernelsTypeHasABitMoreThanTheLibrarys)
     EXPECT_EQ(TypeWord(0x14, "Write-Once Device"), "disk");
     EXPECT_EQ(TypeWord(0x11, "Sequential Access Device"), "osd");
     EXPECT_EQ(TypeWord(0x1F, "Optical Card Reader Device"), "unknown");
-    EXPECT_EQ(TypeWord(0x12, "Printer Device"), "Printer Device");
+    EXPECT_EQ(TypeWord(0x10, "Direct Access Device"), "bridge");
+    EXPECT_EQ(TypeWord(0x12, "Printer Device"), "automation");
+    EXPECT_EQ(TypeWord(0x13, "Processor Device"), "security");
+    EXPECT_EQ(TypeWord(0x15, "CD-ROM Device"), "unknown");
+    EXPECT_EQ(TypeWord({}, "Direct Access Device"), "disk");
 }
 
 TEST(StorageDevice, AnAddressOfZerosIsAnAddress)

@@ -82,7 +82,10 @@ constexpr TypeName typeNames[] = {
     {0x0D, "Enclosure Device", "enclosure"},
     {0x0E, "Simple Direct Access Device", "disk"},
     {0x0F, "Optical Card Reader Device", "card"},
+    {0x10, "Direct Access Device", "bridge"},
     {0x11, "Optical Based Storage Device", "osd"},
+    {0x12, "Printer Device", "automation"},
+    {0x13, "Processor Device", "security"},
     // A disk whose zones the host manages.
     {0x14, "Write-Once Device", "disk"},
     {0x1E, "Simple Direct Access Device", "wlun"},
@@ -127,7 +130,8 @@ std::string TypeWord(std::optional<unsigned int> scsiType, const std::string& te
             return one.word;
         }
     }
-    return text;
+    // Of a type that nobody has defined, the library's text is that of another.
+    return scsiType ? "unknown" : text;
 }
 
 template <>

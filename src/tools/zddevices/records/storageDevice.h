@@ -43,7 +43,7 @@ struct StorageDevice : ZDSystemDevice::SystemDevice {
 /**
  * @brief "disk", "tape", "cd", "changer": a word for what kind of device it is.
  * @param scsiType SPC's peripheral device type; goes further than the text.
- * @param text the library's `device_type`; comes back where there is no word for either.
+ * @param text the library's `device_type`; comes back where it has no word and the type is not known.
  */
 std::string TypeWord(std::optional<unsigned int> scsiType, const std::string& text);
 
