@@ -562,6 +562,30 @@ TEST(Doctor, FilesAreAskedInWorkersAndKeepTheirOrder)
     }
 }
 
+TEST(Doctor, ManyDeviceFilesCostNoMoreCallsOfModprobe)
+{
+    char directory[] = "/tmp/doctorTest.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(directory));
+    const std::string modprobe = std::string(directory) + "/modprobe";
+    const std::string calls = std::string(directory) + "/calls";
+    std::ofstream(modprobe) << "#!/bin/sh\necho >>" << calls << "\n";
+    ASSERT_EQ(0, chmod(modprobe.c_str(), S_IRWXU));
+    const std::string path = std::getenv("PATH");
+    setenv("PATH", (std::string(directory) + ":" + path).c_str(), 1);
+    std::vector<FileOfClass> toAsk;
+    for (int i = 0; i < 40; ++i) {
+        for (const ZDSystemDevice::SysDeviceType type :
+             {ZDSystemDevice::SYS_DEVICE_SCSI, ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE}) {
+            toAsk.push_back({type, "/nowhere/sd" + std::to_string(i)});
+        }
+    }
+    CheckInWorkers(toAsk, std::chrono::minutes(5), std::chrono::steady_clock::now(), nullptr);
+    setenv("PATH", path.c_str(), 1);
+    // One that may hang, and one for each class.
+    EXPECT_EQ(std::filesystem::file_size(calls), 3U);
+    std::filesystem::remove_all(directory);
+}
+
 TEST(Doctor, ManyDevicesThatDoNotAnswerCostTheTimeOfOne)
 {
     // The library never gets beyond loading its module.

@@ -261,9 +261,10 @@ TEST_F(Library, ADeviceFileByItselfIsListedAsInTheListOfItsClass)
                             names.end());
             }
             mounted.BeginCall();
+            const DeviceFileAsker ask = AskerOf(one.type);
             std::multiset<std::string> listed;
             for (const std::string& name : ZDSystemDevice::DeviceFileNames(names, one.type)) {
-                const DeviceFileAnswer answer = AskDeviceFile(one.type, "/dev/" + name, {Ask});
+                const DeviceFileAnswer answer = ask("/dev/" + name, {Ask});
                 if (answer.listed) {
                     listed.insert(answer.vendor + "|" + answer.product);
                 } else {
@@ -338,7 +339,7 @@ TEST_F(Library, TheWatchIsToldOfEachFailureWithItsError)
                         EXPECT_NE(request.argument, nullptr);
                         failures += request.error == 0 ? 0 : 1;
                     };
-                    AskDeviceFile(one.type, path, watch);
+                    AskerOf(one.type)(path, watch);
                 }
             }
             Log::SetMinLogLevel(0);

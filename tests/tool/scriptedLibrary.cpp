@@ -202,9 +202,9 @@ ClassAnswer AskFileByFile(ZDSystemDevice::SysDeviceType type, const std::functio
 }
 
 /** No device file answers. */
-DeviceFileAnswer AskDeviceFile(ZDSystemDevice::SysDeviceType /*type*/, std::string /*path*/, const Watch& /*watch*/)
+DeviceFileAsker AskerOf(ZDSystemDevice::SysDeviceType /*type*/)
 {
-    return {};
+    return [](const std::string& /*path*/, const Watch& /*watch*/) { return DeviceFileAnswer(); };
 }
 
 bool LoadSgDriver()

@@ -152,7 +152,7 @@ std::string TapeNodeToAsk(const std::string& path, const std::function<dev_t(con
     return numberOf(twin) == makedev(major(number), minor(number) | withoutRewind) ? twin : std::string();
 }
 
-CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path,
+CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path, const DeviceFileAsker& ask,
                             const std::function<void(const std::string& path)>& tell)
 {
     CheckedFile file;
@@ -169,18 +169,17 @@ CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::strin
     }
     file.askedThrough = asked == path ? "" : asked;
     const DeviceFileAnswer answer =
-        AskDeviceFile(type, asked,
-                      {[&tell](const std::string& deviceFile) {
-                           tell(deviceFile);
-                           return true;
-                       },
-                       [&file](const DeviceRequest& request) {
-                           if (request.status == ZDSystemDevice::DEV_OPEN_FAILED && file.requests.empty()) {
-                               file.openError = request.error;
-                           } else {
-                               file.requests.push_back(Describe(request));
-                           }
-                       }});
+        ask(asked, {[&tell](const std::string& deviceFile) {
+                        tell(deviceFile);
+                        return true;
+                    },
+                    [&file](const DeviceRequest& request) {
+                        if (request.status == ZDSystemDevice::DEV_OPEN_FAILED && file.requests.empty()) {
+                            file.openError = request.error;
+                        } else {
+                            file.requests.push_back(Describe(request));
+                        }
+                    }});
     if (answer.listed) {
         file.visibility = Visibility::Visible;
         file.openError = 0;

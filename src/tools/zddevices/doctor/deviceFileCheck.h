@@ -70,8 +70,11 @@ dev_t CharacterDevice(const std::string& path);
  */
 std::string TapeNodeToAsk(const std::string& path, const std::function<dev_t(const std::string& path)>& numberOf);
 
-/** Asks the file; blocks for as long as the device does. */
-CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path,
+/**
+ * @brief Asks the file; blocks for as long as the device does.
+ * @param ask of the class `type`.
+ */
+CheckedFile CheckDeviceFile(ZDSystemDevice::SysDeviceType type, const std::string& path, const DeviceFileAsker& ask,
                             const std::function<void(const std::string& path)>& tell);
 
 /** The texts by which a checked file passes from one process to another. */

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <set>
 #include <system_error>
 
@@ -346,16 +347,34 @@ std::vector<CheckedFile> CheckInWorkers(const std::vector<FileOfClass>& files, D
                                         std::chrono::steady_clock::time_point started, Observer* observer)
 {
     constexpr int share = 4;
+    std::vector<CheckedFile> checked;
+    checked.reserve(files.size());
+    // What is made below runs modprobe, too, which does not hang if it does not here.
+    const Task loadDriver = [](const Tell& /*tell*/) -> std::vector<std::string> {
+        return {LoadSgDriver() ? "sg" : ""};
+    };
+    const Outcome driver =
+        RunWorkers({loadDriver}, {limit, nullptr, allAtOnce, Duration::max(), nullptr, started}).front();
+    if (!driver.answer) {
+        for (const FileOfClass& file : files) {
+            checked.push_back(FileWithoutAnswer(file.path, driver));
+        }
+        return checked;
+    }
+    std::map<ZDSystemDevice::SysDeviceType, DeviceFileAsker> askers;
     std::vector<Task> tasks;
     tasks.reserve(files.size());
     for (const FileOfClass& file : files) {
-        tasks.emplace_back(
-            [&file](const Tell& tell) { return TextsOf(CheckDeviceFile(file.type, file.path, tell.deviceFile)); });
+        DeviceFileAsker& ask = askers[file.type];
+        if (!ask) {
+            ask = AskerOf(file.type);
+        }
+        tasks.emplace_back([&file, &ask](const Tell& tell) {
+            return TextsOf(CheckDeviceFile(file.type, file.path, ask, tell.deviceFile));
+        });
     }
     const Terms terms{limit, observer, filesAtATime, std::min(longestPatience, limit / share), nullptr, started};
     const std::deque<Outcome> outcomes = RunWorkers(std::move(tasks), terms);
-    std::vector<CheckedFile> checked;
-    checked.reserve(outcomes.size());
     for (const Outcome& outcome : outcomes) {
         checked.push_back(outcome.answer ? CheckedFileFrom(*outcome.answer)
                                          : FileWithoutAnswer(files[checked.size()].path, outcome));

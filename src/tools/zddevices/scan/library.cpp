@@ -4,6 +4,7 @@
 
 #include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
+#include <memory>
 #include <type_traits>
 #include <utility>
 
@@ -64,21 +65,21 @@ public:
     bool UsesSgDriver() const { return this->sg_ko_loaded; }
 };
 
-/** What `ask` gives for the proxy of the class. */
+/** What `ask` gives for a pointer to the proxy of the class. */
 template <typename Ask>
 auto WithProxy(SysDeviceType type, const Watch& watch, Ask ask)
 {
     switch (type) {
     case ZDSystemDevice::SYS_DEVICE_TAPE:
-        return ask(Watched<TapeProxy>(watch));
+        return ask(std::make_shared<Watched<TapeProxy>>(watch));
     case ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE:
-        return ask(Watched<PhysicalDriveProxy>(watch));
+        return ask(std::make_shared<Watched<PhysicalDriveProxy>>(watch));
     case ZDSystemDevice::SYS_DEVICE_CDDVD:
-        return ask(Watched<CDDVDProxy>(watch));
+        return ask(std::make_shared<Watched<CDDVDProxy>>(watch));
     case ZDSystemDevice::SYS_DEVICE_SCSI:
         break;
     }
-    return ask(Watched<SCSIProxy>(watch));
+    return ask(std::make_shared<Watched<SCSIProxy>>(watch));
 }
 
 bool HasPrefix(const std::string& path, const char* prefix)
@@ -87,9 +88,9 @@ bool HasPrefix(const std::string& path, const char* prefix)
 }
 
 template <typename Proxy>
-unsigned int AskFile(Proxy&& proxy, BusDevice& bus, std::string& path)
+unsigned int AskFile(Proxy& proxy, BusDevice& bus, std::string& path)
 {
-    if constexpr (std::is_base_of_v<PhysicalDriveProxy, std::decay_t<Proxy>>) {
+    if constexpr (std::is_base_of_v<PhysicalDriveProxy, Proxy>) {
         if (HasPrefix(path, ZDSystemDevice::DevicePrefix::nvmeDisk)) {
             return static_cast<unsigned int>(proxy.GetNVMEInfo(bus, path));
         }
@@ -173,18 +174,30 @@ ClassAnswer AskFileByFile(SysDeviceType type, const std::function<bool(const std
                               TakeIdentity(request.argument, current);
                           }
                       }};
-    return WithProxy(type, watch, [&](auto&& proxy) {
-        const unsigned int status = proxy.GetDeviceList(records);
+    return WithProxy(type, watch, [&](const auto& proxy) {
+        const unsigned int status = proxy->GetDeviceList(records);
         finish();
-        return ClassAnswer{status, proxy.UsesSgDriver()};
+        return ClassAnswer{status, proxy->UsesSgDriver()};
     });
 }
 
-DeviceFileAnswer AskDeviceFile(SysDeviceType type, std::string path, const Watch& watch)
+DeviceFileAsker AskerOf(SysDeviceType type)
 {
-    BusDevice bus;
-    const unsigned int status = WithProxy(type, watch, [&](auto&& proxy) { return AskFile(proxy, bus, path); });
-    return {status == ZDSystemDevice::DEV_SUCCESS, bus.vendorId, bus.productId};
+    const auto current = std::make_shared<Watch>();
+    const Watch toldNow{[current](const std::string& path) { return current->before(path); },
+                        [current](const DeviceRequest& request) {
+                            if (current->after) {
+                                current->after(request);
+                            }
+                        }};
+    return WithProxy(type, toldNow, [&current](const auto& proxy) -> DeviceFileAsker {
+        return [current, proxy](std::string path, const Watch& watch) {
+            *current = watch;
+            BusDevice bus;
+            const unsigned int status = AskFile(*proxy, bus, path);
+            return DeviceFileAnswer{status == ZDSystemDevice::DEV_SUCCESS, bus.vendorId, bus.productId};
+        };
+    });
 }
 
 bool LoadSgDriver()

@@ -96,7 +96,10 @@ struct DeviceFileAnswer {
 };
 
 /** Asks one device file of a class, as the list of the class does. */
-DeviceFileAnswer AskDeviceFile(ZDSystemDevice::SysDeviceType type, std::string path, const Watch& watch);
+using DeviceFileAsker = std::function<DeviceFileAnswer(std::string path, const Watch& watch)>;
+
+/** Is to be made once for many files: as it is made, it has the sg driver loaded, by modprobe. */
+DeviceFileAsker AskerOf(ZDSystemDevice::SysDeviceType type);
 
 /** Loads the sg driver as each list does. @return whether the generic class then asks the files of that driver. */
 bool LoadSgDriver();
