@@ -18,6 +18,7 @@
 #include "simhost.h"
 #include "simhostTest.h"
 #include "toolTests.h"
+#include "tools/zddevices/doctor/doctor.h"
 #include "tools/zddevices/scan/asking.h"
 #include "tools/zddevices/scan/questions.h"
 #include "tools/zddevices/scan/sharing.h"
@@ -188,6 +189,25 @@ TEST_F(Asking, SlowDevicesAreSharedAndTheOrderStays)
     options.jobs = 1;
     EXPECT_EQ(shared, DevicesOf(TakeInventory(options, nullptr)));
     EXPECT_EQ(shared.size(), 26U);
+}
+
+TEST_F(Asking, DoctorTellsTheDeviceThatIsSilentFromThatWhichAnswers)
+{
+    const SimHost::Host host = HostWithDisks(2);
+    const SickHost mounted(host, [](const std::string& file) {
+        while (file == "/dev/sdb") {
+            pause();
+        }
+    });
+    const std::vector<CheckedFile> files =
+        CheckInWorkers({{ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, "/dev/sdb"},
+                        {ZDSystemDevice::SYS_DEVICE_PHYSICAL_DRIVE, "/dev/sda"}},
+                       std::chrono::seconds(4), std::chrono::steady_clock::now(), nullptr);
+    ASSERT_EQ(files.size(), 2U);
+    EXPECT_EQ(files[0].path, "/dev/sdb");
+    EXPECT_EQ(files[0].visibility, Visibility::NoAnswerInTime);
+    EXPECT_EQ(files[1].visibility, Visibility::Visible);
+    EXPECT_EQ(files[1].product, "DISK a");
 }
 
 TEST_F(Asking, ATapeDriveIsAskedByOneFileAtATime)
